@@ -1,0 +1,37 @@
+/*
+ * Internal hooks shared by the host platform's source files. Not part of any
+ * public interface: the system and the tests use host_control.h instead.
+ */
+#ifndef TILVANE_PLATFORM_HOST_STATE_H
+#define TILVANE_PLATFORM_HOST_STATE_H
+
+#include <cstdint>
+#include <string>
+
+namespace tilvane {
+namespace host {
+
+/* Tag under which the host platform writes its own log lines. */
+constexpr const char* kPlatformLogTag = "tilvane-platform";
+
+/* Keeps a formatted log line when capture is on; cheap when it is off. */
+void CaptureLogLine(int priority, const char* tag, const std::string& message);
+
+/* Called by sleep()/usleep(): records the duration and, on the virtual clock,
+ * advances it. Returns true when the caller must not sleep for real. */
+bool RecordSleepAndAdvance(int64_t durationUs);
+
+/* The root set by SetPlatformRoot, empty when none is set. */
+std::string PlatformRootOverride();
+
+/* Owned by dlog.cpp: forget the minimum priority so that the next line reads
+ * TILVANE_LOG_LEVEL again. */
+void ForgetLogLevel();
+
+/* Owned by service_app.cpp: drop every registered event handler. */
+void ClearAppEventHandlers();
+
+}  // namespace host
+}  // namespace tilvane
+
+#endif
