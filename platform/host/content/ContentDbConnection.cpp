@@ -1,0 +1,596 @@
+#include "ContentDbConnection.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <bundle.h>
+#include <host_control.h>
+
+#include "content/ContentLog.h"
+#include "content/Database.h"
+#include "content/SQLiteStatementCursor.h"
+#include "content/StatementCache.h"
+
+using tilvane::content::Database;
+using tilvane::content::QuoteIdentifier;
+using tilvane::content::StatementLease;
+
+namespace {
+
+std::string JoinPath(const std::string& directory, const std::string& fileName)
+{
+    if (directory.empty() || directory.back() == '/') {
+        return directory + fileName;
+    }
+    return directory + "/" + fileName;
+}
+
+/* A bundle's entries as pointers into the bundle itself: valid while the
+ * bundle is not changed, which holds for the length of one request. */
+using Values = std::vector<std::pair<const char*, const char*>>;
+
+void CollectEntry(const char* key, const char* value, void* data)
+{
+    auto* values = static_cast<Values*>(data);
+    values->emplace_back(key != nullptr ? key : "", value != nullptr ? value : "");
+}
+
+Values CollectValues(bundle* b)
+{
+    Values values;
+    values.reserve(static_cast<size_t>(bundle_get_count(b)));
+    bundle_iterate(b, CollectEntry, &values);
+    return values;
+}
+
+int BindText(sqlite3_stmt* statement, int index, const std::string& text)
+{
+    return sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+/* The value stays in the bundle until the statement's lease is returned, which
+ * clears the bindings, so SQLite need not copy it. */
+int BindBundleValue(sqlite3_stmt* statement, int index, const char* value)
+{
+    return sqlite3_bind_text(statement, index, value, -1, SQLITE_STATIC);
+}
+
+void AppendQuotedIdentifier(std::string& sql, const char* name)
+{
+    sql.push_back('"');
+    for (const char* c = name; *c != '\0'; ++c) {
+        if (*c == '"') {
+            sql.push_back('"');
+        }
+        sql.push_back(*c);
+    }
+    sql.push_back('"');
+}
+
+bool SameFile(const std::string& a, const std::string& b)
+{
+    if (a == b) {
+        return true;
+    }
+    struct stat sa;
+    struct stat sb;
+    if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) {
+        return false;
+    }
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+/* Thin guard: the database, locked, or nothing when the connection is closed. */
+class LockedDatabase
+{
+public:
+    explicit LockedDatabase(std::shared_ptr<Database> database)
+        : m_pDatabase(std::move(database)), m_lock(m_pDatabase ? std::unique_lock<std::recursive_mutex>(m_pDatabase->Mutex())
+                                                                : std::unique_lock<std::recursive_mutex>())
+    {
+    }
+    explicit operator bool() const { return m_pDatabase != nullptr && m_pDatabase->Handle() != nullptr; }
+    Database* operator->() const { return m_pDatabase.get(); }
+    const std::shared_ptr<Database>& shared() const { return m_pDatabase; }
+    sqlite3* handle() const { return m_pDatabase->Handle(); }
+
+private:
+    std::shared_ptr<Database> m_pDatabase;
+    std::unique_lock<std::recursive_mutex> m_lock;
+};
+
+}  // namespace
+
+CContentDbConnection::CContentDbConnection(std::string directory, std::string fileName)
+    : m_strPath(JoinPath(directory, fileName))
+{
+}
+
+CContentDbConnection::~CContentDbConnection()
+{
+    Close();
+}
+
+bool CContentDbConnection::OpenOperation()
+{
+    if (tilvane::host::ShouldFail("CContentDbConnection::OpenOperation")) {
+        CONTENT_LOGE("open of %s failed on purpose", m_strPath.c_str());
+        return false;
+    }
+    Close();
+
+    int rc = SQLITE_OK;
+    std::shared_ptr<Database> database = Database::Open(m_strPath, rc);
+    if (!database) {
+        return false;
+    }
+    // Held from here on, also when the file turns out not to be a database, so
+    // that the owner can check it and delete it.
+    std::atomic_store(&m_pDatabase, database);
+
+    rc = database->Configure();
+    if (rc != SQLITE_OK) {
+        return false;
+    }
+    return true;
+}
+
+bool CContentDbConnection::IsOpen() const
+{
+    std::shared_ptr<Database> database = std::atomic_load(&m_pDatabase);
+    return database && database->Handle() != nullptr;
+}
+
+void CContentDbConnection::Close()
+{
+    // Cursors made on this connection hold the Database too; the handle closes
+    // when the last of them is gone.
+    std::shared_ptr<Database> database = std::atomic_exchange(&m_pDatabase, std::shared_ptr<Database>());
+    if (database) {
+        std::lock_guard<std::recursive_mutex> lock(database->Mutex());
+        if (database->m_nTransactionDepth > 0) {
+            CONTENT_LOGW("%s closed with %d open transaction level(s)", m_strPath.c_str(),
+                         database->m_nTransactionDepth);
+        }
+    }
+}
+
+sqlite3* CContentDbConnection::GetHandle() const
+{
+    std::shared_ptr<Database> database = std::atomic_load(&m_pDatabase);
+    return database ? database->Handle() : nullptr;
+}
+
+int CContentDbConnection::ExcuteSQL(const std::string& sql, std::string& errorMessage)
+{
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        errorMessage = "database is not open";
+        CONTENT_LOGE("cannot run SQL on %s: not open", m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+    int rc = db->Exec(sql, &errorMessage);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("SQL on %s failed: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
+    }
+    return rc;
+}
+
+int CContentDbConnection::SetForeignKeyConstraintsEnabled(bool enabled)
+{
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("cannot set foreign keys on %s: not open", m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+    std::string error;
+    int rc = db->Exec(enabled ? "PRAGMA foreign_keys=ON" : "PRAGMA foreign_keys=OFF", &error);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("foreign keys on %s: %s (%d)", m_strPath.c_str(), error.c_str(), rc);
+        return rc;
+    }
+    // SQLite ignores the pragma inside a transaction; say so instead of
+    // pretending that it took effect.
+    int64_t state = -1;
+    rc = db->QueryInt("PRAGMA foreign_keys", state);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("foreign keys on %s: %s (%d)", m_strPath.c_str(), db->ErrorMessage(), rc);
+        return rc;
+    }
+    if ((state != 0) != enabled) {
+        CONTENT_LOGE("foreign keys on %s cannot change inside a transaction", m_strPath.c_str());
+        return SQLITE_MISUSE;
+    }
+    return SQLITE_OK;
+}
+
+int CContentDbConnection::InsertRequest(const std::string& table, bundle* values)
+{
+    if (tilvane::host::ShouldFail("CContentDbConnection::InsertRequest")) {
+        CONTENT_LOGE("insert into %s failed on purpose", table.c_str());
+        return SQLITE_ERROR;
+    }
+    if (table.empty() || values == nullptr) {
+        CONTENT_LOGE("insert: %s", table.empty() ? "no table" : "no values");
+        return CONNECTION_ERROR_INVALID_ARGUMENT;
+    }
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("insert into %s: %s is not open", table.c_str(), m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+
+    Values entries = CollectValues(values);
+    std::string sql;
+    sql.reserve(64 + table.size() + entries.size() * 32);
+    sql += "INSERT INTO ";
+    sql += QuoteIdentifier(table);
+    if (entries.empty()) {
+        sql += " DEFAULT VALUES";
+    } else {
+        sql += " (";
+        for (size_t i = 0; i < entries.size(); ++i) {
+            if (i > 0) {
+                sql += ',';
+            }
+            AppendQuotedIdentifier(sql, entries[i].first);
+        }
+        sql += ") VALUES (";
+        for (size_t i = 0; i < entries.size(); ++i) {
+            sql += (i > 0) ? ",?" : "?";
+        }
+        sql += ')';
+    }
+
+    StatementLease statement;
+    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return rc;
+    }
+    for (size_t i = 0; i < entries.size(); ++i) {
+        rc = BindBundleValue(statement.get(), static_cast<int>(i + 1), entries[i].second);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("insert into %s: binding %s: %s (%d)", table.c_str(), entries[i].first,
+                         db->ErrorMessage(), rc);
+            return rc;
+        }
+    }
+    rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_DONE) {
+        CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
+    }
+    return CONNECTION_OK;
+}
+
+int64_t CContentDbConnection::GetLastInsertRowID()
+{
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        return -1;
+    }
+    return sqlite3_last_insert_rowid(db.handle());
+}
+
+int CContentDbConnection::GetChangedRowCount()
+{
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        return 0;
+    }
+    return sqlite3_changes(db.handle());
+}
+
+int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values, const std::string& where,
+                                        std::vector<std::string> whereArgs)
+{
+    if (tilvane::host::ShouldFail("CContentDbConnection::UpdateRequest")) {
+        CONTENT_LOGE("update of %s failed on purpose", table.c_str());
+        return SQLITE_ERROR;
+    }
+    if (table.empty() || values == nullptr) {
+        CONTENT_LOGE("update: %s", table.empty() ? "no table" : "no values");
+        return CONNECTION_ERROR_INVALID_ARGUMENT;
+    }
+    Values entries = CollectValues(values);
+    if (entries.empty()) {
+        CONTENT_LOGE("update of %s: no values to set", table.c_str());
+        return CONNECTION_ERROR_INVALID_ARGUMENT;
+    }
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("update of %s: %s is not open", table.c_str(), m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+
+    std::string sql = "UPDATE " + QuoteIdentifier(table) + " SET ";
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (i > 0) {
+            sql += ',';
+        }
+        AppendQuotedIdentifier(sql, entries[i].first);
+        sql += "=?";
+    }
+    if (!where.empty()) {
+        sql += " WHERE " + where;
+    }
+
+    StatementLease statement;
+    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return rc;
+    }
+    int index = 1;
+    for (const auto& entry : entries) {
+        rc = BindBundleValue(statement.get(), index++, entry.second);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("update of %s: binding %s: %s (%d)", table.c_str(), entry.first, db->ErrorMessage(),
+                         rc);
+            return rc;
+        }
+    }
+    for (const auto& arg : whereArgs) {
+        rc = BindText(statement.get(), index++, arg);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("update of %s: binding where argument %d: %s (%d)", table.c_str(), index - 1,
+                         db->ErrorMessage(), rc);
+            return rc;
+        }
+    }
+    rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_DONE) {
+        CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
+    }
+    return CONNECTION_OK;
+}
+
+int CContentDbConnection::DeleteRequest(const std::string& table, const std::string& where,
+                                        const std::vector<std::string>& whereArgs)
+{
+    if (tilvane::host::ShouldFail("CContentDbConnection::DeleteRequest")) {
+        CONTENT_LOGE("delete from %s failed on purpose", table.c_str());
+        return SQLITE_ERROR;
+    }
+    if (table.empty()) {
+        CONTENT_LOGE("delete: no table");
+        return CONNECTION_ERROR_INVALID_ARGUMENT;
+    }
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("delete from %s: %s is not open", table.c_str(), m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+
+    std::string sql = "DELETE FROM " + QuoteIdentifier(table);
+    if (!where.empty()) {
+        sql += " WHERE " + where;
+    }
+    StatementLease statement;
+    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return rc;
+    }
+    int index = 1;
+    for (const auto& arg : whereArgs) {
+        rc = BindText(statement.get(), index++, arg);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("delete from %s: binding where argument %d: %s (%d)", table.c_str(), index - 1,
+                         db->ErrorMessage(), rc);
+            return rc;
+        }
+    }
+    rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_DONE) {
+        CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
+    }
+    return CONNECTION_OK;
+}
+
+std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::string& table,
+                                                                   std::vector<std::string>& projection,
+                                                                   const std::string& where,
+                                                                   const std::string& orderBy)
+{
+    return SelectRequest(table, projection, where, std::vector<std::string>(), orderBy, std::string());
+}
+
+std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::string& table,
+                                                                   std::vector<std::string>& projection,
+                                                                   const std::string& where,
+                                                                   const std::vector<std::string>& whereArgs,
+                                                                   const std::string& orderBy,
+                                                                   const std::string& limit)
+{
+    if (tilvane::host::ShouldFail("CContentDbConnection::SelectRequest")) {
+        CONTENT_LOGE("select from %s failed on purpose", table.c_str());
+        return nullptr;
+    }
+    if (table.empty()) {
+        CONTENT_LOGE("select: no table");
+        return nullptr;
+    }
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("select from %s: %s is not open", table.c_str(), m_strPath.c_str());
+        return nullptr;
+    }
+
+    std::string sql = "SELECT ";
+    if (projection.empty()) {
+        sql += '*';
+    } else {
+        for (size_t i = 0; i < projection.size(); ++i) {
+            if (i > 0) {
+                sql += ", ";
+            }
+            sql += projection[i];
+        }
+    }
+    sql += " FROM " + QuoteIdentifier(table);
+    if (!where.empty()) {
+        sql += " WHERE " + where;
+    }
+    if (!orderBy.empty()) {
+        sql += " ORDER BY " + orderBy;
+    }
+    if (!limit.empty()) {
+        sql += " LIMIT " + limit;
+    }
+
+    StatementLease statement;
+    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("select from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
+        return nullptr;
+    }
+    int index = 1;
+    for (const auto& arg : whereArgs) {
+        rc = BindText(statement.get(), index++, arg);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("select from %s: binding where argument %d: %s (%d)", table.c_str(), index - 1,
+                         db->ErrorMessage(), rc);
+            return nullptr;
+        }
+    }
+    return std::make_shared<CSQLiteStatementCursor>(db.shared(), std::move(statement));
+}
+
+int CContentDbConnection::BeginTransaction()
+{
+    if (tilvane::host::ShouldFail("CContentDbConnection::BeginTransaction")) {
+        CONTENT_LOGE("transaction on %s failed on purpose", m_strPath.c_str());
+        return SQLITE_ERROR;
+    }
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("transaction: %s is not open", m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+    if (db->m_nTransactionDepth == 0) {
+        std::string error;
+        int rc = db->Exec("BEGIN IMMEDIATE", &error);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("begin on %s: %s (%d)", m_strPath.c_str(), error.c_str(), rc);
+            return rc;
+        }
+        db->m_bTransactionFailed = false;
+    }
+    ++db->m_nTransactionDepth;
+    return CONNECTION_OK;
+}
+
+int CContentDbConnection::EndTransaction(bool commit)
+{
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("end of transaction: %s is not open", m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+    if (db->m_nTransactionDepth <= 0) {
+        CONTENT_LOGE("end of transaction on %s without a begin", m_strPath.c_str());
+        return SQLITE_MISUSE;
+    }
+    if (!commit) {
+        db->m_bTransactionFailed = true;
+    }
+    if (--db->m_nTransactionDepth > 0) {
+        return CONNECTION_OK;
+    }
+
+    const bool rollback = db->m_bTransactionFailed;
+    db->m_bTransactionFailed = false;
+    std::string error;
+    if (!rollback) {
+        int rc = db->Exec("COMMIT", &error);
+        if (rc == SQLITE_OK) {
+            return CONNECTION_OK;
+        }
+        CONTENT_LOGE("commit on %s: %s (%d); rolling back", m_strPath.c_str(), error.c_str(), rc);
+        if (sqlite3_get_autocommit(db.handle()) == 0) {
+            db->Exec("ROLLBACK", nullptr);
+        }
+        return rc;
+    }
+
+    if (sqlite3_get_autocommit(db.handle()) != 0) {
+        // SQLite already rolled back on its own (after a full disk, for one).
+        return commit ? SQLITE_ABORT : CONNECTION_OK;
+    }
+    int rc = db->Exec("ROLLBACK", &error);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("rollback on %s: %s (%d)", m_strPath.c_str(), error.c_str(), rc);
+        return rc;
+    }
+    if (commit) {
+        // The outermost level asked for a commit, but an inner level failed.
+        CONTENT_LOGI("transaction on %s rolled back: an inner level ended without commit", m_strPath.c_str());
+        return SQLITE_ABORT;
+    }
+    return CONNECTION_OK;
+}
+
+bool CContentDbConnection::InTransaction() const
+{
+    std::shared_ptr<Database> database = std::atomic_load(&m_pDatabase);
+    if (!database) {
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> lock(database->Mutex());
+    return database->m_nTransactionDepth > 0;
+}
+
+int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** statement, const char** tail,
+                                     std::string& errorMessage)
+{
+    if (statement != nullptr) {
+        *statement = nullptr;
+    }
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        errorMessage = "database is not open";
+        CONTENT_LOGE("prepare on %s: not open", m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+    if (statement == nullptr) {
+        errorMessage = "no statement to fill";
+        return CONNECTION_ERROR_INVALID_ARGUMENT;
+    }
+    int rc = tilvane::content::PrepareStatement(db.handle(), sql.c_str(), static_cast<int>(sql.size() + 1), statement,
+                                                tail);
+    if (rc != SQLITE_OK) {
+        errorMessage = db->ErrorMessage();
+        CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
+        return rc;
+    }
+    errorMessage.clear();
+    return CONNECTION_OK;
+}
+
+bool CContentDbConnection::DeleteDatabase(const std::string& directory, const std::string& fileName)
+{
+    const std::string path = JoinPath(directory, fileName);
+    if (SameFile(path, m_strPath)) {
+        Close();
+    }
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        const std::string file = path + suffix;
+        if (unlink(file.c_str()) != 0 && errno != ENOENT) {
+            CONTENT_LOGE("cannot remove %s: %s", file.c_str(), strerror(errno));
+        }
+    }
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0) {
+        return false;
+    }
+    CONTENT_LOGI("database deleted: %s", path.c_str());
+    return true;
+}

@@ -1,0 +1,394 @@
+#include "ContentHelper.h"
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include "content/ContentLog.h"
+#include "content/Database.h"
+#include "content/StatementCache.h"
+
+using tilvane::content::QuoteIdentifier;
+using tilvane::content::StatementHandle;
+
+namespace {
+
+bool IsUnreadable(int rc)
+{
+    return rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT || rc == SQLITE_IOERR || rc == SQLITE_CANTOPEN;
+}
+
+int ReadVersion(sqlite3* db, int64_t& version)
+{
+    StatementHandle statement;
+    int rc = tilvane::content::PrepareStatement(db, "PRAGMA user_version", statement);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_ROW) {
+        return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
+    }
+    version = sqlite3_column_int64(statement.get(), 0);
+    return SQLITE_OK;
+}
+
+int CountUserTables(sqlite3* db, int64_t& count)
+{
+    StatementHandle statement;
+    int rc = tilvane::content::PrepareStatement(
+        db, "SELECT count(*) FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'",
+        statement);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    rc = sqlite3_step(statement.get());
+    if (rc != SQLITE_ROW) {
+        return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
+    }
+    count = sqlite3_column_int64(statement.get(), 0);
+    return SQLITE_OK;
+}
+
+std::string ColumnText(sqlite3_stmt* statement, int column)
+{
+    const unsigned char* text = sqlite3_column_text(statement, column);
+    return text != nullptr ? std::string(reinterpret_cast<const char*>(text)) : std::string();
+}
+
+/* The names of a query's first column, with one bound text parameter. */
+int QueryNames(sqlite3* db, const char* sql, const std::string& argument, std::vector<std::string>& names)
+{
+    names.clear();
+    StatementHandle statement;
+    int rc = tilvane::content::PrepareStatement(db, sql, statement);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    sqlite3_bind_text(statement.get(), 1, argument.data(), static_cast<int>(argument.size()), SQLITE_TRANSIENT);
+    while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        names.push_back(ColumnText(statement.get(), 0));
+    }
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+/* True when an existing index of `table` starts with `columns`, in order, or
+ * when the single column is the table's rowid alias. */
+bool AlreadyIndexed(sqlite3* db, const std::string& table, const std::vector<std::string>& columns)
+{
+    if (columns.size() == 1) {
+        StatementHandle info;
+        if (tilvane::content::PrepareStatement(db, "SELECT name, type, pk FROM pragma_table_info(?)", info) ==
+            SQLITE_OK) {
+            sqlite3_bind_text(info.get(), 1, table.data(), static_cast<int>(table.size()), SQLITE_TRANSIENT);
+            int keyColumns = 0;
+            bool integerKey = false;
+            while (sqlite3_step(info.get()) == SQLITE_ROW) {
+                if (sqlite3_column_int(info.get(), 2) > 0) {
+                    ++keyColumns;
+                    integerKey = sqlite3_stricmp(ColumnText(info.get(), 1).c_str(), "INTEGER") == 0 &&
+                                 sqlite3_stricmp(ColumnText(info.get(), 0).c_str(), columns[0].c_str()) == 0;
+                }
+            }
+            if (keyColumns == 1 && integerKey) {
+                return true;
+            }
+        }
+    }
+
+    std::vector<std::string> indexes;
+    if (QueryNames(db, "SELECT name FROM pragma_index_list(?)", table, indexes) != SQLITE_OK) {
+        return false;
+    }
+    for (const auto& index : indexes) {
+        std::vector<std::string> indexed;
+        if (QueryNames(db, "SELECT name FROM pragma_index_info(?) ORDER BY seqno", index, indexed) != SQLITE_OK) {
+            continue;
+        }
+        if (indexed.size() < columns.size()) {
+            continue;
+        }
+        bool prefix = true;
+        for (size_t i = 0; i < columns.size(); ++i) {
+            if (sqlite3_stricmp(indexed[i].c_str(), columns[i].c_str()) != 0) {
+                prefix = false;
+                break;
+            }
+        }
+        if (prefix) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Adds an index on the child columns of every foreign key of every table, so
+ * that cascades and lookups by parent do not scan the child table. */
+int IndexForeignKeys(CContentDbConnection* connection)
+{
+    sqlite3* db = connection->GetHandle();
+    std::vector<std::string> tables;
+    int rc = QueryNames(db,
+                        "SELECT name FROM sqlite_master WHERE type='table' AND name NOT LIKE ? ESCAPE '\\' "
+                        "ORDER BY name",
+                        "sqlite\\_%", tables);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("listing tables of %s: %s (%d)", connection->GetPath().c_str(), sqlite3_errmsg(db), rc);
+        return rc;
+    }
+
+    for (const auto& table : tables) {
+        StatementHandle keys;
+        rc = tilvane::content::PrepareStatement(
+            db, "SELECT id, \"from\" FROM pragma_foreign_key_list(?) ORDER BY id, seq", keys);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("foreign keys of %s: %s (%d)", table.c_str(), sqlite3_errmsg(db), rc);
+            return rc;
+        }
+        sqlite3_bind_text(keys.get(), 1, table.data(), static_cast<int>(table.size()), SQLITE_TRANSIENT);
+        std::map<int, std::vector<std::string>> childColumns;
+        while ((rc = sqlite3_step(keys.get())) == SQLITE_ROW) {
+            childColumns[sqlite3_column_int(keys.get(), 0)].push_back(ColumnText(keys.get(), 1));
+        }
+        if (rc != SQLITE_DONE) {
+            CONTENT_LOGE("foreign keys of %s: %s (%d)", table.c_str(), sqlite3_errmsg(db), rc);
+            return rc;
+        }
+        keys.reset();
+
+        for (const auto& key : childColumns) {
+            const std::vector<std::string>& columns = key.second;
+            if (columns.empty() || AlreadyIndexed(db, table, columns)) {
+                continue;
+            }
+            std::string name = "idx_" + table;
+            std::string list;
+            for (size_t i = 0; i < columns.size(); ++i) {
+                name += "_" + columns[i];
+                if (i > 0) {
+                    list += ", ";
+                }
+                list += QuoteIdentifier(columns[i]);
+            }
+            std::string sql = "CREATE INDEX IF NOT EXISTS " + QuoteIdentifier(name) + " ON " + QuoteIdentifier(table) +
+                              " (" + list + ")";
+            std::string error;
+            rc = connection->ExcuteSQL(sql, error);
+            if (rc != SQLITE_OK) {
+                return rc;
+            }
+            CONTENT_LOGD("index %s added on %s", name.c_str(), table.c_str());
+        }
+    }
+    return SQLITE_OK;
+}
+
+}  // namespace
+
+CContentHelper::CContentHelper(std::string directory, std::string fileName, int version)
+    : m_strDirectory(std::move(directory)), m_strFileName(std::move(fileName)), m_nVersion(version),
+      m_pConnection(nullptr)
+{
+}
+
+CContentHelper::~CContentHelper()
+{
+    DisconnectDB();
+}
+
+bool CContentHelper::ConnectDB()
+{
+    if (m_pConnection != nullptr) {
+        // A connection that is open already went through the schema callbacks
+        // unless it is a broken one kept for checking; start over for that.
+        if (m_pConnection->IsOpen() && m_bSchemaReady) {
+            return true;
+        }
+        delete m_pConnection;
+        m_pConnection = nullptr;
+    }
+    m_bSchemaReady = false;
+
+    CContentDbConnection* connection = new CContentDbConnection(m_strDirectory, m_strFileName);
+    // Set before the callbacks run: they may reach the database through GetConnection().
+    m_pConnection = connection;
+    if (!connection->OpenOperation()) {
+        if (!connection->IsOpen()) {
+            m_pConnection = nullptr;
+            delete connection;
+        }
+        CONTENT_LOGE("cannot open database %s/%s", m_strDirectory.c_str(), m_strFileName.c_str());
+        return false;
+    }
+
+    OnConfigure(connection);
+    if (!PrepareSchema(connection)) {
+        CONTENT_LOGE("schema of %s could not be prepared", connection->GetPath().c_str());
+        return false;
+    }
+    m_bSchemaReady = true;
+    CONTENT_LOGD("database opened: %s", connection->GetPath().c_str());
+    return true;
+}
+
+void CContentHelper::DisconnectDB()
+{
+    if (m_pConnection == nullptr) {
+        return;
+    }
+    std::string path = m_pConnection->GetPath();
+    bool wasOpen = m_pConnection->IsOpen();
+    delete m_pConnection;
+    m_pConnection = nullptr;
+    m_bSchemaReady = false;
+    if (wasOpen) {
+        CONTENT_LOGD("database closed: %s", path.c_str());
+    }
+}
+
+CContentDbConnection* CContentHelper::GetConnection()
+{
+    if (m_pConnection == nullptr || !m_pConnection->IsOpen()) {
+        ConnectDB();
+    }
+    return m_pConnection;
+}
+
+bool CContentHelper::PrepareSchema(CContentDbConnection* connection)
+{
+    sqlite3* db = connection->GetHandle();
+    if (db == nullptr) {
+        return false;
+    }
+    int64_t stored = 0;
+    int rc = ReadVersion(db, stored);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("reading the version of %s: %s (%d)", connection->GetPath().c_str(), sqlite3_errmsg(db), rc);
+        return false;
+    }
+    int64_t tables = 0;
+    rc = CountUserTables(db, tables);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("listing tables of %s: %s (%d)", connection->GetPath().c_str(), sqlite3_errmsg(db), rc);
+        return false;
+    }
+
+    const bool create = stored == 0 && tables == 0;
+    if (!create && stored == m_nVersion) {
+        return true;
+    }
+
+    rc = connection->BeginTransaction();
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("cannot begin the schema transaction on %s (%d)", connection->GetPath().c_str(), rc);
+        return false;
+    }
+    bool ok = true;
+    if (create) {
+        CONTENT_LOGI("creating %s, version %d", connection->GetPath().c_str(), m_nVersion);
+        OnCreate(connection);
+        ok = IndexForeignKeys(connection) == SQLITE_OK;
+    } else {
+        CONTENT_LOGI("upgrading %s from version %lld to %d", connection->GetPath().c_str(),
+                     static_cast<long long>(stored), m_nVersion);
+        OnUpgrade(connection, static_cast<int>(stored), m_nVersion);
+    }
+    if (ok) {
+        std::string error;
+        // An integer of our own, not a value from outside: pragmas take no parameters.
+        ok = connection->ExcuteSQL("PRAGMA user_version = " + std::to_string(m_nVersion), error) == SQLITE_OK;
+    }
+    rc = connection->EndTransaction(ok);
+    if (!ok || rc != SQLITE_OK) {
+        CONTENT_LOGE("schema of %s left unchanged (%d)", connection->GetPath().c_str(), rc);
+        return false;
+    }
+    return true;
+}
+
+bool CContentHelper::CheckDBCorruption()
+{
+    if (m_pConnection == nullptr || !m_pConnection->IsOpen()) {
+        ConnectDB();
+    }
+    if (m_pConnection == nullptr || m_pConnection->GetHandle() == nullptr) {
+        CONTENT_LOGE("%s/%s cannot be opened", m_strDirectory.c_str(), m_strFileName.c_str());
+        return true;
+    }
+    sqlite3* db = m_pConnection->GetHandle();
+    const std::string& path = m_pConnection->GetPath();
+
+    StatementHandle statement;
+    int rc = tilvane::content::PrepareStatement(db, "SELECT count(*) FROM sqlite_master", statement);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_step(statement.get());
+        rc = rc == SQLITE_ROW ? SQLITE_OK : rc;
+    }
+    statement.reset();
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("%s cannot be read: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
+        return IsUnreadable(rc);
+    }
+
+    rc = tilvane::content::PrepareStatement(db, "PRAGMA quick_check", statement);
+    std::vector<std::string> results;
+    if (rc == SQLITE_OK) {
+        while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
+            results.push_back(ColumnText(statement.get(), 0));
+        }
+        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
+    }
+    statement.reset();
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("quick check of %s: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
+        return IsUnreadable(rc);
+    }
+    if (results.size() == 1 && results[0] == "ok") {
+        return false;
+    }
+    CONTENT_LOGE("%s is corrupt (%zu finding(s)), first: %s", path.c_str(), results.size(),
+                 results.empty() ? "no result" : results[0].c_str());
+    return true;
+}
+
+std::string CContentHelper::GetTableNameFromUri(const std::string& uri)
+{
+    std::string::size_type start = 0;
+    std::string::size_type scheme = uri.find("://");
+    if (scheme != std::string::npos) {
+        start = scheme + 3;
+    }
+    std::string::size_type slash = uri.find('/', start);
+    if (slash == std::string::npos) {
+        return std::string();  // only an authority
+    }
+    std::string path = uri.substr(slash + 1);
+    // Drop a query or fragment, then trailing slashes.
+    std::string::size_type cut = path.find_first_of("?#");
+    if (cut != std::string::npos) {
+        path.erase(cut);
+    }
+    while (!path.empty() && path.back() == '/') {
+        path.pop_back();
+    }
+    std::string::size_type last = path.rfind('/');
+    return last == std::string::npos ? path : path.substr(last + 1);
+}
+
+std::string CContentHelper::ToSQLFormat(const char* value)
+{
+    return value != nullptr ? std::string(value) : std::string();
+}
+
+std::string CContentHelper::ToSQLFormat(const std::string& value)
+{
+    return value;
+}
+
+void CContentHelper::OnConfigure(CContentDbConnection* /*connection*/) {}
+
+void CContentHelper::OnCreate(CContentDbConnection* /*connection*/) {}
+
+void CContentHelper::OnUpgrade(CContentDbConnection* /*connection*/, int /*oldVersion*/, int /*newVersion*/) {}

@@ -1,0 +1,158 @@
+#include "content/Database.h"
+
+#include <utility>
+
+#include "content/ContentLog.h"
+
+namespace tilvane {
+namespace content {
+
+std::shared_ptr<Database> Database::Open(const std::string& path, int& rc)
+{
+    sqlite3* raw = nullptr;
+    rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    SQLiteHandle handle(raw);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("cannot open %s: %s (%d)", path.c_str(), raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc),
+                     rc);
+        return nullptr;
+    }
+    if (!handle) {
+        rc = SQLITE_NOMEM;
+        CONTENT_LOGE("cannot open %s: out of memory", path.c_str());
+        return nullptr;
+    }
+    return std::shared_ptr<Database>(new Database(path, std::move(handle)));
+}
+
+Database::Database(std::string path, SQLiteHandle handle) : m_strPath(std::move(path)), m_handle(std::move(handle)) {}
+
+Database::~Database()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (m_nTransactionDepth > 0 && m_handle && sqlite3_get_autocommit(m_handle.get()) == 0) {
+        CONTENT_LOGW("closing %s inside a transaction; it is rolled back", m_strPath.c_str());
+    }
+    m_statements.Clear();
+    if (m_handle) {
+        // close_v2: a statement that a caller prepared with PrepareCMD and has not
+        // finalised yet keeps the handle alive until it is finalised.
+        int rc = sqlite3_close_v2(m_handle.release());
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("closing %s failed (%d)", m_strPath.c_str(), rc);
+        }
+    }
+}
+
+int Database::Configure()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    sqlite3* db = m_handle.get();
+    int rc = sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("busy timeout on %s: %s (%d)", m_strPath.c_str(), sqlite3_errmsg(db), rc);
+        return rc;
+    }
+
+    // Reading the schema makes SQLite parse the file header and the schema
+    // table: a file that is not a database fails here.
+    int64_t objects = 0;
+    rc = QueryInt("SELECT count(*) FROM sqlite_master", objects);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("%s cannot be read as a database: %s (%d)", m_strPath.c_str(), sqlite3_errmsg(db), rc);
+        return rc;
+    }
+
+    std::vector<std::string> mode;
+    rc = QueryTexts("PRAGMA journal_mode=WAL", mode);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("WAL journal on %s: %s (%d)", m_strPath.c_str(), sqlite3_errmsg(db), rc);
+        return rc;
+    }
+    if (mode.empty() || (mode[0] != "wal" && mode[0] != "WAL")) {
+        CONTENT_LOGW("%s keeps journal mode %s", m_strPath.c_str(), mode.empty() ? "?" : mode[0].c_str());
+    }
+
+    std::string error;
+    rc = Exec("PRAGMA synchronous=NORMAL", &error);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("synchronous mode on %s: %s (%d)", m_strPath.c_str(), error.c_str(), rc);
+        return rc;
+    }
+    return SQLITE_OK;
+}
+
+int Database::Exec(const std::string& sql, std::string* errorMessage)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (errorMessage != nullptr) {
+        errorMessage->clear();
+    }
+    char* message = nullptr;
+    int rc = sqlite3_exec(m_handle.get(), sql.c_str(), nullptr, nullptr, &message);
+    if (rc != SQLITE_OK && errorMessage != nullptr) {
+        *errorMessage = message != nullptr ? message : sqlite3_errstr(rc);
+    }
+    sqlite3_free(message);
+    return rc;
+}
+
+int Database::QueryInt(const std::string& sql, int64_t& value)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    StatementHandle statement;
+    int rc = PrepareStatement(m_handle.get(), sql, statement);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    rc = sqlite3_step(statement.get());
+    if (rc == SQLITE_ROW) {
+        value = sqlite3_column_int64(statement.get(), 0);
+        return SQLITE_OK;
+    }
+    if (rc == SQLITE_DONE) {
+        value = 0;
+        return SQLITE_OK;
+    }
+    return rc;
+}
+
+int Database::QueryTexts(const std::string& sql, std::vector<std::string>& values)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    values.clear();
+    StatementHandle statement;
+    int rc = PrepareStatement(m_handle.get(), sql, statement);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(statement.get(), 0);
+        int bytes = sqlite3_column_bytes(statement.get(), 0);
+        values.emplace_back(text != nullptr ? std::string(reinterpret_cast<const char*>(text), bytes) : std::string());
+    }
+    return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+const char* Database::ErrorMessage() const
+{
+    return m_handle ? sqlite3_errmsg(m_handle.get()) : "database is not open";
+}
+
+std::string QuoteIdentifier(const std::string& name)
+{
+    std::string quoted;
+    quoted.reserve(name.size() + 2);
+    quoted.push_back('"');
+    for (char c : name) {
+        if (c == '"') {
+            quoted.push_back('"');
+        }
+        quoted.push_back(c);
+    }
+    quoted.push_back('"');
+    return quoted;
+}
+
+}  // namespace content
+}  // namespace tilvane

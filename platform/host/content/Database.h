@@ -1,0 +1,92 @@
+/*
+ * Content library internals: one open SQLite handle and what lives with it.
+ *
+ * A Database is shared: the connection that opened it holds it, and so does
+ * every cursor made on it, so that a cursor can still step after the
+ * connection has been closed or destroyed. The handle is closed (with
+ * sqlite3_close_v2) when the last holder lets go.
+ *
+ * Everything here is guarded by Mutex(); it is recursive because a cursor may
+ * step between other calls on the same thread.
+ */
+#ifndef TILVANE_CONTENT_DATABASE_H
+#define TILVANE_CONTENT_DATABASE_H
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include "content/StatementCache.h"
+
+namespace tilvane {
+namespace content {
+
+struct HandleCloser
+{
+    void operator()(sqlite3* db) const noexcept
+    {
+        if (db != nullptr) {
+            sqlite3_close_v2(db);
+        }
+    }
+};
+using SQLiteHandle = std::unique_ptr<sqlite3, HandleCloser>;
+
+class Database
+{
+public:
+    static constexpr int kBusyTimeoutMs = 5000;
+
+    /* Opens (creating when missing) the file at `path` for reading and
+     * writing. Null with `rc` set when SQLite gives no usable handle. The
+     * handle is not checked or configured yet: see Configure. */
+    static std::shared_ptr<Database> Open(const std::string& path, int& rc);
+
+    ~Database();
+
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    /* Busy timeout, then a read of the schema (which fails for a file that is
+     * not a database), then WAL journal and synchronous NORMAL. */
+    int Configure();
+
+    sqlite3* Handle() const { return m_handle.get(); }
+    const std::string& Path() const { return m_strPath; }
+    std::recursive_mutex& Mutex() const { return m_mutex; }
+    StatementCache& Statements() { return m_statements; }
+
+    /* Runs statements without results; the message goes to `errorMessage`. */
+    int Exec(const std::string& sql, std::string* errorMessage = nullptr);
+    /* The integer in the first column of the first row of `sql`. */
+    int QueryInt(const std::string& sql, int64_t& value);
+    /* The first column of every row of `sql`, as text. */
+    int QueryTexts(const std::string& sql, std::vector<std::string>& values);
+
+    const char* ErrorMessage() const;
+
+    /* Nesting of CContentDbConnection's transactions. */
+    int m_nTransactionDepth = 0;
+    bool m_bTransactionFailed = false;
+
+private:
+    Database(std::string path, SQLiteHandle handle);
+
+    std::string m_strPath;
+    mutable std::recursive_mutex m_mutex;
+    SQLiteHandle m_handle;
+    // Declared after the handle: statements are finalised before it closes.
+    StatementCache m_statements;
+};
+
+/* "name" with inner double quotes doubled: an SQL identifier. */
+std::string QuoteIdentifier(const std::string& name);
+
+}  // namespace content
+}  // namespace tilvane
+
+#endif
