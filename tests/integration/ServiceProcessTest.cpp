@@ -1,0 +1,224 @@
+/*
+ * Starts the real service binary under a temporary platform root and drives it
+ * from outside, as the platform would: it must create the tiles database, keep
+ * running, and end cleanly on SIGTERM with its shutdown steps in order.
+ */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+
+using tilvane::test::FileExists;
+using tilvane::test::RawDatabase;
+using tilvane::test::TempDir;
+
+namespace {
+
+class ServiceProcess
+{
+public:
+    ServiceProcess(const std::string& root, const std::string& logPath) : m_logPath(logPath)
+    {
+        m_pid = fork();
+        if (m_pid == 0) {
+            int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(fd, STDERR_FILENO);
+            dup2(fd, STDOUT_FILENO);
+            close(fd);
+            setenv("TILVANE_PLATFORM_ROOT", root.c_str(), 1);
+            setenv("TILVANE_LOG_LEVEL", "D", 1);
+            execl(TILVANE_SERVICE_BINARY, TILVANE_SERVICE_BINARY, static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+
+    ~ServiceProcess()
+    {
+        if (m_pid > 0 && !m_reaped) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    std::string Log() const
+    {
+        std::ifstream in(m_logPath);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    bool WaitForLog(const std::string& text, std::chrono::seconds limit) const
+    {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (Log().find(text) != std::string::npos) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
+    bool IsRunning()
+    {
+        int status = 0;
+        return waitpid(m_pid, &status, WNOHANG) == 0;
+    }
+
+    /* Sends `signal` and waits for the exit; the exit status, or -1 if it did not end. */
+    int StopWith(int signal, std::chrono::seconds limit)
+    {
+        kill(m_pid, signal);
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_reaped = true;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return -1;
+    }
+
+private:
+    std::string m_logPath;
+    pid_t m_pid = -1;
+    bool m_reaped = false;
+};
+
+/* Position of `text` in `log` after `from`, or npos. */
+size_t Find(const std::string& log, const std::string& text, size_t from = 0)
+{
+    return log.find(text, from);
+}
+
+class ServiceProcessTest : public ::testing::Test
+{
+protected:
+    TempDir m_root;
+    TempDir m_logs;
+
+    std::string DatabasePath() const { return m_root.Path() + "/opt/dbspace/.preview.db"; }
+};
+
+TEST_F(ServiceProcessTest, StartsCreatesTheTilesDatabaseAndEndsCleanlyOnSigterm)
+{
+    ServiceProcess service(m_root.Path(), m_logs.File("service.log"));
+    ASSERT_TRUE(service.WaitForLog("service application created", std::chrono::seconds(20))) << service.Log();
+    ASSERT_TRUE(service.IsRunning());
+
+    ASSERT_TRUE(FileExists(DatabasePath()));
+    {
+        RawDatabase db(DatabasePath());
+        EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+    }
+
+    EXPECT_EQ(service.StopWith(SIGTERM, std::chrono::seconds(20)), 0) << service.Log();
+
+    std::string log = service.Log();
+    size_t terminating = Find(log, "terminating");
+    size_t closed = Find(log, "database closed: " + DatabasePath(), terminating);
+    size_t lockGone = Find(log, "lock destroyed: CTilesProviderLock", closed);
+    size_t loopEnded = Find(log, "main loop ended");
+    ASSERT_NE(terminating, std::string::npos) << log;
+    ASSERT_NE(closed, std::string::npos) << log;
+    ASSERT_NE(lockGone, std::string::npos) << log;
+    ASSERT_NE(loopEnded, std::string::npos) << log;
+}
+
+TEST_F(ServiceProcessTest, SigintEndsTheServiceCleanlyToo)
+{
+    ServiceProcess service(m_root.Path(), m_logs.File("service.log"));
+    ASSERT_TRUE(service.WaitForLog("service application created", std::chrono::seconds(20))) << service.Log();
+
+    EXPECT_EQ(service.StopWith(SIGINT, std::chrono::seconds(20)), 0) << service.Log();
+    EXPECT_NE(service.Log().find("lock destroyed: CTilesProviderLock"), std::string::npos);
+}
+
+TEST_F(ServiceProcessTest, RegistersTheFiveEventHandlersInOrder)
+{
+    ServiceProcess service(m_root.Path(), m_logs.File("service.log"));
+    ASSERT_TRUE(service.WaitForLog("service application created", std::chrono::seconds(20))) << service.Log();
+    std::string log = service.Log();
+
+    // Low battery, low memory, orientation, language, region.
+    size_t position = 0;
+    for (int type : {1, 0, 3, 2, 4}) {
+        position = Find(log, "event handler added: type " + std::to_string(type), position);
+        ASSERT_NE(position, std::string::npos) << "type " << type << "\n" << log;
+    }
+    EXPECT_EQ(service.StopWith(SIGTERM, std::chrono::seconds(20)), 0);
+}
+
+TEST_F(ServiceProcessTest, LogLinesCarryTheServiceTagAndSourcePosition)
+{
+    ServiceProcess service(m_root.Path(), m_logs.File("service.log"));
+    ASSERT_TRUE(service.WaitForLog("service application created", std::chrono::seconds(20))) << service.Log();
+    std::string log = service.Log();
+
+    // The first start finds no database: three waits, each a line of the service's own.
+    size_t line = Find(log, "I/tilvane(");
+    ASSERT_NE(line, std::string::npos) << log;
+    EXPECT_NE(Find(log, "TilesProvider.cpp: isDBFileExist(", line), std::string::npos) << log;
+    EXPECT_NE(Find(log, ") > DB file is not exist"), std::string::npos) << log;
+    EXPECT_EQ(service.StopWith(SIGTERM, std::chrono::seconds(20)), 0);
+}
+
+TEST_F(ServiceProcessTest, RestartKeepsTheDatabaseAndItsRows)
+{
+    {
+        ServiceProcess first(m_root.Path(), m_logs.File("first.log"));
+        ASSERT_TRUE(first.WaitForLog("service application created", std::chrono::seconds(20))) << first.Log();
+        {
+            RawDatabase db(DatabasePath());
+            ASSERT_EQ(db.Exec("INSERT INTO accelerators (accelerator_app_pkg_name) VALUES ('pkg.survives')"), 0);
+        }
+        ASSERT_EQ(first.StopWith(SIGTERM, std::chrono::seconds(20)), 0);
+    }
+
+    ServiceProcess second(m_root.Path(), m_logs.File("second.log"));
+    ASSERT_TRUE(second.WaitForLog("service application created", std::chrono::seconds(20))) << second.Log();
+    EXPECT_EQ(second.Log().find("DB file is not exist"), std::string::npos);
+    EXPECT_EQ(second.Log().find("remove original file"), std::string::npos);
+    {
+        RawDatabase db(DatabasePath());
+        EXPECT_EQ(db.Column("SELECT accelerator_app_pkg_name FROM accelerators"),
+                  (std::vector<std::string>{"pkg.survives"}));
+    }
+    EXPECT_EQ(second.StopWith(SIGTERM, std::chrono::seconds(20)), 0);
+}
+
+TEST_F(ServiceProcessTest, HelpExplainsTheEnvironmentAndStartsNothing)
+{
+    std::string command = std::string(TILVANE_SERVICE_BINARY) + " --help 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[256];
+    while (fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+        output += buffer;
+    }
+    int status = pclose(pipe);
+
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_NE(output.find("Usage: "), std::string::npos) << output;
+    EXPECT_NE(output.find("TILVANE_PLATFORM_ROOT"), std::string::npos) << output;
+    EXPECT_NE(output.find("TILVANE_LOG_LEVEL"), std::string::npos) << output;
+    EXPECT_EQ(output.find("DB file is not exist"), std::string::npos) << output;
+}
+
+}  // namespace

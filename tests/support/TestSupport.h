@@ -1,0 +1,101 @@
+/*
+ * Helpers shared by the tests: temporary platform roots, raw SQLite reads that
+ * do not go through the content library, and captured-log queries.
+ */
+#ifndef TILVANE_TEST_SUPPORT_H
+#define TILVANE_TEST_SUPPORT_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <dlog.h>
+#include <host_control.h>
+
+struct sqlite3;
+
+namespace tilvane {
+namespace test {
+
+/* A fresh directory under $TMPDIR, removed with everything in it at destruction. */
+class TempDir
+{
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& Path() const { return m_path; }
+    std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+/* One column as PRAGMA table_info reports it. */
+struct ColumnInfo
+{
+    std::string name;
+    std::string type;
+    bool hasDefault;
+    std::string defaultValue;
+    bool primaryKey;
+};
+
+/* Reads a database file with SQLite directly. */
+class RawDatabase
+{
+public:
+    explicit RawDatabase(const std::string& path);
+    ~RawDatabase();
+    RawDatabase(const RawDatabase&) = delete;
+    RawDatabase& operator=(const RawDatabase&) = delete;
+
+    bool IsOpen() const { return m_db != nullptr; }
+    /* Runs statements; returns SQLite's result code. */
+    int Exec(const std::string& sql);
+    /* The first column of every row of `sql`, as text ("NULL" for NULL). */
+    std::vector<std::string> Column(const std::string& sql);
+    /* The first column of the first row, or "" when there is none. */
+    std::string Scalar(const std::string& sql);
+    int64_t Count(const std::string& table);
+    std::vector<std::string> TableNames();
+    std::vector<ColumnInfo> TableInfo(const std::string& table);
+
+private:
+    sqlite3* m_db;
+};
+
+bool FileExists(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);
+std::string RandomBytes(size_t count, unsigned seed);
+void TruncateFile(const std::string& path, size_t size);
+size_t FileSize(const std::string& path);
+
+/* Captured lines of one tag whose message contains `text`. */
+std::vector<host::LogLine> LinesContaining(const std::string& tag, const std::string& text);
+int CountLines(const std::string& tag, const std::string& text);
+/* Index of the first captured line (any tag) containing `text`, or -1. */
+int IndexOfLine(const std::string& text);
+
+/* Sets up a fresh host platform under a temporary root with log capture on,
+ * and resets it again afterwards. */
+class PlatformSandbox
+{
+public:
+    PlatformSandbox();
+    ~PlatformSandbox();
+
+    const std::string& Root() const { return m_root.Path(); }
+    /* Where the service keeps its databases under this root. */
+    std::string DatabaseDirectory() const;
+
+private:
+    TempDir m_root;
+};
+
+}  // namespace test
+}  // namespace tilvane
+
+#endif

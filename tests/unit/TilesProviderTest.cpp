@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "TilesProvider.h"
+
+using tilvane::host::LogLine;
+using tilvane::test::CountLines;
+using tilvane::test::FileExists;
+using tilvane::test::IndexOfLine;
+using tilvane::test::LinesContaining;
+using tilvane::test::PlatformSandbox;
+using tilvane::test::RandomBytes;
+using tilvane::test::RawDatabase;
+
+namespace {
+
+class TilesProviderTest : public ::testing::Test
+{
+protected:
+    void TearDown() override { CTilesProvider::ReleaseInstance(); }
+
+    std::string DatabasePath() const { return m_sandbox.DatabaseDirectory() + ".preview.db"; }
+
+    /* Number of times the tiles database helper was built. */
+    int DatabaseOpenings() const { return CountLines("tilvane-content", "database opened: " + DatabasePath()); }
+
+    void CreateHealthyDatabaseWithOneAccelerator()
+    {
+        CTilesProvider::GetInstance();
+        CTilesProvider::ReleaseInstance();
+        RawDatabase db(DatabasePath());
+        ASSERT_EQ(db.Exec("INSERT INTO accelerators (accelerator_app_pkg_name) VALUES ('pkg.kept')"), 0);
+    }
+
+    PlatformSandbox m_sandbox;
+};
+
+TEST_F(TilesProviderTest, GetInstanceTwiceReturnsTheSameObjectBuiltOnce)
+{
+    tilvane::host::UseVirtualClock(true);
+    CTilesProvider* first = CTilesProvider::GetInstance();
+    CTilesProvider* second = CTilesProvider::GetInstance();
+
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(DatabaseOpenings(), 1);
+}
+
+TEST_F(TilesProviderTest, ReleaseInstanceWithoutAnInstanceDoesNothing)
+{
+    CTilesProvider::ReleaseInstance();
+    CTilesProvider::ReleaseInstance();
+
+    EXPECT_EQ(DatabaseOpenings(), 0);
+    EXPECT_EQ(CountLines("", "database closed"), 0);
+    EXPECT_EQ(CountLines("", "lock destroyed"), 0);
+}
+
+TEST_F(TilesProviderTest, GetInstanceAfterReleaseBuildsAFreshInstance)
+{
+    tilvane::host::UseVirtualClock(true);
+    CTilesProvider::GetInstance();
+    CTilesProvider::ReleaseInstance();
+    EXPECT_EQ(CountLines("tilvane-content", "database closed: " + DatabasePath()), 1);
+
+    CTilesProvider* fresh = CTilesProvider::GetInstance();
+
+    EXPECT_NE(fresh, nullptr);
+    EXPECT_EQ(DatabaseOpenings(), 2);
+    EXPECT_EQ(CountLines("tilvane-content", "database closed: " + DatabasePath()), 1);
+}
+
+TEST_F(TilesProviderTest, MissingDatabaseFileLogsThreeLinesATenthOfASecondApartBeforeTheHelperIsBuilt)
+{
+    ASSERT_FALSE(FileExists(DatabasePath()));
+
+    CTilesProvider::GetInstance();
+
+    std::vector<LogLine> lines = LinesContaining("tilvane", "DB file is not exist");
+    ASSERT_EQ(lines.size(), 3u);
+    for (const LogLine& line : lines) {
+        EXPECT_EQ(line.priority, DLOG_INFO);
+        EXPECT_EQ(line.message.rfind("TilesProvider.cpp: isDBFileExist(", 0), 0u) << line.message;
+        EXPECT_NE(line.message.find(") > DB file is not exist"), std::string::npos) << line.message;
+    }
+    EXPECT_GE(lines[1].timeUs - lines[0].timeUs, 95000);
+    EXPECT_GE(lines[2].timeUs - lines[1].timeUs, 95000);
+    EXPECT_EQ(tilvane::host::RecordedSleeps(), (std::vector<int64_t>{100000, 100000, 100000}));
+
+    int lastMissing = -1;
+    std::vector<LogLine> all = tilvane::host::CapturedLog();
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i].message.find("DB file is not exist") != std::string::npos) {
+            lastMissing = static_cast<int>(i);
+        }
+    }
+    int opened = IndexOfLine("database opened: " + DatabasePath());
+    ASSERT_GE(opened, 0);
+    EXPECT_LT(lastMissing, opened);
+    EXPECT_TRUE(FileExists(DatabasePath()));
+}
+
+TEST_F(TilesProviderTest, ExistingDatabaseFileIsFoundWithoutWaiting)
+{
+    tilvane::host::UseVirtualClock(true);
+    CreateHealthyDatabaseWithOneAccelerator();
+    tilvane::host::ClearCapturedLog();
+    tilvane::host::Reset();
+    tilvane::host::SetPlatformRoot(m_sandbox.Root());
+    tilvane::host::StartLogCapture();
+
+    CTilesProvider::GetInstance();
+
+    EXPECT_EQ(CountLines("tilvane", "DB file is not exist"), 0);
+    EXPECT_TRUE(tilvane::host::RecordedSleeps().empty());
+}
+
+TEST_F(TilesProviderTest, StartCreatesTheThreeTables)
+{
+    tilvane::host::UseVirtualClock(true);
+    CTilesProvider::GetInstance();
+
+    RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+    EXPECT_EQ(db.TableInfo("accelerators").size(), 9u);
+    EXPECT_EQ(db.TableInfo("sections").size(), 7u);
+    EXPECT_EQ(db.TableInfo("tiles").size(), 27u);
+}
+
+TEST_F(TilesProviderTest, HealthyDatabaseKeepsItsRows)
+{
+    tilvane::host::UseVirtualClock(true);
+    CreateHealthyDatabaseWithOneAccelerator();
+
+    CTilesProvider::GetInstance();
+
+    EXPECT_EQ(CountLines("tilvane", "----------remove original file-----------"), 0);
+    RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.Column("SELECT accelerator_app_pkg_name FROM accelerators"), (std::vector<std::string>{"pkg.kept"}));
+}
+
+TEST_F(TilesProviderTest, DatabaseOfRandomBytesIsRemovedAndRecreatedEmpty)
+{
+    tilvane::host::UseVirtualClock(true);
+    tilvane::test::WriteFile(DatabasePath(), RandomBytes(64 * 1024, 7));
+
+    CTilesProvider::GetInstance();
+
+    std::vector<LogLine> removal = LinesContaining("tilvane", "----------remove original file-----------");
+    ASSERT_EQ(removal.size(), 1u);
+    EXPECT_EQ(removal[0].priority, DLOG_INFO);
+    EXPECT_EQ(removal[0].message.rfind("TilesProvider.cpp: CTilesProvider(", 0), 0u) << removal[0].message;
+
+    RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+    EXPECT_EQ(db.Count("accelerators"), 0);
+    EXPECT_EQ(db.Count("sections"), 0);
+    EXPECT_EQ(db.Count("tiles"), 0);
+    EXPECT_EQ(db.Scalar("PRAGMA integrity_check"), "ok");
+}
+
+TEST_F(TilesProviderTest, TruncatedDatabaseIsRemovedAndRecreatedEmpty)
+{
+    tilvane::host::UseVirtualClock(true);
+    {
+        RawDatabase db(DatabasePath());
+        ASSERT_EQ(db.Exec("PRAGMA journal_mode = DELETE; CREATE TABLE filler (a TEXT);"
+                          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+                          "INSERT INTO filler SELECT hex(randomblob(100)) FROM n;"),
+                  0);
+    }
+    tilvane::test::TruncateFile(DatabasePath(), tilvane::test::FileSize(DatabasePath()) / 2);
+
+    CTilesProvider::GetInstance();
+
+    EXPECT_EQ(CountLines("tilvane", "----------remove original file-----------"), 1);
+    RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+}
+
+TEST_F(TilesProviderTest, DestructionClosesTheDatabaseBeforeDeletingTheLock)
+{
+    tilvane::host::UseVirtualClock(true);
+    CTilesProvider::GetInstance();
+    tilvane::host::ClearCapturedLog();
+
+    CTilesProvider::ReleaseInstance();
+
+    int closed = IndexOfLine("database closed: " + DatabasePath());
+    int lockGone = IndexOfLine("lock destroyed: CTilesProviderLock");
+    ASSERT_GE(closed, 0);
+    ASSERT_GE(lockGone, 0);
+    EXPECT_LT(closed, lockGone);
+}
+
+}  // namespace
