@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds Tilvane from scratch and runs the whole test suite in a normal build,
+# a short run of the benchmarks to show they work, and the suite once more
+# under AddressSanitizer and UBSan (skip that with TILVANE_SKIP_SANITIZE=1).
+set -euo pipefail
+
+top="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+builds="${TILVANE_BUILD_ROOT:-$top/build}"
+jobs="$(nproc 2>/dev/null || echo 2)"
+
+"$top/scripts/install-deps.sh"
+
+run_suite() {
+    local dir="$1"; shift
+    echo "==> configuring $dir"
+    cmake -S "$top" -B "$dir" -G Ninja -DTILVANE_BUILD_TESTS=ON "$@" >/dev/null
+    echo "==> building $dir"
+    cmake --build "$dir" -j "$jobs"
+    echo "==> testing $dir"
+    ctest --test-dir "$dir" -j "$jobs" --output-on-failure
+}
+
+run_suite "$builds/test" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTILVANE_BUILD_BENCHMARKS=ON
+
+echo "==> benchmarks (short run)"
+"$builds/test/bench/tilvane_bench" --benchmark_min_time=0.05
+
+if [ "${TILVANE_SKIP_SANITIZE:-0}" != "1" ]; then
+    ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+        run_suite "$builds/sanitize" -DCMAKE_BUILD_TYPE=Debug -DTILVANE_SANITIZE=ON -DTILVANE_BUILD_BENCHMARKS=OFF
+fi
