@@ -63,8 +63,7 @@ void CDbHelper::createAcceleratorsTable()
     statement += std::string(ACCELERATOR_ID) + " TEXT, ";
     statement += std::string(Internal::ACCELERATOR_POSITION) + " INTEGER DEFAULT -1, ";
     statement += std::string(Internal::ACCELERATOR_APP_PKG_NAME) + " TEXT, ";
-    statement += std::string(Internal::ACCELERATOR_QEB_WEB_APP_ID) + " TEXT";
-    statement += ")";
+    statement += std::string(Internal::ACCELERATOR_QEB_WEB_APP_ID) + " TEXT)";
 
     std::string errorMessage;
     if (GetConnection()->ExcuteSQL(statement, errorMessage) != 0) {
@@ -97,8 +96,7 @@ void CDbHelper::createSectionsTable()
                  SECTION_TITLE_DISPLAY_MODE_HIGHLIGHTED_ONLY + "', ";
     // The subtitle takes the title's display mode as its default on purpose.
     statement += std::string(SECTION_SUBTITLE_DISPLAY_MODE) + " TEXT DEFAULT '" +
-                 SECTION_TITLE_DISPLAY_MODE_HIGHLIGHTED_ONLY + "'";
-    statement += ")";
+                 SECTION_TITLE_DISPLAY_MODE_HIGHLIGHTED_ONLY + "')";
 
     std::string errorMessage;
     if (GetConnection()->ExcuteSQL(statement, errorMessage) != 0) {
@@ -147,8 +145,7 @@ void CDbHelper::createTilesTable()
     statement += std::string(TILE_IMAGE_HEIGHT) + " INTEGER DEFAULT 0, ";
     statement += std::string(TILE_IMAGE_RATIO) + " TEXT DEFAULT '" + TileImageRatio::TILE_IMAGE_RATIO_1BY1 + "', ";
     statement += std::string(TILE_IMAGE_PATH) + " TEXT, ";
-    statement += std::string(TILE_SOURCE_ICON_PATH) + " TEXT";
-    statement += ")";
+    statement += std::string(TILE_SOURCE_ICON_PATH) + " TEXT)";
 
     std::string errorMessage;
     if (GetConnection()->ExcuteSQL(statement, errorMessage) != 0) {

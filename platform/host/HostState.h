@@ -14,6 +14,8 @@ namespace host {
 /* Tag under which the host platform writes its own log lines. */
 constexpr const char* kPlatformLogTag = "tilvane-platform";
 
+/* True while log capture is on; read without a lock. */
+bool LogCaptureOn();
 /* Keeps a formatted log line when capture is on; cheap when it is off. */
 void CaptureLogLine(int priority, const char* tag, const std::string& message);
 
@@ -30,6 +32,10 @@ void ForgetLogLevel();
 
 /* Owned by service_app.cpp: drop every registered event handler. */
 void ClearAppEventHandlers();
+
+/* Owned by message_port.cpp: close the bus connection, forget local ports,
+ * recorded sends and the own application id override. */
+void ResetMessagePorts();
 
 }  // namespace host
 }  // namespace tilvane

@@ -144,6 +144,10 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
         return DLOG_ERROR_INVALID_PARAMETER;
     }
 
+    // A line that is neither written nor captured is not even formatted.
+    if (prio < MinimumPriority() && !LogCaptureOn()) {
+        return 0;
+    }
     std::string message = FormatMessage(fmt, ap);
     while (!message.empty() && message.back() == '\n') {
         message.pop_back();

@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <map>
+#include <atomic>
 #include <mutex>
 #include <utility>
 
@@ -23,6 +24,8 @@ struct State {
     std::map<std::string, int> failures;
     std::map<std::string, int> callCounts;
     bool capturing = false;
+    /* Mirror of `capturing` that the log reads without taking the mutex. */
+    std::atomic<bool> capturingFast{false};
     std::vector<LogLine> captured;
     bool virtualClock = false;
     int64_t virtualNowUs = 0;
@@ -102,6 +105,7 @@ void StartLogCapture()
     State& s = TheState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.capturing = true;
+    s.capturingFast = true;
 }
 
 void StopLogCapture()
@@ -109,6 +113,7 @@ void StopLogCapture()
     State& s = TheState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.capturing = false;
+    s.capturingFast = false;
 }
 
 std::vector<LogLine> CapturedLog()
@@ -136,6 +141,11 @@ void ClearCapturedLog()
     State& s = TheState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.captured.clear();
+}
+
+bool LogCaptureOn()
+{
+    return TheState().capturingFast.load(std::memory_order_relaxed);
 }
 
 void CaptureLogLine(int priority, const char* tag, const std::string& message)
@@ -214,6 +224,8 @@ void Reset()
         s.failures.clear();
         s.callCounts.clear();
         s.capturing = false;
+        s.capturingFast = false;
+    s.capturingFast = false;
         s.captured.clear();
         s.virtualClock = false;
         s.virtualNowUs = 0;
@@ -222,6 +234,7 @@ void Reset()
     }
     ForgetLogLevel();
     ClearAppEventHandlers();
+    ResetMessagePorts();
 }
 
 }  // namespace host

@@ -10,38 +10,14 @@
 
 #include <host_control.h>
 
+#include "TestSupport.h"
+
 #include "ContentDbConnection.h"
 #include "SQLiteCursor.h"
 
 namespace {
 
-class ScratchDir
-{
-public:
-    ScratchDir()
-    {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/content-cursor-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (mkdtemp(buffer.data()) != nullptr) {
-            m_path = buffer.data();
-        }
-    }
-    ~ScratchDir()
-    {
-        if (!m_path.empty()) {
-            std::string command = "rm -rf '" + m_path + "'";
-            if (std::system(command.c_str()) != 0) {
-                std::fprintf(stderr, "could not remove %s\n", m_path.c_str());
-            }
-        }
-    }
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
+using ScratchDir = tilvane::test::TempDir;
 
 class ContentCursorTest : public ::testing::Test
 {

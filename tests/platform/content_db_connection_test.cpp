@@ -17,45 +17,14 @@
 #include <dlog.h>
 #include <host_control.h>
 
+#include "TestSupport.h"
+
 #include "ContentDbConnection.h"
 #include "../../platform/host/content/StatementCache.h"
 
 namespace {
 
-class ScratchDir
-{
-public:
-    ScratchDir()
-    {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/content-conn-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (mkdtemp(buffer.data()) != nullptr) {
-            m_path = buffer.data();
-        }
-    }
-    ~ScratchDir()
-    {
-        if (!m_path.empty()) {
-            std::string command = "rm -rf '" + m_path + "'";
-            if (std::system(command.c_str()) != 0) {
-                std::fprintf(stderr, "could not remove %s\n", m_path.c_str());
-            }
-        }
-    }
-    const std::string& Path() const { return m_path; }
-    std::string File(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
-
-bool Exists(const std::string& path)
-{
-    struct stat info;
-    return stat(path.c_str(), &info) == 0;
-}
+using ScratchDir = tilvane::test::TempDir;
 
 struct BundleDeleter
 {
@@ -161,7 +130,7 @@ TEST_F(ContentDbConnectionTest, PathPutsOneSlashBetweenDirectoryAndFile)
 TEST_F(ContentDbConnectionTest, OpenUsesWalJournalNormalSyncAndBusyTimeout)
 {
     EXPECT_TRUE(m_connection->IsOpen());
-    EXPECT_TRUE(Exists(DbPath()));
+    EXPECT_TRUE(tilvane::test::FileExists(DbPath()));
     sqlite3* db = m_connection->GetHandle();
     ASSERT_NE(nullptr, db);
 
@@ -198,7 +167,7 @@ TEST_F(ContentDbConnectionTest, OpenOfGarbageFileFailsButKeepsHandleForDeletion)
     EXPECT_NE(nullptr, garbage.GetHandle());
 
     EXPECT_TRUE(garbage.DeleteDatabase(m_dir.Path(), "garbage.db"));
-    EXPECT_FALSE(Exists(path));
+    EXPECT_FALSE(tilvane::test::FileExists(path));
     EXPECT_FALSE(garbage.IsOpen());
 }
 
@@ -636,17 +605,17 @@ TEST_F(ContentDbConnectionTest, PrepareCommandGivesAStatementOrTheError)
 TEST_F(ContentDbConnectionTest, DeleteDatabaseClosesAndRemovesEveryFile)
 {
     ASSERT_EQ(0, Insert({{"name", "a"}}));
-    ASSERT_TRUE(Exists(DbPath()));
-    ASSERT_TRUE(Exists(DbPath() + "-wal"));
+    ASSERT_TRUE(tilvane::test::FileExists(DbPath()));
+    ASSERT_TRUE(tilvane::test::FileExists(DbPath() + "-wal"));
     // A stale rollback journal is removed too.
     { std::ofstream(DbPath() + "-journal") << "stale"; }
 
     EXPECT_TRUE(m_connection->DeleteDatabase(m_dir.Path() + "/", "test.db"));
     EXPECT_FALSE(m_connection->IsOpen());
-    EXPECT_FALSE(Exists(DbPath()));
-    EXPECT_FALSE(Exists(DbPath() + "-wal"));
-    EXPECT_FALSE(Exists(DbPath() + "-shm"));
-    EXPECT_FALSE(Exists(DbPath() + "-journal"));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath()));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath() + "-wal"));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath() + "-shm"));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath() + "-journal"));
 
     // Deleting another file leaves this connection open.
     CContentDbConnection other(m_dir.Path(), "other.db");
@@ -654,7 +623,7 @@ TEST_F(ContentDbConnectionTest, DeleteDatabaseClosesAndRemovesEveryFile)
     ASSERT_TRUE(m_connection->OpenOperation());
     EXPECT_TRUE(m_connection->DeleteDatabase(m_dir.Path(), "other.db"));
     EXPECT_TRUE(m_connection->IsOpen());
-    EXPECT_FALSE(Exists(m_dir.File("other.db")));
+    EXPECT_FALSE(tilvane::test::FileExists(m_dir.File("other.db")));
 }
 
 TEST_F(ContentDbConnectionTest, ConcurrentWritersOnOneConnectionAreSerialised)

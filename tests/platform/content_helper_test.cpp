@@ -16,45 +16,14 @@
 #include <dlog.h>
 #include <host_control.h>
 
+#include "TestSupport.h"
+
 #include "ContentDbConnection.h"
 #include "ContentHelper.h"
 
 namespace {
 
-class ScratchDir
-{
-public:
-    ScratchDir()
-    {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/content-helper-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (mkdtemp(buffer.data()) != nullptr) {
-            m_path = buffer.data();
-        }
-    }
-    ~ScratchDir()
-    {
-        if (!m_path.empty()) {
-            std::string command = "rm -rf '" + m_path + "'";
-            if (std::system(command.c_str()) != 0) {
-                std::fprintf(stderr, "could not remove %s\n", m_path.c_str());
-            }
-        }
-    }
-    const std::string& Path() const { return m_path; }
-    std::string File(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
-
-bool Exists(const std::string& path)
-{
-    struct stat info;
-    return stat(path.c_str(), &info) == 0;
-}
+using ScratchDir = tilvane::test::TempDir;
 
 off_t SizeOf(const std::string& path)
 {
@@ -302,10 +271,10 @@ TEST_F(ContentHelperTest, DisconnectThenGetConnectionReopens)
 TEST_F(ContentHelperTest, GetConnectionConnectsLazily)
 {
     CatalogueHelper helper(m_dir.Path());
-    EXPECT_FALSE(Exists(DbPath()));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath()));
     CContentDbConnection* connection = helper.GetConnection();
     ASSERT_NE(nullptr, connection);
-    EXPECT_TRUE(Exists(DbPath()));
+    EXPECT_TRUE(tilvane::test::FileExists(DbPath()));
     EXPECT_EQ(1, helper.created);
     EXPECT_EQ(connection, helper.GetConnection());
 }
@@ -358,7 +327,7 @@ TEST_F(ContentHelperTest, FileOfRandomBytesIsCorruptAndCanBeDeleted)
     CContentDbConnection* connection = helper.GetConnection();
     ASSERT_NE(nullptr, connection);
     EXPECT_TRUE(connection->DeleteDatabase(helper.GetDirectory(), helper.GetFileName()));
-    EXPECT_FALSE(Exists(DbPath()));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath()));
 
     ASSERT_TRUE(helper.ConnectDB());
     EXPECT_EQ(1, helper.created);
@@ -368,7 +337,7 @@ TEST_F(ContentHelperTest, FileOfRandomBytesIsCorruptAndCanBeDeleted)
 TEST_F(ContentHelperTest, TruncatedDatabaseIsCorrupt)
 {
     MakeFilledCatalogue(2000);
-    ASSERT_FALSE(Exists(DbPath() + "-wal"));  // checkpointed when the last connection closed
+    ASSERT_FALSE(tilvane::test::FileExists(DbPath() + "-wal"));  // checkpointed when the last connection closed
     const off_t size = SizeOf(DbPath());
     ASSERT_GT(size, 100 * 1024);
     ASSERT_EQ(0, truncate(DbPath().c_str(), size / 2));
