@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service_app.h"
@@ -79,11 +80,72 @@ void RequestTermination();
  * or the default; an empty root goes back to those. */
 void SetPlatformRoot(const std::string& root);
 
+/* ---- application registry --------------------------------------------------
+ * The installed packages that package_manager_*, app_info_* and
+ * qeb_get_app_list read. The registry is an SQLite file under the platform's
+ * database directory (tzplatform_getenv(TZ_SYS_DB)), shared by every process
+ * on the same platform root. Used by tests and by tilvanectl. */
+
+struct RegisteredApplication {
+    std::string appId;
+    /* Metadata key/value pairs in declaration order; keys are unique. */
+    std::vector<std::pair<std::string, std::string>> metadata;
+};
+
+struct RegisteredPackage {
+    std::string packageId;
+    std::vector<RegisteredApplication> applications;
+    /* The web-application store's id of the package; empty when it has none. */
+    std::string webAppId;
+};
+
+/* Installs `package`, replacing a package of the same id. Refused (false, with
+ * the reason in `error`) when the package id is empty, an application id is
+ * empty, repeated or held by another package, a metadata key is empty or
+ * repeated within one application, or a text is too long for the store's list
+ * (1023 bytes). Nothing is written when it is refused. */
+bool InstallPackage(const RegisteredPackage& package, std::string* error = nullptr);
+/* Removes the package with its applications, metadata and store entry. False
+ * when no such package is installed or the registry cannot be written. */
+bool RemovePackage(const std::string& packageId, std::string* error = nullptr);
+/* Every installed package in the order of installation; empty on failure. */
+std::vector<RegisteredPackage> ListPackages();
+
+/* ---- application identity and message ports ------------------------------- */
+
+/* Makes this process run as `appId` (an empty id goes back to TILVANE_APP_ID,
+ * else the program's short name). Takes effect for the bus connection that the
+ * next message-port call opens: set it first, or after Reset(). */
+void SetOwnAppId(const std::string& appId);
+std::string OwnAppId();
+
+/* The bus name that application `appId` owns ("" when the id cannot have
+ * one: empty, or too long for the bus), and the way back. */
+std::string BusNameForAppId(const std::string& appId);
+bool AppIdForBusName(const std::string& busName, std::string& appId);
+
+/* One message_port_send_message* call that got past its argument checks. */
+struct SentMessage {
+    std::string appId;     /* the receiving application */
+    std::string port;      /* its port */
+    std::string localPort; /* the sender's local port, "" for a plain send */
+    std::vector<std::pair<std::string, std::string>> entries; /* the bundle, in order */
+    int result;            /* what the call returned */
+    int64_t timeUs;        /* Now() when it returned */
+};
+
+/* While recording is on (off after Reset()), every send is kept, in order. */
+void RecordSentMessages(bool on);
+std::vector<SentMessage> SentMessages();
+void ClearSentMessages();
+
 /* ---- everything ---------------------------------------------------------- */
 
 /* Clears failures, counters, captured lines, recorded sleeps, registered app
  * event handlers and the platform root override, turns the virtual clock and
- * log capture off, and makes the log read TILVANE_LOG_LEVEL again. */
+ * log capture off, and makes the log read TILVANE_LOG_LEVEL again. It also
+ * closes the message-port bus connection, forgets local ports, recorded sends
+ * and the own application id override. */
 void Reset();
 
 }  // namespace host
