@@ -113,4 +113,14 @@ inline constexpr char ACCELERATOR_WRITE_PERMISSION[] = "accelerator_write_permis
 }  // namespace Accelerators
 }  // namespace TilesInternalModel
 
+/* Application metadata keys of the platform vendor, under the vendor's
+ * metadata URI "http://developer.quillon.com". An application that declares
+ * either key publishes preview content and owns a launcher entry; only the
+ * key's presence counts, never its value. */
+namespace AppMetadata {
+inline constexpr char VENDOR_METADATA_URI[] = "http://developer.quillon.com";
+inline constexpr char USE_ACCELERATOR[] = "http://developer.quillon.com/tv/metadata/use.accelerator";
+inline constexpr char USE_PREVIEW[] = "http://developer.quillon.com/tv/metadata/use.preview";
+}  // namespace AppMetadata
+
 #endif

@@ -1,0 +1,497 @@
+#include "PermissionHelper.h"
+
+#include <app_info.h>
+
+#include <memory>
+
+#include "SQLiteCursor.h"
+#include "TilesModel.h"
+#include "TilvaneLog.h"
+
+std::string CPermissionHelper::READ_TILES = "com.quillon.px.permission.READ_TILES";
+std::string CPermissionHelper::WRITE_TILES = "com.quillon.px.permission.WRITE_TILES";
+std::string CPermissionHelper::READ_TILES_MVPD = "com.quillon.px.permission.READ_TILES_MVPD";
+std::string CPermissionHelper::WRITE_TILES_MVPD = "com.quillon.px.permission.WRITE_TILES_MVPD";
+std::string CPermissionHelper::READ_TILES_INTERNAL = "com.quillon.px.permission.READ_TILES_INTERNAL";
+std::string CPermissionHelper::WRITE_TILES_INTERNAL = "com.quillon.px.permission.WRITE_TILES_INTERNAL";
+
+CPermissionHelper::CPermissionHelper()
+    : m_bColumnsValid(false), m_validateLevel(PERMISSION_LEVEL_NONE)
+{
+    InitializeAcceleratorPermissions();
+    InitializeSectionPermissions();
+    InitializeTilePermissions();
+    InitializePermissionWhiteList();
+}
+
+void CPermissionHelper::InitializeAcceleratorPermissions()
+{
+    using namespace TilesModel::Accelerators;
+    namespace Internal = TilesInternalModel::Accelerators;
+    m_acceleratorPermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_acceleratorPermissions[ACCELERATOR_TITLE] = PERMISSION_LEVEL_PUBLIC;
+    m_acceleratorPermissions[ACCELERATOR_ICON] = PERMISSION_LEVEL_PUBLIC;
+    m_acceleratorPermissions[ACCELERATOR_ICON_UNFOCUSED] = PERMISSION_LEVEL_PUBLIC;
+    m_acceleratorPermissions[ACCELERATOR_ENABLED] = PERMISSION_LEVEL_PUBLIC;
+    m_acceleratorPermissions[ACCELERATOR_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_acceleratorPermissions[Internal::ACCELERATOR_POSITION] = PERMISSION_LEVEL_INTERNAL;
+    m_acceleratorPermissions[Internal::ACCELERATOR_APP_PKG_NAME] = PERMISSION_LEVEL_INTERNAL;
+    /* Not columns of the table; listed so that only level 4 can name them. */
+    m_acceleratorPermissions[Internal::ACCELERATOR_READ_PERMISSION] = PERMISSION_LEVEL_INTERNAL;
+    m_acceleratorPermissions[Internal::ACCELERATOR_WRITE_PERMISSION] = PERMISSION_LEVEL_INTERNAL;
+    m_acceleratorPermissions[Internal::ACCELERATOR_QEB_WEB_APP_ID] = PERMISSION_LEVEL_INTERNAL;
+}
+
+void CPermissionHelper::InitializeSectionPermissions()
+{
+    using namespace TilesModel::Sections;
+    m_sectionPermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_sectionPermissions[SECTION_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_sectionPermissions[SECTION_TITLE] = PERMISSION_LEVEL_PUBLIC;
+    m_sectionPermissions[SECTION_POSITION] = PERMISSION_LEVEL_PUBLIC;
+    m_sectionPermissions[SECTION_ACCELERATOR_RAW_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_sectionPermissions[SECTION_TITLE_DISPLAY_MODE] = PERMISSION_LEVEL_PUBLIC;
+    m_sectionPermissions[SECTION_SUBTITLE_DISPLAY_MODE] = PERMISSION_LEVEL_PUBLIC;
+}
+
+void CPermissionHelper::InitializeTilePermissions()
+{
+    using namespace TilesModel::Tiles;
+    m_tilePermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_SECTION_RAW_ID] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_TYPE] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_TITLE] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_SUBTITLE] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_DISPLAY_FROM] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_DISPLAY_UNTIL] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ACTION_PLAY] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ACTION_CLICK] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ACTION_TYPE] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ACTION_DETAILS] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_IMAGE_URL] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_IMAGE_PATH] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_IMAGE_WIDTH] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_IMAGE_HEIGHT] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_IMAGE_RATIO] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_SOURCE_ICON] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_SOURCE_ICON_PATH] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ACTION_PRE_PLAY] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_ACTION_POST_PLAY] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_PLAYABLE] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_PROGRESS] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_NOTIFICATION] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_FAVORITE] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_POSITION] = PERMISSION_LEVEL_PUBLIC;
+    m_tilePermissions[TILE_EXTRA_APP_ID] = PERMISSION_LEVEL_PUBLIC;
+}
+
+void CPermissionHelper::InitializePermissionWhiteList()
+{
+    m_permissionWhiteList["DownloadManager"] = PERMISSION_LEVEL_INTERNAL;
+    m_permissionWhiteList["ContentServiceManager"] = PERMISSION_LEVEL_INTERNAL;
+}
+
+/* The read and write decisions are the same procedure with the read or the
+ * write privilege. Each keeps its own copy of the metadata passes so that
+ * their log lines name the decision that wrote them. */
+CPermissionHelper::PermissionLevel CPermissionHelper::GetReadPermissionLevel(std::string appId, std::string packageId,
+                                                                            CContentHelper* dbHelper)
+{
+    std::string permission;
+
+    auto whiteListed = m_permissionWhiteList.find(packageId);
+    if (whiteListed != m_permissionWhiteList.end()) {
+        return whiteListed->second;
+    }
+
+    if (HasAcceleratorRow(packageId, dbHelper)) {
+        permission = READ_TILES;
+    }
+
+    if (permission.empty()) {
+        app_info_h appInfo = nullptr;
+        if (app_info_create(appId.c_str(), &appInfo) == APP_MANAGER_ERROR_NONE) {
+            LOGI("Start get GetSupportNimbeCB for [%s]", packageId.c_str());
+            bool supportNimbe = false;
+            if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
+                LOGI("failed to call metadata callback");
+            } else if (supportNimbe) {
+                LOGI("Need to recover [%s] to acceleartors", packageId.c_str());
+                if (dbHelper != nullptr) {
+                    RecoverAcceleratorID(packageId, dbHelper);
+                    permission = READ_TILES;
+                }
+            }
+            LOGI("End get GetSupportNimbeCB for [%s]", packageId.c_str());
+
+            LOGI("Start get GetReadPermissionCB for [%s]", packageId.c_str());
+            m_readPermission.clear();
+            if (app_info_foreach_metadata(appInfo, GetReadPermissionCB, this) == APP_MANAGER_ERROR_NONE) {
+                LOGI("success to call metadata callback");
+            } else {
+                LOGI("failed to call metadata callback");
+            }
+            LOGI("End get GetReadPermissionCB for [%s]", packageId.c_str());
+
+            /* A declared privilege overrides what the launcher support gave. */
+            if (!m_readPermission.empty()) {
+                LOGI("m_readPermission is not empty for [%s]", packageId.c_str());
+                permission = m_readPermission;
+            }
+            app_info_destroy(appInfo);
+        }
+    }
+
+    return GetPermissionLevel(permission);
+}
+
+CPermissionHelper::PermissionLevel CPermissionHelper::GetWritePermissionLevel(std::string appId,
+                                                                             std::string packageId,
+                                                                             CContentHelper* dbHelper)
+{
+    std::string permission;
+
+    auto whiteListed = m_permissionWhiteList.find(packageId);
+    if (whiteListed != m_permissionWhiteList.end()) {
+        return whiteListed->second;
+    }
+
+    if (HasAcceleratorRow(packageId, dbHelper)) {
+        permission = WRITE_TILES;
+    }
+
+    if (permission.empty()) {
+        app_info_h appInfo = nullptr;
+        if (app_info_create(appId.c_str(), &appInfo) == APP_MANAGER_ERROR_NONE) {
+            LOGI("Start get GetSupportNimbeCB for [%s]", packageId.c_str());
+            bool supportNimbe = false;
+            if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
+                LOGI("failed to call metadata callback");
+            } else if (supportNimbe) {
+                LOGI("Need to recover [%s] to acceleartors", packageId.c_str());
+                if (dbHelper != nullptr) {
+                    RecoverAcceleratorID(packageId, dbHelper);
+                    permission = WRITE_TILES;
+                }
+            }
+            LOGI("End get GetSupportNimbeCB for [%s]", packageId.c_str());
+
+            LOGI("Start get GetWritePermissionCB for [%s]", packageId.c_str());
+            m_writePermission.clear();
+            if (app_info_foreach_metadata(appInfo, GetWritePermissionCB, this) == APP_MANAGER_ERROR_NONE) {
+                LOGI("success to call metadata callback");
+            } else {
+                LOGI("failed to call metadata callback");
+            }
+            LOGI("End get GetWritePermissionCB for [%s]", packageId.c_str());
+
+            /* A declared privilege overrides what the launcher support gave. */
+            if (!m_writePermission.empty()) {
+                LOGI("m_writePermission is not empty for [%s]", packageId.c_str());
+                permission = m_writePermission;
+            }
+            app_info_destroy(appInfo);
+        }
+    }
+
+    return GetPermissionLevel(permission);
+}
+
+/* The package id is pasted between quotes, not bound: the row must then read
+ * back as exactly that id. */
+bool CPermissionHelper::HasAcceleratorRow(const std::string& packageId, CContentHelper* dbHelper)
+{
+    CContentDbConnection* connection = dbHelper != nullptr ? dbHelper->GetConnection() : nullptr;
+    if (connection == nullptr) {
+        return false;
+    }
+    std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Accelerators::CONTENT_URI);
+    std::vector<std::string> projection = {TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME};
+    std::string where =
+        std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + "='" + packageId + "'";
+    std::shared_ptr<ISQLiteCursor> cursor = connection->SelectRequest(table, projection, where, "");
+    std::string pkgName;
+    return cursor != nullptr && cursor->Step() == 0 && cursor->GetString(0, pkgName) && pkgName == packageId;
+}
+
+CPermissionHelper::PermissionLevel CPermissionHelper::GetPermissionLevel(std::string privilege)
+{
+    if (privilege == READ_TILES || privilege == WRITE_TILES) {
+        return PERMISSION_LEVEL_PUBLIC;
+    }
+    if (privilege == READ_TILES_MVPD || privilege == WRITE_TILES_MVPD) {
+        return PERMISSION_LEVEL_MVPD;
+    }
+    /* WRITE_TILES_INTERNAL is deliberately not recognised. */
+    if (privilege == READ_TILES_INTERNAL) {
+        return PERMISSION_LEVEL_INTERNAL;
+    }
+    return PERMISSION_LEVEL_NONE;
+}
+
+bool CPermissionHelper::CheckPermissionWhiteList(std::string packageId)
+{
+    return m_permissionWhiteList.find(packageId) != m_permissionWhiteList.end();
+}
+
+bool CPermissionHelper::GetSupportNimbeCB(const char* key, const char* /*value*/, void* userData)
+{
+    if (key == nullptr || userData == nullptr) {
+        LOGI("metadata_key or user data is NULL pointer, skip ");
+        return false;
+    }
+    std::string metadataKey(key);
+    if (metadataKey == AppMetadata::USE_ACCELERATOR || metadataKey == AppMetadata::USE_PREVIEW) {
+        *static_cast<bool*>(userData) = true;
+    }
+    return true;
+}
+
+bool CPermissionHelper::GetReadPermissionCB(const char* key, const char* value, void* userData)
+{
+    if (userData == nullptr) {
+        return false;
+    }
+    return static_cast<CPermissionHelper*>(userData)->GetReadPermission(key, value);
+}
+
+bool CPermissionHelper::GetWritePermissionCB(const char* key, const char* value, void* userData)
+{
+    if (userData == nullptr) {
+        return false;
+    }
+    return static_cast<CPermissionHelper*>(userData)->GetWritePermission(key, value);
+}
+
+bool CPermissionHelper::GetReadPermission(const char* key, const char* value)
+{
+    if (key == nullptr || value == nullptr ||
+        std::string(key) != TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION) {
+        return true;
+    }
+    std::string privilege(value);
+    if (privilege == READ_TILES_INTERNAL) {
+        m_readPermission = READ_TILES_INTERNAL;
+        return false;
+    }
+    if (privilege == READ_TILES_MVPD) {
+        m_readPermission = READ_TILES_MVPD;
+        return false;
+    }
+    if (privilege == READ_TILES) {
+        m_readPermission = READ_TILES;
+        return false;
+    }
+    return true;
+}
+
+bool CPermissionHelper::GetWritePermission(const char* key, const char* value)
+{
+    if (key == nullptr || value == nullptr ||
+        std::string(key) != TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION) {
+        return true;
+    }
+    /* A declared WRITE_TILES_INTERNAL is not recognised on purpose. */
+    std::string privilege(value);
+    if (privilege == WRITE_TILES_MVPD) {
+        m_writePermission = WRITE_TILES_MVPD;
+        return false;
+    }
+    if (privilege == WRITE_TILES) {
+        m_writePermission = WRITE_TILES;
+        return false;
+    }
+    return true;
+}
+
+int64_t CPermissionHelper::GetAcceleratorID(CContentHelper* dbHelper, std::string packageId)
+{
+    if (dbHelper == nullptr) {
+        return -1;
+    }
+    CContentDbConnection* connection = dbHelper->GetConnection();
+    if (connection == nullptr) {
+        return -1;
+    }
+    std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Accelerators::CONTENT_URI);
+    std::vector<std::string> projection = {TilesModel::Accelerators::_ID};
+    std::string where = std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + " = ?";
+    std::vector<std::string> whereArgs = {CContentHelper::ToSQLFormat(packageId)};
+
+    int64_t acceleratorId = -1;
+    std::shared_ptr<ISQLiteCursor> cursor = connection->SelectRequest(table, projection, where, whereArgs, "", "");
+    if (cursor != nullptr) {
+        while (cursor->Step() == 0) {
+            int64_t value = 0;
+            if (cursor->GetInt64(0, value)) {
+                acceleratorId = value;
+                break;
+            }
+        }
+        cursor.reset();
+    }
+    return acceleratorId;
+}
+
+int64_t CPermissionHelper::RecoverAcceleratorID(std::string packageId, CContentHelper* dbHelper)
+{
+    if (packageId.empty()) {
+        LOGI("appPkgName is empty");
+        return -1;
+    }
+    if (dbHelper == nullptr) {
+        LOGE("m_pDbHelper is NULL !!");
+        return -1;
+    }
+    CContentDbConnection* connection = dbHelper->GetConnection();
+    if (connection == nullptr) {
+        LOGI("Failed to connect preview DB");
+        return -1;
+    }
+
+    int64_t acceleratorId = GetAcceleratorID(dbHelper, packageId);
+    if (acceleratorId > 0) {
+        return acceleratorId;
+    }
+
+    /* A bare row: every other column takes the schema's default. */
+    bundle* values = bundle_create();
+    bundle_add_str(values, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
+                   CContentHelper::ToSQLFormat(packageId).c_str());
+    connection->InsertRequest("accelerators", values);
+    acceleratorId = connection->GetLastInsertRowID();
+    bundle_free(values);
+    return acceleratorId;
+}
+
+bool CPermissionHelper::ValidateColumns(bundle* values, std::string tableUri, PermissionLevel level)
+{
+    m_validateTable = tableUri;
+    m_validateLevel = level;
+    m_bColumnsValid = true;
+    /* Every key is visited, even after a refusal, so that each one is logged. */
+    bundle_iterate(values, ValidateColumnForPermissionCB, this);
+    return m_bColumnsValid;
+}
+
+void CPermissionHelper::ValidateColumnForPermissionCB(const char* key, const char* value, void* userData)
+{
+    if (userData == nullptr) {
+        return;
+    }
+    static_cast<CPermissionHelper*>(userData)->ValidateColumnForPermission(key, value);
+}
+
+void CPermissionHelper::ValidateColumnForPermission(const char* key, const char* /*value*/)
+{
+    std::map<std::string, PermissionLevel>* tablePermissions = nullptr;
+    if (m_validateTable == TilesModel::Accelerators::CONTENT_URI) {
+        tablePermissions = &m_acceleratorPermissions;
+    } else if (m_validateTable == TilesModel::Sections::CONTENT_URI) {
+        tablePermissions = &m_sectionPermissions;
+    } else if (m_validateTable == TilesModel::Tiles::CONTENT_URI) {
+        tablePermissions = &m_tilePermissions;
+    } else {
+        LOGI("%s : unknown table", __func__);
+        m_bColumnsValid = false;
+        return;
+    }
+    if (key == nullptr) {
+        m_bColumnsValid = false;
+        return;
+    }
+
+    /* A name the table does not list is added with level 0 and passes. */
+    PermissionLevel required = (*tablePermissions)[key];
+    LOGI("%s : client permission = %d permission of [ %s ] in Table [ %s ] = %d", __func__, m_validateLevel, key,
+         m_validateTable.c_str(), required);
+    if (m_validateLevel < required) {
+        LOGI("%s : Permission to modify [ %s ] is not granted", __func__, key);
+        m_bColumnsValid = false;
+    }
+}
+
+std::vector<std::string> CPermissionHelper::GetAllowedProjectionForPermission(std::string tableUri,
+                                                                              std::vector<std::string>& projection,
+                                                                              PermissionLevel level)
+{
+    std::vector<std::string> allowed;
+
+    if (projection.empty()) {
+        if (level < PERMISSION_LEVEL_PUBLIC) {
+            return allowed;
+        }
+        if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+            using namespace TilesModel::Accelerators;
+            namespace Internal = TilesInternalModel::Accelerators;
+            allowed = {_ID, ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED, ACCELERATOR_ENABLED,
+                       ACCELERATOR_ID};
+            if (level == PERMISSION_LEVEL_INTERNAL) {
+                allowed.insert(allowed.end(),
+                               {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
+                                Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
+                                Internal::ACCELERATOR_QEB_WEB_APP_ID});
+            }
+        } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
+            using namespace TilesModel::Sections;
+            allowed = {_ID,
+                       SECTION_ID,
+                       SECTION_TITLE,
+                       SECTION_POSITION,
+                       SECTION_ACCELERATOR_RAW_ID,
+                       SECTION_TITLE_DISPLAY_MODE,
+                       SECTION_SUBTITLE_DISPLAY_MODE};
+        } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+            using namespace TilesModel::Tiles;
+            allowed = {_ID,
+                       TILE_ID,
+                       TILE_SECTION_RAW_ID,
+                       TILE_TYPE,
+                       TILE_TITLE,
+                       TILE_SUBTITLE,
+                       TILE_DISPLAY_FROM,
+                       TILE_DISPLAY_UNTIL,
+                       TILE_ACTION_PLAY,
+                       TILE_ACTION_CLICK,
+                       TILE_ACTION_TYPE,
+                       TILE_ACTION_DETAILS,
+                       TILE_IMAGE_URL,
+                       TILE_IMAGE_PATH,
+                       TILE_IMAGE_WIDTH,
+                       TILE_IMAGE_HEIGHT,
+                       TILE_IMAGE_RATIO,
+                       TILE_SOURCE_ICON,
+                       TILE_SOURCE_ICON_PATH,
+                       TILE_ACTION_PRE_PLAY,
+                       TILE_ACTION_POST_PLAY,
+                       TILE_PLAYABLE,
+                       TILE_PROGRESS,
+                       TILE_NOTIFICATION,
+                       TILE_FAVORITE,
+                       TILE_POSITION,
+                       TILE_EXTRA_APP_ID};
+        }
+        return allowed;
+    }
+
+    for (const std::string& name : projection) {
+        std::map<std::string, PermissionLevel>* tablePermissions = nullptr;
+        if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+            tablePermissions = &m_acceleratorPermissions;
+        } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
+            tablePermissions = &m_sectionPermissions;
+        } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+            tablePermissions = &m_tilePermissions;
+        } else {
+            continue;
+        }
+        /* A name the table does not list is added with level 0 and passes. */
+        PermissionLevel required = (*tablePermissions)[name];
+        if (required <= level) {
+            allowed.push_back(name);
+        }
+        LOGI("%s : tablePermissions[%s] = %d", __func__, name.c_str(), required);
+    }
+    return allowed;
+}
