@@ -1,6 +1,9 @@
 #include "TestSupport.h"
 
+#include <glib.h>
+#include <signal.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -180,6 +183,155 @@ PlatformSandbox::~PlatformSandbox()
 std::string PlatformSandbox::DatabaseDirectory() const
 {
     return std::string(tzplatform_getenv(TZ_SYS_DB)) + "/";
+}
+
+/* ---- message bus ----------------------------------------------------------- */
+
+PrivateBus::PrivateBus() : m_pid(-1), m_hadAddress(false)
+{
+    const char* previous = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    m_hadAddress = previous != nullptr;
+    m_previousAddress = previous != nullptr ? previous : "";
+
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return;
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        std::string printAddress = "--print-address=" + std::to_string(fds[1]);
+        execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", printAddress.c_str(),
+               static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    if (pid < 0) {
+        close(fds[0]);
+        return;
+    }
+    m_pid = pid;
+    std::string address;
+    char c = 0;
+    while (read(fds[0], &c, 1) == 1 && c != '\n') {
+        address.push_back(c);
+    }
+    close(fds[0]);
+    if (address.empty()) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+        return;
+    }
+    m_address = address;
+    setenv("DBUS_SESSION_BUS_ADDRESS", m_address.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus()
+{
+    if (m_pid > 0) {
+        kill(m_pid, SIGTERM);
+        waitpid(m_pid, nullptr, 0);
+    }
+    if (m_hadAddress) {
+        setenv("DBUS_SESSION_BUS_ADDRESS", m_previousAddress.c_str(), 1);
+    } else {
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    }
+}
+
+ChildProcess::ChildProcess(const std::function<int(int readyFd)>& body)
+{
+    int go[2];
+    int ready[2];
+    if (pipe(go) != 0) {
+        return;
+    }
+    if (pipe(ready) != 0) {
+        close(go[0]);
+        close(go[1]);
+        return;
+    }
+    m_pid = fork();
+    if (m_pid == 0) {
+        close(go[1]);
+        close(ready[0]);
+        char c = 0;
+        if (read(go[0], &c, 1) != 1) {
+            _exit(90);
+        }
+        _exit(body(ready[1]));
+    }
+    close(go[0]);
+    close(ready[1]);
+    m_goFd = go[1];
+    m_readyFd = ready[0];
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (m_pid > 0 && !m_reaped) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    if (m_goFd >= 0) {
+        close(m_goFd);
+    }
+    if (m_readyFd >= 0) {
+        close(m_readyFd);
+    }
+}
+
+bool ChildProcess::Go() const
+{
+    char c = 'g';
+    return write(m_goFd, &c, 1) == 1;
+}
+
+bool ChildProcess::WaitReady() const
+{
+    char c = 0;
+    return read(m_readyFd, &c, 1) == 1;
+}
+
+int ChildProcess::Wait(int timeoutMs)
+{
+    const int64_t deadline = g_get_monotonic_time() + static_cast<int64_t>(timeoutMs) * 1000;
+    while (g_get_monotonic_time() < deadline) {
+        int status = 0;
+        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            m_reaped = true;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        g_usleep(10000);
+    }
+    return -1;
+}
+
+void ChildProcess::SignalReady(int readyFd)
+{
+    char c = 'r';
+    if (write(readyFd, &c, 1) != 1) {
+        _exit(91);
+    }
+}
+
+bool IterateMainContextUntil(const std::function<bool()>& done, int timeoutMs)
+{
+    const int64_t deadline = g_get_monotonic_time() + static_cast<int64_t>(timeoutMs) * 1000;
+    while (!done()) {
+        if (g_get_monotonic_time() >= deadline) {
+            return done();
+        }
+        /* Wake up now and then: `done` may depend on other threads. */
+        GSource* tick = g_timeout_source_new(10);
+        g_source_set_callback(tick, [](gpointer) -> gboolean { return G_SOURCE_REMOVE; }, nullptr, nullptr);
+        g_source_attach(tick, nullptr);
+        g_main_context_iteration(nullptr, TRUE);
+        g_source_destroy(tick);
+        g_source_unref(tick);
+    }
+    return true;
 }
 
 }  // namespace test

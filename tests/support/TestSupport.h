@@ -6,6 +6,7 @@
 #define TILVANE_TEST_SUPPORT_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,61 @@ public:
 private:
     TempDir m_root;
 };
+
+/* ---- message bus ----------------------------------------------------------- */
+
+/* A dbus-daemon of its own for one test: started by the constructor, which
+ * points DBUS_SESSION_BUS_ADDRESS at it, and killed by the destructor, which
+ * puts the variable back. Start it before anything connects to the bus. */
+class PrivateBus
+{
+public:
+    PrivateBus();
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+    bool IsRunning() const { return !m_address.empty(); }
+    const std::string& Address() const { return m_address; }
+
+private:
+    int m_pid;
+    std::string m_address;
+    bool m_hadAddress;
+    std::string m_previousAddress;
+};
+
+/* A forked copy of the test process that runs `body` and exits with its
+ * result. The child waits for Go() before it starts, so that the parent can
+ * get ready first; it may write its ready byte (SignalReady) for WaitReady().
+ * Fork before this process opens its own bus connection: the child must not
+ * inherit one. The destructor kills a child that is still running. */
+class ChildProcess
+{
+public:
+    explicit ChildProcess(const std::function<int(int readyFd)>& body);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    bool Started() const { return m_pid > 0; }
+    bool Go() const;
+    bool WaitReady() const;
+    /* The exit code (128 + signal when killed), or -1 when it did not end in time. */
+    int Wait(int timeoutMs);
+    static void SignalReady(int readyFd);
+
+private:
+    int m_pid = -1;
+    bool m_reaped = false;
+    int m_goFd = -1;
+    int m_readyFd = -1;
+};
+
+/* Runs the GLib default main context (where message-port callbacks are
+ * delivered) until `done` returns true or `timeoutMs` of real time pass;
+ * returns `done`'s last answer. */
+bool IterateMainContextUntil(const std::function<bool()>& done, int timeoutMs);
 
 }  // namespace test
 }  // namespace tilvane

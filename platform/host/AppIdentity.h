@@ -1,0 +1,29 @@
+/*
+ * The application id a process runs as, and the bus name that stands for an
+ * application id on the message bus. Internal to the host platform; tests use
+ * the functions of host_control.h.
+ */
+#ifndef TILVANE_PLATFORM_APP_IDENTITY_H
+#define TILVANE_PLATFORM_APP_IDENTITY_H
+
+#include <string>
+
+namespace tilvane {
+namespace host {
+
+/* Every application's bus name starts with this, followed by its escaped id. */
+constexpr const char* kAppBusNamePrefix = "org.tilvane.App.A";
+/* The namespace of all application bus names (for NameOwnerChanged matches). */
+constexpr const char* kAppBusNameNamespace = "org.tilvane.App";
+
+/* The override set with SetOwnAppId, else TILVANE_APP_ID, else the program's
+ * short name. */
+std::string CurrentAppId();
+
+/* Forgets the override. */
+void ClearOwnAppIdOverride();
+
+}  // namespace host
+}  // namespace tilvane
+
+#endif

@@ -1,0 +1,722 @@
+/*
+ * Message ports on the host, over the D-Bus session bus (DBUS_SESSION_BUS_ADDRESS).
+ *
+ * Each process connects once, lazily, and owns the bus name of its application
+ * id (AppIdentity.h); it never queues for the name, so two processes cannot run
+ * as one application. It exports one object for all of its local ports:
+ *
+ *   path      /org/tilvane/MessagePort
+ *   interface org.tilvane.MessagePort
+ *     Deliver(s port, s senderApp, s senderPort, s message)  senderPort "" = none;
+ *                                                           message = bundle_encode text
+ *     HasPort(s port) -> (b exists)
+ *
+ * Sending is a Deliver call to the receiver's bus name; checking a port is a
+ * HasPort call. A name without an owner makes the bus answer ServiceUnknown at
+ * once, and a port that is not registered is answered with
+ * org.tilvane.MessagePort.Error.PortNotFound, so neither waits for a timeout.
+ *
+ * The sender's application id is taken from the bus: Deliver carries the id
+ * that the sender claims, and the receiver accepts it only when the bus says
+ * that the name of that id is owned by the connection the call came from
+ * (org.freedesktop.DBus.GetNameOwner). The answer is cached per unique name and
+ * forgotten when that connection loses an application name. A message that
+ * fails the check is logged and dropped, and the sender gets
+ * org.tilvane.MessagePort.Error.NotAuthorized.
+ *
+ * Calls to the exported object are answered on a thread of the platform with
+ * its own main context, so that an answer never waits for the application's
+ * loop (two applications sending to each other cannot deadlock). The message
+ * itself is handed to the port's callback through an idle source on the GLib
+ * default main context, the application's loop. A send to the process's own
+ * application id does not touch the bus: it goes straight to such a source.
+ */
+#include "message_port.h"
+
+#include <gio/gio.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AppIdentity.h"
+#include "GLibPtr.h"
+#include "HostState.h"
+#include "dlog.h"
+#include "host_control.h"
+
+namespace tilvane {
+namespace host {
+namespace {
+
+#define PORT_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
+#define PORT_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
+#define PORT_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
+
+constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
+constexpr char kInterface[] = "org.tilvane.MessagePort";
+constexpr char kErrorPortNotFound[] = "org.tilvane.MessagePort.Error.PortNotFound";
+constexpr char kErrorNotAuthorized[] = "org.tilvane.MessagePort.Error.NotAuthorized";
+constexpr char kErrorInvalidMessage[] = "org.tilvane.MessagePort.Error.InvalidMessage";
+/* Only a receiver that has stopped altogether makes a call wait this long. */
+constexpr int kCallTimeoutMs = 10000;
+/* org.freedesktop.DBus.RequestName flags and answers. */
+constexpr guint32 kNameFlagDoNotQueue = 0x4;
+constexpr guint32 kNamePrimaryOwner = 1;
+constexpr guint32 kNameAlreadyOwner = 4;
+
+constexpr char kIntrospection[] =
+    "<node>"
+    "  <interface name='org.tilvane.MessagePort'>"
+    "    <method name='Deliver'>"
+    "      <arg type='s' name='port' direction='in'/>"
+    "      <arg type='s' name='senderApp' direction='in'/>"
+    "      <arg type='s' name='senderPort' direction='in'/>"
+    "      <arg type='s' name='message' direction='in'/>"
+    "    </method>"
+    "    <method name='HasPort'>"
+    "      <arg type='s' name='port' direction='in'/>"
+    "      <arg type='b' name='exists' direction='out'/>"
+    "    </method>"
+    "  </interface>"
+    "</node>";
+
+struct LocalPort {
+    int id;
+    message_port_message_cb callback;
+    void* userData;
+};
+
+/* One connection to the bus with the thread that answers calls made on it. */
+struct Bus {
+    GDBusConnectionPtr connection;
+    GMainContextPtr context;
+    GMainLoopPtr loop;
+    GThread* thread = nullptr;
+    guint objectId = 0;
+    guint nameWatchId = 0;
+    std::string appId;
+    std::string busName;
+    bool ownsName = false;
+};
+
+struct PortState {
+    /* Taken while the connection is opened, its name requested or it is closed. */
+    std::mutex busMutex;
+    std::unique_ptr<Bus> bus;
+
+    /* Guards everything below; never held during a bus call. */
+    std::mutex mutex;
+    std::map<std::string, LocalPort> ports; /* by name */
+    int nextId = 1;
+    bool recording = false;
+    std::vector<SentMessage> sent;
+    /* Unique connection name -> the application id it was found to own. */
+    std::map<std::string, std::string> verifiedSenders;
+};
+
+PortState& ThePortState()
+{
+    static PortState* state = new PortState();
+    return *state;
+}
+
+GDBusInterfaceInfo* InterfaceInfo()
+{
+    static GDBusInterfaceInfo* info = [] {
+        ScopedError error;
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, error.Out());
+        GDBusInterfaceInfo* found = g_dbus_node_info_lookup_interface(node, kInterface);
+        g_dbus_interface_info_ref(found);
+        g_dbus_node_info_unref(node);
+        return found;
+    }();
+    return info;
+}
+
+bool FindPort(const std::string& name, LocalPort& port)
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.ports.find(name);
+    if (it == s.ports.end()) {
+        return false;
+    }
+    port = it->second;
+    return true;
+}
+
+bool FindPortName(int id, std::string& name)
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    for (const auto& entry : s.ports) {
+        if (entry.second.id == id) {
+            name = entry.first;
+            return true;
+        }
+    }
+    return false;
+}
+
+/* ---- delivery to a local callback, on the default main context ------------ */
+
+struct Delivery {
+    std::string port;
+    std::string senderApp;
+    bool hasSenderPort;
+    std::string senderPort;
+    bundle* message;
+};
+
+void FreeDelivery(gpointer data)
+{
+    Delivery* delivery = static_cast<Delivery*>(data);
+    bundle_free(delivery->message);
+    delete delivery;
+}
+
+gboolean DeliverToCallback(gpointer data)
+{
+    Delivery* delivery = static_cast<Delivery*>(data);
+    LocalPort port{};
+    /* Looked up again: the port may have gone, or changed its callback, since
+     * the message arrived. */
+    if (!FindPort(delivery->port, port)) {
+        PORT_LOGD("message for port %s dropped: the port was unregistered", delivery->port.c_str());
+        return G_SOURCE_REMOVE;
+    }
+    port.callback(port.id, delivery->senderApp.c_str(),
+                  delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message,
+                  port.userData);
+    return G_SOURCE_REMOVE;
+}
+
+/* Takes ownership of `message`. Safe from any thread. */
+void PostDelivery(const std::string& port, const std::string& senderApp, const char* senderPort, bundle* message)
+{
+    Delivery* delivery =
+        new Delivery{port, senderApp, senderPort != nullptr, senderPort != nullptr ? senderPort : "", message};
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, DeliverToCallback, delivery, FreeDelivery);
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+}
+
+/* ---- answering calls (the bus thread) -------------------------------------- */
+
+/* True when the connection `sender` owns the bus name of `claimedApp`. */
+bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp)
+{
+    if (sender == nullptr) {
+        return false;
+    }
+    PortState& s = ThePortState();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        auto it = s.verifiedSenders.find(sender);
+        if (it != s.verifiedSenders.end()) {
+            return it->second == claimedApp;
+        }
+    }
+    const std::string busName = BusNameForAppId(claimedApp);
+    if (busName.empty()) {
+        return false;
+    }
+    ScopedError error;
+    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "GetNameOwner",
+                                                  g_variant_new("(s)", busName.c_str()), G_VARIANT_TYPE("(s)"),
+                                                  G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, error.Out()));
+    if (!reply) {
+        return false; /* the name has no owner */
+    }
+    const gchar* owner = nullptr;
+    g_variant_get(reply.get(), "(&s)", &owner);
+    if (std::strcmp(owner, sender) != 0) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.verifiedSenders[sender] = claimedApp;
+    return true;
+}
+
+void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* parameters,
+               GDBusMethodInvocation* invocation)
+{
+    const gchar* port = nullptr;
+    const gchar* senderApp = nullptr;
+    const gchar* senderPort = nullptr;
+    const gchar* encoded = nullptr;
+    g_variant_get(parameters, "(&s&s&s&s)", &port, &senderApp, &senderPort, &encoded);
+
+    if (!SenderOwnsApp(connection, sender, senderApp)) {
+        PORT_LOGE("message for port %s dropped: sender %s does not own the name of application %s", port,
+                  sender != nullptr ? sender : "(none)", senderApp);
+        g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
+                                                   "the sender does not own the name of the application it claims");
+        return;
+    }
+    LocalPort local{};
+    if (!FindPort(port, local)) {
+        g_dbus_method_invocation_return_dbus_error(invocation, kErrorPortNotFound, "no such port");
+        return;
+    }
+    bundle* message = bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded)));
+    if (message == nullptr) {
+        PORT_LOGE("message for port %s from %s dropped: not a bundle", port, senderApp);
+        g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidMessage, "the message is not a bundle");
+        return;
+    }
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+    /* The answer is on its way before the callback can run: a receiver that
+     * ends from its callback must not make the sender see a failed send. */
+    g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+    PostDelivery(port, senderApp, *senderPort != '\0' ? senderPort : nullptr, message);
+}
+
+void OnMethodCallCB(GDBusConnection* connection, const gchar* sender, const gchar* /*objectPath*/,
+                    const gchar* /*interfaceName*/, const gchar* methodName, GVariant* parameters,
+                    GDBusMethodInvocation* invocation, gpointer /*userData*/)
+{
+    if (std::strcmp(methodName, "Deliver") == 0) {
+        OnDeliver(connection, sender, parameters, invocation);
+        return;
+    }
+    if (std::strcmp(methodName, "HasPort") == 0) {
+        const gchar* port = nullptr;
+        g_variant_get(parameters, "(&s)", &port);
+        LocalPort local{};
+        const bool exists = FindPort(port, local);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", exists));
+        return;
+    }
+    g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, "unknown method %s",
+                                          methodName);
+}
+
+/* A connection that loses an application name is no longer that application. */
+void OnNameOwnerChangedCB(GDBusConnection* /*connection*/, const gchar* /*senderName*/, const gchar* /*objectPath*/,
+                          const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters,
+                          gpointer /*userData*/)
+{
+    const gchar* name = nullptr;
+    const gchar* oldOwner = nullptr;
+    const gchar* newOwner = nullptr;
+    g_variant_get(parameters, "(&s&s&s)", &name, &oldOwner, &newOwner);
+    if (*oldOwner == '\0') {
+        return;
+    }
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.verifiedSenders.erase(oldOwner);
+}
+
+gpointer RunBusThread(gpointer data)
+{
+    Bus* bus = static_cast<Bus*>(data);
+    g_main_context_push_thread_default(bus->context.get());
+    g_main_loop_run(bus->loop.get());
+    g_main_context_pop_thread_default(bus->context.get());
+    return nullptr;
+}
+
+/* ---- the connection ---------------------------------------------------------- */
+
+gboolean QuitBusLoop(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_REMOVE;
+}
+
+void CloseBus(std::unique_ptr<Bus> bus)
+{
+    if (!bus) {
+        return;
+    }
+    if (bus->objectId != 0) {
+        g_dbus_connection_unregister_object(bus->connection.get(), bus->objectId);
+    }
+    if (bus->nameWatchId != 0) {
+        g_dbus_connection_signal_unsubscribe(bus->connection.get(), bus->nameWatchId);
+    }
+    if (!g_dbus_connection_is_closed(bus->connection.get())) {
+        g_dbus_connection_close_sync(bus->connection.get(), nullptr, nullptr);
+    }
+    if (bus->thread != nullptr) {
+        /* Through a source of its own context: a quit made before the thread
+         * has entered g_main_loop_run would be forgotten by it. */
+        GSource* stop = g_idle_source_new();
+        g_source_set_callback(stop, QuitBusLoop, bus->loop.get(), nullptr);
+        g_source_attach(stop, bus->context.get());
+        g_source_unref(stop);
+        g_thread_join(bus->thread);
+    }
+    /* Let the context release what the connection left on it. */
+    while (g_main_context_iteration(bus->context.get(), FALSE)) {
+    }
+    PORT_LOGD("bus connection of %s closed", bus->appId.c_str());
+}
+
+std::unique_ptr<Bus> OpenBus()
+{
+    const char* address = g_getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (address == nullptr || *address == '\0') {
+        PORT_LOGE("no message bus: DBUS_SESSION_BUS_ADDRESS is not set");
+        return nullptr;
+    }
+    std::unique_ptr<Bus> bus(new Bus());
+    bus->appId = CurrentAppId();
+    bus->busName = BusNameForAppId(bus->appId);
+    bus->context.reset(g_main_context_new());
+
+    /* Calls and signals are dispatched on the context that is the thread's
+     * default while they are registered: make it the bus thread's. */
+    g_main_context_push_thread_default(bus->context.get());
+    ScopedError error;
+    bus->connection.reset(g_dbus_connection_new_for_address_sync(
+        address,
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, error.Out()));
+    if (bus->connection) {
+        g_dbus_connection_set_exit_on_close(bus->connection.get(), FALSE);
+        static const GDBusInterfaceVTable vtable = {OnMethodCallCB, nullptr, nullptr, {nullptr}};
+        bus->objectId = g_dbus_connection_register_object(bus->connection.get(), kObjectPath, InterfaceInfo(),
+                                                          &vtable, nullptr, nullptr, error.Out());
+        bus->nameWatchId = g_dbus_connection_signal_subscribe(
+            bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+            "/org/freedesktop/DBus", kAppBusNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
+            OnNameOwnerChangedCB, nullptr, nullptr);
+    }
+    g_main_context_pop_thread_default(bus->context.get());
+
+    if (!bus->connection || bus->objectId == 0) {
+        PORT_LOGE("cannot use the message bus at %s: %s", address, error.Message());
+        return nullptr;
+    }
+    bus->loop.reset(g_main_loop_new(bus->context.get(), FALSE));
+    bus->thread = g_thread_new("tilvane-msgport", RunBusThread, bus.get());
+    PORT_LOGD("connected to the message bus as %s (%s)", bus->appId.c_str(),
+              g_dbus_connection_get_unique_name(bus->connection.get()));
+    return bus;
+}
+
+int OwnName(Bus& bus)
+{
+    if (bus.busName.empty()) {
+        PORT_LOGE("application id \"%s\" cannot own a bus name", bus.appId.c_str());
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    ScopedError error;
+    GVariantPtr reply(g_dbus_connection_call_sync(
+        bus.connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "RequestName", g_variant_new("(su)", bus.busName.c_str(), kNameFlagDoNotQueue), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, error.Out()));
+    if (!reply) {
+        PORT_LOGE("cannot request bus name %s: %s", bus.busName.c_str(), error.Message());
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    guint32 answer = 0;
+    g_variant_get(reply.get(), "(u)", &answer);
+    if (answer != kNamePrimaryOwner && answer != kNameAlreadyOwner) {
+        PORT_LOGE("application %s already runs on the bus (%s is owned by another process)", bus.appId.c_str(),
+                  bus.busName.c_str());
+        return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
+    }
+    bus.ownsName = true;
+    PORT_LOGD("owns bus name %s", bus.busName.c_str());
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+/* The connection, opened when needed, with the application's name owned when
+ * `needName`. Null with *result set when the bus cannot be used. */
+GDBusConnectionPtr Connection(bool needName, int* result)
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.busMutex);
+    if (s.bus && g_dbus_connection_is_closed(s.bus->connection.get())) {
+        PORT_LOGE("message bus connection lost; reconnecting");
+        CloseBus(std::move(s.bus));
+    }
+    if (!s.bus) {
+        s.bus = OpenBus();
+        if (!s.bus) {
+            *result = MESSAGE_PORT_ERROR_IO_ERROR;
+            return nullptr;
+        }
+    }
+    if (needName && !s.bus->ownsName) {
+        const int owned = OwnName(*s.bus);
+        if (owned != MESSAGE_PORT_ERROR_NONE) {
+            *result = owned;
+            return nullptr;
+        }
+    }
+    *result = MESSAGE_PORT_ERROR_NONE;
+    return GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
+}
+
+/* Turns a failed call's error into a message-port result. */
+int ResultOfCallError(const GError* error)
+{
+    GCharPtr remote(g_dbus_error_get_remote_error(error));
+    const std::string name = remote ? remote.get() : "";
+    if (name == "org.freedesktop.DBus.Error.ServiceUnknown" || name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
+        name == "org.freedesktop.DBus.Error.UnknownObject" || name == "org.freedesktop.DBus.Error.UnknownMethod" ||
+        name == kErrorPortNotFound) {
+        return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+    }
+    if (name == kErrorNotAuthorized) {
+        return MESSAGE_PORT_ERROR_CERTIFICATE_NOT_MATCH;
+    }
+    if (name == kErrorInvalidMessage) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    if (name == "org.freedesktop.DBus.Error.LimitsExceeded") {
+        return MESSAGE_PORT_ERROR_MAX_EXCEEDED;
+    }
+    if (name == "org.freedesktop.DBus.Error.NoMemory") {
+        return MESSAGE_PORT_ERROR_OUT_OF_MEMORY;
+    }
+    return MESSAGE_PORT_ERROR_IO_ERROR;
+}
+
+/* ---- sending ------------------------------------------------------------------ */
+
+void CollectEntryCB(const char* key, const char* value, void* data)
+{
+    static_cast<std::vector<std::pair<std::string, std::string>>*>(data)->emplace_back(key, value);
+}
+
+void Record(const char* appId, const char* port, const std::string& localPort, bundle* message, int result)
+{
+    PortState& s = ThePortState();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (!s.recording) {
+            return;
+        }
+    }
+    SentMessage sent{appId, port, localPort, {}, result, Now()};
+    bundle_iterate(message, CollectEntryCB, &sent.entries);
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.sent.push_back(std::move(sent));
+}
+
+int Deliver(const char* appId, const char* port, bundle* message, const std::string& localPort)
+{
+    if (appId == CurrentAppId()) {
+        LocalPort local{};
+        if (!FindPort(port, local)) {
+            return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+        }
+        bundle* copy = bundle_dup(message);
+        if (copy == nullptr) {
+            return MESSAGE_PORT_ERROR_OUT_OF_MEMORY;
+        }
+        PostDelivery(port, appId, localPort.empty() ? nullptr : localPort.c_str(), copy);
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    const std::string busName = BusNameForAppId(appId);
+    if (busName.empty()) {
+        return MESSAGE_PORT_ERROR_PORT_NOT_FOUND; /* no application can have that id */
+    }
+    bundle_raw* raw = nullptr;
+    int length = 0;
+    if (bundle_encode(message, &raw, &length) != BUNDLE_ERROR_NONE) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
+    bundle_free_encoded_rawdata(&raw);
+
+    int result = MESSAGE_PORT_ERROR_NONE;
+    GDBusConnectionPtr connection = Connection(true, &result);
+    if (!connection) {
+        return result;
+    }
+    const std::string self = CurrentAppId();
+    ScopedError error;
+    GVariantPtr reply(g_dbus_connection_call_sync(
+        connection.get(), busName.c_str(), kObjectPath, kInterface, "Deliver",
+        g_variant_new("(ssss)", port, self.c_str(), localPort.c_str(), encoded.c_str()), G_VARIANT_TYPE("()"),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, error.Out()));
+    if (!reply) {
+        result = ResultOfCallError(error.Get());
+        PORT_LOGD("message to %s/%s not delivered (%d): %s", appId, port, result, error.Message());
+        return result;
+    }
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+int SendMessage(const char* function, const char* appId, const char* port, bundle* message,
+                const std::string& localPort)
+{
+    int result = ShouldFail(function) ? MESSAGE_PORT_ERROR_IO_ERROR : Deliver(appId, port, message, localPort);
+    Record(appId, port, localPort, message, result);
+    return result;
+}
+
+}  // namespace
+
+void ResetMessagePorts()
+{
+    PortState& s = ThePortState();
+    {
+        std::lock_guard<std::mutex> lock(s.busMutex);
+        CloseBus(std::move(s.bus));
+    }
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.ports.clear();
+        s.nextId = 1;
+        s.recording = false;
+        s.sent.clear();
+        s.verifiedSenders.clear();
+    }
+    ClearOwnAppIdOverride();
+}
+
+void RecordSentMessages(bool on)
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.recording = on;
+}
+
+std::vector<SentMessage> SentMessages()
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.sent;
+}
+
+void ClearSentMessages()
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.sent.clear();
+}
+
+}  // namespace host
+}  // namespace tilvane
+
+using namespace tilvane::host;
+
+extern "C" int message_port_register_local_port(const char* local_port, message_port_message_cb callback,
+                                                void* user_data)
+{
+    if (local_port == nullptr || *local_port == '\0' || callback == nullptr) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    if (ShouldFail("message_port_register_local_port")) {
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    int result = MESSAGE_PORT_ERROR_NONE;
+    if (!Connection(true, &result)) {
+        return result;
+    }
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.ports.find(local_port);
+    if (it != s.ports.end()) {
+        it->second.callback = callback;
+        it->second.userData = user_data;
+        return it->second.id;
+    }
+    const int id = s.nextId++;
+    s.ports.emplace(local_port, LocalPort{id, callback, user_data});
+    PORT_LOGD("local port %s registered: %d", local_port, id);
+    return id;
+}
+
+extern "C" int message_port_unregister_local_port(int local_port_id)
+{
+    if (local_port_id <= 0) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    if (ShouldFail("message_port_unregister_local_port")) {
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    for (auto it = s.ports.begin(); it != s.ports.end(); ++it) {
+        if (it->second.id == local_port_id) {
+            PORT_LOGD("local port %s unregistered: %d", it->first.c_str(), local_port_id);
+            s.ports.erase(it);
+            return MESSAGE_PORT_ERROR_NONE;
+        }
+    }
+    return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+}
+
+extern "C" int message_port_send_message(const char* remote_app_id, const char* remote_port, bundle* message)
+{
+    if (remote_app_id == nullptr || *remote_app_id == '\0' || remote_port == nullptr || *remote_port == '\0' ||
+        message == nullptr) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    return SendMessage("message_port_send_message", remote_app_id, remote_port, message, std::string());
+}
+
+extern "C" int message_port_send_message_with_local_port(const char* remote_app_id, const char* remote_port,
+                                                         bundle* message, int local_port_id)
+{
+    if (remote_app_id == nullptr || *remote_app_id == '\0' || remote_port == nullptr || *remote_port == '\0' ||
+        message == nullptr || local_port_id <= 0) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    std::string localPort;
+    if (!FindPortName(local_port_id, localPort)) {
+        return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+    }
+    return SendMessage("message_port_send_message_with_local_port", remote_app_id, remote_port, message, localPort);
+}
+
+extern "C" int message_port_check_remote_port(const char* remote_app_id, const char* remote_port, bool* exist)
+{
+    if (remote_app_id == nullptr || *remote_app_id == '\0' || remote_port == nullptr || *remote_port == '\0' ||
+        exist == nullptr) {
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
+    if (ShouldFail("message_port_check_remote_port")) {
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    if (remote_app_id == CurrentAppId()) {
+        LocalPort local{};
+        *exist = FindPort(remote_port, local);
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    const std::string busName = BusNameForAppId(remote_app_id);
+    if (busName.empty()) {
+        *exist = false;
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    int result = MESSAGE_PORT_ERROR_NONE;
+    GDBusConnectionPtr connection = Connection(false, &result);
+    if (!connection) {
+        return result;
+    }
+    ScopedError error;
+    GVariantPtr reply(g_dbus_connection_call_sync(connection.get(), busName.c_str(), kObjectPath, kInterface,
+                                                  "HasPort", g_variant_new("(s)", remote_port), G_VARIANT_TYPE("(b)"),
+                                                  G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr,
+                                                  error.Out()));
+    if (!reply) {
+        if (ResultOfCallError(error.Get()) == MESSAGE_PORT_ERROR_PORT_NOT_FOUND) {
+            *exist = false;
+            return MESSAGE_PORT_ERROR_NONE;
+        }
+        PORT_LOGE("cannot check port %s of %s: %s", remote_port, remote_app_id, error.Message());
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    gboolean found = FALSE;
+    g_variant_get(reply.get(), "(b)", &found);
+    *exist = found != FALSE;
+    return MESSAGE_PORT_ERROR_NONE;
+}
