@@ -38,6 +38,7 @@ public:
             close(fd);
             setenv("TILVANE_PLATFORM_ROOT", root.c_str(), 1);
             setenv("TILVANE_LOG_LEVEL", "D", 1);
+            setenv("TILVANE_APP_ID", "com.quillon.px.tilvane", 1);
             execl(TILVANE_SERVICE_BINARY, TILVANE_SERVICE_BINARY, static_cast<char*>(nullptr));
             _exit(127);
         }
@@ -108,6 +109,8 @@ size_t Find(const std::string& log, const std::string& text, size_t from = 0)
 class ServiceProcessTest : public ::testing::Test
 {
 protected:
+    // Every service process of a test runs on this bus.
+    tilvane::test::PrivateBus m_bus;
     TempDir m_root;
     TempDir m_logs;
 

@@ -3,8 +3,13 @@
 #include <string>
 #include <vector>
 
+#include <bundle.h>
+#include <message_port.h>
+
+#include "MessageHelper.h"
 #include "TestSupport.h"
 #include "TilesProvider.h"
+#include "TilesProviderTestAccess.h"
 
 using tilvane::host::LogLine;
 using tilvane::test::CountLines;
@@ -20,7 +25,11 @@ namespace {
 class TilesProviderTest : public ::testing::Test
 {
 protected:
-    void TearDown() override { CTilesProvider::ReleaseInstance(); }
+    void TearDown() override { ReleaseProvider(); }
+
+    /* ReleaseInstance, also freeing the message helper the service keeps for
+     * the process's life. */
+    static void ReleaseProvider() { CTilesProviderTestAccess::ReleaseInstanceAndMessageHelper(); }
 
     std::string DatabasePath() const { return m_sandbox.DatabaseDirectory() + ".preview.db"; }
 
@@ -30,12 +39,14 @@ protected:
     void CreateHealthyDatabaseWithOneAccelerator()
     {
         CTilesProvider::GetInstance();
-        CTilesProvider::ReleaseInstance();
+        ReleaseProvider();
         RawDatabase db(DatabasePath());
         ASSERT_EQ(db.Exec("INSERT INTO accelerators (accelerator_app_pkg_name) VALUES ('pkg.kept')"), 0);
     }
 
     PlatformSandbox m_sandbox;
+    // The provider registers its preview-event port at start.
+    tilvane::test::PrivateBus m_bus;
 };
 
 TEST_F(TilesProviderTest, GetInstanceTwiceReturnsTheSameObjectBuiltOnce)
@@ -63,7 +74,7 @@ TEST_F(TilesProviderTest, GetInstanceAfterReleaseBuildsAFreshInstance)
 {
     tilvane::host::UseVirtualClock(true);
     CTilesProvider::GetInstance();
-    CTilesProvider::ReleaseInstance();
+    ReleaseProvider();
     EXPECT_EQ(CountLines("tilvane-content", "database closed: " + DatabasePath()), 1);
 
     CTilesProvider* fresh = CTilesProvider::GetInstance();
@@ -187,13 +198,50 @@ TEST_F(TilesProviderTest, DestructionClosesTheDatabaseBeforeDeletingTheLock)
     CTilesProvider::GetInstance();
     tilvane::host::ClearCapturedLog();
 
-    CTilesProvider::ReleaseInstance();
+    ReleaseProvider();
 
     int closed = IndexOfLine("database closed: " + DatabasePath());
     int lockGone = IndexOfLine("lock destroyed: CTilesProviderLock");
     ASSERT_GE(closed, 0);
     ASSERT_GE(lockGone, 0);
     EXPECT_LT(closed, lockGone);
+}
+
+TEST_F(TilesProviderTest, StartRegistersThePreviewEventPortAndSubscribesTheDownloadManager)
+{
+    tilvane::host::UseVirtualClock(true);
+    tilvane::host::SetOwnAppId("com.quillon.px.tilvane");
+    CTilesProvider* provider = CTilesProvider::GetInstance();
+
+    bool exists = false;
+    ASSERT_EQ(message_port_check_remote_port("com.quillon.px.tilvane", "preview-event-receiver", &exists), 0);
+    EXPECT_TRUE(exists);
+    CMessageHelper* helper = CTilesProviderTestAccess::SyncEventHelper(provider);
+    ASSERT_NE(helper, nullptr);
+    EXPECT_NE(CTilesProviderTestAccess::PermissionHelper(provider), nullptr);
+    // Init subscribed the download manager: a send now tries it (and finds it absent).
+    bundle* event = bundle_create();
+    bundle_add_str(event, "sync", "end");
+    EXPECT_EQ(helper->Send(event, false), -22);
+    bundle_free(event);
+    EXPECT_EQ(CountLines("tilvane", "Target AppID [DownloadManager] or port [image_update_db] is not exist"), 1);
+}
+
+/* The message helper and its port live until the process ends: releasing the
+ * provider does not take the port down. */
+TEST_F(TilesProviderTest, ReleaseLeavesThePreviewEventPortRegistered)
+{
+    tilvane::host::UseVirtualClock(true);
+    tilvane::host::SetOwnAppId("com.quillon.px.tilvane");
+    CTilesProvider* provider = CTilesProvider::GetInstance();
+    CMessageHelper* helper = CTilesProviderTestAccess::SyncEventHelper(provider);
+
+    CTilesProvider::ReleaseInstance();
+
+    bool exists = false;
+    ASSERT_EQ(message_port_check_remote_port("com.quillon.px.tilvane", "preview-event-receiver", &exists), 0);
+    EXPECT_TRUE(exists);
+    delete helper;
 }
 
 }  // namespace
