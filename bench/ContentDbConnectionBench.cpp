@@ -1,16 +1,14 @@
 /*
  * Inserting and selecting tiles through the content library, against raw
  * SQLite doing the same work with one reused prepared statement, in the same
- * run. After the runs the ratios library / raw are printed.
+ * run (bench/BenchMain.cpp prints the ratios).
  */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -248,50 +246,4 @@ BENCHMARK(BM_InsertTiles_RawSQLite)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SelectTiles_Library)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SelectTiles_RawSQLite)->Unit(benchmark::kMicrosecond);
 
-/* Prints the usual console table, and keeps each run's time per iteration. */
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-                m_secondsPerIteration[run.benchmark_name()] =
-                    run.real_accumulated_time / static_cast<double>(run.iterations);
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void PrintRatio(const std::string& what, const std::string& library, const std::string& raw) const
-    {
-        auto lib = m_secondsPerIteration.find(library);
-        auto base = m_secondsPerIteration.find(raw);
-        if (lib == m_secondsPerIteration.end() || base == m_secondsPerIteration.end() || base->second <= 0) {
-            return;
-        }
-        std::printf("ratio %-28s library / raw SQLite = %.2f  (%.3f ms vs %.3f ms per %d rows)\n", what.c_str(),
-                    lib->second / base->second, lib->second * 1e3, base->second * 1e3, kRowsPerBatch);
-    }
-
-private:
-    std::map<std::string, double> m_secondsPerIteration;
-};
-
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    // Keep the library's debug lines out of the figures unless asked for.
-    setenv("TILVANE_LOG_LEVEL", "W", 0);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatio("insert (one transaction)", "BM_InsertTiles_Library", "BM_InsertTiles_RawSQLite");
-    reporter.PrintRatio("select (bound argument)", "BM_SelectTiles_Library", "BM_SelectTiles_RawSQLite");
-    benchmark::Shutdown();
-    return 0;
-}

@@ -1,0 +1,76 @@
+/*
+ * The benchmark program: runs every registered benchmark, prints the usual
+ * table, then one line per pair of a measured path and its baseline from the
+ * same run, as the ratio of their times per iteration.
+ */
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+class RatioReporter : public benchmark::ConsoleReporter
+{
+public:
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& run : runs) {
+            if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
+                m_secondsPerIteration[run.benchmark_name()] =
+                    run.real_accumulated_time / static_cast<double>(run.iterations);
+            }
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    /* "ratio <what>: <measured> / <baseline> = r (a vs b per iteration)". Pairs
+     * not run (filtered out) print nothing. */
+    void PrintRatio(const std::string& what, const std::string& measured, const std::string& baseline,
+                    const std::string& baselineName) const
+    {
+        auto path = m_secondsPerIteration.find(measured);
+        auto base = m_secondsPerIteration.find(baseline);
+        if (path == m_secondsPerIteration.end() || base == m_secondsPerIteration.end() || base->second <= 0) {
+            return;
+        }
+        std::printf("ratio %-34s / %-22s = %5.2f  (%.1f us vs %.1f us per iteration)\n", what.c_str(),
+                    baselineName.c_str(), path->second / base->second, path->second * 1e6, base->second * 1e6);
+    }
+
+private:
+    std::map<std::string, double> m_secondsPerIteration;
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // Keep debug lines out of the figures unless asked for.
+    setenv("TILVANE_LOG_LEVEL", "W", 0);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+
+    // bench/ContentDbConnectionBench.cpp: 1000 tiles per iteration.
+    reporter.PrintRatio("insert 1000 tiles (one transaction)", "BM_InsertTiles_Library", "BM_InsertTiles_RawSQLite",
+                        "raw SQLite");
+    reporter.PrintRatio("select 1000 tiles", "BM_SelectTiles_Library", "BM_SelectTiles_RawSQLite", "raw SQLite");
+    // bench/PermissionBench.cpp: read level + tiles filter, 50 sections.
+    reporter.PrintRatio("read level + tiles query", "BM_PermissionTilesRead_Helper", "BM_PermissionTilesRead_RawSQLite",
+                        "its raw SQLite selects");
+    // bench/EventBench.cpp: one event to N subscribers over the bus.
+    for (const char* subscribers : {"1", "10", "100"}) {
+        reporter.PrintRatio(std::string("event to ") + subscribers + " subscriber(s)",
+                            std::string("BM_EventSend_MessageHelper/") + subscribers + "/real_time",
+                            std::string("BM_EventSend_BarePort/") + subscribers + "/real_time", "bare port sends");
+    }
+    benchmark::Shutdown();
+    return 0;
+}
