@@ -20,6 +20,11 @@ constexpr const char* kAppBusNameNamespace = "org.tilvane.App";
  * short name. */
 std::string CurrentAppId();
 
+/* `prefix` followed by `text` with every byte outside [A-Za-z0-9] written as
+ * "_" and two lower-case hex digits; empty when `text` is empty or the name
+ * would pass the bus's 255-byte limit. */
+std::string EscapedBusName(const char* prefix, const std::string& text);
+
 /* Forgets the override. */
 void ClearOwnAppIdOverride();
 

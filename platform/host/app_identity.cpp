@@ -92,11 +92,11 @@ std::string OwnAppId()
     return CurrentAppId();
 }
 
-std::string BusNameForAppId(const std::string& appId)
+std::string EscapedBusName(const char* prefix, const std::string& text)
 {
     static const char kHex[] = "0123456789abcdef";
-    std::string name(kAppBusNamePrefix);
-    for (char c : appId) {
+    std::string name(prefix);
+    for (char c : text) {
         const unsigned char byte = static_cast<unsigned char>(c);
         if (IsKept(byte)) {
             name.push_back(c);
@@ -106,10 +106,15 @@ std::string BusNameForAppId(const std::string& appId)
             name.push_back(kHex[byte & 0x0f]);
         }
     }
-    if (appId.empty() || name.size() > kMaxBusNameLength) {
+    if (text.empty() || name.size() > kMaxBusNameLength) {
         return std::string();
     }
     return name;
+}
+
+std::string BusNameForAppId(const std::string& appId)
+{
+    return EscapedBusName(kAppBusNamePrefix, appId);
 }
 
 bool AppIdForBusName(const std::string& busName, std::string& appId)

@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "AppIdentity.h"
+#include "BusConnection.h"
 #include "GLibPtr.h"
 #include "HostState.h"
 #include "dlog.h"
@@ -345,6 +346,7 @@ void CloseBus(std::unique_ptr<Bus> bus)
     if (bus->nameWatchId != 0) {
         g_dbus_connection_signal_unsubscribe(bus->connection.get(), bus->nameWatchId);
     }
+    UnregisterRequestRoadObjects(bus->connection.get());
     if (!g_dbus_connection_is_closed(bus->connection.get())) {
         g_dbus_connection_close_sync(bus->connection.get(), nullptr, nullptr);
     }
@@ -393,6 +395,8 @@ std::unique_ptr<Bus> OpenBus()
             bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
             "/org/freedesktop/DBus", kAppBusNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
             OnNameOwnerChangedCB, nullptr, nullptr);
+        /* The request roads answer on the same thread. */
+        RegisterRequestRoadObjects(bus->connection.get());
     }
     g_main_context_pop_thread_default(bus->context.get());
 
@@ -563,6 +567,16 @@ int SendMessage(const char* function, const char* appId, const char* port, bundl
 }
 
 }  // namespace
+
+GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
+{
+    return Connection(needAppName, messagePortResult);
+}
+
+bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId)
+{
+    return SenderOwnsApp(connection, sender, appId);
+}
 
 void ResetMessagePorts()
 {

@@ -11,6 +11,7 @@
 
 #include "ContentProviderParam.h"
 #include "content/ContentLog.h"
+#include "BusConnection.h"
 
 namespace tilvane {
 namespace content {
@@ -52,17 +53,20 @@ bool Register(const char* function, RequestKind kind, std::string uri, Callback 
         CONTENT_LOGE("%s: %s", function, uri.empty() ? "no URI" : "no callback");
         return false;
     }
-    Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> lock(registry.mutex);
-    Registration registration;
-    registration.callback = reinterpret_cast<AnyCallback>(callback);
-    registration.userData = userData;
-    auto inserted = registry.entries.emplace(Key(kind, uri), registration);
-    if (!inserted.second) {
-        CONTENT_LOGE("%s: %s already has a %s callback", function, uri.c_str(), RequestKindName(kind));
-        return false;
+    {
+        Registry& registry = TheRegistry();
+        std::lock_guard<std::mutex> lock(registry.mutex);
+        Registration registration;
+        registration.callback = reinterpret_cast<AnyCallback>(callback);
+        registration.userData = userData;
+        auto inserted = registry.entries.emplace(Key(kind, uri), registration);
+        if (!inserted.second) {
+            CONTENT_LOGE("%s: %s already has a %s callback", function, uri.c_str(), RequestKindName(kind));
+            return false;
+        }
+        CONTENT_LOGD("%s callback registered for %s", RequestKindName(kind), uri.c_str());
     }
-    CONTENT_LOGD("%s callback registered for %s", RequestKindName(kind), uri.c_str());
+    tilvane::host::ContentCallbackRegistered(uri);
     return true;
 }
 
@@ -72,13 +76,16 @@ bool Unregister(const char* function, RequestKind kind, const std::string& uri)
         CONTENT_LOGE("%s(%s) failed on purpose", function, uri.c_str());
         return false;
     }
-    Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> lock(registry.mutex);
-    if (registry.entries.erase(Key(kind, uri)) == 0) {
-        CONTENT_LOGI("%s: %s has no %s callback", function, uri.c_str(), RequestKindName(kind));
-        return false;
+    {
+        Registry& registry = TheRegistry();
+        std::lock_guard<std::mutex> lock(registry.mutex);
+        if (registry.entries.erase(Key(kind, uri)) == 0) {
+            CONTENT_LOGI("%s: %s has no %s callback", function, uri.c_str(), RequestKindName(kind));
+            return false;
+        }
+        CONTENT_LOGD("%s callback unregistered for %s", RequestKindName(kind), uri.c_str());
     }
-    CONTENT_LOGD("%s callback unregistered for %s", RequestKindName(kind), uri.c_str());
+    tilvane::host::ContentCallbackUnregistered(uri);
     return true;
 }
 
@@ -134,9 +141,12 @@ size_t RegisteredCount()
 
 void ClearRegistrations()
 {
-    Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> lock(registry.mutex);
-    registry.entries.clear();
+    {
+        Registry& registry = TheRegistry();
+        std::lock_guard<std::mutex> lock(registry.mutex);
+        registry.entries.clear();
+    }
+    tilvane::host::ContentCallbacksCleared();
 }
 
 namespace {

@@ -1,0 +1,59 @@
+/*
+ * The process's one connection to the message bus, shared by the message
+ * ports and the request roads. Internal to the host platform.
+ *
+ * The connection is opened lazily by message_port.cpp; calls made to objects
+ * exported on it are answered on the platform's bus thread. The request roads
+ * (request_roads.cpp) export their objects on the same connection and use the
+ * same sender check as the message ports.
+ */
+#ifndef TILVANE_PLATFORM_BUS_CONNECTION_H
+#define TILVANE_PLATFORM_BUS_CONNECTION_H
+
+#include <string>
+
+#include "GLibPtr.h"
+
+namespace tilvane {
+namespace host {
+
+/* The connection, opened when needed, owning the application's own bus name
+ * when `needAppName`. Null, with a MESSAGE_PORT_ERROR_* in *messagePortResult,
+ * when the bus cannot be used. */
+GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult);
+
+/* True when the connection `sender` (a unique name) owns the bus name of the
+ * application `appId`; answers are cached as the message ports cache them. */
+bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId);
+
+/* Owned by request_roads.cpp: called by message_port.cpp on the bus thread's
+ * context while the connection is opened, and before it is closed. */
+void RegisterRequestRoadObjects(GDBusConnection* connection);
+void UnregisterRequestRoadObjects(GDBusConnection* connection);
+
+/* Owned by request_roads.cpp: the content library tells the road that a
+ * callback for `uri` was registered or removed, or that all were cleared, so
+ * that the bus name of the URI's authority is owned while one is left. */
+void ContentCallbackRegistered(const std::string& uri);
+void ContentCallbackUnregistered(const std::string& uri);
+void ContentCallbacksCleared();
+
+/* The authority of "scheme://authority/path" ("authority" alone when there is
+ * no scheme). */
+std::string AuthorityOf(const std::string& uri);
+
+/* Bus names of the providers of an authority on each road; empty when the
+ * authority cannot make a bus name. */
+std::string DataControlBusName(const std::string& authority);
+std::string ContentBusName(const std::string& authority);
+
+/* True when this process owns `busName` for one of its roads. */
+bool OwnsRoadBusName(const std::string& busName);
+
+/* The introspection XML of both request-road interfaces, as the code parses it. */
+const char* RequestRoadsIntrospectionXml();
+
+}  // namespace host
+}  // namespace tilvane
+
+#endif

@@ -1,0 +1,62 @@
+/*
+ * Rows on the wire: one byte string for a whole select result.
+ *
+ *   u8  format (1)
+ *   u32 column count, then per column: u32 length, name bytes
+ *   u32 row count
+ *   per row, per cell: u8 tag, then
+ *     0 NULL     nothing
+ *     1 INTEGER  8 bytes, signed, little-endian
+ *     2 REAL     8 bytes, IEEE 754 double, little-endian
+ *     3 TEXT     u32 length, bytes
+ *     4 BLOB     u32 length, bytes
+ * All u32 are little-endian. Internal to the host platform.
+ */
+#ifndef TILVANE_PLATFORM_ROW_CODEC_H
+#define TILVANE_PLATFORM_ROW_CODEC_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tilvane_client.h"
+
+struct sqlite3_stmt;
+class ISQLiteCursor;
+
+namespace tilvane {
+namespace host {
+
+constexpr uint8_t kRowFormat = 1;
+enum RowTag : uint8_t { kTagNull = 0, kTagInteger = 1, kTagReal = 2, kTagText = 3, kTagBlob = 4 };
+
+class RowEncoder {
+public:
+    explicit RowEncoder(const std::vector<std::string>& columns);
+    void Null() { m_bytes.push_back(static_cast<char>(kTagNull)); }
+    void Integer(int64_t value);
+    void Real(double value);
+    void Text(const char* data, size_t length);
+    void Blob(const void* data, size_t length);
+    void EndRow() { ++m_rows; }
+    /* The finished encoding (row count filled in). */
+    std::string Finish();
+
+private:
+    void PutU32(uint32_t value);
+    std::string m_bytes;
+    size_t m_rowCountAt = 0;
+    uint32_t m_rows = 0;
+};
+
+/* Steps `statement` to its end and encodes its rows. False when SQLite fails. */
+bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded);
+/* Steps `cursor` to its end and encodes its rows. False when it fails. */
+bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded);
+/* False for a malformed encoding. */
+bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows);
+
+}  // namespace host
+}  // namespace tilvane
+
+#endif

@@ -1,0 +1,309 @@
+/*
+ * The encoding of select results that both request roads send (RowCodec.h).
+ */
+#include "RowCodec.h"
+
+#include <sqlite3.h>
+
+#include <cstring>
+
+#include "SQLiteCursor.h"
+
+namespace tilvane {
+namespace host {
+
+RowEncoder::RowEncoder(const std::vector<std::string>& columns)
+{
+    m_bytes.push_back(static_cast<char>(kRowFormat));
+    PutU32(static_cast<uint32_t>(columns.size()));
+    for (const std::string& name : columns) {
+        PutU32(static_cast<uint32_t>(name.size()));
+        m_bytes.append(name);
+    }
+    m_rowCountAt = m_bytes.size();
+    PutU32(0);
+}
+
+void RowEncoder::PutU32(uint32_t value)
+{
+    for (int i = 0; i < 4; ++i) {
+        m_bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
+    }
+}
+
+void RowEncoder::Integer(int64_t value)
+{
+    m_bytes.push_back(static_cast<char>(kTagInteger));
+    const uint64_t bits = static_cast<uint64_t>(value);
+    for (int i = 0; i < 8; ++i) {
+        m_bytes.push_back(static_cast<char>((bits >> (8 * i)) & 0xff));
+    }
+}
+
+void RowEncoder::Real(double value)
+{
+    m_bytes.push_back(static_cast<char>(kTagReal));
+    uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    for (int i = 0; i < 8; ++i) {
+        m_bytes.push_back(static_cast<char>((bits >> (8 * i)) & 0xff));
+    }
+}
+
+void RowEncoder::Text(const char* data, size_t length)
+{
+    m_bytes.push_back(static_cast<char>(kTagText));
+    PutU32(static_cast<uint32_t>(length));
+    m_bytes.append(data, length);
+}
+
+void RowEncoder::Blob(const void* data, size_t length)
+{
+    m_bytes.push_back(static_cast<char>(kTagBlob));
+    PutU32(static_cast<uint32_t>(length));
+    if (length > 0) {
+        m_bytes.append(static_cast<const char*>(data), length);
+    }
+}
+
+std::string RowEncoder::Finish()
+{
+    for (int i = 0; i < 4; ++i) {
+        m_bytes[m_rowCountAt + static_cast<size_t>(i)] = static_cast<char>((m_rows >> (8 * i)) & 0xff);
+    }
+    return std::move(m_bytes);
+}
+
+bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded)
+{
+    const int count = sqlite3_column_count(statement);
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        const char* name = sqlite3_column_name(statement, i);
+        names.emplace_back(name != nullptr ? name : "");
+    }
+    RowEncoder encoder(names);
+    for (;;) {
+        const int step = sqlite3_step(statement);
+        if (step == SQLITE_DONE) {
+            break;
+        }
+        if (step != SQLITE_ROW) {
+            return false;
+        }
+        for (int i = 0; i < count; ++i) {
+            switch (sqlite3_column_type(statement, i)) {
+            case SQLITE_INTEGER:
+                encoder.Integer(sqlite3_column_int64(statement, i));
+                break;
+            case SQLITE_FLOAT:
+                encoder.Real(sqlite3_column_double(statement, i));
+                break;
+            case SQLITE_TEXT: {
+                const unsigned char* text = sqlite3_column_text(statement, i);
+                encoder.Text(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(statement, i)));
+                break;
+            }
+            case SQLITE_BLOB: {
+                const void* blob = sqlite3_column_blob(statement, i);
+                encoder.Blob(blob, static_cast<size_t>(sqlite3_column_bytes(statement, i)));
+                break;
+            }
+            default:
+                encoder.Null();
+                break;
+            }
+        }
+        encoder.EndRow();
+    }
+    encoded = encoder.Finish();
+    return true;
+}
+
+bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
+{
+    const int count = cursor.GetColumnCount();
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        names.push_back(cursor.GetColumnName(i));
+    }
+    RowEncoder encoder(names);
+    for (;;) {
+        const int step = cursor.Step();
+        if (step == ISQLiteCursor::STEP_DONE) {
+            break;
+        }
+        if (step != ISQLiteCursor::STEP_ROW) {
+            return false;
+        }
+        for (int i = 0; i < count; ++i) {
+            switch (cursor.GetColumnType(i)) {
+            case SQLITE_INTEGER: {
+                int64_t value = 0;
+                cursor.GetInt64(i, value);
+                encoder.Integer(value);
+                break;
+            }
+            case SQLITE_FLOAT: {
+                double value = 0.0;
+                cursor.GetDouble(i, value);
+                encoder.Real(value);
+                break;
+            }
+            case SQLITE_TEXT: {
+                std::string value;
+                cursor.GetString(i, value);
+                encoder.Text(value.data(), value.size());
+                break;
+            }
+            case SQLITE_BLOB: {
+                std::vector<unsigned char> value;
+                cursor.GetBlob(i, value);
+                encoder.Blob(value.data(), value.size());
+                break;
+            }
+            default:
+                encoder.Null();
+                break;
+            }
+        }
+        encoder.EndRow();
+    }
+    encoded = encoder.Finish();
+    return true;
+}
+
+namespace {
+
+class Reader {
+public:
+    Reader(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    bool U8(uint8_t& value)
+    {
+        if (m_at + 1 > m_size) {
+            return false;
+        }
+        value = m_data[m_at++];
+        return true;
+    }
+    bool U32(uint32_t& value)
+    {
+        if (m_at + 4 > m_size) {
+            return false;
+        }
+        value = 0;
+        for (int i = 0; i < 4; ++i) {
+            value |= static_cast<uint32_t>(m_data[m_at + static_cast<size_t>(i)]) << (8 * i);
+        }
+        m_at += 4;
+        return true;
+    }
+    bool U64(uint64_t& value)
+    {
+        if (m_at + 8 > m_size) {
+            return false;
+        }
+        value = 0;
+        for (int i = 0; i < 8; ++i) {
+            value |= static_cast<uint64_t>(m_data[m_at + static_cast<size_t>(i)]) << (8 * i);
+        }
+        m_at += 8;
+        return true;
+    }
+    bool Bytes(size_t length, const uint8_t*& start)
+    {
+        if (length > m_size - m_at) {
+            return false;
+        }
+        start = m_data + m_at;
+        m_at += length;
+        return true;
+    }
+    bool AtEnd() const { return m_at == m_size; }
+
+private:
+    const uint8_t* m_data;
+    size_t m_size;
+    size_t m_at = 0;
+};
+
+}  // namespace
+
+bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
+{
+    using client::Cell;
+    Reader reader(data, size);
+    uint8_t format = 0;
+    uint32_t columnCount = 0;
+    if (!reader.U8(format) || format != kRowFormat || !reader.U32(columnCount) || columnCount > size) {
+        return false;
+    }
+    rows.columns.clear();
+    rows.rows.clear();
+    for (uint32_t i = 0; i < columnCount; ++i) {
+        uint32_t length = 0;
+        const uint8_t* start = nullptr;
+        if (!reader.U32(length) || !reader.Bytes(length, start)) {
+            return false;
+        }
+        rows.columns.emplace_back(reinterpret_cast<const char*>(start), length);
+    }
+    uint32_t rowCount = 0;
+    if (!reader.U32(rowCount) || (columnCount > 0 && rowCount > size)) {
+        return false;
+    }
+    rows.rows.reserve(rowCount);
+    for (uint32_t r = 0; r < rowCount; ++r) {
+        std::vector<Cell> row(columnCount);
+        for (uint32_t c = 0; c < columnCount; ++c) {
+            Cell& cell = row[c];
+            uint8_t tag = 0;
+            if (!reader.U8(tag)) {
+                return false;
+            }
+            uint64_t bits = 0;
+            uint32_t length = 0;
+            const uint8_t* start = nullptr;
+            switch (tag) {
+            case kTagNull:
+                cell.type = Cell::Type::Null;
+                break;
+            case kTagInteger:
+                if (!reader.U64(bits)) {
+                    return false;
+                }
+                cell.type = Cell::Type::Integer;
+                cell.integer = static_cast<int64_t>(bits);
+                break;
+            case kTagReal:
+                if (!reader.U64(bits)) {
+                    return false;
+                }
+                cell.type = Cell::Type::Real;
+                std::memcpy(&cell.real, &bits, sizeof bits);
+                break;
+            case kTagText:
+                if (!reader.U32(length) || !reader.Bytes(length, start)) {
+                    return false;
+                }
+                cell.type = Cell::Type::Text;
+                cell.text.assign(reinterpret_cast<const char*>(start), length);
+                break;
+            case kTagBlob:
+                if (!reader.U32(length) || !reader.Bytes(length, start)) {
+                    return false;
+                }
+                cell.type = Cell::Type::Blob;
+                cell.blob.assign(start, start + length);
+                break;
+            default:
+                return false;
+            }
+        }
+        rows.rows.push_back(std::move(row));
+    }
+    return reader.AtEnd();
+}
+
+}  // namespace host
+}  // namespace tilvane

@@ -1,0 +1,99 @@
+/*
+ * Client side of the two request roads: the data-control road (provider id +
+ * data id) and the content library's road (content URI). Each call is one
+ * synchronous bus round trip, made as the process's own application id.
+ * Calls may come from any thread; a call to a provider served by the same
+ * process runs the GLib default main context while it waits when the calling
+ * thread is the one that would run the provider's callback.
+ */
+#ifndef TILVANE_CLIENT_H
+#define TILVANE_CLIENT_H
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tilvane {
+namespace client {
+
+/* Row values: column name -> value, in order (sent as a bundle of strings). */
+using Values = std::vector<std::pair<std::string, std::string>>;
+
+struct Cell {
+    enum class Type { Null, Integer, Real, Text, Blob };
+    Type type = Type::Null;
+    int64_t integer = 0;
+    double real = 0.0;
+    std::string text;                /* Text */
+    std::vector<unsigned char> blob; /* Blob */
+};
+
+struct RowSet {
+    std::vector<std::string> columns;
+    std::vector<std::vector<Cell>> rows;
+};
+
+/* How a request ended. */
+enum class Outcome {
+    Answered,      /* the provider answered; `code` holds its result */
+    NoResult,      /* the provider's callback returned without an answer */
+    ProviderError, /* data control: the provider sent an error; `message` holds its text */
+    NotServed,     /* no provider serves the provider id, URI or kind of request */
+    NotAuthorized, /* the bus did not confirm the caller's application id */
+    InvalidRequest,/* the provider could not read the request */
+    BusError       /* the bus could not be used, or the call failed on it */
+};
+
+struct Result {
+    Outcome outcome = Outcome::BusError;
+    /* The provider's result code when Answered (0 success; content road:
+     * -22, -13, -1073741824 ...). */
+    int code = 0;
+    int64_t rowId = -1;
+    std::vector<int64_t> rowIds;
+    RowSet rows;
+    std::string message;
+
+    bool Ok() const { return outcome == Outcome::Answered && code == 0; }
+};
+
+/* A short text for a result: "done", "permission denied (-13)", "invalid URI
+ * (-22)", "failed (-1073741824)", "no result from the provider", ... */
+std::string Describe(const Result& result);
+
+class DataControlClient {
+public:
+    explicit DataControlClient(std::string providerId);
+    const std::string& ProviderId() const { return m_providerId; }
+
+    Result Insert(const std::string& dataId, const Values& values) const;
+    Result Select(const std::string& dataId, const std::vector<std::string>& columns, const std::string& where,
+                  const std::string& order) const;
+    Result Update(const std::string& dataId, const Values& values, const std::string& where) const;
+    Result Delete(const std::string& dataId, const std::string& where) const;
+
+private:
+    std::string m_providerId;
+};
+
+class ContentClient {
+public:
+    Result Insert(const std::string& uri, const Values& values) const;
+    Result BulkInsert(const std::string& uri, const std::vector<Values>& rows) const;
+    Result Select(const std::string& uri, const std::vector<std::string>& projection, const std::string& where,
+                  const std::vector<std::string>& whereArgs, const std::string& order,
+                  const std::string& limit) const;
+    Result Update(const std::string& uri, const Values& values, const std::string& where,
+                  const std::vector<std::string>& whereArgs) const;
+    /* Each row names the row it changes under "bulk_update_row_id_key". */
+    Result BulkUpdate(const std::string& uri, const std::vector<Values>& rows) const;
+    Result Delete(const std::string& uri, const std::string& where, const std::vector<std::string>& whereArgs) const;
+    Result GetRowIds(const std::string& uri, const std::string& where,
+                     const std::vector<std::string>& whereArgs) const;
+};
+
+}  // namespace client
+}  // namespace tilvane
+
+#endif

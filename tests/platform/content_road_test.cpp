@@ -1,0 +1,333 @@
+/*
+ * The content library's request road over the bus: requests sent with the
+ * client library reach the callbacks registered for (kind, URI) as filled
+ * request records, and the callbacks' results come back, rows of a select
+ * from the cursor the callback stored.
+ */
+#include <gio/gio.h>
+#include <gtest/gtest.h>
+#include <host_control.h>
+#include <tilvane_client.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ContentDbConnection.h"
+#include "ContentProviderParam.h"
+#include "SharedQueryObject.h"
+#include "TestSupport.h"
+#include "bundle.h"
+#include "content_provider_dispatch.h"
+
+using tilvane::client::Cell;
+using tilvane::client::ContentClient;
+using tilvane::client::Outcome;
+using tilvane::client::Result;
+using tilvane::client::Values;
+using tilvane::test::ChildProcess;
+using tilvane::test::IterateMainContextUntil;
+using tilvane::test::PlatformSandbox;
+using tilvane::test::PrivateBus;
+
+namespace {
+
+constexpr char kTiles[] = "content://org.example.shelf/tiles";
+constexpr char kSections[] = "content://org.example.shelf/sections";
+
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+void CollectCB(const char* key, const char* value, void* data)
+{
+    static_cast<Entries*>(data)->emplace_back(key, value);
+}
+
+Entries EntriesOf(bundle* b)
+{
+    Entries entries;
+    bundle_iterate(b, CollectCB, &entries);
+    return entries;
+}
+
+/* Everything the callbacks saw, in order. */
+struct Seen {
+    std::string kind;
+    std::string appId;
+    std::string uri;
+    std::vector<Entries> rows;
+    std::string where;
+    std::vector<std::string> args;
+    std::vector<std::string> projection;
+    std::string order;
+    std::string limit;
+    void* userData = nullptr;
+    std::thread::id thread;
+};
+std::vector<Seen> g_seen;
+int g_result = 0;
+bool g_answer = true;
+std::unique_ptr<CContentDbConnection> g_db;
+int g_userData = 3;
+
+int InsertCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
+{
+    g_seen.push_back({"insert", in.strAppId, in.strUri, {EntriesOf(in.pValues)}, "", {}, {}, "", "", in.pUserData,
+                      std::this_thread::get_id()});
+    out.nRowId = 77;
+    return g_result;
+}
+
+int BulkInsertCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
+{
+    Seen seen{"bulk insert", in.strAppId, in.strUri, {}, "", {}, {}, "", "", in.pUserData, std::this_thread::get_id()};
+    for (bundle* b : in.vecValues) {
+        seen.rows.push_back(EntriesOf(b));
+    }
+    g_seen.push_back(seen);
+    out.nRowId = 100 + static_cast<int64_t>(in.vecValues.size());
+    return g_result;
+}
+
+int UpdateCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM&)
+{
+    g_seen.push_back({"update", in.strAppId, in.strUri, {EntriesOf(in.pValues)}, in.strWhere, in.vecWhereArgs, {}, "",
+                      "", in.pUserData, std::this_thread::get_id()});
+    return g_result;
+}
+
+int BulkUpdateCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM&)
+{
+    Seen seen{"bulk update", in.strAppId, in.strUri, {}, "", {}, {}, "", "", in.pUserData, std::this_thread::get_id()};
+    for (bundle* b : in.vecValues) {
+        seen.rows.push_back(EntriesOf(b));
+    }
+    g_seen.push_back(seen);
+    return g_result;
+}
+
+int DeleteCB(PT_PROVIDER_DELETE_IN_PARAM& in)
+{
+    g_seen.push_back({"delete", in.strAppId, in.strUri, {}, in.strWhere, in.vecWhereArgs, {}, "", "", in.pUserData,
+                      std::this_thread::get_id()});
+    return g_result;
+}
+
+bool SelectCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
+{
+    g_seen.push_back({"select", in.strAppId, in.strUri, {}, in.strWhere, in.vecWhereArgs, in.vecProjection,
+                      in.strOrderBy, in.strLimit, in.pUserData, std::this_thread::get_id()});
+    if (!g_answer) {
+        return false;
+    }
+    std::vector<std::string> projection = in.vecProjection;
+    auto cursor = g_db->SelectRequest("tiles", projection, in.strWhere, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    if (CSharedQueryObject::StoreCursor(cursor, "tiles", out.strSharedName, out.nColumnCount) != 0) {
+        return false;
+    }
+    out.nRequestId = CSharedQueryObject::GetRequestID();
+    return true;
+}
+
+bool GetIdCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
+{
+    g_seen.push_back({"get id", in.strAppId, in.strUri, {}, in.strWhere, in.vecWhereArgs, in.vecProjection, "", "",
+                      in.pUserData, std::this_thread::get_id()});
+    out.vecRowIds = {4, 8, -1};
+    return g_answer;
+}
+
+class ContentRoadTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_bus.IsRunning());
+        tilvane::host::SetOwnAppId("org.example.shelf.app");
+        g_seen.clear();
+        g_result = 0;
+        g_answer = true;
+        g_db.reset(new CContentDbConnection(m_sandbox.Root(), "road.db"));
+        ASSERT_TRUE(g_db->OpenOperation());
+        std::string error;
+        ASSERT_EQ(0, g_db->ExcuteSQL("CREATE TABLE tiles (_id INTEGER PRIMARY KEY, title TEXT, score REAL, "
+                                     "art BLOB, note TEXT);"
+                                     "INSERT INTO tiles VALUES (1, 'one', 1.5, x'0102', NULL);"
+                                     "WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 1000)"
+                                     " INSERT INTO tiles SELECT i, 'tile ' || i, i / 2.0, NULL, 'n' FROM n;",
+                                     error))
+            << error;
+    }
+    void TearDown() override
+    {
+        tilvane::content::ClearRegistrations();
+        CSharedQueryObject::Clear();
+        g_db.reset();
+    }
+    void RegisterAll(const std::string& uri)
+    {
+        ASSERT_TRUE(register_insert_db_callback(uri, InsertCB, &g_userData));
+        ASSERT_TRUE(register_insert_db_callback_for_bulkdata(uri, BulkInsertCB, &g_userData));
+        ASSERT_TRUE(register_delete_db_callback(uri, DeleteCB, &g_userData));
+        ASSERT_TRUE(register_select_db_callback(uri, SelectCB, &g_userData));
+        ASSERT_TRUE(register_update_db_callback(uri, UpdateCB, &g_userData));
+        ASSERT_TRUE(register_update_db_callback_for_bulkdata(uri, BulkUpdateCB, &g_userData));
+        ASSERT_TRUE(register_get_id_db_callback(uri, GetIdCB, &g_userData));
+    }
+
+    PrivateBus m_bus;
+    PlatformSandbox m_sandbox;
+    ContentClient m_client;
+};
+
+long long MillisecondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+TEST_F(ContentRoadTest, InsertFillsTheRecordAndReturnsTheCodeAndRowId)
+{
+    RegisterAll(kTiles);
+    Result result = m_client.Insert(kTiles, {{"title", "news"}, {"tile_section_id", "2"}});
+    ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.rowId, 77);
+    ASSERT_EQ(g_seen.size(), 1u);
+    EXPECT_EQ(g_seen[0].appId, "org.example.shelf.app");
+    EXPECT_EQ(g_seen[0].uri, kTiles);
+    EXPECT_EQ(g_seen[0].rows, (std::vector<Entries>{{{"title", "news"}, {"tile_section_id", "2"}}}));
+    EXPECT_EQ(g_seen[0].userData, &g_userData);
+    EXPECT_EQ(g_seen[0].thread, std::this_thread::get_id());
+}
+
+TEST_F(ContentRoadTest, ResultCodesOfTheCallbackReachTheClient)
+{
+    RegisterAll(kTiles);
+    for (int code : {-22, -13, static_cast<int>(0xC0000000)}) {
+        g_result = code;
+        Result result = m_client.Delete(kTiles, "_id = ?", {"4"});
+        ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+        EXPECT_EQ(result.code, code);
+    }
+    g_result = -13;
+    EXPECT_EQ(tilvane::client::Describe(m_client.Update(kTiles, {{"a", "b"}}, "", {})), "permission denied (-13)");
+    g_result = -22;
+    EXPECT_EQ(tilvane::client::Describe(m_client.Insert(kTiles, {{"a", "b"}})), "invalid URI (-22)");
+    g_result = static_cast<int>(0xC0000000);
+    EXPECT_EQ(tilvane::client::Describe(m_client.BulkUpdate(kTiles, {{{"a", "b"}}})), "failed (-1073741824)");
+    ASSERT_EQ(g_seen.size(), 6u);
+    EXPECT_EQ(g_seen[0].where, "_id = ?");
+    EXPECT_EQ(g_seen[0].args, (std::vector<std::string>{"4"}));
+}
+
+TEST_F(ContentRoadTest, BulkRecordsCarryEveryRowInOrder)
+{
+    RegisterAll(kSections);
+    std::vector<Values> rows;
+    for (int i = 0; i < 5; ++i) {
+        rows.push_back({{"section_title", "s" + std::to_string(i)}, {"accelerator_id", "1"}});
+    }
+    Result inserted = m_client.BulkInsert(kSections, rows);
+    ASSERT_EQ(inserted.outcome, Outcome::Answered) << inserted.message;
+    EXPECT_EQ(inserted.rowId, 105);
+    Result updated =
+        m_client.BulkUpdate(kSections, {{{"section_title", "x"}, {"bulk_update_row_id_key", "3"}}, {{"a", "b"}}});
+    EXPECT_TRUE(updated.Ok()) << updated.message;
+    ASSERT_EQ(g_seen.size(), 2u);
+    EXPECT_EQ(g_seen[0].kind, "bulk insert");
+    ASSERT_EQ(g_seen[0].rows.size(), 5u);
+    EXPECT_EQ(g_seen[0].rows[4], (Entries{{"section_title", "s4"}, {"accelerator_id", "1"}}));
+    EXPECT_EQ(g_seen[1].kind, "bulk update");
+    EXPECT_EQ(g_seen[1].rows,
+              (std::vector<Entries>{{{"section_title", "x"}, {"bulk_update_row_id_key", "3"}}, {{"a", "b"}}}));
+}
+
+TEST_F(ContentRoadTest, SelectReturnsTheStoredCursorsRowsWithTypesAndNames)
+{
+    RegisterAll(kTiles);
+    Result result = m_client.Select(kTiles, {"_id", "title", "score", "art", "note"}, "_id <= ?", {"2"}, "_id ASC", "5");
+    ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+    EXPECT_EQ(result.rows.columns, (std::vector<std::string>{"_id", "title", "score", "art", "note"}));
+    ASSERT_EQ(result.rows.rows.size(), 2u);
+    const auto& first = result.rows.rows[0];
+    EXPECT_EQ(first[0].type, Cell::Type::Integer);
+    EXPECT_EQ(first[0].integer, 1);
+    EXPECT_EQ(first[1].text, "one");
+    EXPECT_EQ(first[2].type, Cell::Type::Real);
+    EXPECT_DOUBLE_EQ(first[2].real, 1.5);
+    EXPECT_EQ(first[3].type, Cell::Type::Blob);
+    EXPECT_EQ(first[3].blob, (std::vector<unsigned char>{1, 2}));
+    EXPECT_EQ(first[4].type, Cell::Type::Null);
+    EXPECT_EQ(result.rows.rows[1][3].type, Cell::Type::Null);
+    ASSERT_EQ(g_seen.size(), 1u);
+    EXPECT_EQ(g_seen[0].order, "_id ASC");
+    EXPECT_EQ(g_seen[0].limit, "5");
+    EXPECT_EQ(g_seen[0].args, (std::vector<std::string>{"2"}));
+    EXPECT_EQ(CSharedQueryObject::GetStoredCount(), 0u) << "the road takes the cursor it sends";
+}
+
+TEST_F(ContentRoadTest, AThousandRowSelectArrivesWhole)
+{
+    RegisterAll(kTiles);
+    Result result = m_client.Select(kTiles, {}, "", {}, "_id", "");
+    ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+    ASSERT_EQ(result.rows.rows.size(), 1000u);
+    EXPECT_EQ(result.rows.rows[999][1].text, "tile 1000");
+}
+
+TEST_F(ContentRoadTest, RowIdsComeBackInOrder)
+{
+    RegisterAll(kTiles);
+    Result result = m_client.GetRowIds(kTiles, "title = ?", {"x"});
+    ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+    EXPECT_EQ(result.rowIds, (std::vector<int64_t>{4, 8, -1}));
+    EXPECT_EQ(g_seen[0].kind, "get id");
+}
+
+TEST_F(ContentRoadTest, ASelectOrLookupThatFailsGivesNoResultAtOnce)
+{
+    RegisterAll(kTiles);
+    g_answer = false;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(m_client.Select(kTiles, {}, "", {}, "", "").outcome, Outcome::NoResult);
+    EXPECT_EQ(m_client.GetRowIds(kTiles, "", {}).outcome, Outcome::NoResult);
+    EXPECT_LT(MillisecondsSince(start), 500);
+}
+
+TEST_F(ContentRoadTest, AKindOrUriWithoutACallbackIsNotServed)
+{
+    ASSERT_TRUE(register_insert_db_callback(kTiles, InsertCB, nullptr));
+    const auto start = std::chrono::steady_clock::now();
+    /* Same authority, another kind and another table. */
+    EXPECT_EQ(m_client.Delete(kTiles, "", {}).outcome, Outcome::NotServed);
+    EXPECT_EQ(m_client.Insert(kSections, {{"a", "b"}}).outcome, Outcome::NotServed);
+    /* An authority nobody serves. */
+    EXPECT_EQ(m_client.Insert("content://org.example.nobody/tiles", {{"a", "b"}}).outcome, Outcome::NotServed);
+    EXPECT_LT(MillisecondsSince(start), 1000);
+    EXPECT_TRUE(g_seen.empty());
+    /* The name goes with the last callback of the authority. */
+    ASSERT_TRUE(unregister_insert_db_callback(kTiles));
+    EXPECT_EQ(m_client.Insert(kTiles, {{"a", "b"}}).outcome, Outcome::NotServed);
+    EXPECT_TRUE(g_seen.empty());
+}
+
+TEST_F(ContentRoadTest, TheCallerIdOfAnotherProcessComesFromTheBus)
+{
+    ChildProcess client([](int) {
+        tilvane::host::SetOwnAppId("org.example.viewer");
+        ContentClient content;
+        Result result = content.Insert(kTiles, {{"title", "from the child"}});
+        return result.outcome == Outcome::Answered && result.rowId == 77 ? 0 : 10;
+    });
+    ASSERT_TRUE(client.Started());
+    RegisterAll(kTiles);
+    ASSERT_TRUE(client.Go());
+    ASSERT_TRUE(IterateMainContextUntil([] { return !g_seen.empty(); }, 5000));
+    EXPECT_EQ(g_seen[0].appId, "org.example.viewer");
+    int status = -1;
+    IterateMainContextUntil([&] { return (status = client.Wait(10)) != -1; }, 5000);
+    EXPECT_EQ(status, 0);
+}
