@@ -37,6 +37,16 @@ void ClearAppEventHandlers();
  * recorded sends and the own application id override. */
 void ResetMessagePorts();
 
+/* Owned by request_roads.cpp: forget the data-control callbacks, requests in
+ * flight and the bus names the request roads own. */
+void ResetRequestRoads();
+
+/* Owned by vconf.cpp, device_power.cpp and SignalBus.cpp: drop key watchers
+ * and power-off subscribers, close the notification bus connection. */
+void ForgetKeyWatchers();
+void ForgetPowerOffSubscribers();
+void CloseSignalBus();
+
 }  // namespace host
 }  // namespace tilvane
 

@@ -22,6 +22,8 @@ struct State {
     std::mutex mutex;
     /* Remaining injected failures per function; -1 means "until cleared". */
     std::map<std::string, int> failures;
+    /* Calls to let pass before the failures of `failures` begin. */
+    std::map<std::string, int> passesBeforeFailure;
     std::map<std::string, int> callCounts;
     bool capturing = false;
     /* Mirror of `capturing` that the log reads without taking the mutex. */
@@ -66,11 +68,25 @@ void FailNextCalls(const std::string& function, int count)
     }
 }
 
+void FailCallsAfter(const std::string& function, int passes, int count)
+{
+    State& s = TheState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (count == 0) {
+        s.failures.erase(function);
+        s.passesBeforeFailure.erase(function);
+        return;
+    }
+    s.failures[function] = count < 0 ? -1 : count;
+    s.passesBeforeFailure[function] = passes;
+}
+
 void ClearFailures()
 {
     State& s = TheState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.failures.clear();
+    s.passesBeforeFailure.clear();
 }
 
 bool ShouldFail(const char* function)
@@ -84,6 +100,11 @@ bool ShouldFail(const char* function)
     ++s.callCounts[name];
     auto it = s.failures.find(name);
     if (it == s.failures.end()) {
+        return false;
+    }
+    auto pass = s.passesBeforeFailure.find(name);
+    if (pass != s.passesBeforeFailure.end() && pass->second > 0) {
+        --pass->second;
         return false;
     }
     if (it->second > 0 && --it->second == 0) {
@@ -222,10 +243,10 @@ void Reset()
         State& s = TheState();
         std::lock_guard<std::mutex> lock(s.mutex);
         s.failures.clear();
+        s.passesBeforeFailure.clear();
         s.callCounts.clear();
         s.capturing = false;
         s.capturingFast = false;
-    s.capturingFast = false;
         s.captured.clear();
         s.virtualClock = false;
         s.virtualNowUs = 0;
@@ -235,6 +256,9 @@ void Reset()
     ForgetLogLevel();
     ClearAppEventHandlers();
     ResetMessagePorts();
+    ForgetKeyWatchers();
+    ForgetPowerOffSubscribers();
+    CloseSignalBus();
 }
 
 }  // namespace host

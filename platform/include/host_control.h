@@ -26,6 +26,8 @@ namespace host {
  * function's own error result. A count of -1 makes every call fail until
  * ClearFailures(). */
 void FailNextCalls(const std::string& function, int count);
+/* The same after letting `passes` calls of `function` succeed first. */
+void FailCallsAfter(const std::string& function, int passes, int count);
 void ClearFailures();
 /* Used by the platform functions themselves: true when this call must fail. */
 bool ShouldFail(const char* function);
@@ -139,13 +141,34 @@ void RecordSentMessages(bool on);
 std::vector<SentMessage> SentMessages();
 void ClearSentMessages();
 
+/* ---- configuration keys, power-off and system information ----------------
+ * Kept in a settings file under the platform's database directory, shared by
+ * every process on the same platform root. */
+
+/* Sets the integer key as vconf_set_int does (no failure injection): watchers
+ * in this process run from the GLib default main context, watchers in other
+ * processes when the bus signal reaches them. */
+bool SetConfigurationKey(const std::string& key, int value);
+/* Removes the key, so that vconf_get_int reports it missing; no notification. */
+bool RemoveConfigurationKey(const std::string& key);
+/* How many vconf_notify_key_changed registrations this process has for `key`. */
+int KeyWatcherCount(const std::string& key);
+/* A power-off of `type`: calls this process's subscribers at once (returns how
+ * many) and emits the bus signal that reaches other processes. */
+int RaisePowerOff(int type);
+/* How many device_power_subscribe_poweroff callbacks this process has. */
+int PowerOffSubscriberCount();
+/* The boolean value that system_info_get_value_bool(key) reads. */
+bool SetSystemInfoBool(int key, bool value);
+
 /* ---- everything ---------------------------------------------------------- */
 
 /* Clears failures, counters, captured lines, recorded sleeps, registered app
  * event handlers and the platform root override, turns the virtual clock and
  * log capture off, and makes the log read TILVANE_LOG_LEVEL again. It also
  * closes the message-port bus connection, forgets local ports, recorded sends
- * and the own application id override. */
+ * and the own application id override, and forgets key watchers and power-off
+ * subscribers (closing the notification bus connection); stored keys stay. */
 void Reset();
 
 }  // namespace host
