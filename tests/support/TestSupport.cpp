@@ -168,6 +168,28 @@ int IndexOfLine(const std::string& text)
     return -1;
 }
 
+int CountExactLines(const std::string& tag, const std::string& text)
+{
+    int count = 0;
+    for (const host::LogLine& line : host::CapturedLog()) {
+        if ((tag.empty() || line.tag == tag) && line.message == text) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+int IndexOfExactLine(const std::string& text)
+{
+    std::vector<host::LogLine> lines = host::CapturedLog();
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (lines[i].message == text) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
 PlatformSandbox::PlatformSandbox()
 {
     host::Reset();

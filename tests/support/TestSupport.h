@@ -79,6 +79,9 @@ std::vector<host::LogLine> LinesContaining(const std::string& tag, const std::st
 int CountLines(const std::string& tag, const std::string& text);
 /* Index of the first captured line (any tag) containing `text`, or -1. */
 int IndexOfLine(const std::string& text);
+/* The same for lines whose whole message is `text`. */
+int CountExactLines(const std::string& tag, const std::string& text);
+int IndexOfExactLine(const std::string& text);
 
 /* Sets up a fresh host platform under a temporary root with log capture on,
  * and resets it again afterwards. */

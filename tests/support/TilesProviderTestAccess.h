@@ -21,6 +21,13 @@ public:
         return provider->m_packageIdCache;
     }
 
+    static CAppSectionChangeManager*& AppSectionChangeManager(CTilesProvider* provider)
+    {
+        return provider->m_pAppSectionChangeManager;
+    }
+    static bool DbCorrupted(CTilesProvider* provider) { return provider->m_bDbCorrupted; }
+    static bool PowerOffSubscribed(CTilesProvider* provider) { return provider->m_bPowerOffSubscribed; }
+
     /* Releases the singleton and deletes its message helper too. The service
      * keeps that helper, with its port, until the process ends; a test that
      * builds several providers frees each one's helper so that leak checks
@@ -33,6 +40,9 @@ public:
         CMessageHelper* helper = CTilesProvider::m_pTilesProvider->m_pSyncEventHelper;
         CTilesProvider::ReleaseInstance();
         delete helper;
+        /* The content-hub reset watch also stays for the process's life; a
+         * later provider must not find the released one's watch. */
+        vconf_ignore_key_changed("memory/korro/halcyon_reset_event", CTilesProvider::HalcyonResetCB);
     }
 };
 

@@ -7,6 +7,19 @@ int RunAppCommand(const std::vector<std::string>& args);
 void PrintAppHelp();
 int RunEventsCommand(const std::vector<std::string>& args);
 void PrintEventsHelp();
+int RunDataCommand(const std::vector<std::string>& args);
+void PrintDataHelp();
+
+int RunAcceleratorCommand(const std::vector<std::string>& args);
+void PrintAcceleratorHelp();
+int RunLauncherCommand(const std::vector<std::string>& args);
+void PrintLauncherHelp();
+int RunKeyCommand(const std::vector<std::string>& args);
+void PrintKeyHelp();
+int RunPowerOffCommand(const std::vector<std::string>& args);
+void PrintPowerOffHelp();
+int RunSystemInfoCommand(const std::vector<std::string>& args);
+void PrintSystemInfoHelp();
 
 const std::vector<CommandGroup>& CommandGroups()
 {
@@ -14,6 +27,14 @@ const std::vector<CommandGroup>& CommandGroups()
         {"app", "install, remove and list applications in the platform's registry", RunAppCommand, PrintAppHelp},
         {"events", "subscribe to preview events, unsubscribe, trigger a test event", RunEventsCommand,
          PrintEventsHelp},
+        {"data", "insert, select, update, delete and look up rows through either request road", RunDataCommand,
+         PrintDataHelp},
+        {"accelerator", "ask the service to add or remove a launcher entry", RunAcceleratorCommand,
+         PrintAcceleratorHelp},
+        {"launcher", "report a launcher visibility change", RunLauncherCommand, PrintLauncherHelp},
+        {"key", "set, read or remove an integer configuration key", RunKeyCommand, PrintKeyHelp},
+        {"power-off", "announce a power-off of a type", RunPowerOffCommand, PrintPowerOffHelp},
+        {"system-info", "set a boolean system-information value", RunSystemInfoCommand, PrintSystemInfoHelp},
     };
     return groups;
 }

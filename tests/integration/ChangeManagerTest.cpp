@@ -1,0 +1,307 @@
+/*
+ * The change manager in the running service: accelerator installs over
+ * "accelerator_port" from tilvanectl, visibility changes passed on to the
+ * content service, a content-hub reset through a key set by another process,
+ * and launcher entries coming back from the backup at the next start.
+ */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <bundle.h>
+#include <host_control.h>
+#include <message_port.h>
+
+#include "TestSupport.h"
+
+using tilvane::test::ChildProcess;
+using tilvane::test::IterateMainContextUntil;
+using tilvane::test::PrivateBus;
+using tilvane::test::RawDatabase;
+using tilvane::test::TempDir;
+
+namespace {
+
+const char kServiceAppId[] = "com.quillon.px.tilvane";
+
+std::string ReadAll(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+/* A program started with extra environment, its output going to two files. */
+class Process
+{
+public:
+    Process(const std::vector<std::string>& args, const std::vector<std::string>& environment, const std::string& out,
+            const std::string& err)
+        : m_out(out), m_err(err)
+    {
+        /* Everything the child needs is prepared before fork: it only execs. */
+        std::vector<std::string> env;
+        for (char** e = environ; *e != nullptr; ++e) {
+            env.emplace_back(*e);
+        }
+        env.insert(env.end(), environment.begin(), environment.end());
+        std::vector<char*> argv;
+        for (const std::string& arg : args) {
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        std::vector<char*> envp;
+        for (const std::string& entry : env) {
+            envp.push_back(const_cast<char*>(entry.c_str()));
+        }
+        envp.push_back(nullptr);
+
+        m_pid = fork();
+        if (m_pid == 0) {
+            int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (outFd < 0 || errFd < 0) {
+                _exit(126);
+            }
+            dup2(outFd, STDOUT_FILENO);
+            dup2(errFd, STDERR_FILENO);
+            execve(argv[0], argv.data(), envp.data());
+            _exit(127);
+        }
+    }
+
+    ~Process()
+    {
+        if (m_pid > 0 && !m_reaped) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    std::string Out() const { return ReadAll(m_out); }
+    std::string Err() const { return ReadAll(m_err); }
+
+    /* Waits for `text` in the output (or error output), running the main
+     * context meanwhile when `iterate`. */
+    bool WaitFor(const std::string& text, bool inErr, int timeoutMs, bool iterate = false) const
+    {
+        auto found = [&] { return (inErr ? Err() : Out()).find(text) != std::string::npos; };
+        if (iterate) {
+            return IterateMainContextUntil(found, timeoutMs);
+        }
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!found()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
+
+    void Signal(int signal) const { kill(m_pid, signal); }
+
+    /* The exit code (128 + signal when killed), or -1 when it did not end in time. */
+    int Wait(int timeoutMs, bool iterate = false)
+    {
+        int code = -1;
+        auto ended = [&] {
+            int status = 0;
+            if (waitpid(m_pid, &status, WNOHANG) != m_pid) {
+                return false;
+            }
+            m_reaped = true;
+            code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return true;
+        };
+        if (iterate) {
+            IterateMainContextUntil(ended, timeoutMs);
+            return code;
+        }
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!ended()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return code;
+    }
+
+private:
+    std::string m_out;
+    std::string m_err;
+    pid_t m_pid = -1;
+    bool m_reaped = false;
+};
+
+class ChangeManagerTest : public ::testing::Test
+{
+protected:
+    Process* Tool(const std::vector<std::string>& words, const std::string& name)
+    {
+        std::vector<std::string> args = {TILVANECTL_BINARY, "--app-id", "com.example." + name};
+        args.insert(args.end(), words.begin(), words.end());
+        m_processes.emplace_back(new Process(args, {"TILVANE_PLATFORM_ROOT=" + m_root.Path()},
+                                             m_logs.File(name + ".out"), m_logs.File(name + ".err")));
+        return m_processes.back().get();
+    }
+
+    Process* Service(const std::string& name = "service")
+    {
+        m_processes.emplace_back(new Process({TILVANE_SERVICE_BINARY},
+                                             {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
+                                              std::string("TILVANE_APP_ID=") + kServiceAppId},
+                                             m_logs.File(name + ".out"), m_logs.File(name + ".err")));
+        return m_processes.back().get();
+    }
+
+    std::string MainPath() const { return m_root.Path() + "/opt/dbspace/.preview.db"; }
+    std::string BackupPath() const { return m_root.Path() + "/opt/dbspace/.preview.db.sqlite"; }
+
+    PrivateBus m_bus;
+    TempDir m_root;
+    TempDir m_logs;
+    std::vector<std::unique_ptr<Process>> m_processes;
+};
+
+TEST_F(ChangeManagerTest, InstallGetsTheNewIdAndTheRowIsInBothDatabases)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    Process* service = Service();
+    ASSERT_TRUE(service->WaitFor("Finish refreshing Launcher Item  ", true, 20000)) << service->Err();
+    ASSERT_TRUE(service->WaitFor("service application created", true, 20000)) << service->Err();
+
+    Process* install = Tool({"accelerator", "install", "org.example.videos", "--title", "Videos"}, "installer");
+    ASSERT_EQ(install->Wait(20000), 0) << install->Err();
+    RawDatabase main(MainPath());
+    const std::string id =
+        main.Scalar("SELECT _id FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.videos'");
+    ASSERT_FALSE(id.empty());
+    EXPECT_EQ(install->Out(), id + "\n");
+    EXPECT_EQ(main.Scalar("SELECT accelerator_title FROM accelerators WHERE _id = " + id), "Videos");
+    RawDatabase backup(BackupPath());
+    EXPECT_EQ(backup.Scalar("SELECT COUNT(*) FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.videos'"),
+              "1");
+
+    // The same package again: the same id, no second row.
+    Process* again = Tool({"accelerator", "install", "org.example.videos"}, "again");
+    ASSERT_EQ(again->Wait(20000), 0) << again->Err();
+    EXPECT_EQ(again->Out(), id + "\n");
+    EXPECT_EQ(main.Scalar("SELECT COUNT(*) FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.videos'"),
+              "1");
+
+    // An empty package name fails with -1.
+    Process* failed = Tool({"accelerator", "install", ""}, "failed");
+    EXPECT_NE(failed->Wait(20000), 0);
+
+    Process* uninstall = Tool({"accelerator", "uninstall", "org.example.videos"}, "uninstaller");
+    ASSERT_EQ(uninstall->Wait(20000), 0) << uninstall->Err();
+    ASSERT_TRUE(service->WaitFor("uninstall app", true, 10000));
+    EXPECT_EQ(backup.Scalar("SELECT COUNT(*) FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.videos'"),
+              "0");
+}
+
+TEST_F(ChangeManagerTest, VisibilityChangesReachTheContentService)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    ChildProcess listener([](int readyFd) {
+        tilvane::host::SetOwnAppId("ContentServiceManager");
+        std::vector<std::string> seen;
+        int port = message_port_register_local_port(
+            "CONTENT_SERVICE_ACCELERATOR_EVENT_PORT",
+            [](int, const char* remoteAppId, const char*, bool, bundle* message, void* userData) {
+                char* visibility = nullptr;
+                char* package = nullptr;
+                bundle_get_str(message, "visibility", &visibility);
+                bundle_get_str(message, "accelerator_app_pkg_name", &package);
+                static_cast<std::vector<std::string>*>(userData)->push_back(
+                    std::string(remoteAppId != nullptr ? remoteAppId : "") + " " + (visibility ? visibility : "") +
+                    " " + (package ? package : ""));
+            },
+            &seen);
+        if (port <= 0) {
+            return 10;
+        }
+        ChildProcess::SignalReady(readyFd);
+        if (!IterateMainContextUntil([&] { return !seen.empty(); }, 30000)) {
+            return 11;
+        }
+        return seen[0] == "com.quillon.px.tilvane hidden livetv_mbr_1" ? 0 : 12;
+    });
+    ASSERT_TRUE(listener.Started());
+    ASSERT_TRUE(listener.Go());
+    ASSERT_TRUE(listener.WaitReady());
+
+    Process* service = Service();
+    ASSERT_TRUE(service->WaitFor("service application created", true, 20000)) << service->Err();
+    Process* launcher = Tool({"launcher", "hidden", "livetv_mbr_1"}, "launcher");
+    ASSERT_EQ(launcher->Wait(20000), 0) << launcher->Err();
+    EXPECT_EQ(listener.Wait(30000), 0);
+    EXPECT_TRUE(service->WaitFor("success to send hidden event", true, 10000)) << service->Err();
+    RawDatabase main(MainPath());
+    EXPECT_EQ(
+        main.Scalar("SELECT accelerator_enabled FROM accelerators WHERE accelerator_app_pkg_name = 'livetv_mbr_1'"),
+        "0");
+}
+
+TEST_F(ChangeManagerTest, AContentHubResetKeyClearsTheTwoPackagesInTheRunningService)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    Process* service = Service();
+    ASSERT_TRUE(service->WaitFor("service application created", true, 20000)) << service->Err();
+    {
+        RawDatabase main(MainPath());
+        ASSERT_EQ(main.Exec("INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (101, 'Qx7TmWp2Lc'), "
+                            "(102, 'Hb4NzRk9Fs'), (103, 'org.example.other');"
+                            "INSERT INTO sections (_id, section_accelerator_raw_id) VALUES (1, 101), (2, 102), (3, 103);"
+                            "INSERT INTO tiles (tile_section_raw_id) VALUES (1), (2), (3);"),
+                  0);
+    }
+    Process* key = Tool({"key", "set", "memory/korro/halcyon_reset_event", "1"}, "key");
+    ASSERT_EQ(key->Wait(20000), 0) << key->Err();
+    ASSERT_TRUE(service->WaitFor("Delete section ID : Hb4NzRk9Fs[2]", true, 10000)) << service->Err();
+    RawDatabase main(MainPath());
+    EXPECT_EQ(main.Column("SELECT _id FROM sections"), (std::vector<std::string>{"3"}));
+    EXPECT_EQ(main.Column("SELECT tile_section_raw_id FROM tiles"), (std::vector<std::string>{"3"}));
+    EXPECT_EQ(main.Scalar("SELECT COUNT(*) FROM accelerators WHERE _id > 100"), "3");
+}
+
+TEST_F(ChangeManagerTest, ADeletedAcceleratorComesBackFromTheBackupAtTheNextStart)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    Process* service = Service();
+    ASSERT_TRUE(service->WaitFor("service application created", true, 20000)) << service->Err();
+    Process* install = Tool({"accelerator", "install", "org.example.kept"}, "installer");
+    ASSERT_EQ(install->Wait(20000), 0) << install->Err();
+    service->Signal(SIGTERM);
+    ASSERT_EQ(service->Wait(20000), 0) << service->Err();
+    {
+        RawDatabase main(MainPath());
+        ASSERT_EQ(main.Exec("DELETE FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.kept'"), 0);
+        ASSERT_EQ(main.Scalar("SELECT COUNT(*) FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.kept'"),
+                  "0");
+    }
+    Process* restarted = Service("restarted");
+    ASSERT_TRUE(restarted->WaitFor("Finish refreshing Launcher Item  ", true, 20000)) << restarted->Err();
+    EXPECT_TRUE(restarted->WaitFor("BackupDB : package(7)", true, 1000)) << restarted->Err();
+    RawDatabase main(MainPath());
+    EXPECT_EQ(main.Scalar("SELECT COUNT(*) FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.kept'"), "1");
+}
+
+}  // namespace
