@@ -47,8 +47,14 @@ private:
 
 }  // namespace
 
+/* bench/RequestRoadBench.cpp: the body of its provider process. */
+int RunRoadBenchProvider(int readyFd, const char* directory);
+
 int main(int argc, char** argv)
 {
+    if (argc == 4 && std::string(argv[1]) == "--road-bench-provider") {
+        return RunRoadBenchProvider(std::atoi(argv[2]), argv[3]);
+    }
     // Keep debug lines out of the figures unless asked for.
     setenv("TILVANE_LOG_LEVEL", "W", 0);
     benchmark::Initialize(&argc, argv);

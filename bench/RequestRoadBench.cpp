@@ -177,10 +177,16 @@ bool Setup()
         if (pipe(fds) != 0) {
             return 0;
         }
+        // The provider is a fresh process (this program started again), not a
+        // bare fork: a fork inherits the bus connections and threads that
+        // earlier benchmarks opened, which the child could not use.
         g_providerPid = fork();
         if (g_providerPid == 0) {
             close(fds[0]);
-            RunProvider(fds[1]);
+            std::string readyFd = std::to_string(fds[1]);
+            execl("/proc/self/exe", "tilvane_bench", "--road-bench-provider", readyFd.c_str(), g_dir.c_str(),
+                  static_cast<char*>(nullptr));
+            _exit(127);
         }
         close(fds[1]);
         char c = 0;
@@ -364,3 +370,14 @@ BENCHMARK(BM_RoadBulkInsert1000_Content)->UseRealTime()->Unit(benchmark::kMicros
 BENCHMARK(BM_RoadBulkInsert1000_BareCall)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RoadSelect1000_Content)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RoadSelect1000_RawSQLite)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+/* Entry of the provider process: tilvane_bench --road-bench-provider FD DIRECTORY. */
+int RunRoadBenchProvider(int readyFd, const char* directory)
+{
+    g_db.reset(new CContentDbConnection(directory, "bench.db"));
+    if (!g_db->OpenOperation()) {
+        return 1;
+    }
+    RunProvider(readyFd);
+    return 0;
+}
