@@ -68,10 +68,10 @@ int main(int argc, char** argv)
     reporter.PrintRatio("insert 1000 tiles (one transaction)", "BM_InsertTiles_Library", "BM_InsertTiles_RawSQLite",
                         "raw SQLite");
     reporter.PrintRatio("select 1000 tiles", "BM_SelectTiles_Library", "BM_SelectTiles_RawSQLite", "raw SQLite");
-    reporter.PrintRatio("road: single insert", "BM_RoadInsert_Content", "BM_RoadInsert_BareCall", "bare D-Bus call");
-    reporter.PrintRatio("road: bulk insert 1000 rows", "BM_RoadBulkInsert1000_Content", "BM_RoadBulkInsert1000_BareCall",
+    reporter.PrintRatio("road: single insert", "BM_RoadInsert_Content/real_time", "BM_RoadInsert_BareCall/real_time", "bare D-Bus call");
+    reporter.PrintRatio("road: bulk insert 1000 rows", "BM_RoadBulkInsert1000_Content/real_time", "BM_RoadBulkInsert1000_BareCall/real_time",
                         "bare D-Bus call");
-    reporter.PrintRatio("road: select 1000 tiles", "BM_RoadSelect1000_Content", "BM_RoadSelect1000_RawSQLite",
+    reporter.PrintRatio("road: select 1000 tiles", "BM_RoadSelect1000_Content/real_time", "BM_RoadSelect1000_RawSQLite/real_time",
                         "raw SQLite");
     // bench/HandlerBench.cpp: the provider's handlers in process.
     reporter.PrintRatio("handler: insert one tile", "BM_HandlerInsertTile_Provider", "BM_HandlerInsertTile_RawSQLite",
