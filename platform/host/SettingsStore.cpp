@@ -7,8 +7,8 @@
 #include <sqlite3.h>
 
 #include "HostState.h"
+#include "SharedDatabaseFile.h"
 #include "dlog.h"
-#include "tzplatform_config.h"
 
 #define SETTINGS_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
@@ -18,53 +18,15 @@ namespace settings {
 namespace {
 
 const char kSettingsFile[] = ".tilvane-settings.db";
-const int kBusyTimeoutMs = 5000;
 const char kSchema[] =
-    "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
     "CREATE TABLE IF NOT EXISTS config_keys (name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
     "CREATE TABLE IF NOT EXISTS system_info (key INTEGER PRIMARY KEY, value INTEGER NOT NULL);";
 
-class Store
+/* The settings file, opened for one operation. */
+class Store : public SharedDatabaseFile
 {
 public:
-    Store()
-    {
-        const char* directory = tzplatform_getenv(TZ_SYS_DB);
-        if (directory == nullptr) {
-            SETTINGS_LOGE("settings: no database directory");
-            return;
-        }
-        const std::string path = std::string(directory) + "/" + kSettingsFile;
-        if (sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                            nullptr) != SQLITE_OK) {
-            SETTINGS_LOGE("settings: cannot open %s: %s", path.c_str(),
-                          m_db != nullptr ? sqlite3_errmsg(m_db) : "out of memory");
-            Close();
-            return;
-        }
-        sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-        char* error = nullptr;
-        if (sqlite3_exec(m_db, kSchema, nullptr, nullptr, &error) != SQLITE_OK) {
-            SETTINGS_LOGE("settings: cannot prepare %s: %s", path.c_str(), error != nullptr ? error : "");
-            sqlite3_free(error);
-            Close();
-        }
-    }
-    ~Store() { Close(); }
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
-
-    sqlite3* Handle() const { return m_db; }
-
-private:
-    void Close()
-    {
-        if (m_db != nullptr) {
-            sqlite3_close_v2(m_db);
-            m_db = nullptr;
-        }
-    }
-    sqlite3* m_db = nullptr;
+    Store() : SharedDatabaseFile(kSettingsFile, kSchema, "settings") {}
 };
 
 /* A prepared statement, finalised at the end of the scope. */

@@ -15,9 +15,9 @@
 #include <set>
 
 #include "HostState.h"
+#include "SharedDatabaseFile.h"
 #include "dlog.h"
 #include "qeb_app_list.h"
-#include "tzplatform_config.h"
 
 #define REGISTRY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 #define REGISTRY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
@@ -28,7 +28,6 @@ namespace registry {
 namespace {
 
 const char kRegistryFile[] = ".tilvane-app-registry.db";
-const int kBusyTimeoutMs = 5000;
 
 const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS packages ("
@@ -49,67 +48,11 @@ const char kSchema[] =
     "  package_id TEXT PRIMARY KEY REFERENCES packages(package_id) ON DELETE CASCADE,"
     "  web_app_id TEXT NOT NULL);";
 
-std::string RegistryPath()
-{
-    const char* directory = tzplatform_getenv(TZ_SYS_DB);
-    if (directory == nullptr) {
-        return std::string();
-    }
-    return std::string(directory) + "/" + kRegistryFile;
-}
-
 /* One connection to the registry file, with the schema in place. */
-class Connection
+class Connection : public SharedDatabaseFile
 {
 public:
-    Connection()
-    {
-        const std::string path = RegistryPath();
-        if (path.empty()) {
-            REGISTRY_LOGE("app registry: no database directory");
-            return;
-        }
-        if (sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                            nullptr) != SQLITE_OK) {
-            REGISTRY_LOGE("app registry: cannot open %s: %s", path.c_str(),
-                          m_db != nullptr ? sqlite3_errmsg(m_db) : "out of memory");
-            Close();
-            return;
-        }
-        sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-        if (!Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;") ||
-            !Exec(kSchema)) {
-            Close();
-        }
-    }
-    ~Connection() { Close(); }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    bool IsOpen() const { return m_db != nullptr; }
-    sqlite3* Handle() const { return m_db; }
-
-    bool Exec(const char* sql)
-    {
-        char* message = nullptr;
-        if (sqlite3_exec(m_db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-            REGISTRY_LOGE("app registry: %s", message != nullptr ? message : sqlite3_errmsg(m_db));
-            sqlite3_free(message);
-            return false;
-        }
-        return true;
-    }
-
-private:
-    void Close()
-    {
-        if (m_db != nullptr) {
-            sqlite3_close_v2(m_db);
-            m_db = nullptr;
-        }
-    }
-
-    sqlite3* m_db = nullptr;
+    Connection() : SharedDatabaseFile(kRegistryFile, kSchema, "app registry") {}
 };
 
 /* A prepared statement with bound texts, finalised on destruction. */
