@@ -19,7 +19,7 @@ public:
     void ReportRuns(const std::vector<Run>& runs) override
     {
         for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
+            if (run.run_type == Run::RT_Iteration && run.iterations > 0 && !run.error_occurred) {
                 m_secondsPerIteration[run.benchmark_name()] =
                     run.real_accumulated_time / static_cast<double>(run.iterations);
             }

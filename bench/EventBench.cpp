@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchBus.h"
 #include "MessageHelper.h"
 
 namespace {
@@ -85,8 +86,7 @@ public:
 private:
     EventBenchSetup()
     {
-        const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-        if ((address == nullptr || *address == '\0') && !StartPrivateBus()) {
+        if (!EnsureBenchBus()) {
             return;
         }
         int ready[2];
@@ -110,54 +110,21 @@ private:
         std::atexit(StopAll);
     }
 
-    bool StartPrivateBus()
-    {
-        int fds[2];
-        if (pipe(fds) != 0) {
-            return false;
-        }
-        s_busPid = fork();
-        if (s_busPid == 0) {
-            close(fds[0]);
-            std::string printAddress = "--print-address=" + std::to_string(fds[1]);
-            execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", printAddress.c_str(),
-                   static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        std::string address;
-        char c = 0;
-        while (read(fds[0], &c, 1) == 1 && c != '\n') {
-            address.push_back(c);
-        }
-        close(fds[0]);
-        if (address.empty()) {
-            std::fprintf(stderr, "EventBench: cannot start dbus-daemon\n");
-            return false;
-        }
-        setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-        return true;
-    }
-
     static void StopAll()
     {
-        for (pid_t* pid : {&s_receiverPid, &s_busPid}) {
-            if (*pid > 0) {
-                kill(*pid, SIGTERM);
-                waitpid(*pid, nullptr, 0);
-                *pid = -1;
-            }
+        if (s_receiverPid > 0) {
+            kill(s_receiverPid, SIGTERM);
+            waitpid(s_receiverPid, nullptr, 0);
+            s_receiverPid = -1;
         }
     }
 
     bool m_ready = false;
     int m_parentFd = -1;
     static pid_t s_receiverPid;
-    static pid_t s_busPid;
 };
 
 pid_t EventBenchSetup::s_receiverPid = -1;
-pid_t EventBenchSetup::s_busPid = -1;
 
 /* A synchronisation event as the provider builds it. */
 bundle* NewEvent()

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchBus.h"
 #include "ContentDbConnection.h"
 #include "ContentProviderParam.h"
 #include "SharedQueryObject.h"
@@ -38,7 +39,6 @@ constexpr char kBareXml[] =
 
 std::string g_dir;
 std::unique_ptr<CContentDbConnection> g_db;
-pid_t g_busPid = -1;
 pid_t g_providerPid = -1;
 
 int InsertCB(PT_PROVIDER_INSERT_IN_PARAM&, PT_PROVIDER_INSERT_OUT_PARAM& out)
@@ -116,7 +116,7 @@ void RunProvider(int readyFd)
 
 void StopAll()
 {
-    for (pid_t* pid : {&g_providerPid, &g_busPid}) {
+    for (pid_t* pid : {&g_providerPid}) {
         if (*pid > 0) {
             kill(*pid, SIGTERM);
             waitpid(*pid, nullptr, 0);
@@ -131,31 +131,8 @@ void StopAll()
 bool Setup()
 {
     static int ready = [] {
-        const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-        if (address == nullptr || *address == '\0') {
-            int fds[2];
-            if (pipe(fds) != 0) {
-                return 0;
-            }
-            g_busPid = fork();
-            if (g_busPid == 0) {
-                close(fds[0]);
-                std::string printAddress = "--print-address=" + std::to_string(fds[1]);
-                execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", printAddress.c_str(),
-                       static_cast<char*>(nullptr));
-                _exit(127);
-            }
-            close(fds[1]);
-            std::string found;
-            char c = 0;
-            while (read(fds[0], &c, 1) == 1 && c != '\n') {
-                found.push_back(c);
-            }
-            close(fds[0]);
-            if (found.empty()) {
-                return 0;
-            }
-            setenv("DBUS_SESSION_BUS_ADDRESS", found.c_str(), 1);
+        if (!EnsureBenchBus()) {
+            return 0;
         }
         char pattern[] = "/tmp/road-bench-XXXXXX";
         if (mkdtemp(pattern) == nullptr) {
@@ -192,7 +169,8 @@ bool Setup()
         char c = 0;
         const bool ok = read(fds[0], &c, 1) == 1;
         close(fds[0]);
-        tilvane::host::SetOwnAppId("org.example.benchclient");
+        // The client keeps the identity of this process's bus connection, which
+        // an earlier benchmark may already have opened.
         std::atexit(StopAll);
         return ok ? 1 : 0;
     }();

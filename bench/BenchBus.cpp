@@ -1,0 +1,63 @@
+#include "BenchBus.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+pid_t g_busPid = -1;
+
+void StopBus()
+{
+    if (g_busPid > 0) {
+        kill(g_busPid, SIGTERM);
+        waitpid(g_busPid, nullptr, 0);
+        g_busPid = -1;
+    }
+}
+
+bool StartPrivateBus()
+{
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return false;
+    }
+    g_busPid = fork();
+    if (g_busPid == 0) {
+        close(fds[0]);
+        std::string printAddress = "--print-address=" + std::to_string(fds[1]);
+        execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", printAddress.c_str(),
+               static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    std::string address;
+    char c = 0;
+    while (read(fds[0], &c, 1) == 1 && c != '\n') {
+        address.push_back(c);
+    }
+    close(fds[0]);
+    if (g_busPid < 0 || address.empty()) {
+        std::fprintf(stderr, "benchmarks: cannot start dbus-daemon\n");
+        return false;
+    }
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    std::atexit(StopBus);
+    return true;
+}
+
+}  // namespace
+
+bool EnsureBenchBus()
+{
+    static const bool ready = [] {
+        const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+        return (address != nullptr && *address != '\0') || StartPrivateBus();
+    }();
+    return ready;
+}
