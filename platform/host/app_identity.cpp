@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "AppIdentity.h"
+#include "app_identity.h"
 #include "host_control.h"
 
 namespace tilvane {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "AppRegistry.h"
+#include "app_registry.h"
 #include "host_control.h"
 
 struct app_info_s {

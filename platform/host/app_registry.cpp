@@ -8,14 +8,14 @@
  * its own connection and transaction: nothing is cached, and a change made by
  * another process is seen by the next call.
  */
-#include "AppRegistry.h"
+#include "app_registry.h"
 
 #include <sqlite3.h>
 
 #include <set>
 
-#include "HostState.h"
-#include "SharedDatabaseFile.h"
+#include "host_state.h"
+#include "shared_database_file.h"
 #include "dlog.h"
 #include "qeb_app_list.h"
 

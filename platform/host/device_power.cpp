@@ -1,6 +1,6 @@
 /*
  * Power-off notification on the host. A power-off of type N is the bus signal
- * org.tilvane.Power.PowerOff(i type) (SignalBus.h); RaisePowerOff of the
+ * org.tilvane.Power.PowerOff(i type) (signal_bus.h); RaisePowerOff of the
  * control API calls this process's subscribers at once and emits the signal
  * for the others.
  */
@@ -9,8 +9,8 @@
 #include <mutex>
 #include <vector>
 
-#include "HostState.h"
-#include "SignalBus.h"
+#include "host_state.h"
+#include "signal_bus.h"
 #include "dlog.h"
 #include "host_control.h"
 

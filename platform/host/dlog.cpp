@@ -16,7 +16,7 @@
 #include <atomic>
 #include <string>
 
-#include "HostState.h"
+#include "host_state.h"
 
 namespace tilvane {
 namespace host {

@@ -4,6 +4,7 @@
  * root override. One mutex guards all of it.
  */
 #include "host_control.h"
+#include "platform_config.h"
 
 #include <time.h>
 
@@ -12,7 +13,7 @@
 #include <mutex>
 #include <utility>
 
-#include "HostState.h"
+#include "host_state.h"
 
 namespace tilvane {
 namespace host {
@@ -259,6 +260,7 @@ void Reset()
     ForgetKeyWatchers();
     ForgetPowerOffSubscribers();
     CloseSignalBus();
+    config::Forget();
 }
 
 }  // namespace host

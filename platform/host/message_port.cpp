@@ -2,7 +2,7 @@
  * Message ports on the host, over the D-Bus session bus (DBUS_SESSION_BUS_ADDRESS).
  *
  * Each process connects once, lazily, and owns the bus name of its application
- * id (AppIdentity.h); it never queues for the name, so two processes cannot run
+ * id (app_identity.h); it never queues for the name, so two processes cannot run
  * as one application. It exports one object for all of its local ports:
  *
  *   path      /org/tilvane/MessagePort
@@ -43,10 +43,10 @@
 #include <utility>
 #include <vector>
 
-#include "AppIdentity.h"
-#include "BusConnection.h"
-#include "GLibPtr.h"
-#include "HostState.h"
+#include "app_identity.h"
+#include "bus_connection.h"
+#include "glib_ptr.h"
+#include "host_state.h"
 #include "dlog.h"
 #include "host_control.h"
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "AppRegistry.h"
+#include "app_registry.h"
 #include "host_control.h"
 
 struct package_info_s {

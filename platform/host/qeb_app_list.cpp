@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "AppRegistry.h"
+#include "app_registry.h"
 #include "host_control.h"
 
 extern "C" int qeb_get_app_list(int type, int subtype, int region, int sort, int offset, int reserved, void** list,

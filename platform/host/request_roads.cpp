@@ -2,7 +2,7 @@
  * The two request roads over the message bus: data control (SQL provider side)
  * and the content library's provider road.
  *
- * Every process exports two objects on its bus connection (BusConnection.h),
+ * Every process exports two objects on its bus connection (bus_connection.h),
  * described by request_roads.xml:
  *   /org/tilvane/DataControl  org.tilvane.DataControl  Insert Select Update Delete
  *   /org/tilvane/Content      org.tilvane.Content      Insert BulkInsert Select Update
@@ -34,12 +34,12 @@
 #include <string>
 #include <vector>
 
-#include "AppIdentity.h"
-#include "BusConnection.h"
-#include "GLibPtr.h"
-#include "HostState.h"
+#include "app_identity.h"
+#include "bus_connection.h"
+#include "glib_ptr.h"
+#include "host_state.h"
 #include "RequestRoadsXml.h"
-#include "RowCodec.h"
+#include "row_codec.h"
 #include "SQLiteCursor.h"
 #include "SharedQueryObject.h"
 #include "content_provider_dispatch.h"

@@ -1,7 +1,7 @@
 /*
- * The encoding of select results that both request roads send (RowCodec.h).
+ * The encoding of select results that both request roads send (row_codec.h).
  */
-#include "RowCodec.h"
+#include "row_codec.h"
 
 #include <sqlite3.h>
 

@@ -15,7 +15,7 @@
 #include <mutex>
 #include <vector>
 
-#include "HostState.h"
+#include "host_state.h"
 #include "dlog.h"
 #include "host_control.h"
 

@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-#include "HostState.h"
+#include "host_state.h"
 
 namespace tilvane {
 namespace host {

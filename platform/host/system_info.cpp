@@ -1,10 +1,10 @@
 /*
  * System information on the host: boolean values from the settings store
- * (SettingsStore.h), set by tilvanectl system-info or the control API.
+ * (settings_store.h), set by tilvanectl system-info or the control API.
  */
 #include "system_info.h"
 
-#include "SettingsStore.h"
+#include "settings_store.h"
 #include "host_control.h"
 
 namespace tilvane {

@@ -15,7 +15,7 @@
 #include <set>
 #include <string>
 
-#include "HostState.h"
+#include "host_state.h"
 #include "dlog.h"
 
 namespace tilvane {
@@ -84,6 +84,12 @@ const char* Intern(const std::string& path)
 }
 
 }  // namespace
+
+std::string PlatformRootDirectory()
+{
+    return PlatformRoot();
+}
+
 }  // namespace host
 }  // namespace tilvane
 

@@ -1,7 +1,7 @@
 /*
  * Configuration keys on the host. Values are kept in the settings store
- * (SettingsStore.h); a set announces itself with the bus signal
- * org.tilvane.Configuration.KeyChanged(s key, i value) (SignalBus.h). Watchers
+ * (settings_store.h); a set announces itself with the bus signal
+ * org.tilvane.Configuration.KeyChanged(s key, i value) (signal_bus.h). Watchers
  * of this process are called through an idle source on the GLib default main
  * context, and those of other processes when the signal reaches them.
  */
@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "HostState.h"
-#include "SettingsStore.h"
-#include "SignalBus.h"
+#include "host_state.h"
+#include "settings_store.h"
+#include "signal_bus.h"
 #include "dlog.h"
 #include "host_control.h"
 

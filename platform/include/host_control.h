@@ -161,6 +161,12 @@ int PowerOffSubscriberCount();
 /* The boolean value that system_info_get_value_bool(key) reads. */
 bool SetSystemInfoBool(int key, bool value);
 
+/* ---- the integrator's configuration -------------------------------------- */
+
+/* Replaces the configuration file (platform_config.h) of this process by
+ * `keyFileText`, read on next use; Reset() goes back to the file. */
+void SetConfigurationText(const std::string& keyFileText);
+
 /* ---- everything ---------------------------------------------------------- */
 
 /* Clears failures, counters, captured lines, recorded sleeps, registered app
@@ -168,7 +174,8 @@ bool SetSystemInfoBool(int key, bool value);
  * log capture off, and makes the log read TILVANE_LOG_LEVEL again. It also
  * closes the message-port bus connection, forgets local ports, recorded sends
  * and the own application id override, and forgets key watchers and power-off
- * subscribers (closing the notification bus connection); stored keys stay. */
+ * subscribers (closing the notification bus connection), and reads the
+ * integrator's configuration file again on next use; stored keys stay. */
 void Reset();
 
 }  // namespace host

@@ -20,7 +20,7 @@
 #include "TestSupport.h"
 
 #include "ContentDbConnection.h"
-#include "../../platform/host/content/StatementCache.h"
+#include "../../platform/host/content/statement_cache.h"
 
 namespace {
 

@@ -10,11 +10,11 @@
 #include <cstring>
 #include <thread>
 
-#include "AppIdentity.h"
-#include "BusConnection.h"
-#include "GLibPtr.h"
-#include "HostState.h"
-#include "RowCodec.h"
+#include "app_identity.h"
+#include "bus_connection.h"
+#include "glib_ptr.h"
+#include "host_state.h"
+#include "row_codec.h"
 #include "bundle.h"
 #include "dlog.h"
 #include "message_port.h"

@@ -1,4 +1,4 @@
-#include "content/SQLiteStatementCursor.h"
+#include "content/sqlite_statement_cursor.h"
 
 #include <cerrno>
 #include <climits>
@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "content/ContentLog.h"
+#include "content/content_log.h"
 
 using tilvane::content::Database;
 using tilvane::content::StatementLease;

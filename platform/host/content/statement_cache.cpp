@@ -1,9 +1,9 @@
-#include "content/StatementCache.h"
+#include "content/statement_cache.h"
 
 #include <atomic>
 #include <utility>
 
-#include "content/ContentLog.h"
+#include "content/content_log.h"
 
 namespace tilvane {
 namespace content {

@@ -1,4 +1,4 @@
-#include "SignalBus.h"
+#include "signal_bus.h"
 
 #include <cstring>
 #include <map>
@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
-#include "GLibPtr.h"
-#include "HostState.h"
+#include "glib_ptr.h"
+#include "host_state.h"
 #include "dlog.h"
 
 #define SIGNAL_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)

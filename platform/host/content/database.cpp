@@ -1,8 +1,8 @@
-#include "content/Database.h"
+#include "content/database.h"
 
 #include <utility>
 
-#include "content/ContentLog.h"
+#include "content/content_log.h"
 
 namespace tilvane {
 namespace content {

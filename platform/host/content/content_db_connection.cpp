@@ -10,10 +10,10 @@
 #include <bundle.h>
 #include <host_control.h>
 
-#include "content/ContentLog.h"
-#include "content/Database.h"
-#include "content/SQLiteStatementCursor.h"
-#include "content/StatementCache.h"
+#include "content/content_log.h"
+#include "content/database.h"
+#include "content/sqlite_statement_cursor.h"
+#include "content/statement_cache.h"
 
 using tilvane::content::Database;
 using tilvane::content::QuoteIdentifier;

@@ -12,7 +12,7 @@
 
 #include <string>
 
-#include "GLibPtr.h"
+#include "glib_ptr.h"
 
 namespace tilvane {
 namespace host {

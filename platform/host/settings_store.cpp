@@ -2,12 +2,12 @@
  * Every operation opens its own connection (WAL, busy timeout), so a value
  * written by one process is read by the next call of any other.
  */
-#include "SettingsStore.h"
+#include "settings_store.h"
 
 #include <sqlite3.h>
 
-#include "HostState.h"
-#include "SharedDatabaseFile.h"
+#include "host_state.h"
+#include "shared_database_file.h"
 #include "dlog.h"
 
 #define SETTINGS_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)

@@ -26,6 +26,10 @@ bool RecordSleepAndAdvance(int64_t durationUs);
 /* The root set by SetPlatformRoot, empty when none is set. */
 std::string PlatformRootOverride();
 
+/* Owned by tzplatform.cpp: the absolute platform root (SetPlatformRoot's, else
+ * TILVANE_PLATFORM_ROOT's, else <cwd>/tilvane-data). */
+std::string PlatformRootDirectory();
+
 /* Owned by dlog.cpp: forget the minimum priority so that the next line reads
  * TILVANE_LOG_LEVEL again. */
 void ForgetLogLevel();
@@ -41,7 +45,7 @@ void ResetMessagePorts();
  * flight and the bus names the request roads own. */
 void ResetRequestRoads();
 
-/* Owned by vconf.cpp, device_power.cpp and SignalBus.cpp: drop key watchers
+/* Owned by vconf.cpp, device_power.cpp and signal_bus.cpp: drop key watchers
  * and power-off subscribers, close the notification bus connection. */
 void ForgetKeyWatchers();
 void ForgetPowerOffSubscribers();

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "SQLiteCursor.h"
-#include "content/Database.h"
-#include "content/StatementCache.h"
+#include "content/database.h"
+#include "content/statement_cache.h"
 
 class CSQLiteStatementCursor : public ISQLiteCursor
 {

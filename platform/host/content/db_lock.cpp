@@ -3,7 +3,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "content/ContentLog.h"
+#include "content/content_log.h"
 
 namespace {
 

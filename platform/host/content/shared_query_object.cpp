@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "content/ContentLog.h"
+#include "content/content_log.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <host_control.h>
 
 #include "ContentProviderParam.h"
-#include "content/ContentLog.h"
-#include "BusConnection.h"
+#include "content/content_log.h"
+#include "bus_connection.h"
 
 namespace tilvane {
 namespace content {

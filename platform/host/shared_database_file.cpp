@@ -1,8 +1,8 @@
-#include "SharedDatabaseFile.h"
+#include "shared_database_file.h"
 
 #include <sqlite3.h>
 
-#include "HostState.h"
+#include "host_state.h"
 #include "dlog.h"
 #include "tzplatform_config.h"
 

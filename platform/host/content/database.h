@@ -20,7 +20,7 @@
 
 #include <sqlite3.h>
 
-#include "content/StatementCache.h"
+#include "content/statement_cache.h"
 
 namespace tilvane {
 namespace content {

@@ -6,9 +6,9 @@
 
 #include <sqlite3.h>
 
-#include "content/ContentLog.h"
-#include "content/Database.h"
-#include "content/StatementCache.h"
+#include "content/content_log.h"
+#include "content/database.h"
+#include "content/statement_cache.h"
 
 using tilvane::content::QuoteIdentifier;
 using tilvane::content::StatementHandle;
