@@ -32,6 +32,7 @@ class Publisher:
         self.tilvanectl = tilvanectl
         self.env = dict(os.environ if env is None else env)
         self.scratch = scratch or tempfile.mkdtemp(prefix="tilvane-sample-")
+        os.makedirs(self.scratch, exist_ok=True)
         self.files = 0
 
     def run(self, app_id, *args, check=True):
