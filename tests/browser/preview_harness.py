@@ -135,6 +135,13 @@ def start_browser(profile_dir):
     return webdriver.Chrome(service=Service(driver), options=options)
 
 
+def wait_until_settled(driver, timeout):
+    """Waits for the first render, the live stream and the end of every load."""
+    wait_for(lambda: driver.execute_script(
+        "return document.body.dataset.renders && document.getElementById('live').className === 'live-on' &&"
+        " document.body.dataset.loading === '0'"), timeout, "the page to settle")
+
+
 def import_sample_content(source):
     sys.path.insert(0, os.path.join(source, "tools", "tilvane-preview"))
     import sample_content  # noqa: E402

@@ -44,8 +44,7 @@ class PreviewInBrowserTest(unittest.TestCase):
             cls.stack.start_preview()
             cls.driver = harness.start_browser(os.path.join(cls.stack.dir, "profile"))
             cls.driver.get(cls.stack.address)
-            harness.wait_for(lambda: cls.driver.execute_script("return document.body.dataset.renders"), WAIT,
-                             "the first render")
+            harness.wait_until_settled(cls.driver, WAIT)
         except BaseException:
             cls.tearDownClass()
             raise

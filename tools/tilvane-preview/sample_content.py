@@ -100,6 +100,19 @@ def write_poster(root, device_path, title, colour, ratio="16:9"):
     return device_path
 
 
+def write_icon(root, device_path, letter, colour):
+    """A launcher icon: one letter on a colour, under the platform root."""
+    svg = ('<svg xmlns="http://www.w3.org/2000/svg" width="96" height="96" viewBox="0 0 96 96">'
+           '<rect width="96" height="96" rx="18" fill="%s"/>'
+           '<text x="48" y="66" text-anchor="middle" font-family="sans-serif" font-size="56" font-weight="bold"'
+           ' fill="#fff">%s</text></svg>') % (colour, letter)
+    file = os.path.join(root, device_path.lstrip("/"))
+    os.makedirs(os.path.dirname(file), exist_ok=True)
+    with open(file, "w", encoding="utf-8") as out:
+        out.write(svg)
+    return device_path
+
+
 def publish_sample(publisher, top, root):
     """The sample content of scripts/preview.sh."""
     publisher.install_app(os.path.join(top, "examples", "apps", "launcher.manifest"))
@@ -108,9 +121,9 @@ def publish_sample(publisher, top, root):
     videos_res = "/opt/usr/apps/org.example.videos/shared/res/"
     music_res = "/opt/usr/apps/org.example.music/shared/res/"
     publisher.install_entry("org.example.videos", "Videos", 1,
-                            icon=write_poster(root, videos_res + "icon.svg", "V", "#1f6feb", "1:1"))
+                            icon=write_icon(root, videos_res + "icon.svg", "V", "#1f6feb"))
     publisher.install_entry("org.example.music", "Music", 2,
-                            icon=write_poster(root, music_res + "icon.svg", "M", "#8957e5", "1:1"))
+                            icon=write_icon(root, music_res + "icon.svg", "M", "#8957e5"))
     publisher.install_entry("org.example.radio", "Radio", 3, enabled=False)
 
     now = int(time.time())

@@ -12,6 +12,8 @@ const state = {
   renders: 0,
   loading: null,    // the running load
   pending: null,    // the load that follows it, shared by every change meanwhile
+  navigation: 0,    // counts moves to another entry
+  signature: "",    // the data of the last render
 };
 
 function element(tag, className, text) {
@@ -66,9 +68,10 @@ function shownTiles(section) {
 // Loading ------------------------------------------------------------------
 
 async function loadEverything() {
-  const focus = rememberFocus();
+  const navigation = state.navigation;
+  const wanted = state.entries[state.entryIndex];
   const entries = (await getJson("/api/entries")).entries;
-  let entryIndex = entries.findIndex((entry) => entry._id === focus.entryId);
+  let entryIndex = wanted ? entries.findIndex((entry) => entry._id === wanted._id) : -1;
   if (entryIndex < 0) entryIndex = Math.min(state.entryIndex, Math.max(entries.length - 1, 0));
   let sections = [];
   if (entries.length > 0) {
@@ -76,6 +79,13 @@ async function loadEverything() {
     const tiles = await Promise.all(sections.map((section) => getJson("/api/sections/" + section._id + "/tiles")));
     sections.forEach((section, index) => { section.tiles = tiles[index].tiles; });
   }
+  // The user went to another entry meanwhile: the load that move asked for follows.
+  if (navigation !== state.navigation) return;
+  // Nothing changed: the page stays as it is.
+  const signature = JSON.stringify([entryIndex, entries, sections]);
+  if (signature === state.signature) return;
+  state.signature = signature;
+  const focus = rememberFocus();
   state.entries = entries;
   state.entryIndex = entryIndex;
   state.sections = sections;
@@ -99,9 +109,13 @@ function reload() {
 }
 
 function runLoad() {
+  document.body.dataset.loading = "1";
   state.loading = loadEverything()
     .catch((error) => showProblem(error.message))
-    .finally(() => { state.loading = null; });
+    .finally(() => {
+      state.loading = null;
+      if (!state.pending) document.body.dataset.loading = "0";
+    });
   return state.loading;
 }
 
@@ -138,6 +152,8 @@ function moveEntry(step) {
   const next = state.entryIndex + step;
   if (next < 0 || next >= state.entries.length) return;
   state.entryIndex = next;
+  state.navigation += 1;
+  state.signature = "";
   state.sections = [];
   state.tileIndex = 0;
   render();
