@@ -8,6 +8,8 @@ PACKAGES=(
     libsqlite3-dev libglib2.0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon dbus-bin
+    libsoup-3.0-dev
+    chromium chromium-driver python3-selenium fonts-dejavu-core
 )
 
 missing=()
