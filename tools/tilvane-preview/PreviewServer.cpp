@@ -254,6 +254,7 @@ void PreviewServer::OpenStream(SoupServerMessage* message)
     soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
     g_signal_connect(message, "finished", G_CALLBACK(StreamFinishedCB), this);
     m_streams.push_back(static_cast<SoupServerMessage*>(g_object_ref(message)));
+    std::fprintf(stderr, "tilvane-preview: a page follows the changes (%zu open)\n", m_streams.size());
     JsonWriter json;
     json.BeginObject().Key("streams").Integer(static_cast<int64_t>(m_streams.size())).EndObject();
     Send(message, "retry: 1000\nevent: hello\ndata: " + json.Text() + "\n\n");
@@ -274,6 +275,7 @@ void PreviewServer::StreamFinishedCB(SoupServerMessage* message, gpointer self)
         server->m_streams.erase(it);
         g_signal_handlers_disconnect_by_data(message, self);
         g_object_unref(message);
+        std::fprintf(stderr, "tilvane-preview: a page went away (%zu open)\n", server->m_streams.size());
     }
 }
 
