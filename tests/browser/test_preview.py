@@ -11,6 +11,7 @@ TILVANE_PREVIEW_SCREENSHOT (ctest: <build>/tests/browser/preview.png).
 """
 
 import http.client
+import json
 import os
 import socket
 import sys
@@ -83,7 +84,9 @@ class PreviewInBrowserTest(unittest.TestCase):
                                       section_position=1, section_title_display_mode="ALWAYS")
         cls.first_section, cls.second_section = first, second
         publisher.add_tiles(VIDEOS, first, [
-            {"tile_id": "gamma", "tile_title": "Gamma", "tile_position": 3, "tile_favorite": 1},
+            # An image address that nobody answers: the placeholder shows.
+            {"tile_id": "gamma", "tile_title": "Gamma", "tile_position": 3, "tile_favorite": 1,
+             "tile_image_url": "http://127.0.0.1:9/unreachable.png"},
             {"tile_id": "alpha", "tile_title": "Alpha", "tile_subtitle": "Episode 1", "tile_position": 1,
              "tile_playable": 1, "tile_progress": 40, "tile_image_ratio": "16:9",
              "tile_image_path": sample.write_poster(root, "/opt/usr/apps/org.example.videos/res/alpha.svg",
@@ -127,17 +130,14 @@ class PreviewInBrowserTest(unittest.TestCase):
         return self.driver.find_element(self.By.CSS_SELECTOR, ".tile[data-tile-id='%s']" % self.tile_row_id(tile_id))
 
     def tile_row_id(self, tile_id):
-        rows = self.script("return window.__rows || null")
-        if rows is None or tile_id not in rows:
-            rows = {}
-            for section in (self.first_section, self.second_section, self.albums_section):
-                data = self.api("/api/sections/%d/tiles" % section)
-                for tile in data["tiles"]:
-                    rows[tile["tile_id"]] = tile["_id"]
-        return rows[tile_id]
+        """The row id of a tile, from the JSON API."""
+        for section in (self.first_section, self.second_section, self.albums_section):
+            for tile in self.api("/api/sections/%d/tiles" % section)["tiles"]:
+                if tile["tile_id"] == tile_id:
+                    return tile["_id"]
+        self.fail("no tile " + tile_id)
 
     def api(self, path):
-        import json
         status, headers, body = self.http_get(path)
         self.assertEqual(status, 200, body)
         return json.loads(body)
@@ -217,10 +217,13 @@ class PreviewInBrowserTest(unittest.TestCase):
         image = self.tile("alpha").find_element(self.By.CSS_SELECTOR, "img.tile-picture")
         self.wait_page(lambda: self.script("return arguments[0].complete && arguments[0].naturalWidth", image),
                        "the poster of Alpha")
-        # Without an image the tile shows its title in a placeholder.
+        # An image that cannot be had leaves the tile's title in a placeholder.
         gamma = self.tile("gamma")
+        self.wait_page(lambda: gamma.find_elements(self.By.CSS_SELECTOR, ".placeholder"), "Gamma's placeholder")
         self.assertEqual(gamma.find_element(self.By.CSS_SELECTOR, ".placeholder").get_attribute("textContent"),
                          "Gamma")
+        self.assertEqual(self.tile("epsilon").find_element(self.By.CSS_SELECTOR, ".placeholder")
+                         .get_attribute("textContent"), "Epsilon")
 
     def test_04_titles_are_text_and_image_paths_stay_under_the_root(self):
         xss = self.tile("xss")
@@ -328,9 +331,16 @@ class PreviewInBrowserTest(unittest.TestCase):
         self.script("window.previewMarker = 'still the same page'")
         before = int(self.script("return Number(document.body.dataset.lastChange || 0)"))
 
+        # Its image comes from an address that answers (the preview's own image path).
+        url = self.stack.address + "api/image?path=" + urllib.parse.quote(
+            "/opt/usr/apps/org.example.videos/res/alpha.svg", safe="")
         self.publisher.add_tiles(VIDEOS, self.second_section, [
-            {"tile_id": "zeta", "tile_title": "Zeta", "tile_position": 3, "tile_favorite": 1}])
+            {"tile_id": "zeta", "tile_title": "Zeta", "tile_position": 3, "tile_favorite": 1, "tile_image_url": url}])
         self.wait_page(lambda: self.section_tiles("Second") == ["Delta", "Epsilon", "Zeta"], "the new tile")
+        image = self.tile("zeta").find_element(self.By.CSS_SELECTOR, "img.tile-picture")
+        self.assertEqual(image.get_attribute("src"), url)
+        self.wait_page(lambda: self.script("return arguments[0].complete && arguments[0].naturalWidth", image),
+                       "the image from its address")
         self.assertEqual(self.script("return window.previewMarker"), "still the same page")
         self.assertIn("org.example.videos", self.driver.find_element(self.By.ID, "change").text)
         self.assertGreater(int(self.script("return Number(document.body.dataset.lastChange)")), before)

@@ -97,7 +97,8 @@ ImageFile ResolveImagePath(const std::string& root, const std::string& requested
     if (realRoot.empty()) {
         return Missing("the platform root does not exist");
     }
-    std::string candidate = realRoot;
+    const std::string base = realRoot == "/" ? "" : realRoot;
+    std::string candidate = base;
     for (const std::string& part : parts) {
         candidate += "/" + part;
     }
@@ -105,7 +106,7 @@ ImageFile ResolveImagePath(const std::string& root, const std::string& requested
     if (realFile.empty()) {
         return Missing("no such file under the platform root");
     }
-    if (realFile.compare(0, realRoot.size() + 1, realRoot + "/") != 0) {
+    if (realFile.compare(0, base.size() + 1, base + "/") != 0) {
         return Refuse("the file lies outside the platform root");
     }
     struct stat info {};
