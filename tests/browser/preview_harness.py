@@ -48,6 +48,7 @@ class Stack:
         self.root = os.path.join(self.dir, "root")
         os.makedirs(self.root)
         self.processes = []
+        self.names = []
         self.bus_pid = None
         self.env = dict(os.environ)
         self.env["TILVANE_PLATFORM_ROOT"] = self.root
@@ -61,6 +62,16 @@ class Stack:
         self.env["DBUS_SESSION_BUS_ADDRESS"] = lines[0]
         self.bus_pid = int(lines[1])
 
+    def check_exits(self):
+        """Stops every process and raises when one did not end with status 0 (a
+        sanitizer's report included); its standard error is in the message."""
+        names = dict(self.names)
+        codes = self.stop_processes()
+        failed = ["%s exited with %s:\n%s" % (names[pid], code, self.log(names[pid])[-4000:])
+                  for pid, code in codes.items() if code != 0]
+        if failed:
+            raise AssertionError("\n".join(failed))
+
     def _spawn(self, name, argv, app_id, log_level="D"):
         env = dict(self.env)
         env["TILVANE_APP_ID"] = app_id
@@ -71,6 +82,7 @@ class Stack:
         out.close()
         err.close()
         self.processes.append(process)
+        self.names.append((process.pid, name))
         return process
 
     def log(self, name, stream="err"):
@@ -97,15 +109,23 @@ class Stack:
                 return line
         return None
 
-    def stop(self):
+    def stop_processes(self):
+        """SIGTERM to each process, newest first; their exit statuses by pid."""
+        codes = {}
         for process in reversed(self.processes):
             if process.poll() is None:
                 process.send_signal(signal.SIGTERM)
                 try:
-                    process.wait(timeout=10)
+                    process.wait(timeout=20)
                 except subprocess.TimeoutExpired:
                     process.kill()
                     process.wait()
+            codes[process.pid] = process.returncode
+        self.processes = []
+        return codes
+
+    def stop(self):
+        self.stop_processes()
         if self.bus_pid:
             try:
                 os.kill(self.bus_pid, signal.SIGTERM)

@@ -52,9 +52,13 @@ class PreviewInBrowserTest(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
-        if cls.driver is not None:
-            cls.driver.quit()
-        cls.stack.stop()
+        try:
+            if cls.driver is not None:
+                cls.driver.quit()
+            # The service and the preview end cleanly on SIGTERM.
+            cls.stack.check_exits()
+        finally:
+            cls.stack.stop()
 
     # Content ---------------------------------------------------------------
 

@@ -29,7 +29,7 @@ class SampleContentTest(unittest.TestCase):
         sample.publish_sample(publisher, self.stack.source, self.stack.root)
         self.stack.start_preview()
         self.driver = harness.start_browser(os.path.join(self.stack.dir, "profile"))
-        self.addCleanup(self.driver.quit)
+        self.addCleanup(lambda: self.driver.quit())
 
     def texts(self, selector):
         return self.driver.execute_script(
@@ -56,6 +56,8 @@ class SampleContentTest(unittest.TestCase):
         os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
         self.assertTrue(self.driver.save_screenshot(path))
         print("screenshot: " + path, file=sys.stderr)
+        self.driver.quit()
+        self.stack.check_exits()
 
 
 if __name__ == "__main__":
