@@ -8,6 +8,7 @@ PACKAGES=(
     libsqlite3-dev libglib2.0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon dbus-bin
+    systemd
 )
 
 missing=()

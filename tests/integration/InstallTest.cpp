@@ -123,7 +123,6 @@ TEST_F(InstallTest, LaysOutProgramsLibraryUnitsBusFilesManPagesAndExamples)
         << unit;
     EXPECT_NE(tilvane::test::ReadAll(Installed(TILVANE_INSTALL_SYSCONFDIR "/tilvane/tilvane.conf")).find("mode = verified"),
               std::string::npos);
-    Shell man = RunShell("man -l " + Quoted(Installed(TILVANE_INSTALL_MANDIR "/man1/tilvanectl.1")) + " | head -5");
     Shell completion = RunShell("bash -n " + Quoted(Installed(TILVANE_INSTALL_DATADIR
                                                                "/bash-completion/completions/tilvanectl")));
     EXPECT_EQ(completion.exitCode, 0) << completion.output;
