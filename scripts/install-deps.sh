@@ -10,6 +10,7 @@ PACKAGES=(
     dbus-daemon dbus-bin
     libsoup-3.0-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core
+    systemd
 )
 
 missing=()

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "host_state.h"
+#include "request_report.h"
 
 namespace tilvane {
 namespace host {
@@ -145,7 +146,7 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
     }
 
     // A line that is neither written nor captured is not even formatted.
-    if (prio < MinimumPriority() && !LogCaptureOn()) {
+    if (prio < MinimumPriority() && !LogCaptureOn() && !RequestReportOpen()) {
         return 0;
     }
     std::string message = FormatMessage(fmt, ap);
@@ -153,6 +154,7 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
         message.pop_back();
     }
     CaptureLogLine(prio, tag, message);
+    NoteLogLine(prio, tag, message);
     if (prio < MinimumPriority()) {
         return 0;
     }

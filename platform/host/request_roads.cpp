@@ -38,10 +38,12 @@
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "request_report.h"
 #include "RequestRoadsXml.h"
 #include "row_codec.h"
 #include "SQLiteCursor.h"
 #include "SharedQueryObject.h"
+#include "TilesModel.h"
 #include "content_provider_dispatch.h"
 #include "data_control.h"
 #include "dlog.h"
@@ -229,6 +231,60 @@ void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char
     g_dbus_method_invocation_return_dbus_error(invocation, name, message);
 }
 
+/* The words a client gets beside a result code: what the code means for this
+ * provider, else what the request's report says went wrong. */
+std::string ReasonForFailure(const RequestReport& report)
+{
+    if (!report.statementError.empty()) {
+        return report.statementError;
+    }
+    if (!report.providerFailure.empty()) {
+        const std::string known = ReasonForProviderText(report.providerFailure);
+        return known.empty() ? report.providerFailure : known;
+    }
+    return std::string();
+}
+
+std::string ReasonForCode(int code, const RequestReport& report)
+{
+    constexpr int kPermissionDenied = -13;
+    constexpr int kInvalidUri = -22;
+    if (code == 0) {
+        return std::string();
+    }
+    if (code == kPermissionDenied) {
+        return "permission level too low";
+    }
+    if (code == kInvalidUri) {
+        return "this table cannot be changed through this request";
+    }
+    return ReasonForFailure(report);
+}
+
+/* An insert that carries a sync mark writes no row: the answer says what the
+ * mark did instead. */
+std::string SyncMarkOf(bundle* values)
+{
+    const char* mark = values != nullptr ? bundle_get_val(values, TilesModel::EVENT_TILES_SYNC_KEY) : nullptr;
+    if (mark == nullptr) {
+        return std::string();
+    }
+    if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_END) == 0) {
+        return "sync end mark sent";
+    }
+    if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_START) == 0) {
+        return "sync start mark: nothing is sent";
+    }
+    return std::string();
+}
+
+/* The error text of a request that got no result: its reason when known. */
+std::string NoResultText(const RequestReport& report, const char* fallback)
+{
+    const std::string reason = ReasonForFailure(report);
+    return reason.empty() ? std::string(fallback) : reason;
+}
+
 /* ---- data control ---------------------------------------------------------- */
 
 void RunDataControl(Job& job)
@@ -265,8 +321,10 @@ void RunDataControl(Job& job)
         s.active[request.id] = &request;
     }
     data_control_s handle{requestedProvider, dataId};
+    RequestReportScope reportScope;
     bool served = true;
     bool readable = true;
+    std::string syncMark;
     if (job.method == "Insert") {
         const gchar* values = nullptr;
         g_variant_get_child(p, 3, "&s", &values);
@@ -277,6 +335,7 @@ void RunDataControl(Job& job)
             served = false;
         } else {
             callbacks.insert_cb(request.id, &handle, data, userData);
+            syncMark = SyncMarkOf(data);
         }
         bundle_free(data);
     } else if (job.method == "Select") {
@@ -335,7 +394,10 @@ void RunDataControl(Job& job)
     switch (request.answer) {
     case DcRequest::Answer::None:
         ROAD_LOGD("data-control request %d of %s: no result", request.id, request.clientApp.c_str());
-        ReturnError(job.invocation, kErrorNoResult, "the provider sent no result");
+        /* A sync mark is answered with no result by design: say what it did. */
+        ReturnError(job.invocation, kErrorNoResult,
+                    !syncMark.empty() ? syncMark.c_str()
+                                      : NoResultText(reportScope.Report(), "the provider sent no result").c_str());
         return;
     case DcRequest::Answer::Error:
         ReturnError(job.invocation, kErrorProviderError, request.error.c_str());
@@ -354,7 +416,8 @@ void RunDataControl(Job& job)
         break;
     case DcRequest::Answer::Done:
         if (job.method == "Update" || job.method == "Delete") {
-            g_dbus_method_invocation_return_value(job.invocation, nullptr);
+            g_dbus_method_invocation_return_value(
+                job.invocation, g_variant_new("(x)", static_cast<gint64>(reportScope.Report().changedRows)));
             return;
         }
         break;
@@ -405,6 +468,13 @@ void FreeBundles(std::vector<bundle*>& bundles)
     bundles.clear();
 }
 
+/* (result, rows changed, reason) of an update or delete. */
+GVariant* ChangeReply(int result, const RequestReport& report)
+{
+    return g_variant_new("(ixs)", result, static_cast<gint64>(result == 0 ? report.changedRows : 0),
+                         ReasonForCode(result, report).c_str());
+}
+
 void RunContent(Job& job)
 {
     using namespace tilvane::content;
@@ -412,6 +482,8 @@ void RunContent(Job& job)
     const gchar* uri = nullptr;
     g_variant_get_child(p, 1, "&s", &uri);
     int result = 0;
+    RequestReportScope reportScope;
+    const RequestReport& report = reportScope.Report();
     if (job.method == "Insert") {
         const gchar* values = nullptr;
         g_variant_get_child(p, 2, "&s", &values);
@@ -425,8 +497,11 @@ void RunContent(Job& job)
             return;
         }
         const bool found = DispatchInsert(in, out, result);
+        const std::string mark = SyncMarkOf(in.pValues);
+        const std::string reason = !mark.empty() ? mark : ReasonForCode(result, report);
         bundle_free(in.pValues);
-        ReturnResult(job.invocation, found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
+        ReturnResult(job.invocation, found,
+                     g_variant_new("(ixs)", result, static_cast<gint64>(out.nRowId), reason.c_str()));
     } else if (job.method == "BulkInsert" || job.method == "BulkUpdate") {
         GVariantPtr rows(g_variant_get_child_value(p, 2));
         bool ok = true;
@@ -443,7 +518,9 @@ void RunContent(Job& job)
             in.vecValues = bundles;
             const bool found = DispatchBulkInsert(in, out, result);
             FreeBundles(bundles);
-            ReturnResult(job.invocation, found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
+            ReturnResult(job.invocation, found,
+                         g_variant_new("(ixs)", result, static_cast<gint64>(out.nRowId),
+                                       ReasonForCode(result, report).c_str()));
         } else {
             PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM in;
             PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM out;
@@ -452,7 +529,7 @@ void RunContent(Job& job)
             in.vecValues = bundles;
             const bool found = DispatchBulkUpdate(in, out, result);
             FreeBundles(bundles);
-            ReturnResult(job.invocation, found, g_variant_new("(i)", result));
+            ReturnResult(job.invocation, found, ChangeReply(result, report));
         }
     } else if (job.method == "Update") {
         const gchar* values = nullptr;
@@ -473,7 +550,7 @@ void RunContent(Job& job)
         }
         const bool found = DispatchUpdate(in, out, result);
         bundle_free(in.pValues);
-        ReturnResult(job.invocation, found, g_variant_new("(i)", result));
+        ReturnResult(job.invocation, found, ChangeReply(result, report));
     } else if (job.method == "Delete") {
         const gchar* where = nullptr;
         g_variant_get_child(p, 2, "&s", &where);
@@ -484,7 +561,7 @@ void RunContent(Job& job)
         in.strWhere = where;
         in.vecWhereArgs = StringsOf(args.get());
         const bool found = DispatchDelete(in, result);
-        ReturnResult(job.invocation, found, g_variant_new("(i)", result));
+        ReturnResult(job.invocation, found, ChangeReply(result, report));
     } else if (job.method == "Select" || job.method == "GetRowIds") {
         PT_PROVIDER_SELECT_IN_PARAM in;
         in.strAppId = job.clientApp;
@@ -510,7 +587,8 @@ void RunContent(Job& job)
                 return;
             }
             if (!answered) {
-                ReturnError(job.invocation, kErrorNoResult, "the provider's select failed");
+                ReturnError(job.invocation, kErrorNoResult,
+                            NoResultText(report, "the provider's select failed").c_str());
                 return;
             }
             std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
@@ -533,7 +611,8 @@ void RunContent(Job& job)
                 return;
             }
             if (!answered) {
-                ReturnError(job.invocation, kErrorNoResult, "the provider's row-id lookup failed");
+                ReturnError(job.invocation, kErrorNoResult,
+                            NoResultText(report, "the provider's row-id lookup failed").c_str());
                 return;
             }
             GVariant* ids = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, out.vecRowIds.data(), out.vecRowIds.size(),
@@ -777,7 +856,7 @@ extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_c
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
     const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
-    const std::string providerId = fromEnvironment != nullptr ? fromEnvironment : "";
+    const std::string providerId = fromEnvironment != nullptr ? fromEnvironment : "content://com.quillon.px.tiles";
     const std::string busName = providerId.empty() ? std::string() : DataControlBusName(AuthorityOf(providerId));
     RoadState& s = TheRoadState();
     std::string previousName;

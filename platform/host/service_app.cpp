@@ -11,13 +11,19 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
 
+#include "app_identity.h"
+#include "bus_connection.h"
 #include "host_state.h"
 #include "dlog.h"
 #include "host_control.h"
+#include "message_port.h"
+#include "platform_config.h"
+#include "tilvane_version.h"
 
 namespace tilvane {
 namespace host {
@@ -222,29 +228,110 @@ void RequestTermination()
 
 namespace {
 
-bool AsksForHelp(int argc, char** argv)
+/* The application id a service started without TILVANE_APP_ID runs as. */
+constexpr char kDefaultServiceAppId[] = "com.quillon.px.tilvane";
+constexpr int kExitStartFailed = 1;
+constexpr int kExitUsage = 2;
+
+const char* ProgramName(int argc, char** argv)
 {
-    for (int i = 1; i < argc && argv != nullptr; ++i) {
-        if (argv[i] != nullptr && (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)) {
-            return true;
-        }
+    if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
+        return "service";
     }
-    return false;
+    const char* slash = std::strrchr(argv[0], '/');
+    return slash != nullptr ? slash + 1 : argv[0];
 }
 
-void PrintUsage(const char* program)
+void PrintUsage(FILE* out, const char* program)
 {
-    std::printf(
-        "Usage: %s [--help]\n"
+    std::fprintf(out,
+        "Usage: %s [--help] [--version]\n"
         "\n"
         "Runs the service application in the foreground until SIGTERM or SIGINT (Ctrl-C).\n"
         "Log lines go to standard error.\n"
         "\n"
+        "Options:\n"
+        "  --help     show this text\n"
+        "  --version  print the version\n"
+        "\n"
         "Environment:\n"
         "  TILVANE_PLATFORM_ROOT  folder under which every platform path resolves\n"
         "                         (default: ./tilvane-data); databases live in <root>/opt/dbspace\n"
-        "  TILVANE_LOG_LEVEL      lowest priority logged: V, D, I, W, E or F (default: D)\n",
-        program);
+        "  TILVANE_LOG_LEVEL      lowest priority logged: V, D, I, W, E or F (default: D)\n"
+        "  TILVANE_APP_ID         the application id the service runs as (default: %s)\n"
+        "  TILVANE_DATA_CONTROL_PROVIDER_ID\n"
+        "                         the data-control provider id it serves\n"
+        "                         (default: content://com.quillon.px.tiles)\n"
+        "  TILVANE_CONFIG         the integrator's configuration file\n"
+        "                         (default: <root>/etc/tilvane.conf)\n"
+        "  DBUS_SESSION_BUS_ADDRESS  the message bus it serves on (required)\n"
+        "\n"
+        "Exit codes: 0 ended normally, 1 could not start, 2 wrong command line.\n",
+        program, kDefaultServiceAppId);
+}
+
+/* What the command line asks for: run, or stop at once with an exit code. */
+bool ReadCommandLine(int argc, char** argv, int& exitCode)
+{
+    const char* program = ProgramName(argc, argv);
+    for (int i = 1; i < argc && argv[i] != nullptr; ++i) {
+        const char* word = argv[i];
+        if (std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0) {
+            PrintUsage(stdout, program);
+            exitCode = 0;
+            return false;
+        }
+        if (std::strcmp(word, "--version") == 0) {
+            std::printf("%s %s\n", program, TILVANE_VERSION);
+            exitCode = 0;
+            return false;
+        }
+        std::fprintf(stderr, "%s: unknown argument '%s'\n\n", program, word);
+        PrintUsage(stderr, program);
+        exitCode = kExitUsage;
+        return false;
+    }
+    return true;
+}
+
+/* Without TILVANE_APP_ID a service application runs as the service's own id
+ * (the integrator's [service] app-id, else the built-in one). */
+void ChooseDefaultAppId()
+{
+    const char* fromEnvironment = std::getenv("TILVANE_APP_ID");
+    if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
+        return;
+    }
+    tilvane::host::SetOwnAppId(tilvane::host::config::String("service", "app-id", kDefaultServiceAppId));
+}
+
+/* The bus must be there and the application's name free before the service
+ * is created: a second instance, or one with nowhere to serve, ends at once
+ * with one message instead of retrying. */
+bool StartUpPreconditionsHold(const char* program)
+{
+    using namespace tilvane::host;
+    const std::string appId = CurrentAppId();
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (address == nullptr || *address == '\0') {
+        std::fprintf(stderr, "%s: cannot start: no message bus (DBUS_SESSION_BUS_ADDRESS is not set)\n", program);
+        return false;
+    }
+    int result = 0;
+    GDBusConnectionPtr connection = SharedBusConnection(true, &result);
+    if (connection) {
+        return true;
+    }
+    if (result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE) {
+        std::fprintf(stderr, "%s: cannot start: application %s already runs on the bus (%s is owned by another "
+                     "process)\n", program, appId.c_str(), BusNameForAppId(appId).c_str());
+    } else if (result == MESSAGE_PORT_ERROR_INVALID_PARAMETER) {
+        std::fprintf(stderr, "%s: cannot start: application id \"%s\" cannot own a bus name\n", program,
+                     appId.c_str());
+    } else {
+        std::fprintf(stderr, "%s: cannot start: the message bus at %s cannot be used\n", program, address);
+    }
+    return false;
 }
 
 }  // namespace
@@ -253,13 +340,25 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
                                 void* user_data)
 {
     using namespace tilvane::host;
-    if (AsksForHelp(argc, argv)) {
-        PrintUsage(argc > 0 && argv != nullptr && argv[0] != nullptr ? argv[0] : "service");
-        return APP_ERROR_NONE;
+    /* A run with a command line is a program's start: its arguments are read
+     * and its preconditions checked. A run without one (an embedded loop, as
+     * the platform's own tests make) starts as it is. */
+    const bool programStart = argc >= 1 && argv != nullptr;
+    if (programStart) {
+        int exitCode = 0;
+        if (!ReadCommandLine(argc, argv, exitCode)) {
+            std::exit(exitCode);
+        }
     }
     if (callback == nullptr || callback->create == nullptr) {
         PLATFORM_LOGE("service_app_main: invalid parameter");
         return APP_ERROR_INVALID_PARAMETER;
+    }
+    if (programStart) {
+        ChooseDefaultAppId();
+        if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
+            std::exit(kExitStartFailed);
+        }
     }
 
     LoopRun run;

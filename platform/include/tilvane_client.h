@@ -1,6 +1,6 @@
 /*
- * Client side of the two request roads: the data-control road (provider id +
- * data id) and the content library's road (content URI). Each call is one
+ * Client side of the two request interfaces: the data-control one (provider id +
+ * data id) and the content library's (content URI). Each call is one
  * synchronous bus round trip, made as the process's own application id.
  * Calls may come from any thread; a call to a provider served by the same
  * process runs the GLib default main context while it waits when the calling
@@ -47,13 +47,19 @@ enum class Outcome {
 
 struct Result {
     Outcome outcome = Outcome::BusError;
-    /* The provider's result code when Answered (0 success; content road:
+    /* The provider's result code when Answered (0 success; content interface:
      * -22, -13, -1073741824 ...). */
     int code = 0;
     int64_t rowId = -1;
     std::vector<int64_t> rowIds;
     RowSet rows;
+    /* Why: the provider's error text (ProviderError), the reason of a
+     * refusal or failure (SQLite's message for a failed statement, "permission
+     * level too low", ...), or what a sync mark did ("sync end mark sent").
+     * Empty when there is nothing to say. */
     std::string message;
+    /* Rows changed by an update or delete; -1 when the provider did not say. */
+    int64_t changedRows = -1;
 
     bool Ok() const { return outcome == Outcome::Answered && code == 0; }
 };
@@ -61,6 +67,12 @@ struct Result {
 /* A short text for a result: "done", "permission denied (-13)", "invalid URI
  * (-22)", "failed (-1073741824)", "no result from the provider", ... */
 std::string Describe(const Result& result);
+
+/* Describe with the reason: "failed (1): table sections has no column named
+ * accelerator_id", "refused: permission level too low" (a select refused for
+ * its level, the same on both interfaces), "no result from the provider" when no
+ * reason is known. */
+std::string Explain(const Result& result);
 
 class DataControlClient {
 public:

@@ -116,7 +116,7 @@ TEST(DataCommandsTest, InsertsSelectsAndRefusalsThroughBothRoads)
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("invalid URI (-22)"), std::string::npos) << run.out;
 
-    run = Tilvanectl("delete tiles");
+    run = Tilvanectl("delete tiles --all");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("failed (-1073741824)"), std::string::npos) << run.out;
 

@@ -251,14 +251,14 @@ TEST_F(RequestRoadsTest, ApplicationsLauncherAndStrangersOnBothRoads)
     }
 
     // A caller without privileges is refused: a write with -13; a select, which
-    // answers only yes or no, with no result on the content road and with the
-    // refusal's text on the data-control road.
+    // answers only yes or no (no result on the content road, the refusal's text
+    // on the data-control road), with the same reason on both.
     Outcome stranger = Ctl("org.example.nobody.ui", {"data", "select", "tiles"});
     EXPECT_EQ(stranger.status, 1);
-    EXPECT_NE(stranger.output.find("no result from the provider"), std::string::npos) << stranger.output;
+    EXPECT_NE(stranger.output.find("refused: permission level too low"), std::string::npos) << stranger.output;
     Outcome strangerDataControl = Ctl("org.example.nobody.ui", {"data", "select", "tiles", "--road", "data-control"});
     EXPECT_EQ(strangerDataControl.status, 1);
-    EXPECT_NE(strangerDataControl.output.find("failed SELECT by permission"), std::string::npos)
+    EXPECT_NE(strangerDataControl.output.find("refused: permission level too low"), std::string::npos)
         << strangerDataControl.output;
     Outcome strangerInsert =
         Ctl("org.example.nobody.ui", {"data", "insert", "tiles", "tile_id=x", "tile_section_raw_id=1"});

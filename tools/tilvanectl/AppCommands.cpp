@@ -22,6 +22,7 @@
 #include <host_control.h>
 
 #include "Commands.h"
+#include "Json.h"
 
 namespace tilvanectl {
 namespace {
@@ -173,13 +174,43 @@ int Remove(const std::vector<std::string>& args)
     return EXIT_OK;
 }
 
+void PrintPackagesAsJson(const std::vector<RegisteredPackage>& packages)
+{
+    std::string out = "[";
+    for (size_t p = 0; p < packages.size(); ++p) {
+        const RegisteredPackage& package = packages[p];
+        out += p == 0 ? "\n  {" : ",\n  {";
+        out += "\"package\": " + JsonQuote(package.packageId) + ", \"webapp\": ";
+        out += package.webAppId.empty() ? "null" : JsonQuote(package.webAppId);
+        out += ", \"apps\": [";
+        for (size_t a = 0; a < package.applications.size(); ++a) {
+            const RegisteredApplication& app = package.applications[a];
+            out += a == 0 ? "\n    {" : ",\n    {";
+            out += "\"app\": " + JsonQuote(app.appId) + ", \"metadata\": {";
+            for (size_t m = 0; m < app.metadata.size(); ++m) {
+                out += m == 0 ? "" : ", ";
+                out += JsonQuote(app.metadata[m].first) + ": " + JsonQuote(app.metadata[m].second);
+            }
+            out += "}}";
+        }
+        out += package.applications.empty() ? "]}" : "\n  ]}";
+    }
+    out += packages.empty() ? "]\n" : "\n]\n";
+    std::fputs(out.c_str(), stdout);
+}
+
 int List(const std::vector<std::string>& args)
 {
-    if (args.size() != 1) {
-        std::fprintf(stderr, "tilvanectl app list: takes no arguments\n");
+    const bool json = args.size() == 2 && args[1] == "--json";
+    if (args.size() != 1 && !json) {
+        std::fprintf(stderr, "tilvanectl app list: takes no arguments but --json\n");
         return EXIT_USAGE;
     }
     std::vector<RegisteredPackage> packages = tilvane::host::ListPackages();
+    if (json) {
+        PrintPackagesAsJson(packages);
+        return EXIT_OK;
+    }
     if (packages.empty()) {
         std::printf("no packages installed\n");
         return EXIT_OK;
@@ -206,11 +237,12 @@ void PrintAppHelp()
     std::printf(
         "Usage: tilvanectl app install MANIFEST\n"
         "       tilvanectl app remove PACKAGE\n"
-        "       tilvanectl app list\n"
+        "       tilvanectl app list [--json]\n"
         "\n"
         "install  installs the package a manifest describes, replacing one of the same id\n"
         "remove   removes a package with its applications and their metadata\n"
         "list     prints every package, its web application id, its applications and their metadata\n"
+        "         (--json: an array of {package, webapp, apps: [{app, metadata: {KEY: VALUE}}]})\n"
         "\n"
         "Manifest lines ('#' starts a comment line):\n"
         "  package = PACKAGE_ID          once\n"

@@ -9,6 +9,8 @@ int RunEventsCommand(const std::vector<std::string>& args);
 void PrintEventsHelp();
 int RunDataCommand(const std::vector<std::string>& args);
 void PrintDataHelp();
+int RunPublishCommand(const std::vector<std::string>& args);
+void PrintPublishHelp();
 
 int RunAcceleratorCommand(const std::vector<std::string>& args);
 void PrintAcceleratorHelp();
@@ -27,8 +29,10 @@ const std::vector<CommandGroup>& CommandGroups()
         {"app", "install, remove and list applications in the platform's registry", RunAppCommand, PrintAppHelp},
         {"events", "subscribe to preview events, unsubscribe, trigger a test event", RunEventsCommand,
          PrintEventsHelp},
-        {"data", "insert, select, update, delete and look up rows through either request road", RunDataCommand,
-         PrintDataHelp},
+        {"data", "insert, select, update, delete and look up rows through either request interface",
+         RunDataCommand, PrintDataHelp},
+        {"publish", "publish this application's sections and tiles from a JSON file", RunPublishCommand,
+         PrintPublishHelp},
         {"accelerator", "ask the service to add or remove a launcher entry", RunAcceleratorCommand,
          PrintAcceleratorHelp},
         {"launcher", "report a launcher visibility change", RunLauncherCommand, PrintLauncherHelp},

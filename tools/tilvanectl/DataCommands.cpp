@@ -1,6 +1,6 @@
 /*
  * tilvanectl data: insert, select, update, delete and look up row ids in the
- * service's tables through either request road, as the tool's application id.
+ * service's tables through either request interface, as the tool's application id.
  */
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +13,9 @@
 #include <tilvane_client.h>
 
 #include "Commands.h"
+#include "DataRequests.h"
+#include "Json.h"
+#include "TextWidth.h"
 #include "TilesModel.h"
 
 namespace tilvanectl {
@@ -25,13 +28,17 @@ using tilvane::client::Values;
 struct Options {
     std::string command;
     std::string table;
-    std::string road = "content";
+    std::string interface = "content";
     std::string provider;
     std::string where;
+    bool hasWhere = false;
+    std::vector<std::string> whereArgs;
     std::string order;
+    std::string limit;
     std::string columns;
     std::string bulkFile;
     bool json = false;
+    bool all = false;
     Values values;
 };
 
@@ -59,192 +66,7 @@ std::vector<std::string> SplitColumns(const std::string& text)
     return columns;
 }
 
-/* ---- JSON Lines: one flat object of string or number values per line ------- */
-
-class JsonLine {
-public:
-    explicit JsonLine(const std::string& text) : m_text(text) {}
-
-    bool Parse(Values& values, std::string& error)
-    {
-        SkipBlanks();
-        if (!Take('{')) {
-            error = "expected '{'";
-            return false;
-        }
-        SkipBlanks();
-        if (Take('}')) {
-            return AtEnd(error);
-        }
-        for (;;) {
-            std::string key;
-            std::string value;
-            SkipBlanks();
-            if (!String(key, error)) {
-                return false;
-            }
-            SkipBlanks();
-            if (!Take(':')) {
-                error = "expected ':' after \"" + key + "\"";
-                return false;
-            }
-            SkipBlanks();
-            if (Peek() == '"') {
-                if (!String(value, error)) {
-                    return false;
-                }
-            } else if (!Number(value)) {
-                error = "the value of \"" + key + "\" is neither a string nor a number";
-                return false;
-            }
-            values.emplace_back(key, value);
-            SkipBlanks();
-            if (Take(',')) {
-                continue;
-            }
-            if (Take('}')) {
-                return AtEnd(error);
-            }
-            error = "expected ',' or '}'";
-            return false;
-        }
-    }
-
-private:
-    char Peek() const { return m_at < m_text.size() ? m_text[m_at] : '\0'; }
-    bool Take(char c)
-    {
-        if (Peek() != c) {
-            return false;
-        }
-        ++m_at;
-        return true;
-    }
-    void SkipBlanks()
-    {
-        while (m_at < m_text.size() && (m_text[m_at] == ' ' || m_text[m_at] == '\t' || m_text[m_at] == '\r')) {
-            ++m_at;
-        }
-    }
-    bool AtEnd(std::string& error)
-    {
-        SkipBlanks();
-        if (m_at != m_text.size()) {
-            error = "text after the object";
-            return false;
-        }
-        return true;
-    }
-    static void PutUtf8(unsigned code, std::string& out)
-    {
-        if (code < 0x80) {
-            out.push_back(static_cast<char>(code));
-        } else if (code < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (code >> 6)));
-            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-        } else if (code < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (code >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (code >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-        }
-    }
-    bool Hex4(unsigned& code)
-    {
-        if (m_at + 4 > m_text.size()) {
-            return false;
-        }
-        code = 0;
-        for (int i = 0; i < 4; ++i) {
-            const char c = m_text[m_at++];
-            code <<= 4;
-            if (c >= '0' && c <= '9') {
-                code |= static_cast<unsigned>(c - '0');
-            } else if (c >= 'a' && c <= 'f') {
-                code |= static_cast<unsigned>(c - 'a' + 10);
-            } else if (c >= 'A' && c <= 'F') {
-                code |= static_cast<unsigned>(c - 'A' + 10);
-            } else {
-                return false;
-            }
-        }
-        return true;
-    }
-    bool String(std::string& out, std::string& error)
-    {
-        if (!Take('"')) {
-            error = "expected a string";
-            return false;
-        }
-        while (m_at < m_text.size()) {
-            const char c = m_text[m_at++];
-            if (c == '"') {
-                return true;
-            }
-            if (c != '\\') {
-                out.push_back(c);
-                continue;
-            }
-            const char escaped = Peek();
-            ++m_at;
-            switch (escaped) {
-            case '"': out.push_back('"'); break;
-            case '\\': out.push_back('\\'); break;
-            case '/': out.push_back('/'); break;
-            case 'b': out.push_back('\b'); break;
-            case 'f': out.push_back('\f'); break;
-            case 'n': out.push_back('\n'); break;
-            case 'r': out.push_back('\r'); break;
-            case 't': out.push_back('\t'); break;
-            case 'u': {
-                unsigned code = 0;
-                if (!Hex4(code)) {
-                    error = "bad \\u escape";
-                    return false;
-                }
-                if (code >= 0xD800 && code < 0xDC00 && m_text.compare(m_at, 2, "\\u") == 0) {
-                    m_at += 2;
-                    unsigned low = 0;
-                    if (!Hex4(low) || low < 0xDC00 || low > 0xDFFF) {
-                        error = "bad surrogate pair";
-                        return false;
-                    }
-                    code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
-                }
-                PutUtf8(code, out);
-                break;
-            }
-            default:
-                error = "bad escape";
-                return false;
-            }
-        }
-        error = "unterminated string";
-        return false;
-    }
-    bool Number(std::string& out)
-    {
-        const size_t start = m_at;
-        while (m_at < m_text.size() && std::string("+-0123456789.eE").find(m_text[m_at]) != std::string::npos) {
-            ++m_at;
-        }
-        out = m_text.substr(start, m_at - start);
-        if (out.empty()) {
-            return false;
-        }
-        char* end = nullptr;
-        std::strtod(out.c_str(), &end);
-        return end != nullptr && *end == '\0';
-    }
-
-    const std::string& m_text;
-    size_t m_at = 0;
-};
-
+/* A JSON Lines file: one flat object of string or number values per line. */
 bool ReadBulk(const std::string& path, std::vector<Values>& rows)
 {
     std::ifstream file(path);
@@ -259,11 +81,24 @@ bool ReadBulk(const std::string& path, std::vector<Values>& rows)
         if (line.find_first_not_of(" \t\r") == std::string::npos) {
             continue;
         }
-        Values values;
+        JsonValue object;
         std::string error;
-        if (!JsonLine(line).Parse(values, error)) {
+        if (!ParseJson(line, object, error)) {
             std::cerr << "tilvanectl data: " << path << ":" << number << ": " << error << "\n";
             return false;
+        }
+        if (object.type != JsonValue::Type::Object) {
+            std::cerr << "tilvanectl data: " << path << ":" << number << ": expected an object\n";
+            return false;
+        }
+        Values values;
+        for (const auto& member : object.members) {
+            if (!member.second.IsScalar()) {
+                std::cerr << "tilvanectl data: " << path << ":" << number << ": the value of \"" << member.first
+                          << "\" is neither a string nor a number\n";
+                return false;
+            }
+            values.emplace_back(member.first, member.second.text);
         }
         rows.push_back(values);
     }
@@ -299,24 +134,6 @@ std::string CellText(const Cell& cell)
     return "";
 }
 
-std::string JsonString(const std::string& text)
-{
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out.push_back('\\');
-            out.push_back(static_cast<char>(c));
-        } else if (c < 0x20) {
-            char buffer[8];
-            std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-            out += buffer;
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out + "\"";
-}
-
 void PrintRows(const tilvane::client::RowSet& rows, bool json)
 {
     if (json) {
@@ -325,13 +142,13 @@ void PrintRows(const tilvane::client::RowSet& rows, bool json)
             std::cout << (r == 0 ? "\n  {" : ",\n  {");
             for (size_t c = 0; c < rows.columns.size(); ++c) {
                 const Cell& cell = rows.rows[r][c];
-                std::cout << (c == 0 ? "" : ", ") << JsonString(rows.columns[c]) << ": ";
+                std::cout << (c == 0 ? "" : ", ") << JsonQuote(rows.columns[c]) << ": ";
                 if (cell.type == Cell::Type::Null) {
                     std::cout << "null";
                 } else if (cell.type == Cell::Type::Integer || cell.type == Cell::Type::Real) {
                     std::cout << CellText(cell);
                 } else {
-                    std::cout << JsonString(CellText(cell));
+                    std::cout << JsonQuote(CellText(cell));
                 }
             }
             std::cout << "}";
@@ -341,20 +158,17 @@ void PrintRows(const tilvane::client::RowSet& rows, bool json)
     }
     std::vector<size_t> widths;
     for (const std::string& column : rows.columns) {
-        widths.push_back(column.size());
+        widths.push_back(DisplayWidth(column));
     }
     for (const auto& row : rows.rows) {
         for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
-            widths[c] = std::max(widths[c], CellText(row[c]).size());
+            widths[c] = std::max(widths[c], DisplayWidth(CellText(row[c])));
         }
     }
     auto printLine = [&](const std::vector<std::string>& cells) {
         std::string line;
         for (size_t c = 0; c < cells.size(); ++c) {
-            line += cells[c];
-            if (c + 1 < cells.size()) {
-                line += std::string(widths[c] - cells[c].size() + 2, ' ');
-            }
+            line += c + 1 < cells.size() ? PadToWidth(cells[c], widths[c] + 2) : cells[c];
         }
         std::cout << line << "\n";
     };
@@ -371,15 +185,39 @@ void PrintRows(const tilvane::client::RowSet& rows, bool json)
 
 int Refused(const Options& options, const Result& result)
 {
-    std::cerr << "tilvanectl data " << options.command << ": " << tilvane::client::Describe(result) << "\n";
-    return EXIT_FAILED;
+    return ReportFailure("data " + options.command, result);
+}
+
+std::string Changed(const char* verb, const Result& result)
+{
+    if (result.changedRows < 0) {
+        return verb;
+    }
+    return std::string(verb) + " " + CountOf(result.changedRows, "row", "rows");
+}
+
+/* A section without its launcher entry is stored, but neither the launcher
+ * nor its author ever reads it back. */
+void WarnAboutLooseSection(const Options& o, const Values& values)
+{
+    if (o.table != "sections") {
+        return;
+    }
+    for (const auto& entry : values) {
+        if (entry.first == TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID) {
+            return;
+        }
+    }
+    std::cerr << "tilvanectl data insert: warning: no " << TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID
+              << " given: this section belongs to no launcher entry, so neither the launcher nor its author "
+                 "will read it (tilvanectl publish sets it)\n";
 }
 
 /* ---- the commands ----------------------------------------------------------- */
 
 int Run(const Options& o)
 {
-    const bool dataControl = o.road == "data-control";
+    const bool dataControl = o.interface == "data-control";
     const std::string uri = o.provider + "/" + o.table;
     tilvane::client::DataControlClient dc(o.provider);
     tilvane::client::ContentClient content;
@@ -390,24 +228,33 @@ int Run(const Options& o)
             if (!ReadBulk(o.bulkFile, rows)) {
                 return EXIT_FAILED;
             }
+            for (const Values& row : rows) {
+                WarnAboutLooseSection(o, row);
+            }
             Result result = content.BulkInsert(uri, rows);
             if (!result.Ok()) {
                 return Refused(o, result);
             }
-            std::cout << "inserted " << rows.size() << " rows, last row id " << result.rowId << "\n";
+            std::cout << "inserted " << CountOf(static_cast<long long>(rows.size()), "row", "rows")
+                      << ", last row id " << result.rowId << "\n";
             return EXIT_OK;
         }
         Result result = dataControl ? dc.Insert(o.table, o.values) : content.Insert(uri, o.values);
+        if (SyncMarkSent(result)) {
+            std::cout << "sync end mark sent\n";
+            return EXIT_OK;
+        }
         if (!result.Ok()) {
             return Refused(o, result);
         }
+        WarnAboutLooseSection(o, o.values);
         std::cout << "inserted row " << result.rowId << "\n";
         return EXIT_OK;
     }
     if (o.command == "select") {
         const std::vector<std::string> columns = SplitColumns(o.columns);
         Result result = dataControl ? dc.Select(o.table, columns, o.where, o.order)
-                                    : content.Select(uri, columns, o.where, {}, o.order, "");
+                                    : content.Select(uri, columns, o.where, o.whereArgs, o.order, o.limit);
         if (!result.Ok()) {
             return Refused(o, result);
         }
@@ -424,26 +271,29 @@ int Run(const Options& o)
             if (!result.Ok()) {
                 return Refused(o, result);
             }
-            std::cout << "updated " << rows.size() << " rows\n";
+            std::cout << Changed("updated", result) << " (" << CountOf(static_cast<long long>(rows.size()),
+                                                                       "row sent", "rows sent")
+                      << ")\n";
             return EXIT_OK;
         }
-        Result result = dataControl ? dc.Update(o.table, o.values, o.where) : content.Update(uri, o.values, o.where, {});
+        Result result = dataControl ? dc.Update(o.table, o.values, o.where)
+                                    : content.Update(uri, o.values, o.where, o.whereArgs);
         if (!result.Ok()) {
             return Refused(o, result);
         }
-        std::cout << "updated\n";
+        std::cout << Changed("updated", result) << "\n";
         return EXIT_OK;
     }
     if (o.command == "delete") {
-        Result result = dataControl ? dc.Delete(o.table, o.where) : content.Delete(uri, o.where, {});
+        Result result = dataControl ? dc.Delete(o.table, o.where) : content.Delete(uri, o.where, o.whereArgs);
         if (!result.Ok()) {
             return Refused(o, result);
         }
-        std::cout << "deleted\n";
+        std::cout << Changed("deleted", result) << "\n";
         return EXIT_OK;
     }
     /* ids */
-    Result result = content.GetRowIds(uri, o.where, {});
+    Result result = content.GetRowIds(uri, o.where, o.whereArgs);
     if (!result.Ok()) {
         return Refused(o, result);
     }
@@ -455,26 +305,60 @@ int Run(const Options& o)
 
 }  // namespace
 
+std::string DefaultProviderId()
+{
+    const char* provider = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
+    return provider != nullptr && *provider != '\0' ? provider : TilesModel::PROVIDER_ID;
+}
+
+bool SyncMarkSent(const Result& result)
+{
+    return result.message == "sync end mark sent" &&
+           (result.outcome == tilvane::client::Outcome::Answered ||
+            result.outcome == tilvane::client::Outcome::NoResult);
+}
+
+int ReportFailure(const std::string& what, const Result& result)
+{
+    std::cerr << "tilvanectl " << what << ": " << tilvane::client::Explain(result) << "\n";
+    return EXIT_FAILED;
+}
+
+std::string CountOf(long long count, const char* one, const char* many)
+{
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 void PrintDataHelp()
 {
     std::cout << "Usage: tilvanectl [--app-id ID] data COMMAND TABLE [OPTIONS]\n"
-                 "TABLE is accelerators, sections or tiles.\n"
-                 "  insert TABLE key=value...                  insert one row\n"
-                 "  insert TABLE --bulk FILE                   insert the rows of a JSON Lines file (content road)\n"
-                 "  select TABLE [--columns a,b] [--where W] [--order O] [--json]\n"
-                 "  update TABLE --where W key=value...        change the rows W selects\n"
-                 "  update TABLE --bulk FILE                   rows naming their row in bulk_update_row_id_key\n"
-                 "  delete TABLE [--where W]\n"
-                 "  ids TABLE [--where W]                      row ids (content road)\n"
-                 "Options: --road data-control|content (default content),\n"
-                 "         --provider ID (default $TILVANE_DATA_CONTROL_PROVIDER_ID, else the service's)\n";
+                 "TABLE is accelerators, sections or tiles (columns: docs/schema.md).\n"
+                 "\n"
+                 "Commands:\n"
+                 "  insert TABLE key=value...          insert one row (a tiles_sync_event=sync_end row\n"
+                 "                                     sends the sync end mark instead)\n"
+                 "  insert TABLE --bulk FILE           insert the rows of a JSON Lines file (content)\n"
+                 "  select TABLE [--columns a,b] [--where W [--arg V]...] [--order O] [--limit N] [--json]\n"
+                 "  update TABLE --where W [--arg V]... key=value...\n"
+                 "                                     change the rows W selects; prints how many changed\n"
+                 "  update TABLE --bulk FILE           rows naming their row in bulk_update_row_id_key\n"
+                 "  delete TABLE --where W [--arg V]...\n"
+                 "  delete TABLE --all                 delete every row this application may delete\n"
+                 "  ids TABLE [--where W [--arg V]...] row ids (content)\n"
+                 "\n"
+                 "Options (--name VALUE or --name=VALUE):\n"
+                 "  --interface data-control|content   the request interface (default content)\n"
+                 "  --provider ID    default $TILVANE_DATA_CONTROL_PROVIDER_ID, else the service's\n"
+                 "  --where W        an SQL condition; each ? in it takes the next --arg (content)\n"
+                 "  --arg V          a value for a ? of --where, sent as a bound value (repeatable)\n"
+                 "  --limit N        select at most N rows (content)\n"
+                 "  --json           select: print a JSON array of objects\n";
 }
 
 int RunDataCommand(const std::vector<std::string>& args)
 {
     Options o;
-    const char* provider = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
-    o.provider = provider != nullptr && *provider != '\0' ? provider : TilesModel::PROVIDER_ID;
+    o.provider = DefaultProviderId();
     std::vector<std::string> words;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& word = args[i];
@@ -486,21 +370,36 @@ int RunDataCommand(const std::vector<std::string>& args)
             return true;
         };
         bool ok = true;
-        if (word == "--road") {
-            ok = value(o.road);
+        if (word == "--interface") {
+            ok = value(o.interface);
+        } else if (word == "--road") {
+            std::cerr << "tilvanectl data: --road is deprecated, use --interface\n";
+            ok = value(o.interface);
         } else if (word == "--provider") {
             ok = value(o.provider);
         } else if (word == "--where") {
             ok = value(o.where);
+            o.hasWhere = true;
+        } else if (word == "--arg") {
+            std::string arg;
+            ok = value(arg);
+            o.whereArgs.push_back(arg);
         } else if (word == "--order") {
             ok = value(o.order);
+        } else if (word == "--limit") {
+            ok = value(o.limit);
+            if (ok && (o.limit.empty() || o.limit.find_first_not_of("0123456789") != std::string::npos)) {
+                return Usage("--limit takes a number of rows");
+            }
         } else if (word == "--columns") {
             ok = value(o.columns);
         } else if (word == "--bulk") {
             ok = value(o.bulkFile);
         } else if (word == "--json") {
             o.json = true;
-        } else if (word.size() > 2 && word.compare(0, 2, "--") == 0) {
+        } else if (word == "--all") {
+            o.all = true;
+        } else if (word.size() > 1 && word[0] == '-') {
             return Usage("unknown option " + word);
         } else {
             words.push_back(word);
@@ -521,9 +420,10 @@ int RunDataCommand(const std::vector<std::string>& args)
         return Usage("TABLE must be accelerators, sections or tiles");
     }
     o.table = words[1];
-    if (o.road != "content" && o.road != "data-control") {
-        return Usage("--road must be data-control or content");
+    if (o.interface != "content" && o.interface != "data-control") {
+        return Usage("--interface must be data-control or content");
     }
+    const bool content = o.interface == "content";
     for (size_t i = 2; i < words.size(); ++i) {
         const size_t equals = words[i].find('=');
         if (equals == std::string::npos || equals == 0) {
@@ -535,8 +435,8 @@ int RunDataCommand(const std::vector<std::string>& args)
     if (bulk && (o.command != "insert" && o.command != "update")) {
         return Usage("--bulk is for insert and update");
     }
-    if (bulk && o.road != "content") {
-        return Usage("--bulk works on the content road only");
+    if (bulk && !content) {
+        return Usage("--bulk works on the content interface only");
     }
     if (bulk && !o.values.empty()) {
         return Usage("--bulk takes its rows from the file, not key=value words");
@@ -550,8 +450,24 @@ int RunDataCommand(const std::vector<std::string>& args)
     if ((o.command == "select" || o.command == "delete" || o.command == "ids") && !o.values.empty()) {
         return Usage(o.command + " takes no key=value words");
     }
-    if (o.command == "ids" && o.road != "content") {
-        return Usage("ids works on the content road only");
+    if (o.command == "ids" && !content) {
+        return Usage("ids works on the content interface only");
+    }
+    if (!o.whereArgs.empty() && !content) {
+        return Usage("--arg works on the content interface only");
+    }
+    if (!o.whereArgs.empty() && !o.hasWhere) {
+        return Usage("--arg gives values to the ? of --where");
+    }
+    if (!o.limit.empty() && (o.command != "select" || !content)) {
+        return Usage("--limit is for select on the content interface");
+    }
+    if (o.all && o.command != "delete") {
+        return Usage("--all is for delete");
+    }
+    if (o.command == "delete" && o.hasWhere == o.all) {
+        return Usage(o.all ? "delete takes --where or --all, not both"
+                           : "delete needs --where W, or --all to delete every row this application may delete");
     }
     return Run(o);
 }

@@ -12,6 +12,9 @@
 #include <message_port.h>
 #include <signal.h>
 
+#include <gio/gio.h>
+#include <host_control.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -42,6 +45,12 @@ struct EventSession
     bool stopAtFirstEvent = false;
     int events = 0;
     bool timedOut = false;
+    /* subscribe only: what is needed to subscribe again */
+    const EventOptions* options = nullptr;
+    int portId = 0;
+    bool serviceGone = false;
+    guint retrySource = 0;
+    int retries = 0;
 };
 
 std::string ServiceFromEnvironment()
@@ -184,6 +193,79 @@ int RegisterPort(const EventOptions& options, EventSession& session)
     return portId;
 }
 
+/* ---- following the service across restarts ------------------------------------ */
+
+/* A restarted service owns its name before its ports exist: try again for a while. */
+constexpr guint kResubscribeIntervalMs = 200;
+constexpr int kResubscribeAttempts = 100;
+
+gboolean ResubscribeCB(gpointer data)
+{
+    EventSession* session = static_cast<EventSession*>(data);
+    const int sent = SendRequest(*session->options, session->portId, "SubscribePreviewEvent");
+    if (sent == MESSAGE_PORT_ERROR_NONE) {
+        std::fprintf(stderr, "the service %s is back on the bus: subscribed again\n", session->service.c_str());
+        session->retrySource = 0;
+        return G_SOURCE_REMOVE;
+    }
+    if (++session->retries >= kResubscribeAttempts) {
+        ExplainSendFailure(sent, session->service);
+        std::fprintf(stderr, "tilvanectl events: could not subscribe again\n");
+        session->retrySource = 0;
+        return G_SOURCE_REMOVE;
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+void OnServiceAppearedCB(GDBusConnection* /*connection*/, const gchar* /*name*/, const gchar* /*owner*/,
+                         gpointer data)
+{
+    EventSession* session = static_cast<EventSession*>(data);
+    if (!session->serviceGone) {
+        return; /* the service the subscription was made with */
+    }
+    session->serviceGone = false;
+    session->retries = 0;
+    if (session->retrySource == 0 && ResubscribeCB(session) == G_SOURCE_CONTINUE) {
+        session->retrySource = g_timeout_add(kResubscribeIntervalMs, ResubscribeCB, session);
+    }
+}
+
+void OnServiceVanishedCB(GDBusConnection* /*connection*/, const gchar* /*name*/, gpointer data)
+{
+    EventSession* session = static_cast<EventSession*>(data);
+    if (session->serviceGone) {
+        return;
+    }
+    session->serviceGone = true;
+    if (session->retrySource != 0) {
+        g_source_remove(session->retrySource);
+        session->retrySource = 0;
+    }
+    std::fprintf(stderr, "the service %s left the bus; waiting for it to come back\n", session->service.c_str());
+}
+
+/* Watches the service's bus name on a connection of its own; 0 when the bus
+ * cannot be used for it (the subscription then just does not follow restarts). */
+guint WatchService(EventSession& session, GDBusConnection** connection)
+{
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    const std::string name = tilvane::host::BusNameForAppId(session.service);
+    if (address == nullptr || name.empty()) {
+        return 0;
+    }
+    *connection = g_dbus_connection_new_for_address_sync(
+        address,
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    if (*connection == nullptr) {
+        return 0;
+    }
+    return g_bus_watch_name_on_connection(*connection, name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                          OnServiceAppearedCB, OnServiceVanishedCB, &session, nullptr);
+}
+
 int Subscribe(const EventOptions& options)
 {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
@@ -200,11 +282,25 @@ int Subscribe(const EventOptions& options)
         } else {
             guint sigint = g_unix_signal_add(SIGINT, OnStopSignalCB, &session);
             guint sigterm = g_unix_signal_add(SIGTERM, OnStopSignalCB, &session);
+            session.options = &options;
+            session.portId = portId;
+            GDBusConnection* watchConnection = nullptr;
+            const guint watch = WatchService(session, &watchConnection);
             std::fprintf(stderr, "subscribed to preview events of %s as %s, port %s (Ctrl-C to stop)\n",
                          options.service.c_str(), OwnAppId().c_str(), options.port.c_str());
             g_main_loop_run(loop);
             g_source_remove(sigint);
             g_source_remove(sigterm);
+            if (watch != 0) {
+                g_bus_unwatch_name(watch);
+            }
+            if (session.retrySource != 0) {
+                g_source_remove(session.retrySource);
+            }
+            if (watchConnection != nullptr) {
+                g_dbus_connection_close_sync(watchConnection, nullptr, nullptr);
+                g_object_unref(watchConnection);
+            }
 
             int unsubscribed = SendRequest(options, portId, "UnsubscribePreviewEvent");
             if (unsubscribed != MESSAGE_PORT_ERROR_NONE) {
@@ -282,7 +378,8 @@ void PrintEventsHelp()
         "Commands:\n"
         "  subscribe     subscribe this application to preview events, print each event\n"
         "                as one line of key=value entries until Ctrl-C or SIGTERM, then\n"
-        "                unsubscribe\n"
+        "                unsubscribe; when the service leaves the bus and comes back it\n"
+        "                subscribes again and says so on standard error\n"
         "  unsubscribe   remove this application's subscription (for one left behind by a\n"
         "                subscriber that was killed)\n"
         "  trigger       ask the service for its test event, print it and exit; exit code 1\n"

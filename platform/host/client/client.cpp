@@ -14,6 +14,7 @@
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "request_report.h"
 #include "row_codec.h"
 #include "bundle.h"
 #include "dlog.h"
@@ -100,6 +101,18 @@ void SetCallError(const GError* error, Result& result)
     }
 }
 
+/* Null (any reply) for the methods whose replies grew: their readers accept
+ * the older and the newer form. */
+const GVariantType* ReplyType(const char* replyType)
+{
+    return replyType != nullptr ? G_VARIANT_TYPE(replyType) : nullptr;
+}
+
+bool ReplyIs(GVariant* reply, const char* type)
+{
+    return g_variant_is_of_type(reply, G_VARIANT_TYPE(type));
+}
+
 /* One call. Null with `result` describing the failure when there is no reply. */
 GVariantPtr Call(const std::string& busName, const char* path, const char* interface, const char* method,
                  GVariant* parameters, const char* replyType, Result& result)
@@ -126,7 +139,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         std::atomic<bool> done(false);
         std::thread caller([&] {
             reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
-                                                    params.get(), G_VARIANT_TYPE(replyType),
+                                                    params.get(), ReplyType(replyType),
                                                     G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                     error.Out()));
             done = true;
@@ -139,7 +152,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         g_main_context_release(mainContext);
     } else {
         reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
-                                                params.get(), G_VARIANT_TYPE(replyType),
+                                                params.get(), ReplyType(replyType),
                                                 G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                 error.Out()));
     }
@@ -198,6 +211,36 @@ std::string ContentName(const std::string& uri)
 
 }  // namespace
 
+namespace {
+
+bool IsRefusal(const std::string& reason)
+{
+    return reason == "permission level too low" || reason == "this table cannot be changed through this request";
+}
+
+std::string FailureOrRefusal(const std::string& reason)
+{
+    return (IsRefusal(reason) ? "refused: " : "failed: ") + reason;
+}
+
+}  // namespace
+
+std::string Explain(const Result& result)
+{
+    switch (result.outcome) {
+    case Outcome::Answered:
+        return result.message.empty() ? Describe(result) : Describe(result) + ": " + result.message;
+    case Outcome::NoResult:
+        return result.message.empty() ? Describe(result) : FailureOrRefusal(result.message);
+    case Outcome::ProviderError: {
+        const std::string known = host::ReasonForProviderText(result.message);
+        return known.empty() ? Describe(result) : FailureOrRefusal(known);
+    }
+    default:
+        return Describe(result);
+    }
+}
+
 std::string Describe(const Result& result)
 {
     switch (result.outcome) {
@@ -229,6 +272,26 @@ std::string Describe(const Result& result)
 }
 
 /* ---- data control ------------------------------------------------------------ */
+
+namespace {
+
+/* "()" from older providers, "(x)" with the rows changed from newer ones. */
+void ReadChanged(GVariant* reply, Result& result)
+{
+    if (ReplyIs(reply, "(x)")) {
+        gint64 changed = -1;
+        g_variant_get(reply, "(x)", &changed);
+        result.changedRows = changed;
+    } else if (!ReplyIs(reply, "()")) {
+        result.outcome = Outcome::InvalidRequest;
+        result.message = "the reply cannot be read";
+        return;
+    }
+    result.outcome = Outcome::Answered;
+    result.code = 0;
+}
+
+}  // namespace
 
 DataControlClient::DataControlClient(std::string providerId) : m_providerId(std::move(providerId)) {}
 
@@ -282,10 +345,9 @@ Result DataControlClient::Update(const std::string& dataId, const Values& values
                              kDataControlInterface, "Update",
                              g_variant_new("(sssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
                                            encoded.c_str(), where.c_str()),
-                             "()", result);
+                             nullptr, result);
     if (reply) {
-        result.outcome = Outcome::Answered;
-        result.code = 0;
+        ReadChanged(reply.get(), result);
     }
     return result;
 }
@@ -297,10 +359,9 @@ Result DataControlClient::Delete(const std::string& dataId, const std::string& w
                              kDataControlInterface, "Delete",
                              g_variant_new("(ssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
                                            where.c_str()),
-                             "()", result);
+                             nullptr, result);
     if (reply) {
-        result.outcome = Outcome::Answered;
-        result.code = 0;
+        ReadChanged(reply.get(), result);
     }
     return result;
 }
@@ -312,15 +373,27 @@ namespace {
 void ReadCode(GVariant* reply, Result& result, bool withRowId)
 {
     gint32 code = 0;
-    gint64 rowId = -1;
-    if (withRowId) {
-        g_variant_get(reply, "(ix)", &code, &rowId);
-    } else {
+    gint64 second = -1;
+    const gchar* reason = "";
+    if (ReplyIs(reply, "(ixs)")) {
+        g_variant_get(reply, "(ix&s)", &code, &second, &reason);
+    } else if (ReplyIs(reply, "(ix)")) {
+        g_variant_get(reply, "(ix)", &code, &second);
+    } else if (ReplyIs(reply, "(i)")) {
         g_variant_get(reply, "(i)", &code);
+    } else {
+        result.outcome = Outcome::InvalidRequest;
+        result.message = "the reply cannot be read";
+        return;
     }
     result.outcome = Outcome::Answered;
     result.code = code;
-    result.rowId = rowId;
+    result.message = reason;
+    if (withRowId) {
+        result.rowId = second;
+    } else {
+        result.changedRows = second;
+    }
 }
 
 }  // namespace
@@ -334,7 +407,7 @@ Result ContentClient::Insert(const std::string& uri, const Values& values) const
     }
     Result result;
     GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Insert",
-                             g_variant_new("(sss)", SelfId().c_str(), uri.c_str(), encoded.c_str()), "(ix)", result);
+                             g_variant_new("(sss)", SelfId().c_str(), uri.c_str(), encoded.c_str()), nullptr, result);
     if (reply) {
         ReadCode(reply.get(), result, true);
     }
@@ -350,7 +423,7 @@ Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Value
     }
     Result result;
     GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "BulkInsert",
-                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), "(ix)",
+                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), nullptr,
                              result);
     if (reply) {
         ReadCode(reply.get(), result, true);
@@ -386,7 +459,7 @@ Result ContentClient::Update(const std::string& uri, const Values& values, const
     GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Update",
                              g_variant_new("(ssss@as)", SelfId().c_str(), uri.c_str(), encoded.c_str(), where.c_str(),
                                            StringArray(whereArgs)),
-                             "(i)", result);
+                             nullptr, result);
     if (reply) {
         ReadCode(reply.get(), result, false);
     }
@@ -402,7 +475,7 @@ Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Value
     }
     Result result;
     GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "BulkUpdate",
-                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), "(i)",
+                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), nullptr,
                              result);
     if (reply) {
         ReadCode(reply.get(), result, false);
@@ -417,7 +490,7 @@ Result ContentClient::Delete(const std::string& uri, const std::string& where,
     GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Delete",
                              g_variant_new("(sss@as)", SelfId().c_str(), uri.c_str(), where.c_str(),
                                            StringArray(whereArgs)),
-                             "(i)", result);
+                             nullptr, result);
     if (reply) {
         ReadCode(reply.get(), result, false);
     }

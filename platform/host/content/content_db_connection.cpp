@@ -14,6 +14,7 @@
 #include "content/database.h"
 #include "content/sqlite_statement_cursor.h"
 #include "content/statement_cache.h"
+#include "request_report.h"
 
 using tilvane::content::Database;
 using tilvane::content::QuoteIdentifier;
@@ -175,6 +176,7 @@ int CContentDbConnection::ExcuteSQL(const std::string& sql, std::string& errorMe
     }
     int rc = db->Exec(sql, &errorMessage);
     if (rc != SQLITE_OK) {
+        tilvane::host::RecordStatementError(errorMessage.c_str());
         CONTENT_LOGE("SQL on %s failed: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
     }
     return rc;
@@ -249,6 +251,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
     StatementLease statement;
     int rc = db->Statements().Acquire(db.handle(), sql, statement);
     if (rc != SQLITE_OK) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -262,6 +265,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
     }
     rc = sqlite3_step(statement.get());
     if (rc != SQLITE_DONE) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
     }
@@ -323,6 +327,7 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
     StatementLease statement;
     int rc = db->Statements().Acquire(db.handle(), sql, statement);
     if (rc != SQLITE_OK) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -345,9 +350,11 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
     }
     rc = sqlite3_step(statement.get());
     if (rc != SQLITE_DONE) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
     }
+    tilvane::host::RecordChangedRows(sqlite3_changes(db.handle()));
     return CONNECTION_OK;
 }
 
@@ -375,6 +382,7 @@ int CContentDbConnection::DeleteRequest(const std::string& table, const std::str
     StatementLease statement;
     int rc = db->Statements().Acquire(db.handle(), sql, statement);
     if (rc != SQLITE_OK) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -389,9 +397,11 @@ int CContentDbConnection::DeleteRequest(const std::string& table, const std::str
     }
     rc = sqlite3_step(statement.get());
     if (rc != SQLITE_DONE) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
     }
+    tilvane::host::RecordChangedRows(sqlite3_changes(db.handle()));
     return CONNECTION_OK;
 }
 
@@ -449,6 +459,7 @@ std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::st
     StatementLease statement;
     int rc = db->Statements().Acquire(db.handle(), sql, statement);
     if (rc != SQLITE_OK) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("select from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return nullptr;
     }
@@ -568,6 +579,7 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
                                                 tail);
     if (rc != SQLITE_OK) {
         errorMessage = db->ErrorMessage();
+        tilvane::host::RecordStatementError(errorMessage.c_str());
         CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
         return rc;
     }
