@@ -35,9 +35,12 @@ bool SaveFigures(const std::string& path);
  * false on failure, which ends the benchmark with an error. Register the
  * benchmark with ->Iterations(1) so that one call is one repetition.
  */
-template <typename Subject, typename Baseline>
+inline void NothingBetween() {}
+
+/* `between` runs untimed after each side (e.g. to put the table back). */
+template <typename Subject, typename Baseline, typename Between = void (*)()>
 void RunInterleaved(benchmark::State& state, const std::string& figure, double goal, int pairs, Subject&& subject,
-                    Baseline&& baseline, const std::string& baselineName)
+                    Baseline&& baseline, const std::string& baselineName, Between&& between = NothingBetween)
 {
     using Clock = std::chrono::steady_clock;
     double subjectSeconds = 0;
@@ -47,15 +50,18 @@ void RunInterleaved(benchmark::State& state, const std::string& figure, double g
         for (int i = 0; i < pairs && !failed; ++i) {
             const Clock::time_point start = Clock::now();
             const bool subjectOk = subject();
+            const Clock::time_point subjectEnd = Clock::now();
+            between();
             const Clock::time_point middle = Clock::now();
             const bool baselineOk = baseline();
             const Clock::time_point end = Clock::now();
+            between();
             if (!subjectOk || !baselineOk) {
                 state.SkipWithError(subjectOk ? "the baseline failed" : "the measured path failed");
                 failed = true;
                 break;
             }
-            subjectSeconds += std::chrono::duration<double>(middle - start).count();
+            subjectSeconds += std::chrono::duration<double>(subjectEnd - start).count();
             baselineSeconds += std::chrono::duration<double>(end - middle).count();
         }
     }
