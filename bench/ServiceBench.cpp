@@ -431,11 +431,18 @@ public:
     {
         StopProcess(m_servicePid, SIGTERM);
         StopProcess(m_barePid, SIGTERM);
-        std::error_code ignored;
-        std::filesystem::remove_all(m_root, ignored);
+        // TILVANE_BENCH_KEEP=1 keeps the platform root (database, service log).
+        const char* keep = std::getenv("TILVANE_BENCH_KEEP");
+        if (keep == nullptr || *keep == '\0' || *keep == '0') {
+            std::error_code ignored;
+            std::filesystem::remove_all(m_root, ignored);
+        } else {
+            std::printf("service benchmark: kept %s\n", m_root.c_str());
+        }
     }
 
     int Tiles() const { return m_tiles; }
+    const std::string& Root() const { return m_root; }
     pid_t ServicePid() const { return m_servicePid; }
     const std::string& DatabasePath() const { return m_database; }
     long long ClientSection() const { return m_clientSections.front(); }
@@ -862,10 +869,15 @@ void BM_ServiceMemoryAfterRequests(benchmark::State& state)
         return;
     }
     for (auto _ : state) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(ShortRun() ? 200 : 1000));
+        // The service gives free memory back a second after its last request.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2200));
         double rss = 0;
         double pss = 0;
         if (MemoryOf(fixture->ServicePid(), rss, pss)) {
+            if (std::getenv("TILVANE_BENCH_KEEP") != nullptr) {
+                std::ifstream in("/proc/" + std::to_string(fixture->ServicePid()) + "/smaps");
+                std::ofstream(fixture->Root() + "/service-smaps-after-requests.txt") << in.rdbuf();
+            }
             RecordValue("PSS idle after requests, " + SizeName(fixture->Tiles()), fixture->Tiles() >= 100000 ? 4 : 0,
                         "MiB", pss);
             RecordValue("RSS idle after requests, " + SizeName(fixture->Tiles()), 0, "MiB", rss);

@@ -38,6 +38,7 @@
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "idle_trim.h"
 #include "RequestRoadsXml.h"
 #include "row_codec.h"
 #include "SQLiteCursor.h"
@@ -201,9 +202,20 @@ bundle* DecodeBundle(const char* encoded)
     return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded)));
 }
 
-GVariant* RowsVariant(const std::string& rows)
+void DeleteStringCB(gpointer data)
 {
-    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(), rows.size(), 1);
+    delete static_cast<std::string*>(data);
+}
+
+/* The rows as an "ay" that owns them: no copy of a result that may be half a
+ * megabyte. */
+GVariant* RowsVariant(std::string rows)
+{
+    auto* owned = new std::string(std::move(rows));
+    GBytes* bytes = g_bytes_new_with_free_func(owned->data(), owned->size(), DeleteStringCB, owned);
+    GVariant* variant = g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE);
+    g_bytes_unref(bytes);
+    return variant;
 }
 
 /* ---- a request on the default main context -------------------------------- */
@@ -348,7 +360,7 @@ void RunDataControl(Job& job)
         break;
     case DcRequest::Answer::Rows:
         if (job.method == "Select") {
-            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(@ay)", RowsVariant(request.rows)));
+            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(@ay)", RowsVariant(std::move(request.rows))));
             return;
         }
         break;
@@ -520,7 +532,7 @@ void RunContent(Job& job)
                 return;
             }
             g_dbus_method_invocation_return_value(job.invocation,
-                                                  g_variant_new("(@ay)", RowsVariant(encoded)));
+                                                  g_variant_new("(@ay)", RowsVariant(std::move(encoded))));
         } else {
             GVariantPtr args(g_variant_get_child_value(p, 3));
             g_variant_get_child(p, 2, "&s", &where);
@@ -551,6 +563,7 @@ gboolean RunJobCB(gpointer data)
     } else {
         RunContent(*job);
     }
+    TrimWhenIdle();
     return G_SOURCE_REMOVE;
 }
 
