@@ -25,6 +25,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -197,9 +198,17 @@ std::vector<std::string> StringsOf(GVariant* array)
     return strings;
 }
 
+bundle* DecodeBundle(const char* encoded, size_t length)
+{
+    if (length > static_cast<size_t>(INT_MAX)) {
+        return nullptr;
+    }
+    return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(length));
+}
+
 bundle* DecodeBundle(const char* encoded)
 {
-    return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded)));
+    return DecodeBundle(encoded, std::strlen(encoded));
 }
 
 void DeleteStringCB(gpointer data)
@@ -392,8 +401,14 @@ std::vector<bundle*> DecodeBundles(GVariant* array, bool& ok)
 {
     std::vector<bundle*> bundles;
     ok = true;
-    for (const std::string& encoded : StringsOf(array)) {
-        bundle* b = DecodeBundle(encoded.c_str());
+    // Each row decoded straight from the message's own bytes.
+    const gsize count = g_variant_n_children(array);
+    bundles.reserve(count);
+    for (gsize i = 0; i < count; ++i) {
+        GVariantPtr row(g_variant_get_child_value(array, i));
+        gsize length = 0;
+        const gchar* encoded = g_variant_get_string(row.get(), &length);
+        bundle* b = DecodeBundle(encoded, length);
         if (b == nullptr) {
             ok = false;
             break;
