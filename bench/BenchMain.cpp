@@ -1,91 +1,112 @@
 /*
  * The benchmark program: runs every registered benchmark, prints the usual
- * table, then one line per pair of a measured path and its baseline from the
- * same run, as the ratio of their times per iteration.
+ * table, then the table of figures (bench/BenchFigures.h): every ratio of a
+ * measured path to its baseline from the same run, one per repetition, with
+ * its median, range and goal; the figures are also saved as JSON.
+ *
+ * Own flags (taken out before the benchmark library reads the rest):
+ *   --short               fewer pairs per repetition and smaller databases
+ *   --figures_json=PATH   where the JSON goes (else $TILVANE_BENCH_FIGURES,
+ *                         else bench-figures.json in the build folder)
+ *   --bench_log=PATH      where the log lines of the in-process benchmarks go
+ *                         (default /dev/null); they are formatted as the
+ *                         service formats them, at the service's default level
+ * Without --benchmark_repetitions the program runs 5 repetitions (3 short).
  */
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <map>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "BenchFigures.h"
+
+extern bool g_shortRun;
+
+/* bench/ServiceBench.cpp: the body of the bare server process. */
+int RunBareServer(int readyFd, const char* directory);
+/* bench/ServiceBench.cpp: its benchmarks depend on the short flag. */
+void RegisterServiceBenchmarks();
+
 namespace {
 
-class RatioReporter : public benchmark::ConsoleReporter
+bool TakeFlag(std::vector<char*>& args, const char* name, std::string* value)
 {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0 && !run.error_occurred) {
-                m_secondsPerIteration[run.benchmark_name()] =
-                    run.real_accumulated_time / static_cast<double>(run.iterations);
+    const size_t length = std::strlen(name);
+    for (auto it = args.begin() + 1; it != args.end(); ++it) {
+        if (std::strncmp(*it, name, length) == 0 && ((*it)[length] == '\0' || (*it)[length] == '=')) {
+            if (value != nullptr && (*it)[length] == '=') {
+                *value = *it + length + 1;
             }
+            args.erase(it);
+            return true;
         }
-        ConsoleReporter::ReportRuns(runs);
     }
+    return false;
+}
 
-    /* "ratio <what>: <measured> / <baseline> = r (a vs b per iteration)". Pairs
-     * not run (filtered out) print nothing. */
-    void PrintRatio(const std::string& what, const std::string& measured, const std::string& baseline,
-                    const std::string& baselineName) const
-    {
-        auto path = m_secondsPerIteration.find(measured);
-        auto base = m_secondsPerIteration.find(baseline);
-        if (path == m_secondsPerIteration.end() || base == m_secondsPerIteration.end() || base->second <= 0) {
-            return;
+bool HasFlag(const std::vector<char*>& args, const char* name)
+{
+    for (char* arg : args) {
+        if (std::strncmp(arg, name, std::strlen(name)) == 0) {
+            return true;
         }
-        std::printf("ratio %-34s / %-22s = %5.2f  (%.1f us vs %.1f us per iteration)\n", what.c_str(),
-                    baselineName.c_str(), path->second / base->second, path->second * 1e6, base->second * 1e6);
     }
+    return false;
+}
 
-private:
-    std::map<std::string, double> m_secondsPerIteration;
-};
+/* Log lines of the in-process benchmarks go to `path`, not to the terminal. */
+void SendLogTo(const std::string& path)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+    }
+}
 
 }  // namespace
 
-/* bench/RequestRoadBench.cpp: the body of its provider process. */
-int RunRoadBenchProvider(int readyFd, const char* directory);
-
 int main(int argc, char** argv)
 {
-    if (argc == 4 && std::string(argv[1]) == "--road-bench-provider") {
-        return RunRoadBenchProvider(std::atoi(argv[2]), argv[3]);
+    if (argc == 4 && std::string(argv[1]) == "--bare-server") {
+        return RunBareServer(std::atoi(argv[2]), argv[3]);
     }
-    // Keep debug lines out of the figures unless asked for.
-    setenv("TILVANE_LOG_LEVEL", "W", 0);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    std::vector<char*> args(argv, argv + argc);
+    g_shortRun = TakeFlag(args, "--short", nullptr);
+    std::string figuresPath;
+    if (!TakeFlag(args, "--figures_json", &figuresPath)) {
+        const char* fromEnvironment = std::getenv("TILVANE_BENCH_FIGURES");
+        figuresPath = fromEnvironment != nullptr && *fromEnvironment != '\0' ? fromEnvironment
+                                                                            : TILVANE_BENCH_DEFAULT_FIGURES;
+    }
+    std::string logPath = "/dev/null";
+    TakeFlag(args, "--bench_log", &logPath);
+    std::string repetitions = g_shortRun ? "--benchmark_repetitions=3" : "--benchmark_repetitions=5";
+    if (!HasFlag(args, "--benchmark_repetitions")) {
+        args.push_back(&repetitions[0]);
+    }
+    args.push_back(nullptr);
+    int count = static_cast<int>(args.size()) - 1;
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) {
         return 1;
     }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-
-    // bench/ContentDbConnectionBench.cpp: 1000 tiles per iteration.
-    reporter.PrintRatio("insert 1000 tiles (one transaction)", "BM_InsertTiles_Library", "BM_InsertTiles_RawSQLite",
-                        "raw SQLite");
-    reporter.PrintRatio("select 1000 tiles", "BM_SelectTiles_Library", "BM_SelectTiles_RawSQLite", "raw SQLite");
-    reporter.PrintRatio("road: single insert", "BM_RoadInsert_Content/real_time", "BM_RoadInsert_BareCall/real_time", "bare D-Bus call");
-    reporter.PrintRatio("road: bulk insert 1000 rows", "BM_RoadBulkInsert1000_Content/real_time", "BM_RoadBulkInsert1000_BareCall/real_time",
-                        "bare D-Bus call");
-    reporter.PrintRatio("road: select 1000 tiles", "BM_RoadSelect1000_Content/real_time", "BM_RoadSelect1000_RawSQLite/real_time",
-                        "raw SQLite");
-    // bench/HandlerBench.cpp: the provider's handlers in process.
-    reporter.PrintRatio("handler: insert one tile", "BM_HandlerInsertTile_Provider", "BM_HandlerInsertTile_RawSQLite",
-                        "its raw SQLite statements");
-    reporter.PrintRatio("handler: read 20 tiles", "BM_HandlerSelectTiles_Provider", "BM_HandlerSelectTiles_RawSQLite",
-                        "its raw SQLite statements");
-    // bench/PermissionBench.cpp: read level + tiles filter, 50 sections.
-    reporter.PrintRatio("read level + tiles query", "BM_PermissionTilesRead_Helper", "BM_PermissionTilesRead_RawSQLite",
-                        "its raw SQLite selects");
-    // bench/EventBench.cpp: one event to N subscribers over the bus.
-    for (const char* subscribers : {"1", "10", "100"}) {
-        reporter.PrintRatio(std::string("event to ") + subscribers + " subscriber(s)",
-                            std::string("BM_EventSend_MessageHelper/") + subscribers + "/real_time",
-                            std::string("BM_EventSend_BarePort/") + subscribers + "/real_time", "bare port sends");
+    RegisterServiceBenchmarks();
+    std::printf("log lines of the in-process benchmarks (default level, as the service runs): %s\n",
+                logPath.c_str());
+    std::fflush(stdout);
+    SendLogTo(logPath);
+    benchmark::RunSpecifiedBenchmarks();
+    PrintFigures(stdout);
+    if (SaveFigures(figuresPath)) {
+        std::printf("figures saved to %s\n", figuresPath.c_str());
+    } else {
+        std::printf("figures could not be saved to %s\n", figuresPath.c_str());
     }
     benchmark::Shutdown();
     return 0;

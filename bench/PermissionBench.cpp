@@ -1,10 +1,10 @@
 /*
  * The access decision of one tiles read: the caller's read level and the row
- * filter of the tiles table, for a package with one accelerator and 50
- * sections; against raw SQLite running the same three selects (the level
- * query, the accelerators select, the sections select) with statements
- * prepared once, in the same run. BM_PermissionTilesRead_Ratio times both in
- * alternation and reports helper / raw as its "ratio" counter.
+ * filter of the tiles table, for a package with one accelerator and 1, 10,
+ * 100 or 1,000 sections, at the service's default log level; against raw
+ * SQLite running the same three selects (the level query, the accelerators
+ * select, the sections select) with statements prepared once and building the
+ * same filter text, interleaved in the same run.
  */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
@@ -15,31 +15,32 @@
 #include <memory>
 #include <string>
 
+#include "BenchFigures.h"
 #include "DbHelper.h"
 #include "PermissionHelper.h"
 #include "QueryGenerator.h"
 
 namespace {
 
-const int kSections = 50;
 const char kPackage[] = "org.example.bench";
 
 class PermissionBenchDatabase
 {
 public:
-    PermissionBenchDatabase()
+    explicit PermissionBenchDatabase(int sections)
     {
         char pattern[] = "/tmp/tilvane-permission-bench-XXXXXX";
         const char* made = mkdtemp(pattern);
         m_directory = made != nullptr ? made : "/tmp";
         m_pHelper = std::make_unique<CDbHelper>(m_directory + "/", ".preview.db", 15);
-        std::string sql = "INSERT INTO accelerators (accelerator_app_pkg_name) VALUES ('other.package');"
+        std::string sql = "BEGIN;INSERT INTO accelerators (accelerator_app_pkg_name) VALUES ('other.package');"
                           "INSERT INTO accelerators (accelerator_app_pkg_name) VALUES ('" +
                           std::string(kPackage) + "');";
-        for (int i = 0; i < kSections; ++i) {
+        for (int i = 0; i < sections; ++i) {
             sql += "INSERT INTO sections (section_id, section_accelerator_raw_id) VALUES ('s" + std::to_string(i) +
                    "', 2);";
         }
+        sql += "COMMIT;";
         std::string error;
         m_pHelper->GetConnection()->ExcuteSQL(sql, error);
     }
@@ -100,13 +101,22 @@ public:
     size_t Run()
     {
         size_t values = 0;
-        for (sqlite3_stmt* statement : {m_level, m_accelerators, m_sections}) {
+        for (sqlite3_stmt* statement : {m_level, m_accelerators}) {
             while (sqlite3_step(statement) == SQLITE_ROW) {
                 values += static_cast<size_t>(sqlite3_column_bytes(statement, 0));
             }
             sqlite3_reset(statement);
         }
-        return values;
+        std::string where = "tile_section_raw_id IN (";
+        bool first = true;
+        while (sqlite3_step(m_sections) == SQLITE_ROW) {
+            where += first ? "" : ",";
+            where += std::to_string(sqlite3_column_int64(m_sections, 0));
+            first = false;
+        }
+        sqlite3_reset(m_sections);
+        where += ") AND tile_playable = 1";
+        return where.size() + values;
     }
 
 private:
@@ -123,59 +133,21 @@ private:
     sqlite3_stmt* m_sections = nullptr;
 };
 
-void BM_PermissionTilesRead_Helper(benchmark::State& state)
+void BM_PermissionTilesRead(benchmark::State& state)
 {
-    PermissionBenchDatabase database;
-    HelperPath helper(database.Helper());
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(helper.Run());
-    }
-}
-
-void BM_PermissionTilesRead_RawSQLite(benchmark::State& state)
-{
-    PermissionBenchDatabase database;
-    RawPath raw(database.Path());
-    if (!raw.IsValid()) {
-        state.SkipWithError("cannot prepare the raw statements");
-        return;
-    }
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(raw.Run());
-    }
-}
-
-/* Both paths in alternation on one database, so that the ratio is not skewed
- * by the order of the runs. */
-void BM_PermissionTilesRead_Ratio(benchmark::State& state)
-{
-    using Clock = std::chrono::steady_clock;
-    PermissionBenchDatabase database;
+    const int sections = static_cast<int>(state.range(0));
+    PermissionBenchDatabase database(sections);
     HelperPath helper(database.Helper());
     RawPath raw(database.Path());
     if (!raw.IsValid()) {
         state.SkipWithError("cannot prepare the raw statements");
         return;
     }
-    double helperSeconds = 0;
-    double rawSeconds = 0;
-    for (auto _ : state) {
-        Clock::time_point start = Clock::now();
-        benchmark::DoNotOptimize(helper.Run());
-        Clock::time_point middle = Clock::now();
-        benchmark::DoNotOptimize(raw.Run());
-        Clock::time_point end = Clock::now();
-        helperSeconds += std::chrono::duration<double>(middle - start).count();
-        rawSeconds += std::chrono::duration<double>(end - middle).count();
-    }
-    double iterations = static_cast<double>(state.iterations());
-    state.counters["helper_us"] = iterations > 0 ? helperSeconds / iterations * 1e6 : 0;
-    state.counters["raw_us"] = iterations > 0 ? rawSeconds / iterations * 1e6 : 0;
-    state.counters["ratio"] = rawSeconds > 0 ? helperSeconds / rawSeconds : 0;
+    RunInterleaved(
+        state, "read level + tiles filter, " + std::to_string(sections) + " section(s)", 0, Pairs(300, 20),
+        [&] { return helper.Run() > 0; }, [&] { return raw.Run() > 0; }, "its raw SQLite selects");
 }
 
 }  // namespace
 
-BENCHMARK(BM_PermissionTilesRead_Helper)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PermissionTilesRead_RawSQLite)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PermissionTilesRead_Ratio)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PermissionTilesRead)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Iterations(1)->Unit(benchmark::kMillisecond);

@@ -37,7 +37,10 @@ public:
     CContentDbConnection* GetConnection();
 
     /* True when the database file cannot be read as a healthy SQLite database:
-     * not a database at all, or failing SQLite's quick check. */
+     * not a database at all, or failing SQLite's quick check. The quick check
+     * reads the whole file; it is left out when the file was closed in order
+     * and not changed since (content/clean_close.h), and its header matches
+     * its size. */
     bool CheckDBCorruption();
 
     const std::string& GetDirectory() const { return m_strDirectory; }

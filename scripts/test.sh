@@ -23,7 +23,7 @@ run_suite() {
 run_suite "$builds/test" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTILVANE_BUILD_BENCHMARKS=ON
 
 echo "==> benchmarks (short run)"
-"$builds/test/bench/tilvane_bench" --benchmark_min_time=0.05
+"$builds/test/bench/tilvane_bench" --short
 
 if [ "${TILVANE_SKIP_SANITIZE:-0}" != "1" ]; then
     ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \

@@ -16,6 +16,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -102,7 +103,7 @@ private:
     size_t pos_ = 0;
 };
 
-bool IsBase64Text(const std::string& text)
+bool IsBase64Text(std::string_view text)
 {
     if (text.empty() || text.size() % 4 != 0) {
         return false;
@@ -294,19 +295,18 @@ bundle* bundle_decode(const bundle_raw* raw, const int len)
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    const std::string text(reinterpret_cast<const char*>(raw), static_cast<size_t>(len));
+    // Decoded in place from the caller's bytes: no copy of the text first.
+    const std::string_view text(reinterpret_cast<const char*>(raw), static_cast<size_t>(len));
     if (!IsBase64Text(text)) {
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    gsize size = 0;
-    std::unique_ptr<guchar, GFreeDeleter> binary(g_base64_decode(text.c_str(), &size));
-    if (!binary) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    std::vector<guchar> binary(text.size() / 4 * 3 + 3);
+    gint state = 0;
+    guint save = 0;
+    const gsize size = g_base64_decode_step(text.data(), text.size(), binary.data(), &state, &save);
 
-    Reader reader(binary.get(), size);
+    Reader reader(binary.data(), size);
     uint32_t count = 0;
     if (!reader.Bytes(kMagic, sizeof kMagic) || !reader.U32(count)) {
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);

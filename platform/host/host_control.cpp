@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "host_state.h"
+#include "idle_trim.h"
 
 namespace tilvane {
 namespace host {
@@ -261,6 +262,7 @@ void Reset()
     ForgetPowerOffSubscribers();
     CloseSignalBus();
     config::Forget();
+    CancelIdleTrim();
 }
 
 }  // namespace host

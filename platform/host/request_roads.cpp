@@ -25,6 +25,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -38,6 +39,7 @@
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "idle_trim.h"
 #include "request_report.h"
 #include "RequestRoadsXml.h"
 #include "row_codec.h"
@@ -198,14 +200,33 @@ std::vector<std::string> StringsOf(GVariant* array)
     return strings;
 }
 
-bundle* DecodeBundle(const char* encoded)
+bundle* DecodeBundle(const char* encoded, size_t length)
 {
-    return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded)));
+    if (length > static_cast<size_t>(INT_MAX)) {
+        return nullptr;
+    }
+    return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(length));
 }
 
-GVariant* RowsVariant(const std::string& rows)
+bundle* DecodeBundle(const char* encoded)
 {
-    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(), rows.size(), 1);
+    return DecodeBundle(encoded, std::strlen(encoded));
+}
+
+void DeleteStringCB(gpointer data)
+{
+    delete static_cast<std::string*>(data);
+}
+
+/* The rows as an "ay" that owns them: no copy of a result that may be half a
+ * megabyte. */
+GVariant* RowsVariant(std::string rows)
+{
+    auto* owned = new std::string(std::move(rows));
+    GBytes* bytes = g_bytes_new_with_free_func(owned->data(), owned->size(), DeleteStringCB, owned);
+    GVariant* variant = g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE);
+    g_bytes_unref(bytes);
+    return variant;
 }
 
 /* ---- a request on the default main context -------------------------------- */
@@ -410,7 +431,7 @@ void RunDataControl(Job& job)
         break;
     case DcRequest::Answer::Rows:
         if (job.method == "Select") {
-            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(@ay)", RowsVariant(request.rows)));
+            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(@ay)", RowsVariant(std::move(request.rows))));
             return;
         }
         break;
@@ -443,8 +464,14 @@ std::vector<bundle*> DecodeBundles(GVariant* array, bool& ok)
 {
     std::vector<bundle*> bundles;
     ok = true;
-    for (const std::string& encoded : StringsOf(array)) {
-        bundle* b = DecodeBundle(encoded.c_str());
+    // Each row decoded straight from the message's own bytes.
+    const gsize count = g_variant_n_children(array);
+    bundles.reserve(count);
+    for (gsize i = 0; i < count; ++i) {
+        GVariantPtr row(g_variant_get_child_value(array, i));
+        gsize length = 0;
+        const gchar* encoded = g_variant_get_string(row.get(), &length);
+        bundle* b = DecodeBundle(encoded, length);
         if (b == nullptr) {
             ok = false;
             break;
@@ -598,7 +625,7 @@ void RunContent(Job& job)
                 return;
             }
             g_dbus_method_invocation_return_value(job.invocation,
-                                                  g_variant_new("(@ay)", RowsVariant(encoded)));
+                                                  g_variant_new("(@ay)", RowsVariant(std::move(encoded))));
         } else {
             GVariantPtr args(g_variant_get_child_value(p, 3));
             g_variant_get_child(p, 2, "&s", &where);
@@ -630,6 +657,7 @@ gboolean RunJobCB(gpointer data)
     } else {
         RunContent(*job);
     }
+    TrimWhenIdle();
     return G_SOURCE_REMOVE;
 }
 

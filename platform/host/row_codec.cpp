@@ -8,12 +8,50 @@
 #include <cstring>
 
 #include "SQLiteCursor.h"
+#include "content/sqlite_statement_cursor.h"
 
 namespace tilvane {
 namespace host {
 
+namespace {
+
+/* Room for the first rows; the string grows geometrically after that. */
+constexpr size_t kInitialReserve = 16 * 1024;
+
+void AppendU32(std::string& bytes, uint32_t value)
+{
+    const char le[4] = {static_cast<char>(value & 0xff), static_cast<char>((value >> 8) & 0xff),
+                        static_cast<char>((value >> 16) & 0xff), static_cast<char>((value >> 24) & 0xff)};
+    bytes.append(le, sizeof le);
+}
+
+void AppendTagged64(std::string& bytes, uint8_t tag, uint64_t bits)
+{
+    char out[9];
+    out[0] = static_cast<char>(tag);
+    for (int i = 0; i < 8; ++i) {
+        out[1 + i] = static_cast<char>((bits >> (8 * i)) & 0xff);
+    }
+    bytes.append(out, sizeof out);
+}
+
+std::vector<std::string> StatementColumnNames(sqlite3_stmt* statement)
+{
+    const int count = sqlite3_column_count(statement);
+    std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        const char* name = sqlite3_column_name(statement, i);
+        names.emplace_back(name != nullptr ? name : "");
+    }
+    return names;
+}
+
+}  // namespace
+
 RowEncoder::RowEncoder(const std::vector<std::string>& columns)
 {
+    m_bytes.reserve(kInitialReserve);
     m_bytes.push_back(static_cast<char>(kRowFormat));
     PutU32(static_cast<uint32_t>(columns.size()));
     for (const std::string& name : columns) {
@@ -26,35 +64,28 @@ RowEncoder::RowEncoder(const std::vector<std::string>& columns)
 
 void RowEncoder::PutU32(uint32_t value)
 {
-    for (int i = 0; i < 4; ++i) {
-        m_bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
-    }
+    AppendU32(m_bytes, value);
 }
 
 void RowEncoder::Integer(int64_t value)
 {
-    m_bytes.push_back(static_cast<char>(kTagInteger));
-    const uint64_t bits = static_cast<uint64_t>(value);
-    for (int i = 0; i < 8; ++i) {
-        m_bytes.push_back(static_cast<char>((bits >> (8 * i)) & 0xff));
-    }
+    AppendTagged64(m_bytes, kTagInteger, static_cast<uint64_t>(value));
 }
 
 void RowEncoder::Real(double value)
 {
-    m_bytes.push_back(static_cast<char>(kTagReal));
     uint64_t bits = 0;
     std::memcpy(&bits, &value, sizeof bits);
-    for (int i = 0; i < 8; ++i) {
-        m_bytes.push_back(static_cast<char>((bits >> (8 * i)) & 0xff));
-    }
+    AppendTagged64(m_bytes, kTagReal, bits);
 }
 
 void RowEncoder::Text(const char* data, size_t length)
 {
     m_bytes.push_back(static_cast<char>(kTagText));
     PutU32(static_cast<uint32_t>(length));
-    m_bytes.append(data, length);
+    if (length > 0) {
+        m_bytes.append(data, length);
+    }
 }
 
 void RowEncoder::Blob(const void* data, size_t length)
@@ -64,6 +95,35 @@ void RowEncoder::Blob(const void* data, size_t length)
     if (length > 0) {
         m_bytes.append(static_cast<const char*>(data), length);
     }
+}
+
+void RowEncoder::StatementRow(sqlite3_stmt* statement, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        switch (sqlite3_column_type(statement, i)) {
+        case SQLITE_INTEGER:
+            Integer(sqlite3_column_int64(statement, i));
+            break;
+        case SQLITE_FLOAT:
+            Real(sqlite3_column_double(statement, i));
+            break;
+        case SQLITE_TEXT: {
+            // text first, then bytes: the length is that of the text form.
+            const unsigned char* text = sqlite3_column_text(statement, i);
+            Text(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(statement, i)));
+            break;
+        }
+        case SQLITE_BLOB: {
+            const void* blob = sqlite3_column_blob(statement, i);
+            Blob(blob, static_cast<size_t>(sqlite3_column_bytes(statement, i)));
+            break;
+        }
+        default:
+            Null();
+            break;
+        }
+    }
+    EndRow();
 }
 
 std::string RowEncoder::Finish()
@@ -77,12 +137,7 @@ std::string RowEncoder::Finish()
 bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded)
 {
     const int count = sqlite3_column_count(statement);
-    std::vector<std::string> names;
-    for (int i = 0; i < count; ++i) {
-        const char* name = sqlite3_column_name(statement, i);
-        names.emplace_back(name != nullptr ? name : "");
-    }
-    RowEncoder encoder(names);
+    RowEncoder encoder(StatementColumnNames(statement));
     for (;;) {
         const int step = sqlite3_step(statement);
         if (step == SQLITE_DONE) {
@@ -91,30 +146,7 @@ bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded)
         if (step != SQLITE_ROW) {
             return false;
         }
-        for (int i = 0; i < count; ++i) {
-            switch (sqlite3_column_type(statement, i)) {
-            case SQLITE_INTEGER:
-                encoder.Integer(sqlite3_column_int64(statement, i));
-                break;
-            case SQLITE_FLOAT:
-                encoder.Real(sqlite3_column_double(statement, i));
-                break;
-            case SQLITE_TEXT: {
-                const unsigned char* text = sqlite3_column_text(statement, i);
-                encoder.Text(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(statement, i)));
-                break;
-            }
-            case SQLITE_BLOB: {
-                const void* blob = sqlite3_column_blob(statement, i);
-                encoder.Blob(blob, static_cast<size_t>(sqlite3_column_bytes(statement, i)));
-                break;
-            }
-            default:
-                encoder.Null();
-                break;
-            }
-        }
-        encoder.EndRow();
+        encoder.StatementRow(statement, count);
     }
     encoded = encoder.Finish();
     return true;
@@ -124,10 +156,24 @@ bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
 {
     const int count = cursor.GetColumnCount();
     std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
         names.push_back(cursor.GetColumnName(i));
     }
     RowEncoder encoder(names);
+    // The content library's own cursor: every cell straight from its statement,
+    // under one hold of the connection's lock.
+    if (auto* direct = dynamic_cast<CSQLiteStatementCursor*>(&cursor)) {
+        const int step =
+            direct->ForEachRemainingRow([&encoder, count](sqlite3_stmt* statement) { encoder.StatementRow(statement, count); });
+        if (step != ISQLiteCursor::STEP_DONE) {
+            return false;
+        }
+        encoded = encoder.Finish();
+        return true;
+    }
+    std::string text;
+    std::vector<unsigned char> blob;
     for (;;) {
         const int step = cursor.Step();
         if (step == ISQLiteCursor::STEP_DONE) {
@@ -150,18 +196,14 @@ bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
                 encoder.Real(value);
                 break;
             }
-            case SQLITE_TEXT: {
-                std::string value;
-                cursor.GetString(i, value);
-                encoder.Text(value.data(), value.size());
+            case SQLITE_TEXT:
+                cursor.GetString(i, text);
+                encoder.Text(text.data(), text.size());
                 break;
-            }
-            case SQLITE_BLOB: {
-                std::vector<unsigned char> value;
-                cursor.GetBlob(i, value);
-                encoder.Blob(value.data(), value.size());
+            case SQLITE_BLOB:
+                cursor.GetBlob(i, blob);
+                encoder.Blob(blob.data(), blob.size());
                 break;
-            }
             default:
                 encoder.Null();
                 break;

@@ -39,6 +39,9 @@ public:
     void Text(const char* data, size_t length);
     void Blob(const void* data, size_t length);
     void EndRow() { ++m_rows; }
+    /* The current row of `statement`, `count` columns, each read once in its
+     * own storage class straight from SQLite's buffers. */
+    void StatementRow(sqlite3_stmt* statement, int count);
     /* The finished encoding (row count filled in). */
     std::string Finish();
 

@@ -6,6 +6,7 @@
  */
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <host_control.h>
 #include <tilvane_client.h>
 
@@ -330,4 +331,97 @@ TEST_F(ContentRoadTest, TheCallerIdOfAnotherProcessComesFromTheBus)
     int status = -1;
     IterateMainContextUntil([&] { return (status = client.Wait(10)) != -1; }, 5000);
     EXPECT_EQ(status, 0);
+}
+
+namespace {
+
+/* A select whose provider read the first row itself before storing the cursor. */
+bool SelectAfterFirstRowCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
+{
+    std::vector<std::string> projection = in.vecProjection;
+    auto cursor = g_db->SelectRequest("tiles", projection, in.strWhere, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    if (cursor == nullptr || cursor->Step() != ISQLiteCursor::STEP_ROW ||
+        CSharedQueryObject::StoreCursor(cursor, "tiles", out.strSharedName, out.nColumnCount) != 0) {
+        return false;
+    }
+    out.nRequestId = CSharedQueryObject::GetRequestID();
+    return true;
+}
+
+/* A cursor that is not the content library's: rows of its own. */
+class ListCursor : public ISQLiteCursor
+{
+public:
+    int Step() override { return ++m_row < 2 ? STEP_ROW : STEP_DONE; }
+    int Reset() override { m_row = -1; return 0; }
+    int GetColumnCount() const override { return 3; }
+    std::string GetColumnName(int column) const override { return column == 0 ? "n" : column == 1 ? "t" : "b"; }
+    int GetColumnType(int column) const override
+    {
+        return column == 0 ? SQLITE_INTEGER : column == 1 ? SQLITE_TEXT : (m_row == 0 ? SQLITE_BLOB : SQLITE_NULL);
+    }
+    bool GetInt(int, int& value) const override { value = m_row + 10; return true; }
+    bool GetInt64(int, int64_t& value) const override { value = m_row + 10; return true; }
+    bool GetDouble(int, double& value) const override { value = m_row; return true; }
+    bool GetString(int, std::string& value) const override { value = m_row == 0 ? "first" : "second"; return true; }
+    bool GetBlob(int, std::vector<unsigned char>& value) const override { value = {7, 8, 9}; return true; }
+    bool IsNull(int column) const override { return GetColumnType(column) == SQLITE_NULL; }
+
+private:
+    int m_row = -1;
+};
+
+bool SelectOwnCursorCB(PT_PROVIDER_SELECT_IN_PARAM&, PT_PROVIDER_SELECT_OUT_PARAM& out)
+{
+    if (CSharedQueryObject::StoreCursor(std::make_shared<ListCursor>(), "list", out.strSharedName, out.nColumnCount) !=
+        0) {
+        return false;
+    }
+    out.nRequestId = CSharedQueryObject::GetRequestID();
+    return true;
+}
+
+}  // namespace
+
+TEST_F(ContentRoadTest, ACursorTheProviderAlreadySteppedSendsTheRowsAfterIt)
+{
+    ASSERT_TRUE(register_select_db_callback(kTiles, SelectAfterFirstRowCB, &g_userData));
+    Result result = m_client.Select(kTiles, {"_id", "title"}, "_id <= ?", {"3"}, "_id", "");
+    ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+    ASSERT_EQ(result.rows.rows.size(), 2u);
+    EXPECT_EQ(result.rows.rows[0][0].integer, 2);
+    EXPECT_EQ(result.rows.rows[1][1].text, "tile 3");
+}
+
+TEST_F(ContentRoadTest, ACursorOfTheProvidersOwnIsSentThroughItsTypedReads)
+{
+    ASSERT_TRUE(register_select_db_callback(kTiles, SelectOwnCursorCB, &g_userData));
+    Result result = m_client.Select(kTiles, {}, "", {}, "", "");
+    ASSERT_EQ(result.outcome, Outcome::Answered) << result.message;
+    EXPECT_EQ(result.rows.columns, (std::vector<std::string>{"n", "t", "b"}));
+    ASSERT_EQ(result.rows.rows.size(), 2u);
+    EXPECT_EQ(result.rows.rows[0][0].integer, 10);
+    EXPECT_EQ(result.rows.rows[0][1].text, "first");
+    EXPECT_EQ(result.rows.rows[0][2].blob, (std::vector<unsigned char>{7, 8, 9}));
+    EXPECT_EQ(result.rows.rows[1][0].integer, 11);
+    EXPECT_EQ(result.rows.rows[1][1].text, "second");
+    EXPECT_EQ(result.rows.rows[1][2].type, Cell::Type::Null);
+}
+
+TEST_F(ContentRoadTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest)
+{
+    RegisterAll(kTiles);
+    const int before = tilvane::host::CallCount("malloc_trim");
+    ASSERT_EQ(m_client.Select(kTiles, {}, "", {}, "_id", "").outcome, Outcome::Answered);
+    ASSERT_EQ(m_client.GetRowIds(kTiles, "", {}).outcome, Outcome::Answered);
+    // Nothing right after the requests.
+    EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before);
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(tilvane::test::IterateMainContextUntil(
+        [&] { return tilvane::host::CallCount("malloc_trim") > before; }, 5000));
+    EXPECT_GE(MillisecondsSince(start), 500);
+    // Once for both requests.
+    tilvane::test::IterateMainContextUntil([] { return false; }, 1500);
+    EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before + 1);
 }

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <string>
 #include <vector>
 
@@ -193,6 +195,56 @@ TEST_F(TilesProviderTest, TruncatedDatabaseIsRemovedAndRecreatedEmpty)
     EXPECT_EQ(CountLines("tilvane", "----------remove original file-----------"), 1);
     RawDatabase db(DatabasePath());
     EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+}
+
+TEST_F(TilesProviderTest, DatabaseDamagedAfterAnOrderlyShutdownIsRemovedAtTheNextStart)
+{
+    tilvane::host::UseVirtualClock(true);
+    CTilesProvider::GetInstance();
+    {
+        RawDatabase db(DatabasePath());
+        ASSERT_EQ(db.Exec("CREATE TABLE filler (a TEXT);"
+                          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+                          "INSERT INTO filler SELECT hex(randomblob(100)) FROM n;"),
+                  0);
+    }
+    ReleaseProvider();
+    // The orderly close left its record: the next start checks the header only,
+    // unless the file changed since.
+    ASSERT_TRUE(tilvane::test::FileExists(DatabasePath() + "-clean"));
+    {
+        std::fstream file(DatabasePath(), std::ios::in | std::ios::out | std::ios::binary);
+        ASSERT_TRUE(file.is_open());
+        file.seekp(10 * 4096);
+        const std::string noise = tilvane::test::RandomBytes(20 * 4096, 9);
+        file.write(noise.data(), static_cast<std::streamsize>(noise.size()));
+    }
+
+    CTilesProvider::GetInstance();
+
+    EXPECT_EQ(CountLines("tilvane", "----------remove original file-----------"), 1);
+    RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+}
+
+TEST_F(TilesProviderTest, StartAfterAnOrderlyShutdownSkipsTheFullCheckAndKeepsTheRows)
+{
+    tilvane::host::UseVirtualClock(true);
+    CreateHealthyDatabaseWithOneAccelerator();
+    CTilesProvider::GetInstance();
+    ReleaseProvider();
+    tilvane::host::ClearCapturedLog();
+
+    CTilesProvider::GetInstance();
+
+    EXPECT_EQ(tilvane::test::CountExactLines("tilvane-content",
+                                             DatabasePath() + " was closed cleanly and not changed since: header "
+                                                              "checked, quick check skipped"),
+              1);
+    EXPECT_EQ(CountLines("tilvane", "----------remove original file-----------"), 0);
+    RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.Column("SELECT accelerator_app_pkg_name FROM accelerators WHERE accelerator_app_pkg_name = 'pkg.kept'"),
+              (std::vector<std::string>{"pkg.kept"}));
 }
 
 TEST_F(TilesProviderTest, DestructionClosesTheDatabaseBeforeDeletingTheLock)

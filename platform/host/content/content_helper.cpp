@@ -6,6 +6,7 @@
 
 #include <sqlite3.h>
 
+#include "content/clean_close.h"
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/statement_cache.h"
@@ -332,6 +333,13 @@ bool CContentHelper::CheckDBCorruption()
         return IsUnreadable(rc);
     }
 
+    // After an orderly close, with the file unchanged since, its header is
+    // checked against its size; the full check runs after anything else.
+    if (tilvane::content::OpenedAfterCleanClose(path) && tilvane::content::HeaderMatchesFile(path)) {
+        CONTENT_LOGD("%s was closed cleanly and not changed since: header checked, quick check skipped", path.c_str());
+        return false;
+    }
+    CONTENT_LOGD("%s was not closed cleanly or changed since: running the quick check", path.c_str());
     rc = tilvane::content::PrepareStatement(db, "PRAGMA quick_check", statement);
     std::vector<std::string> results;
     if (rc == SQLITE_OK) {

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "content/clean_close.h"
 #include "content/content_log.h"
 
 namespace tilvane {
@@ -9,6 +10,7 @@ namespace content {
 
 std::shared_ptr<Database> Database::Open(const std::string& path, int& rc)
 {
+    ConsumeCleanCloseRecord(path);
     sqlite3* raw = nullptr;
     rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     SQLiteHandle handle(raw);
@@ -40,6 +42,8 @@ Database::~Database()
         int rc = sqlite3_close_v2(m_handle.release());
         if (rc != SQLITE_OK) {
             CONTENT_LOGE("closing %s failed (%d)", m_strPath.c_str(), rc);
+        } else {
+            WriteCleanCloseRecord(m_strPath);
         }
     }
 }

@@ -129,6 +129,30 @@ int CSQLiteStatementCursor::Step()
     return STEP_ERROR;
 }
 
+int CSQLiteStatementCursor::ForEachRemainingRow(const std::function<void(sqlite3_stmt*)>& row)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_pDatabase->Mutex());
+    sqlite3_stmt* stmt = m_statement.get();
+    if (stmt == nullptr || m_position == Position::Failed) {
+        return STEP_ERROR;
+    }
+    if (m_position == Position::AfterLast) {
+        return STEP_DONE;
+    }
+    m_rowTypes.clear();
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        row(stmt);
+    }
+    if (rc == SQLITE_DONE) {
+        m_position = Position::AfterLast;
+        return STEP_DONE;
+    }
+    m_position = Position::Failed;
+    CONTENT_LOGE("step of \"%s\" failed: %s (%d)", sqlite3_sql(stmt), sqlite3_errmsg(m_pDatabase->Handle()), rc);
+    return STEP_ERROR;
+}
+
 int CSQLiteStatementCursor::Reset()
 {
     std::lock_guard<std::recursive_mutex> lock(m_pDatabase->Mutex());

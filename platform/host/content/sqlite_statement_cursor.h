@@ -6,6 +6,7 @@
 #ifndef TILVANE_CONTENT_SQLITE_STATEMENT_CURSOR_H
 #define TILVANE_CONTENT_SQLITE_STATEMENT_CURSOR_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,6 +39,12 @@ public:
     bool GetString(int column, std::string& value) const override;
     bool GetBlob(int column, std::vector<unsigned char>& value) const override;
     bool IsNull(int column) const override;
+
+    /* Steps to the end under one hold of the database's lock, handing the
+     * statement to `row` on each row (read its columns there, once each).
+     * STEP_DONE at the end, STEP_ERROR when a step fails. For encoders that
+     * copy every cell: no lock and no copy per cell. */
+    int ForEachRemainingRow(const std::function<void(sqlite3_stmt*)>& row);
 
 private:
     enum class Position

@@ -1,0 +1,923 @@
+/*
+ * The real service end to end: the `tilvane` binary on the benchmark bus with
+ * a database of several applications (accelerators, sections, tiles with every
+ * column filled), requests made through the client library as an installed
+ * application, against baselines in the same run:
+ *   - a bare GDBus server in a process of its own that answers the same
+ *     method with a reply of the same shape and size the service gave (the
+ *     caller builds the same payload with the same bundle and GVariant calls);
+ *   - raw SQLite selecting the same rows from the same file, for selects.
+ * Subject and baseline are timed in alternation (A B A B); every repetition
+ * gives one ratio. Also measured: the time from exec to the first answered
+ * request, and the idle service's resident and proportional set sizes.
+ */
+#include <fcntl.h>
+#include <gio/gio.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+#include <bundle.h>
+#include <host_control.h>
+#include <tilvane_client.h>
+#include <tzplatform_config.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchBus.h"
+#include "BenchData.h"
+#include "BenchFigures.h"
+#include "PermissionHelper.h"
+#include "TilesModel.h"
+
+extern char** environ;
+
+namespace {
+
+using tilvane::client::ContentClient;
+using tilvane::client::Result;
+using tilvane::client::Values;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr char kClientPackage[] = "org.example.bench";
+constexpr char kClientApp[] = "org.example.bench.ui";
+const char* const kOtherPackages[] = {"org.example.news", "org.example.sports", "org.example.movies",
+                                      "org.example.music"};
+constexpr int kSectionsPerApp = 10;
+constexpr int kClientTiles = 1000;
+
+constexpr char kBareName[] = "org.tilvane.BenchBare";
+constexpr char kBarePath[] = "/org/tilvane/Content";
+constexpr char kContentInterface[] = "org.tilvane.Content";
+/* The content road's methods as the service publishes them. */
+constexpr char kBareXml[] =
+    "<node><interface name='org.tilvane.Content'>"
+    "<method name='Insert'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='i' direction='out'/><arg type='x' direction='out'/></method>"
+    "<method name='BulkInsert'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='as' direction='in'/><arg type='i' direction='out'/><arg type='x' direction='out'/></method>"
+    "<method name='Select'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='as' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='ay' direction='out'/></method>"
+    "<method name='Update'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
+    "<arg type='i' direction='out'/></method>"
+    "<method name='Delete'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='as' direction='in'/><arg type='i' direction='out'/></method>"
+    "<method name='GetRowIds'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='as' direction='in'/><arg type='ax' direction='out'/></method>"
+    "</interface></node>";
+const char* const kBareMethods[][2] = {{"Insert", "(ix)"}, {"BulkInsert", "(ix)"}, {"Select", "(ay)"},
+                                       {"Update", "(i)"},  {"Delete", "(i)"},      {"GetRowIds", "(ax)"}};
+
+std::string SizeName(int tiles)
+{
+    return tiles >= 1000 ? std::to_string(tiles / 1000) + "k tiles" : std::to_string(tiles) + " tiles";
+}
+
+/* ---- the bare server ---------------------------------------------------------- */
+
+std::string ReplyFile(const std::string& directory, const char* method)
+{
+    return directory + "/" + method + ".reply";
+}
+
+struct BareReplies
+{
+    std::vector<std::pair<std::string, GVariant*>> byMethod;
+};
+
+void BareCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant*,
+                GDBusMethodInvocation* invocation, gpointer userData)
+{
+    for (const auto& entry : static_cast<BareReplies*>(userData)->byMethod) {
+        if (entry.first == method) {
+            g_dbus_method_invocation_return_value(invocation, entry.second);
+            return;
+        }
+    }
+    g_dbus_method_invocation_return_dbus_error(invocation, "org.tilvane.Request.Error.NotServed", "no reply kept");
+}
+
+}  // namespace
+
+/* Entry of the bare server process: tilvane_bench --bare-server FD DIRECTORY.
+ * Answers each method of the content road with the reply kept in
+ * DIRECTORY/<method>.reply, loaded once at start. */
+int RunBareServer(int readyFd, const char* directory)
+{
+    static BareReplies replies;
+    for (const auto& method : kBareMethods) {
+        std::ifstream in(ReplyFile(directory, method[0]), std::ios::binary);
+        std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        GBytes* data = g_bytes_new(bytes.data(), bytes.size());
+        GVariant* reply = g_variant_new_from_bytes(G_VARIANT_TYPE(method[1]), data, FALSE);
+        g_bytes_unref(data);
+        replies.byMethod.emplace_back(method[0], g_variant_ref_sink(reply));
+    }
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        std::getenv("DBUS_SESSION_BUS_ADDRESS"),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kBareXml, nullptr);
+    static const GDBusInterfaceVTable vtable = {BareCallCB, nullptr, nullptr, {nullptr}};
+    if (connection == nullptr || node == nullptr ||
+        g_dbus_connection_register_object(connection, kBarePath, node->interfaces[0], &vtable, &replies, nullptr,
+                                          nullptr) == 0) {
+        return 1;
+    }
+    GVariant* owned = g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "RequestName",
+                                                  g_variant_new("(su)", kBareName, 4u), nullptr,
+                                                  G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+    if (owned == nullptr) {
+        return 1;
+    }
+    g_variant_unref(owned);
+    char c = 1;
+    if (write(readyFd, &c, 1) != 1) {
+        return 1;
+    }
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    g_main_loop_run(loop);
+    return 0;
+}
+
+namespace {
+
+/* ---- processes ------------------------------------------------------------------ */
+
+pid_t Spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnvironment,
+            const std::string& output)
+{
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) {
+        environment.emplace_back(*e);
+    }
+    environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
+    std::vector<char*> argv;
+    for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (const std::string& entry : environment) {
+        envp.push_back(const_cast<char*>(entry.c_str()));
+    }
+    envp.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) {
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+bool StopProcess(pid_t& pid, int signal)
+{
+    if (pid <= 0) {
+        return true;
+    }
+    kill(pid, signal);
+    int status = 0;
+    const bool reaped = waitpid(pid, &status, 0) == pid;
+    pid = -1;
+    return reaped && (signal == SIGKILL || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
+}
+
+/* "Rss:" and "Pss:" of /proc/PID/smaps_rollup, in MiB. */
+bool MemoryOf(pid_t pid, double& rssMiB, double& pssMiB)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
+    std::string line;
+    bool rss = false;
+    bool pss = false;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string key;
+        double kiB = 0;
+        fields >> key >> kiB;
+        if (key == "Rss:") {
+            rssMiB = kiB / 1024.0;
+            rss = true;
+        } else if (key == "Pss:") {
+            pssMiB = kiB / 1024.0;
+            pss = true;
+        }
+    }
+    return rss && pss;
+}
+
+/* ---- requests as the caller builds them --------------------------------------- */
+
+std::string EncodedBundle(const Values& values)
+{
+    bundle* b = bundle_create();
+    for (const auto& entry : values) {
+        bundle_add_str(b, entry.first.c_str(), entry.second.c_str());
+    }
+    bundle_raw* raw = nullptr;
+    int length = 0;
+    bundle_encode(b, &raw, &length);
+    std::string text(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
+    bundle_free_encoded_rawdata(&raw);
+    bundle_free(b);
+    return text;
+}
+
+GVariant* StringArray(const std::vector<std::string>& strings)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
+    for (const std::string& text : strings) {
+        g_variant_builder_add(&builder, "s", text.c_str());
+    }
+    return g_variant_builder_end(&builder);
+}
+
+GDBusConnection* BareConnection()
+{
+    static GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        std::getenv("DBUS_SESSION_BUS_ADDRESS"),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    return connection;
+}
+
+/* One call to the bare server; the reply is read as the client reads it. */
+bool BareCall(const char* method, GVariant* parameters, const char* replyType)
+{
+    GVariant* reply =
+        g_dbus_connection_call_sync(BareConnection(), kBareName, kBarePath, kContentInterface, method, parameters,
+                                    G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, 120000, nullptr,
+                                    nullptr);
+    if (reply == nullptr) {
+        return false;
+    }
+    GVariant* first = g_variant_get_child_value(reply, 0);
+    if (g_variant_is_container(first)) {
+        gsize count = 0;
+        benchmark::DoNotOptimize(g_variant_get_fixed_array(
+            first, &count, std::strcmp(replyType, "(ax)") == 0 ? sizeof(gint64) : 1));
+    }
+    g_variant_unref(first);
+    g_variant_unref(reply);
+    return true;
+}
+
+/* The rows of a select result in the form they travel in (docs/messaging.md,
+ * "Rows on the wire"), to give the bare server a reply of the same bytes. */
+std::string WireRows(const tilvane::client::RowSet& rows)
+{
+    std::string out;
+    auto u32 = [&out](uint32_t value) {
+        for (int i = 0; i < 4; ++i) {
+            out.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
+        }
+    };
+    auto u64 = [&out](uint64_t value) {
+        for (int i = 0; i < 8; ++i) {
+            out.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
+        }
+    };
+    out.push_back(1);
+    u32(static_cast<uint32_t>(rows.columns.size()));
+    for (const std::string& name : rows.columns) {
+        u32(static_cast<uint32_t>(name.size()));
+        out += name;
+    }
+    u32(static_cast<uint32_t>(rows.rows.size()));
+    for (const auto& row : rows.rows) {
+        for (const auto& cell : row) {
+            using Type = tilvane::client::Cell::Type;
+            switch (cell.type) {
+            case Type::Null:
+                out.push_back(0);
+                break;
+            case Type::Integer:
+                out.push_back(1);
+                u64(static_cast<uint64_t>(cell.integer));
+                break;
+            case Type::Real: {
+                out.push_back(2);
+                uint64_t bits = 0;
+                std::memcpy(&bits, &cell.real, sizeof bits);
+                u64(bits);
+                break;
+            }
+            case Type::Text:
+                out.push_back(3);
+                u32(static_cast<uint32_t>(cell.text.size()));
+                out += cell.text;
+                break;
+            case Type::Blob:
+                out.push_back(4);
+                u32(static_cast<uint32_t>(cell.blob.size()));
+                out.append(reinterpret_cast<const char*>(cell.blob.data()), cell.blob.size());
+                break;
+            }
+        }
+    }
+    return out;
+}
+
+bool WriteReply(const std::string& directory, const char* method, GVariant* reply)
+{
+    GVariant* owned = g_variant_ref_sink(reply);
+    std::ofstream out(ReplyFile(directory, method), std::ios::binary | std::ios::trunc);
+    out.write(static_cast<const char*>(g_variant_get_data(owned)), static_cast<std::streamsize>(g_variant_get_size(owned)));
+    g_variant_unref(owned);
+    return static_cast<bool>(out);
+}
+
+/* ---- the database ------------------------------------------------------------- */
+
+class RawDb
+{
+public:
+    explicit RawDb(const std::string& path, int flags = SQLITE_OPEN_READWRITE)
+    {
+        if (sqlite3_open_v2(path.c_str(), &m_db, flags, nullptr) != SQLITE_OK) {
+            sqlite3_close(m_db);
+            m_db = nullptr;
+        }
+        if (m_db != nullptr) {
+            sqlite3_busy_timeout(m_db, 5000);
+        }
+    }
+    ~RawDb() { sqlite3_close_v2(m_db); }
+    RawDb(const RawDb&) = delete;
+    RawDb& operator=(const RawDb&) = delete;
+    sqlite3* Get() const { return m_db; }
+    bool Exec(const std::string& sql) const
+    {
+        return m_db != nullptr && sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+    }
+    long long Number(const std::string& sql) const
+    {
+        sqlite3_stmt* statement = nullptr;
+        long long value = -1;
+        if (sqlite3_prepare_v2(m_db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+            sqlite3_step(statement) == SQLITE_ROW) {
+            value = sqlite3_column_int64(statement, 0);
+        }
+        sqlite3_finalize(statement);
+        return value;
+    }
+    /* Inserts `values` into `table` (one prepared statement per call). */
+    long long Insert(const std::string& table, const BenchValues& values) const
+    {
+        std::string columns;
+        std::string marks;
+        for (const auto& entry : values) {
+            columns += (columns.empty() ? "" : ",") + entry.first;
+            marks += marks.empty() ? "?" : ",?";
+        }
+        sqlite3_stmt* statement = nullptr;
+        const std::string sql = "INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")";
+        if (sqlite3_prepare_v2(m_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+            return -1;
+        }
+        int at = 1;
+        for (const auto& entry : values) {
+            sqlite3_bind_text(statement, at++, entry.second.c_str(), -1, SQLITE_TRANSIENT);
+        }
+        const bool done = sqlite3_step(statement) == SQLITE_DONE;
+        sqlite3_finalize(statement);
+        return done ? sqlite3_last_insert_rowid(m_db) : -1;
+    }
+
+private:
+    sqlite3* m_db = nullptr;
+};
+
+/* The service on a database of `tiles` tiles, and the bare server beside it. */
+class ServiceFixture
+{
+public:
+    static ServiceFixture* Use(int tiles)
+    {
+        static std::unique_ptr<ServiceFixture> current;
+        if (current != nullptr && current->m_tiles == tiles) {
+            return current->m_ready ? current.get() : nullptr;
+        }
+        current.reset();
+        current.reset(new ServiceFixture(tiles));
+        return current->m_ready ? current.get() : nullptr;
+    }
+
+    ~ServiceFixture()
+    {
+        StopProcess(m_servicePid, SIGTERM);
+        StopProcess(m_barePid, SIGTERM);
+        // TILVANE_BENCH_KEEP=1 keeps the platform root (database, service log).
+        const char* keep = std::getenv("TILVANE_BENCH_KEEP");
+        if (keep == nullptr || *keep == '\0' || *keep == '0') {
+            std::error_code ignored;
+            std::filesystem::remove_all(m_root, ignored);
+        } else {
+            std::printf("service benchmark: kept %s\n", m_root.c_str());
+        }
+    }
+
+    int Tiles() const { return m_tiles; }
+    const std::string& Root() const { return m_root; }
+    pid_t ServicePid() const { return m_servicePid; }
+    const std::string& DatabasePath() const { return m_database; }
+    long long ClientSection() const { return m_clientSections.front(); }
+    const std::string& ClientFilter() const { return m_clientFilter; }
+
+    /* Starts the service; the milliseconds from exec to the first answered request. */
+    bool Start(double& readyMs)
+    {
+        const Clock::time_point start = Clock::now();
+        m_servicePid = Spawn({TILVANE_SERVICE_BINARY},
+                             {"TILVANE_PLATFORM_ROOT=" + m_root, std::string("TILVANE_APP_ID=") + kServiceAppId},
+                             m_root + "/service.log");
+        const Clock::time_point deadline = start + std::chrono::seconds(60);
+        ContentClient client;
+        while (Clock::now() < deadline) {
+            if (client.GetRowIds(TilesModel::Tiles::CONTENT_URI, "_id = -1", {}).Ok()) {
+                readyMs = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+                return true;
+            }
+            int status = 0;
+            if (waitpid(m_servicePid, &status, WNOHANG) == m_servicePid) {
+                m_servicePid = -1;
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        return false;
+    }
+
+    /* An orderly stop (SIGTERM, exit 0), or a kill without one. */
+    bool Stop(bool clean) { return StopProcess(m_servicePid, clean ? SIGTERM : SIGKILL); }
+
+private:
+    explicit ServiceFixture(int tiles) : m_tiles(tiles)
+    {
+        char pattern[] = "/tmp/tilvane-service-bench-XXXXXX";
+        if (mkdtemp(pattern) == nullptr || !EnsureBenchBus()) {
+            return;
+        }
+        m_root = pattern;
+        // This process is the client: an installed application of its own.
+        tilvane::host::Reset();
+        tilvane::host::SetPlatformRoot(m_root);
+        tilvane::host::SetOwnAppId(kClientApp);
+        Install(kClientPackage, kClientApp);
+        for (const char* package : kOtherPackages) {
+            Install(package, std::string(package) + ".ui");
+        }
+        m_database = std::string(tzplatform_getenv(TZ_SYS_DB)) + "/.preview.db";
+        double readyMs = 0;
+        // The first start makes the database; the client's first request its accelerator.
+        if (!Start(readyMs) || !Stop(true) || !Fill() || !Start(readyMs) || !CaptureReplies() || !StartBare()) {
+            std::fprintf(stderr, "service benchmark: setup failed (see %s/service.log)\n", m_root.c_str());
+            return;
+        }
+        m_ready = true;
+    }
+
+    static void Install(const std::string& packageId, const std::string& appId)
+    {
+        tilvane::host::RegisteredPackage package;
+        package.packageId = packageId;
+        package.applications.push_back(
+            {appId,
+             {{AppMetadata::USE_PREVIEW, "true"},
+              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
+              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
+        tilvane::host::InstallPackage(package);
+    }
+
+    /* Accelerators of the other applications, ten sections each, and the
+     * tiles: 1,000 of the client's, the rest spread over the others. */
+    bool Fill()
+    {
+        RawDb db(m_database);
+        const long long clientAccelerator = db.Number(
+            std::string("SELECT _id FROM accelerators WHERE accelerator_app_pkg_name='") + kClientPackage + "'");
+        if (clientAccelerator < 0 || !db.Exec("BEGIN")) {
+            return false;
+        }
+        std::vector<long long> accelerators = {clientAccelerator};
+        int position = 1;
+        for (const char* package : kOtherPackages) {
+            using namespace TilesModel::Accelerators;
+            using namespace TilesInternalModel::Accelerators;
+            const std::string name = package;
+            accelerators.push_back(db.Insert(
+                "accelerators", {{ACCELERATOR_TITLE, name.substr(name.rfind('.') + 1)},
+                                 {ACCELERATOR_ICON, "https://cdn.example.invalid/" + name + "/accelerator.png"},
+                                 {ACCELERATOR_ICON_UNFOCUSED, "https://cdn.example.invalid/" + name + "/dim.png"},
+                                 {ACCELERATOR_ENABLED, "1"},
+                                 {ACCELERATOR_ID, name + ".accelerator"},
+                                 {ACCELERATOR_POSITION, std::to_string(position++)},
+                                 {ACCELERATOR_APP_PKG_NAME, name},
+                                 {ACCELERATOR_QEB_WEB_APP_ID, ""}}));
+        }
+        std::vector<std::vector<long long>> sections(accelerators.size());
+        int sectionIndex = 0;
+        for (size_t a = 0; a < accelerators.size(); ++a) {
+            for (int s = 0; s < kSectionsPerApp; ++s) {
+                sections[a].push_back(db.Insert("sections", BenchSection(sectionIndex++, accelerators[a])));
+            }
+        }
+        m_clientSections = sections[0];
+        m_clientFilter.clear();
+        for (long long id : m_clientSections) {
+            m_clientFilter += (m_clientFilter.empty() ? "" : ",") + std::to_string(id);
+        }
+        int index = 0;
+        for (int i = 0; i < std::min(kClientTiles, m_tiles); ++i, ++index) {
+            db.Insert("tiles", BenchTile(index, sections[0][static_cast<size_t>(i % kSectionsPerApp)], kClientPackage));
+        }
+        for (int i = 0; index < m_tiles; ++i, ++index) {
+            const size_t app = 1 + static_cast<size_t>(i) % (accelerators.size() - 1);
+            db.Insert("tiles", BenchTile(index, sections[app][static_cast<size_t>(i / 4 % kSectionsPerApp)],
+                                         kOtherPackages[app - 1]));
+        }
+        return db.Exec("COMMIT") && db.Number("SELECT count(*) FROM tiles") == m_tiles;
+    }
+
+    /* Makes each request once and keeps the service's reply for the bare server. */
+    bool CaptureReplies()
+    {
+        const std::string uri = TilesModel::Tiles::CONTENT_URI;
+        ContentClient client;
+        Result insert = client.Insert(uri, BenchTile(900000, ClientSection(), kClientPackage));
+        Result bulk = client.BulkInsert(uri, {BenchTile(900001, ClientSection(), kClientPackage)});
+        Result update = client.Update(uri, {{TilesModel::Tiles::TILE_PROGRESS, "50"}}, "_id = ?",
+                                      {std::to_string(insert.rowId)});
+        Result select = client.Select(uri, {}, "", {}, "_id", "");
+        Result rowIds = client.GetRowIds(uri, "", {});
+        Result remove = client.Delete(uri, "tile_id LIKE ?", {std::string(kClientPackage) + ".tile.9000%"});
+        if (!insert.Ok() || !bulk.Ok() || !update.Ok() || !select.Ok() || !rowIds.Ok() || !remove.Ok() ||
+            select.rows.rows.size() != static_cast<size_t>(std::min(kClientTiles, m_tiles) + 2)) {
+            return false;
+        }
+        // The select and the row ids as the benchmarks will see them (without
+        // the two rows just removed).
+        select = client.Select(uri, {}, "", {}, "_id", "");
+        rowIds = client.GetRowIds(uri, "", {});
+        const std::string rows = WireRows(select.rows);
+        return WriteReply(m_root, "Insert", g_variant_new("(ix)", insert.code, static_cast<gint64>(insert.rowId))) &&
+               WriteReply(m_root, "BulkInsert", g_variant_new("(ix)", bulk.code, static_cast<gint64>(bulk.rowId))) &&
+               WriteReply(m_root, "Update", g_variant_new("(i)", update.code)) &&
+               WriteReply(m_root, "Delete", g_variant_new("(i)", remove.code)) &&
+               WriteReply(m_root, "Select",
+                          g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(),
+                                                                           rows.size(), 1))) &&
+               WriteReply(m_root, "GetRowIds",
+                          g_variant_new("(@ax)", g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, rowIds.rowIds.data(),
+                                                                           rowIds.rowIds.size(), sizeof(gint64))));
+    }
+
+    bool StartBare()
+    {
+        int fds[2];
+        if (pipe(fds) != 0) {
+            return false;
+        }
+        // A fresh process (this program started again): a bare fork would
+        // inherit this process's bus connections and threads.
+        std::vector<std::string> args = {"/proc/self/exe", "--bare-server", std::to_string(fds[1]), m_root};
+        m_barePid = Spawn(args, {}, m_root + "/bare.log");
+        close(fds[1]);
+        char c = 0;
+        const bool ok = read(fds[0], &c, 1) == 1;
+        close(fds[0]);
+        return ok;
+    }
+
+    int m_tiles = 0;
+    bool m_ready = false;
+    std::string m_root;
+    std::string m_database;
+    std::vector<long long> m_clientSections;
+    std::string m_clientFilter;
+    pid_t m_servicePid = -1;
+    pid_t m_barePid = -1;
+};
+
+/* ---- the benchmarks ------------------------------------------------------------ */
+
+const std::string kTilesUri = TilesModel::Tiles::CONTENT_URI;
+
+ServiceFixture* FixtureOrSkip(benchmark::State& state)
+{
+    ServiceFixture* fixture = ServiceFixture::Use(static_cast<int>(state.range(0)));
+    if (fixture == nullptr) {
+        state.SkipWithError("the service could not be started");
+    }
+    return fixture;
+}
+
+void BM_ServiceInsert(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
+    RunInterleaved(
+        state, "e2e insert one tile, " + SizeName(fixture->Tiles()), 1.2, Pairs(200, 20),
+        [&] { return client.Insert(kTilesUri, row).Ok(); },
+        [&] {
+            const std::string encoded = EncodedBundle(row);
+            return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ix)");
+        },
+        "bare D-Bus call");
+    client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
+}
+
+void BM_ServiceUpdate(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    const Values values = {{TilesModel::Tiles::TILE_PROGRESS, "64"}, {TilesModel::Tiles::TILE_NOTIFICATION, "1"}};
+    const std::vector<std::string> whereArgs = {std::string(kClientPackage) + ".tile.7"};
+    RunInterleaved(
+        state, "e2e update one tile, " + SizeName(fixture->Tiles()), 1.2, Pairs(200, 20),
+        [&] { return client.Update(kTilesUri, values, "tile_id = ?", whereArgs).Ok(); },
+        [&] {
+            const std::string encoded = EncodedBundle(values);
+            return BareCall("Update",
+                            g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), encoded.c_str(), "tile_id = ?",
+                                          StringArray(whereArgs)),
+                            "(i)");
+        },
+        "bare D-Bus call");
+}
+
+void BM_ServiceDelete(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    const int pairs = Pairs(200, 20);
+    // The rows to delete, one per pair, made before the timed loop.
+    std::vector<Values> rows;
+    for (int i = 0; i < pairs; ++i) {
+        rows.push_back(BenchTile(800000 + i, fixture->ClientSection(), kClientPackage));
+    }
+    if (!client.BulkInsert(kTilesUri, rows).Ok()) {
+        state.SkipWithError("cannot insert the rows to delete");
+        return;
+    }
+    int next = 0;
+    int nextBare = 0;
+    RunInterleaved(
+        state, "e2e delete one tile, " + SizeName(fixture->Tiles()), 1.2, pairs,
+        [&] { return client.Delete(kTilesUri, "tile_id = ?", {rows[static_cast<size_t>(next++)].front().second}).Ok(); },
+        [&] {
+            const std::vector<std::string> whereArgs = {rows[static_cast<size_t>(nextBare++)].front().second};
+            return BareCall("Delete",
+                            g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?",
+                                          StringArray(whereArgs)),
+                            "(i)");
+        },
+        "bare D-Bus call");
+}
+
+void BM_ServiceBulkInsert1000(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    std::vector<Values> rows;
+    for (int i = 0; i < 1000; ++i) {
+        rows.push_back(BenchTile(600000 + i, fixture->ClientSection(), "org.example.bench.bulk"));
+    }
+    RunInterleaved(
+        state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()), 1.3, Pairs(10, 2),
+        [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
+        [&] {
+            std::vector<std::string> encoded;
+            for (const Values& row : rows) {
+                encoded.push_back(EncodedBundle(row));
+            }
+            return BareCall("BulkInsert",
+                            g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ix)");
+        },
+        "bare D-Bus call");
+    client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
+}
+
+void BM_ServiceSelect1000VsRaw(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
+    // The statement the service runs for this caller: its tiles filter, all columns.
+    const std::string sql =
+        "SELECT * FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ") ORDER BY _id";
+    const size_t expected = static_cast<size_t>(std::min(kClientTiles, fixture->Tiles()));
+    RunInterleaved(
+        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / raw", 2.5, Pairs(40, 5),
+        [&] {
+            Result result = client.Select(kTilesUri, {}, "", {}, "_id", "");
+            return result.Ok() && result.rows.rows.size() == expected;
+        },
+        [&] {
+            sqlite3_stmt* statement = nullptr;
+            if (sqlite3_prepare_v2(raw.Get(), sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+                return false;
+            }
+            size_t rows = 0;
+            size_t bytes = 0;
+            const int columns = sqlite3_column_count(statement);
+            while (sqlite3_step(statement) == SQLITE_ROW) {
+                ++rows;
+                for (int c = 0; c < columns; ++c) {
+                    if (sqlite3_column_type(statement, c) == SQLITE_INTEGER) {
+                        bytes += static_cast<size_t>(sqlite3_column_int64(statement, c) & 1);
+                    } else {
+                        benchmark::DoNotOptimize(sqlite3_column_text(statement, c));
+                        bytes += static_cast<size_t>(sqlite3_column_bytes(statement, c));
+                    }
+                }
+            }
+            sqlite3_finalize(statement);
+            benchmark::DoNotOptimize(bytes);
+            return rows == expected;
+        },
+        "raw SQLite select");
+}
+
+void BM_ServiceSelect1000VsBare(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    RunInterleaved(
+        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", 0, Pairs(40, 5),
+        [&] { return client.Select(kTilesUri, {}, "", {}, "_id", "").Ok(); },
+        [&] {
+            return BareCall("Select",
+                            g_variant_new("(ss@ass@asss)", kClientApp, kTilesUri.c_str(), StringArray({}), "",
+                                          StringArray({}), "_id", ""),
+                            "(ay)");
+        },
+        "bare D-Bus call");
+}
+
+void BM_ServiceRowIds(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    RunInterleaved(
+        state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()), 1.2, Pairs(100, 10),
+        [&] { return client.GetRowIds(kTilesUri, "", {}).Ok(); },
+        [&] {
+            return BareCall("GetRowIds",
+                            g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})), "(ax)");
+        },
+        "bare D-Bus call");
+}
+
+/* One repetition: an orderly stop, a start (timed), idle, memory. */
+void BM_ServiceReadyAndMemory(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const bool big = fixture->Tiles() >= 100000;
+    for (auto _ : state) {
+        double readyMs = 0;
+        if (!fixture->Stop(true) || !fixture->Start(readyMs)) {
+            state.SkipWithError("the service did not restart");
+            return;
+        }
+        RecordValue("ready after exec (clean stop before), " + SizeName(fixture->Tiles()), big ? 25 : 0, "ms",
+                    readyMs);
+        std::this_thread::sleep_for(std::chrono::milliseconds(ShortRun() ? 200 : 1000));
+        double rss = 0;
+        double pss = 0;
+        if (MemoryOf(fixture->ServicePid(), rss, pss)) {
+            RecordValue("PSS idle after start, " + SizeName(fixture->Tiles()), big ? 4 : 0, "MiB", pss);
+            RecordValue("RSS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", rss);
+        }
+        state.counters["ready_ms"] = readyMs;
+        state.counters["pss_mib"] = pss;
+    }
+}
+
+/* One repetition: a kill, a start (timed): the full check runs. */
+void BM_ServiceReadyAfterKill(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    for (auto _ : state) {
+        double readyMs = 0;
+        if (!fixture->Stop(false) || !fixture->Start(readyMs)) {
+            state.SkipWithError("the service did not restart");
+            return;
+        }
+        RecordValue("ready after exec (killed before), " + SizeName(fixture->Tiles()), 0, "ms", readyMs);
+        state.counters["ready_ms"] = readyMs;
+    }
+}
+
+/* The idle service after the request benchmarks of its size. */
+void BM_ServiceMemoryAfterRequests(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    for (auto _ : state) {
+        // The service gives free memory back a second after its last request.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2200));
+        double rss = 0;
+        double pss = 0;
+        if (MemoryOf(fixture->ServicePid(), rss, pss)) {
+            if (std::getenv("TILVANE_BENCH_KEEP") != nullptr) {
+                std::ifstream in("/proc/" + std::to_string(fixture->ServicePid()) + "/smaps");
+                std::ofstream(fixture->Root() + "/service-smaps-after-requests.txt") << in.rdbuf();
+            }
+            RecordValue("PSS idle after requests, " + SizeName(fixture->Tiles()), fixture->Tiles() >= 100000 ? 4 : 0,
+                        "MiB", pss);
+            RecordValue("RSS idle after requests, " + SizeName(fixture->Tiles()), 0, "MiB", rss);
+        }
+    }
+}
+
+}  // namespace
+
+/* Called by main once the short flag is known: all sizes, or 1k tiles only. */
+void RegisterServiceBenchmarks()
+{
+    std::vector<int> sizes = {1000, 10000, 100000};
+    if (ShortRun()) {
+        sizes = {1000};
+    }
+    struct Entry
+    {
+        const char* name;
+        void (*function)(benchmark::State&);
+    };
+    const Entry entries[] = {
+        {"BM_ServiceReadyAndMemory", BM_ServiceReadyAndMemory},
+        {"BM_ServiceReadyAfterKill", BM_ServiceReadyAfterKill},
+        {"BM_ServiceInsert", BM_ServiceInsert},
+        {"BM_ServiceUpdate", BM_ServiceUpdate},
+        {"BM_ServiceDelete", BM_ServiceDelete},
+        {"BM_ServiceRowIds", BM_ServiceRowIds},
+        {"BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000},
+        {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
+        {"BM_ServiceSelect1000VsBare", BM_ServiceSelect1000VsBare},
+        {"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests},
+    };
+    for (int size : sizes) {
+        for (const Entry& entry : entries) {
+            benchmark::RegisterBenchmark(entry.name, entry.function)
+                ->Arg(size)
+                ->Iterations(1)
+                ->UseRealTime()
+                ->Unit(benchmark::kMillisecond);
+        }
+    }
+}

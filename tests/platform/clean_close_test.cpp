@@ -1,0 +1,177 @@
+/*
+ * The record of an orderly close (content/clean_close.h) and the corruption
+ * check it shortens: after a clean close the full quick check is left out,
+ * and anything that may have damaged the file since brings it back.
+ */
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <dlog.h>
+#include <host_control.h>
+
+#include "ContentDbConnection.h"
+#include "ContentHelper.h"
+#include "TestSupport.h"
+
+namespace {
+
+class ShelfHelper : public CContentHelper
+{
+public:
+    explicit ShelfHelper(const std::string& directory) : CContentHelper(directory, "shelf.db", 1) {}
+    void OnCreate(CContentDbConnection* connection) override
+    {
+        std::string error;
+        connection->ExcuteSQL("CREATE TABLE item (id INTEGER PRIMARY KEY, title TEXT)", error);
+    }
+};
+
+class CleanCloseTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { tilvane::host::Reset(); }
+    void TearDown() override { tilvane::host::Reset(); }
+
+    std::string DbPath() const { return m_dir.Path() + "/shelf.db"; }
+    std::string RecordPath() const { return DbPath() + "-clean"; }
+
+    /* A file of about 2,000 rows, written and closed in order. */
+    void MakeFilledFile()
+    {
+        ShelfHelper helper(m_dir.Path());
+        ASSERT_TRUE(helper.ConnectDB());
+        std::string error;
+        ASSERT_EQ(0, helper.GetConnection()->ExcuteSQL(
+                         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+                         "INSERT INTO item (title) SELECT hex(randomblob(100)) FROM n;",
+                         error))
+            << error;
+    }
+
+    /* Pages 11 to 30 overwritten; page 1 (header and schema) intact. */
+    void DamagePages()
+    {
+        std::fstream file(DbPath(), std::ios::in | std::ios::out | std::ios::binary);
+        ASSERT_TRUE(file.is_open());
+        file.seekp(10 * 4096);
+        std::srand(5);
+        for (int i = 0; i < 20 * 4096; ++i) {
+            file.put(static_cast<char>(std::rand() & 0xff));
+        }
+    }
+
+    /* Checks a fresh helper's file; whether the quick check ran is in `ran`. */
+    bool Corrupt(bool& ran)
+    {
+        tilvane::host::StartLogCapture();
+        ShelfHelper helper(m_dir.Path());
+        helper.ConnectDB();
+        const bool corrupt = helper.CheckDBCorruption();
+        ran = false;
+        bool skipped = false;
+        for (const auto& line : tilvane::host::CapturedLog()) {
+            ran |= line.message == DbPath() + " was not closed cleanly or changed since: running the quick check";
+            skipped |= line.message ==
+                       DbPath() + " was closed cleanly and not changed since: header checked, quick check skipped";
+        }
+        tilvane::host::StopLogCapture();
+        tilvane::host::ClearCapturedLog();
+        EXPECT_NE(ran, skipped);
+        return corrupt;
+    }
+
+    tilvane::test::TempDir m_dir;
+};
+
+TEST_F(CleanCloseTest, AnOrderlyCloseLeavesARecordThatTheNextOpenConsumes)
+{
+    MakeFilledFile();
+    EXPECT_TRUE(tilvane::test::FileExists(RecordPath()));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath() + "-wal"));
+
+    bool ran = true;
+    EXPECT_FALSE(Corrupt(ran));
+    EXPECT_FALSE(ran);
+    // The open took the record away; the helper's close wrote a new one.
+    EXPECT_TRUE(tilvane::test::FileExists(RecordPath()));
+}
+
+TEST_F(CleanCloseTest, PagesDamagedAfterACleanCloseAreFound)
+{
+    MakeFilledFile();
+    ASSERT_TRUE(tilvane::test::FileExists(RecordPath()));
+    DamagePages();
+
+    bool ran = false;
+    EXPECT_TRUE(Corrupt(ran));
+    EXPECT_TRUE(ran);
+}
+
+TEST_F(CleanCloseTest, DamageWhoseModificationTimeWasPutBackIsFound)
+{
+    MakeFilledFile();
+    struct stat before;
+    ASSERT_EQ(0, stat(DbPath().c_str(), &before));
+    DamagePages();
+    // Same size, same modification time: only the change time tells.
+    struct timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, DbPath().c_str(), times, 0));
+
+    bool ran = false;
+    EXPECT_TRUE(Corrupt(ran));
+    EXPECT_TRUE(ran);
+}
+
+TEST_F(CleanCloseTest, AHeaderThatDoesNotMatchTheSizeBringsTheFullCheckBack)
+{
+    MakeFilledFile();
+    struct stat before;
+    ASSERT_EQ(0, stat(DbPath().c_str(), &before));
+    // The file holds one page more than its header says, and the record is
+    // rewritten to name the file as it is now, as if nothing had changed.
+    ASSERT_EQ(0, truncate(DbPath().c_str(), before.st_size + 4096));
+    struct stat after;
+    ASSERT_EQ(0, stat(DbPath().c_str(), &after));
+    ASSERT_TRUE(tilvane::test::FileExists(RecordPath()));
+    std::ofstream(RecordPath(), std::ios::trunc)
+        << "tilvane-clean-close-1 " << after.st_dev << ' ' << after.st_ino << ' ' << after.st_size << ' '
+        << after.st_mtim.tv_sec << ' ' << after.st_mtim.tv_nsec << ' ' << after.st_ctim.tv_sec << ' '
+        << after.st_ctim.tv_nsec << '\n';
+
+    bool ran = false;
+    Corrupt(ran);
+    EXPECT_TRUE(ran);
+}
+
+TEST_F(CleanCloseTest, AProcessThatEndsWithoutClosingLeavesTheNextOpenUnclean)
+{
+    MakeFilledFile();
+    ASSERT_TRUE(tilvane::test::FileExists(RecordPath()));
+    const pid_t child = fork();
+    if (child == 0) {
+        // Opens, writes, and ends without closing, as a crash would.
+        ShelfHelper helper(m_dir.Path());
+        std::string error;
+        const bool ok = helper.ConnectDB() &&
+                        helper.GetConnection()->ExcuteSQL("INSERT INTO item (title) VALUES ('last')", error) == 0;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_FALSE(tilvane::test::FileExists(RecordPath()));
+
+    bool ran = false;
+    EXPECT_FALSE(Corrupt(ran));
+    EXPECT_TRUE(ran);
+}
+
+}  // namespace
