@@ -72,6 +72,26 @@ std::vector<std::string> Normalise(const std::string& log, const std::string& ta
     return lines;
 }
 
+/* The first line where the two texts differ, with its number, for the failure message. */
+std::string FirstDifference(const std::string& actual, const std::string& expected)
+{
+    std::istringstream a(actual);
+    std::istringstream e(expected);
+    std::string actualLine;
+    std::string expectedLine;
+    for (int number = 1;; ++number) {
+        bool moreActual = static_cast<bool>(std::getline(a, actualLine));
+        bool moreExpected = static_cast<bool>(std::getline(e, expectedLine));
+        if (!moreActual && !moreExpected) {
+            return "none";
+        }
+        if (!moreActual || !moreExpected || actualLine != expectedLine) {
+            return "line " + std::to_string(number) + "\n  recorded: " + (moreExpected ? expectedLine : "(end)") +
+                   "\n  now:      " + (moreActual ? actualLine : "(end)");
+        }
+    }
+}
+
 std::string Join(const std::vector<std::string>& lines)
 {
     std::string text;
@@ -273,7 +293,8 @@ TEST_F(SessionLogTest, ASessionOfEveryRequestKindLogsAsRecorded)
     }
     std::string expected = ReadAll(ReferencePath());
     ASSERT_FALSE(expected.empty()) << "no reference log at " << ReferencePath();
-    EXPECT_EQ(actual, expected) << "tools:\n" << m_toolOutput;
+    EXPECT_TRUE(actual == expected) << "first difference at " << FirstDifference(actual, expected) << "\ntools:\n"
+                                    << m_toolOutput;
 }
 
 /* The comparison itself: what is dropped and what is kept. */
