@@ -15,6 +15,7 @@
 #include <bundle.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -103,6 +104,8 @@ private:
     std::string PrivilegeFromMetadata(const LevelProcedure& procedure, const std::string& appId,
                                       const std::string& packageId, CContentHelper* dbHelper);
 
+    static bool TakeDeclaredPrivilege(const char* key, const char* value, const char* privilegeKey,
+                                      std::initializer_list<const std::string*> recognised, std::string& declared);
     /* The column levels of a table's URI; null for any other URI. */
     std::map<std::string, PermissionLevel>* TablePermissions(const std::string& tableUri);
     /* The columns an empty projection stands for at `level`. */

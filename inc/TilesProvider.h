@@ -25,6 +25,7 @@ class CDBLock;
 class CDbHelper;
 class CMessageHelper;
 class CContentDbConnection;
+class ISQLiteCursor;
 
 class CTilesProvider
 {
@@ -150,9 +151,11 @@ private:
         READ,
         WRITE
     };
-    /* What a request's opening found: the caller's package and level, and the connection. */
+    /* What a request's opening found: the table, the caller's package and
+     * level, and the connection. */
     struct RequestScope
     {
+        std::string table;
         std::string packageId;
         CPermissionHelper::PermissionLevel level = CPermissionHelper::PERMISSION_LEVEL_NONE;
         CContentDbConnection* pConnection = nullptr;
@@ -163,6 +166,32 @@ private:
         int result;
         bool bCommit;
     };
+    /* Writes the confined rows of a table: (connection, table, where) -> result. */
+    using ConfinedWriteBody =
+        std::function<int(CContentDbConnection& connection, const std::string& table, const std::string& where)>;
+    /* Writes a bulk's rows to a table: (connection, table) -> how the bulk ended. */
+    using BulkWriteBody = std::function<BulkOutcome(CContentDbConnection& connection, const std::string& table)>;
+    /* A data-control request: its id, the caller's id and the URI's two parts. */
+    struct DataControlRequest
+    {
+        explicit DataControlRequest(int id);
+        std::string Uri() const;
+        /* A content-request record of the caller, the URI and the provider. */
+        template <typename Record>
+        Record MakeRecord(CTilesProvider* pProvider) const
+        {
+            Record record;
+            record.strAppId = appId.get();
+            record.strUri = Uri();
+            record.pUserData = pProvider;
+            return record;
+        }
+
+        int requestId;
+        PlatformTextHolder appId;
+        PlatformTextHolder providerId;
+        PlatformTextHolder dataId;
+    };
 
     /* The caller's level, decided under the lock; 0 without a permission helper. */
     CPermissionHelper::PermissionLevel LockedPermissionLevel(Access access, const std::string& appId,
@@ -172,19 +201,34 @@ private:
 
     /* Pieces the request handlers share. Each writes its lines in the name of
      * the handler `func` that uses it. */
+    int CheckCaller(const char* func, Access access, const std::string& appId, const std::string& uri,
+                    RequestScope& scope, const std::function<void()>& refuse);
     int OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
                     RequestScope& scope);
-    std::string ConfinedWhere(const char* func, const std::string& table, const std::string& where,
-                              const RequestScope& scope);
-    int InBulkTransaction(const char* func, CContentDbConnection* pConnection, bool bEmpty,
-                          const std::function<BulkOutcome()>& body);
+    std::string ConfinedWhere(const char* func, const std::string& where, const RequestScope& scope);
+    int ConfinedWrite(const char* func, const std::string& appId, const std::string& uri, const std::string& where,
+                      const ConfinedWriteBody& write);
+    std::shared_ptr<ISQLiteCursor> ConfinedSelect(const char* func, PT_PROVIDER_SELECT_IN_PARAM& in, bool bIdsOnly,
+                                                  std::string& table);
+    int BulkWrite(const char* func, const std::string& appId, const std::string& uri, bool bEmpty,
+                  const BulkWriteBody& body);
+
     static CTilesProvider* ContentRequestProvider(const char* func, void* pUserData);
     static void LogSyncEventResult(const char* func, int sendResult);
+    template <typename Result>
+    static Result RunContentRequest(const char* func, void* pUserData, Result failed,
+                                    const std::function<Result(CTilesProvider&)>& handle);
+    template <typename In, typename Out>
+    static int RunUpdate(const char* func, In& in, Out& out);
+
     static CTilesProvider* DataControlRequestProvider(const char* func, int requestId, void* userData,
                                                       bool bDataPresent, const char* errorText, const char* logText);
-    bool FetchRequestUri(const char* func, data_control_s* provider, const PlatformTextHolder& appId,
-                         PlatformTextHolder& providerId, PlatformTextHolder& dataId);
+    static CTilesProvider* OpenDataControlRequest(const char* func, data_control_s* provider, void* userData,
+                                                  bool bDataPresent, const char* errorText, const char* logText,
+                                                  DataControlRequest& request);
+    bool FetchRequestUri(const char* func, data_control_s* provider, DataControlRequest& request);
     bool RelaySyncMark(const char* func, bundle* insertData, const PlatformTextHolder& appId);
+    int SendWriteResult(int result, const std::function<int()>& send);
     std::vector<std::string> ReadableColumns(const std::string& uri, char const** columns, int columnCount,
                                              CPermissionHelper::PermissionLevel level);
     void AnswerSelect(const char* func, int requestId, data_control_s* provider,

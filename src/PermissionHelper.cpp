@@ -1,6 +1,7 @@
 #include "PermissionHelper.h"
 
 #include <app_info.h>
+#include <bundle_ptr.h>
 
 #include <memory>
 
@@ -24,66 +25,82 @@ CPermissionHelper::CPermissionHelper()
     InitializePermissionWhiteList();
 }
 
-void CPermissionHelper::InitializeAcceleratorPermissions()
+namespace {
+
+using ColumnList = std::vector<const char*>;
+
+/* Every table's columns in the order of its default projection. */
+const ColumnList& PublicAcceleratorColumns()
 {
     using namespace TilesModel::Accelerators;
+    static const ColumnList columns = {_ID,      ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED,
+                                       ACCELERATOR_ENABLED, ACCELERATOR_ID};
+    return columns;
+}
+
+/* The accelerators' own columns, and two names that are no columns but are
+ * listed so that only level 4 can name them. */
+const ColumnList& InternalAcceleratorColumns()
+{
     namespace Internal = TilesInternalModel::Accelerators;
-    m_acceleratorPermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_TITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ICON] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ICON_UNFOCUSED] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ENABLED] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[Internal::ACCELERATOR_POSITION] = PERMISSION_LEVEL_INTERNAL;
-    m_acceleratorPermissions[Internal::ACCELERATOR_APP_PKG_NAME] = PERMISSION_LEVEL_INTERNAL;
-    /* Not columns of the table; listed so that only level 4 can name them. */
-    m_acceleratorPermissions[Internal::ACCELERATOR_READ_PERMISSION] = PERMISSION_LEVEL_INTERNAL;
-    m_acceleratorPermissions[Internal::ACCELERATOR_WRITE_PERMISSION] = PERMISSION_LEVEL_INTERNAL;
-    m_acceleratorPermissions[Internal::ACCELERATOR_QEB_WEB_APP_ID] = PERMISSION_LEVEL_INTERNAL;
+    static const ColumnList columns = {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
+                                       Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
+                                       Internal::ACCELERATOR_QEB_WEB_APP_ID};
+    return columns;
+}
+
+const ColumnList& SectionColumns()
+{
+    using namespace TilesModel::Sections;
+    static const ColumnList columns = {
+        _ID, SECTION_ID, SECTION_TITLE, SECTION_POSITION, SECTION_ACCELERATOR_RAW_ID,
+        SECTION_TITLE_DISPLAY_MODE, SECTION_SUBTITLE_DISPLAY_MODE};
+    return columns;
+}
+
+const ColumnList& TileColumns()
+{
+    using namespace TilesModel::Tiles;
+    static const ColumnList columns = {
+        _ID, TILE_ID, TILE_SECTION_RAW_ID, TILE_TYPE, TILE_TITLE, TILE_SUBTITLE,
+        TILE_DISPLAY_FROM, TILE_DISPLAY_UNTIL, TILE_ACTION_PLAY, TILE_ACTION_CLICK,
+        TILE_ACTION_TYPE, TILE_ACTION_DETAILS, TILE_IMAGE_URL, TILE_IMAGE_PATH,
+        TILE_IMAGE_WIDTH, TILE_IMAGE_HEIGHT, TILE_IMAGE_RATIO, TILE_SOURCE_ICON,
+        TILE_SOURCE_ICON_PATH, TILE_ACTION_PRE_PLAY, TILE_ACTION_POST_PLAY,
+        TILE_PLAYABLE, TILE_PROGRESS, TILE_NOTIFICATION, TILE_FAVORITE, TILE_POSITION,
+        TILE_EXTRA_APP_ID};
+    return columns;
+}
+
+void SetLevel(std::map<std::string, CPermissionHelper::PermissionLevel>& levels, const ColumnList& columns,
+              CPermissionHelper::PermissionLevel level)
+{
+    for (const char* column : columns) {
+        levels[column] = level;
+    }
+}
+
+void Append(std::vector<std::string>& names, const ColumnList& columns)
+{
+    names.insert(names.end(), columns.begin(), columns.end());
+}
+
+}  // namespace
+
+void CPermissionHelper::InitializeAcceleratorPermissions()
+{
+    SetLevel(m_acceleratorPermissions, PublicAcceleratorColumns(), PERMISSION_LEVEL_PUBLIC);
+    SetLevel(m_acceleratorPermissions, InternalAcceleratorColumns(), PERMISSION_LEVEL_INTERNAL);
 }
 
 void CPermissionHelper::InitializeSectionPermissions()
 {
-    using namespace TilesModel::Sections;
-    m_sectionPermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_TITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_POSITION] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_ACCELERATOR_RAW_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_TITLE_DISPLAY_MODE] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_SUBTITLE_DISPLAY_MODE] = PERMISSION_LEVEL_PUBLIC;
+    SetLevel(m_sectionPermissions, SectionColumns(), PERMISSION_LEVEL_PUBLIC);
 }
 
 void CPermissionHelper::InitializeTilePermissions()
 {
-    using namespace TilesModel::Tiles;
-    m_tilePermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SECTION_RAW_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_TYPE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_TITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SUBTITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_DISPLAY_FROM] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_DISPLAY_UNTIL] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_PLAY] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_CLICK] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_TYPE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_DETAILS] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_URL] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_PATH] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_WIDTH] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_HEIGHT] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_RATIO] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SOURCE_ICON] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SOURCE_ICON_PATH] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_PRE_PLAY] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_POST_PLAY] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_PLAYABLE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_PROGRESS] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_NOTIFICATION] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_FAVORITE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_POSITION] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_EXTRA_APP_ID] = PERMISSION_LEVEL_PUBLIC;
+    SetLevel(m_tilePermissions, TileColumns(), PERMISSION_LEVEL_PUBLIC);
 }
 
 void CPermissionHelper::InitializePermissionWhiteList()
@@ -248,41 +265,32 @@ bool CPermissionHelper::GetWritePermissionCB(const char* key, const char* value,
 
 bool CPermissionHelper::GetReadPermission(const char* key, const char* value)
 {
-    if (key == nullptr || value == nullptr ||
-        std::string(key) != TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION) {
-        return true;
-    }
-    std::string privilege(value);
-    if (privilege == READ_TILES_INTERNAL) {
-        m_readPermission = READ_TILES_INTERNAL;
-        return false;
-    }
-    if (privilege == READ_TILES_MVPD) {
-        m_readPermission = READ_TILES_MVPD;
-        return false;
-    }
-    if (privilege == READ_TILES) {
-        m_readPermission = READ_TILES;
-        return false;
-    }
-    return true;
+    return TakeDeclaredPrivilege(key, value, TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION,
+                                 {&READ_TILES_INTERNAL, &READ_TILES_MVPD, &READ_TILES}, m_readPermission);
 }
 
+/* A declared WRITE_TILES_INTERNAL is not recognised on purpose. */
 bool CPermissionHelper::GetWritePermission(const char* key, const char* value)
 {
-    if (key == nullptr || value == nullptr ||
-        std::string(key) != TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION) {
+    return TakeDeclaredPrivilege(key, value, TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION,
+                                 {&WRITE_TILES_MVPD, &WRITE_TILES}, m_writePermission);
+}
+
+/* One metadata entry: when it is `privilegeKey` with one of the `recognised`
+ * privileges, that privilege is kept in `declared` and the pass stops
+ * (false); anything else goes on. */
+bool CPermissionHelper::TakeDeclaredPrivilege(const char* key, const char* value, const char* privilegeKey,
+                                              std::initializer_list<const std::string*> recognised,
+                                              std::string& declared)
+{
+    if (key == nullptr || value == nullptr || std::string(key) != privilegeKey) {
         return true;
     }
-    /* A declared WRITE_TILES_INTERNAL is not recognised on purpose. */
-    std::string privilege(value);
-    if (privilege == WRITE_TILES_MVPD) {
-        m_writePermission = WRITE_TILES_MVPD;
-        return false;
-    }
-    if (privilege == WRITE_TILES) {
-        m_writePermission = WRITE_TILES;
-        return false;
+    for (const std::string* privilege : recognised) {
+        if (*privilege == value) {
+            declared = *privilege;
+            return false;
+        }
     }
     return true;
 }
@@ -338,12 +346,11 @@ int64_t CPermissionHelper::RecoverAcceleratorID(std::string packageId, CContentH
     }
 
     /* A bare row: every other column takes the schema's default. */
-    bundle* values = bundle_create();
-    bundle_add_str(values, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
+    BundlePtr values = MakeBundle();
+    bundle_add_str(values.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
                    CContentHelper::ToSQLFormat(packageId).c_str());
-    connection->InsertRequest("accelerators", values);
+    connection->InsertRequest("accelerators", values.get());
     acceleratorId = connection->GetLastInsertRowID();
-    bundle_free(values);
     return acceleratorId;
 }
 
@@ -431,56 +438,19 @@ std::map<std::string, CPermissionHelper::PermissionLevel>* CPermissionHelper::Ta
  * readers; the internal level also sees the accelerators' own columns. */
 std::vector<std::string> CPermissionHelper::DefaultProjection(const std::string& tableUri, PermissionLevel level)
 {
+    std::vector<std::string> allowed;
     if (level < PERMISSION_LEVEL_PUBLIC) {
-        return {};
-    }
-    if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
-        using namespace TilesModel::Accelerators;
-        namespace Internal = TilesInternalModel::Accelerators;
-        std::vector<std::string> allowed = {_ID, ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED,
-                                            ACCELERATOR_ENABLED, ACCELERATOR_ID};
-        if (level == PERMISSION_LEVEL_INTERNAL) {
-            allowed.insert(allowed.end(),
-                           {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
-                            Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
-                            Internal::ACCELERATOR_QEB_WEB_APP_ID});
-        }
         return allowed;
     }
-    if (tableUri == TilesModel::Sections::CONTENT_URI) {
-        using namespace TilesModel::Sections;
-        return {_ID,           SECTION_ID, SECTION_TITLE, SECTION_POSITION, SECTION_ACCELERATOR_RAW_ID,
-                SECTION_TITLE_DISPLAY_MODE, SECTION_SUBTITLE_DISPLAY_MODE};
+    if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+        Append(allowed, PublicAcceleratorColumns());
+        if (level == PERMISSION_LEVEL_INTERNAL) {
+            Append(allowed, InternalAcceleratorColumns());
+        }
+    } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
+        Append(allowed, SectionColumns());
+    } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+        Append(allowed, TileColumns());
     }
-    if (tableUri == TilesModel::Tiles::CONTENT_URI) {
-        using namespace TilesModel::Tiles;
-        return {_ID,
-                TILE_ID,
-                TILE_SECTION_RAW_ID,
-                TILE_TYPE,
-                TILE_TITLE,
-                TILE_SUBTITLE,
-                TILE_DISPLAY_FROM,
-                TILE_DISPLAY_UNTIL,
-                TILE_ACTION_PLAY,
-                TILE_ACTION_CLICK,
-                TILE_ACTION_TYPE,
-                TILE_ACTION_DETAILS,
-                TILE_IMAGE_URL,
-                TILE_IMAGE_PATH,
-                TILE_IMAGE_WIDTH,
-                TILE_IMAGE_HEIGHT,
-                TILE_IMAGE_RATIO,
-                TILE_SOURCE_ICON,
-                TILE_SOURCE_ICON_PATH,
-                TILE_ACTION_PRE_PLAY,
-                TILE_ACTION_POST_PLAY,
-                TILE_PLAYABLE,
-                TILE_PROGRESS,
-                TILE_NOTIFICATION,
-                TILE_FAVORITE,
-                TILE_POSITION,
-                TILE_EXTRA_APP_ID};
-    }
-    return {};
+    return allowed;
 }

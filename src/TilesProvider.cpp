@@ -13,6 +13,7 @@
 
 #include <sqlite3.h>
 
+#include <bundle_ptr.h>
 #include <data_control.h>
 #include <message_port.h>
 #include <package_manager.h>
@@ -209,30 +210,28 @@ int CTilesProvider::SendSyncEvent(TilesEvent event, DbOperation operation, const
     std::string packageId = GetPackageId(applicationId);
     LOGD("AppId = %s\tPackageId = %s", applicationId.c_str(), packageId.c_str());
 
-    bundle* pEvent = bundle_create();
-    bundle_add_str(pEvent, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, packageId.c_str());
+    BundlePtr pEvent = MakeBundle();
+    bundle_add_str(pEvent.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, packageId.c_str());
     if (sectionRawId != nullptr) {
-        bundle_add_str(pEvent, TilesModel::Tiles::TILE_SECTION_RAW_ID, sectionRawId);
+        bundle_add_str(pEvent.get(), TilesModel::Tiles::TILE_SECTION_RAW_ID, sectionRawId);
     }
     if (!bDbChanged) {
         // A relayed end mark of the client's batch.
-        bundle_add_str(pEvent, TilesModel::EVENT_TILES_SYNC_KEY, TilesModel::EVENT_TILES_SYNC_STATUS_END);
+        bundle_add_str(pEvent.get(), TilesModel::EVENT_TILES_SYNC_KEY, TilesModel::EVENT_TILES_SYNC_STATUS_END);
     }
     if (operation == DB_OPERATION_DELETE) {
-        bundle_add_str(pEvent, "OPERATION", "DELETE");
+        bundle_add_str(pEvent.get(), "OPERATION", "DELETE");
     }
-    bundle_add_str(pEvent, "sync", "end");
+    bundle_add_str(pEvent.get(), "sync", "end");
 
     int result = 0;
     if (m_pSyncEventHelper != nullptr) {
         LOGI("Try to Send sync event appID %s\tPackageId = %s", applicationId.c_str(), packageId.c_str());
-        result = m_pSyncEventHelper->Send(pEvent, true);
+        result = m_pSyncEventHelper->Send(pEvent.get(), true);
     } else {
         LOGI("m_pSyncEventHelper is NULL! ");
         result = -22;
     }
-
-    bundle_free(pEvent);
     return result;
 }
 
@@ -268,7 +267,7 @@ void* CTilesProvider::SendSyncEventThread(void* eventBundle)
         return nullptr;
     }
 
-    bundle* pEvent = static_cast<bundle*>(eventBundle);
+    BundlePtr pEvent(static_cast<bundle*>(eventBundle));
     bool bPortExists = false;
     for (int attempt = 0; attempt < SYNC_EVENT_THREAD_ATTEMPTS; ++attempt) {
         sleep(1);
@@ -278,7 +277,7 @@ void* CTilesProvider::SendSyncEventThread(void* eventBundle)
             bExists) {
             bPortExists = true;
             int result = message_port_send_message(SYNC_EVENT_MESSAGE_PORT_APP_ID.c_str(),
-                                                   SYNC_EVENT_MESSAGE_PORT_NAME.c_str(), pEvent);
+                                                   SYNC_EVENT_MESSAGE_PORT_NAME.c_str(), pEvent.get());
             if (result == MESSAGE_PORT_ERROR_NONE) {
                 LOGI("success to send sync event in thread : %d", result);
             } else {
@@ -288,7 +287,7 @@ void* CTilesProvider::SendSyncEventThread(void* eventBundle)
         }
     }
 
-    bundle_free(pEvent);
+    pEvent.reset();
     if (!bPortExists) {
         LOGI("failed by Message port not ready");
     }
@@ -484,54 +483,123 @@ CContentDbConnection* CTilesProvider::Connection()
     return (m_pDbHelper != nullptr) ? m_pDbHelper->GetConnection() : nullptr;
 }
 
-/* The opening of every request handler, logging in the handler's name `func`:
- * a write must name the sections or tiles table; the caller's package and its
- * read or write level; a level below public is refused; then the connection.
- * RESULT_SUCCESS with `scope` filled, or the handler's result code. */
-int CTilesProvider::OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
-                                RequestScope& scope)
+/* Who may make the request, logged in the name of the handler `func`: a
+ * write must name the sections or tiles table; then the caller's package and
+ * its read or write level; a level below public is refused (by `refuse`, else
+ * with the plain refusal line). RESULT_SUCCESS with `scope` filled but for
+ * the connection, or the handler's result code. */
+int CTilesProvider::CheckCaller(const char* func, Access access, const std::string& appId, const std::string& uri,
+                                RequestScope& scope, const std::function<void()>& refuse)
 {
     if (access == Access::WRITE && !IsWritableUri(uri)) {
         LOGI_AS(func, "failed by invalid URI");
         return RESULT_INVALID_URI;
     }
 
+    scope.table = CContentHelper::GetTableNameFromUri(uri);
     scope.packageId = GetPackageId(appId);
     LOGD_AS(func, "AppId = %s\tPackageId = %s", appId.c_str(), scope.packageId.c_str());
 
     scope.level = LockedPermissionLevel(access, appId, scope.packageId);
     LOGD_AS(func, "%s permission level = %d", access == Access::WRITE ? "write" : "read", scope.level);
     if (scope.level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI_AS(func, "failed by permission");
+        if (refuse) {
+            refuse();
+        } else {
+            LOGI_AS(func, "failed by permission");
+        }
         return RESULT_PERMISSION_DENIED;
     }
+    return RESULT_SUCCESS;
+}
 
+/* The opening every content request shares: the caller checked, then the connection. */
+int CTilesProvider::OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
+                                RequestScope& scope)
+{
+    int checked = CheckCaller(func, access, appId, uri, scope, nullptr);
+    if (checked != RESULT_SUCCESS) {
+        return checked;
+    }
     scope.pConnection = Connection();
     return (scope.pConnection == nullptr) ? RESULT_FAILED : RESULT_SUCCESS;
 }
 
-/* The client's where clause confined to the caller's own rows of `table`. */
-std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& table, const std::string& where,
-                                          const RequestScope& scope)
+/* The client's where clause confined to the caller's own rows of the scope's table. */
+std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& where, const RequestScope& scope)
 {
     CQueryGenerator queryGenerator(m_pDbHelper.get());
-    std::string confined = queryGenerator.GenerateQuery(table, where, scope.packageId, scope.level);
+    std::string confined = queryGenerator.GenerateQuery(scope.table, where, scope.packageId, scope.level);
     LOGD_AS(func, "generated query = %s", confined.c_str());
     return confined;
 }
 
-/* Opens a bulk's transaction and runs `body`, which says how the bulk ended
- * (its result and whether to commit); an empty bulk and an exception roll back. */
-int CTilesProvider::InBulkTransaction(const char* func, CContentDbConnection* pConnection, bool bEmpty,
-                                      const std::function<BulkOutcome()>& body)
+/* An update or delete of the caller's own rows: opened, confined, then `write`. */
+int CTilesProvider::ConfinedWrite(const char* func, const std::string& appId, const std::string& uri,
+                                  const std::string& where, const ConfinedWriteBody& write)
 {
+    RequestScope scope;
+    int opened = OpenRequest(func, Access::WRITE, appId, uri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
+    }
+    return write(*scope.pConnection, scope.table, ConfinedWhere(func, where, scope));
+}
+
+/* A read of the caller's own rows, of the columns its level may read; with
+ * `bIdsOnly` of the row ids only, whatever the client asked for. Null when
+ * refused or failed. */
+std::shared_ptr<ISQLiteCursor> CTilesProvider::ConfinedSelect(const char* func, PT_PROVIDER_SELECT_IN_PARAM& in,
+                                                              bool bIdsOnly, std::string& table)
+{
+    RequestScope scope;
+    if (OpenRequest(func, Access::READ, in.strAppId, in.strUri, scope) != RESULT_SUCCESS) {
+        return nullptr;
+    }
+    table = scope.table;
+
+    std::vector<std::string> projection;
+    if (bIdsOnly) {
+        in.vecProjection = {TilesModel::BaseColumnsID};
+        projection = in.vecProjection;
+    }
+    if (m_pPermissionHelper != nullptr) {
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
+    }
+
+    std::string where = ConfinedWhere(func, in.strWhere, scope);
+    if (!bIdsOnly && in.vecWhereArgs.size() == 1) {
+        LOGD_AS(func, " %s", in.vecWhereArgs[0].c_str());
+    }
+
+    std::shared_ptr<ISQLiteCursor> cursor =
+        scope.pConnection->SelectRequest(scope.table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    if (cursor == nullptr) {
+        LOGI_AS(func, "failed to get cursor");
+    }
+    return cursor;
+}
+
+/* A bulk write: opened like any write, then `body` runs in one transaction
+ * and says how the bulk ended (its result and whether to commit); an empty
+ * bulk and an exception roll back. */
+int CTilesProvider::BulkWrite(const char* func, const std::string& appId, const std::string& uri, bool bEmpty,
+                              const BulkWriteBody& body)
+{
+    RequestScope scope;
+    int opened = OpenRequest(func, Access::WRITE, appId, uri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
+    }
+
+    CContentDbConnection* pConnection = scope.pConnection;
     pConnection->BeginTransaction();
     if (bEmpty) {
         pConnection->EndTransaction(false);
         return RESULT_FAILED;
     }
     try {
-        BulkOutcome outcome = body();
+        BulkOutcome outcome = body(*pConnection, scope.table);
         pConnection->EndTransaction(outcome.bCommit);
         return outcome.result;
     } catch (...) {
@@ -551,8 +619,7 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
     }
 
     // The row is written as the client sent it: no column check.
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    int result = scope.pConnection->InsertRequest(table, in.pValues);
+    int result = scope.pConnection->InsertRequest(scope.table, in.pValues);
     if (result == 0) {
         out.nRowId = scope.pConnection->GetLastInsertRowID();
     }
@@ -564,23 +631,15 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
     out.nRowId = -1;
-    RequestScope scope;
-    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
-    if (opened != RESULT_SUCCESS) {
-        return opened;
-    }
-
-    CContentDbConnection* pConnection = scope.pConnection;
     const char* const func = __func__;
-    return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
+    auto insertAll = [&](CContentDbConnection& connection, const std::string& table) -> BulkOutcome {
         int result = 0;
         for (bundle* pValues : in.vecValues) {
-            std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-            result = pConnection->InsertRequest(table, pValues);
+            result = connection.InsertRequest(table, pValues);
             if (result != 0) {
                 break;
             }
-            out.nRowId = pConnection->GetLastInsertRowID();
+            out.nRowId = connection.GetLastInsertRowID();
         }
         if (result == 0) {
             return {RESULT_SUCCESS, true};
@@ -588,32 +647,16 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
         LOGI_AS(func, "failed to InsertRequest for bulk");
         out.nRowId = -1;
         return {result, false};
-    });
+    };
+    return BulkWrite(func, in.strAppId, in.strUri, in.vecValues.empty(), insertAll);
 }
 
 bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
 {
     out.nRequestId = -1;
-    RequestScope scope;
-    if (OpenRequest(__func__, Access::READ, in.strAppId, in.strUri, scope) != RESULT_SUCCESS) {
-        return false;
-    }
-
-    std::vector<std::string> projection;
-    if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
-    if (in.vecWhereArgs.size() == 1) {
-        LOGD(" %s", in.vecWhereArgs[0].c_str());
-    }
-
-    std::shared_ptr<ISQLiteCursor> cursor =
-        scope.pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    std::string table;
+    std::shared_ptr<ISQLiteCursor> cursor = ConfinedSelect(__func__, in, false, table);
     if (cursor == nullptr) {
-        LOGI("failed to get cursor");
         return false;
     }
 
@@ -625,15 +668,10 @@ bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_
 
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& /*out*/)
 {
-    RequestScope scope;
-    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
-    if (opened != RESULT_SUCCESS) {
-        return opened;
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
-    return scope.pConnection->UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
+    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere,
+                         [&](CContentDbConnection& connection, const std::string& table, const std::string& where) {
+                             return connection.UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
+                         });
 }
 
 /* Each bundle names its row by id. The rows are not confined to the caller's
@@ -642,15 +680,8 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_U
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& /*out*/)
 {
-    RequestScope scope;
-    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
-    if (opened != RESULT_SUCCESS) {
-        return opened;
-    }
-
-    CContentDbConnection* pConnection = scope.pConnection;
     const char* const func = __func__;
-    return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
+    auto updateEach = [&](CContentDbConnection& connection, const std::string& table) -> BulkOutcome {
         int lastResult = RESULT_FAILED;
         for (bundle* pValues : in.vecValues) {
             const char* pRowId = bundle_get_val(pValues, BULK_UPDATE_ROW_ID_KEY);
@@ -662,50 +693,30 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                 return {lastResult, lastResult == 0};
             }
 
-            std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-            lastResult = pConnection->UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
+            lastResult = connection.UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
             if (lastResult != 0) {
                 LOGI_AS(func, "failed to UpdateRequest for bulk");
                 return {lastResult, false};
             }
         }
         return {RESULT_SUCCESS, true};
-    });
+    };
+    return BulkWrite(func, in.strAppId, in.strUri, in.vecValues.empty(), updateEach);
 }
 
 int CTilesProvider::DeleteRequest(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    RequestScope scope;
-    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
-    if (opened != RESULT_SUCCESS) {
-        return opened;
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
-    return scope.pConnection->DeleteRequest(table, where, in.vecWhereArgs);
+    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere,
+                         [&](CContentDbConnection& connection, const std::string& table, const std::string& where) {
+                             return connection.DeleteRequest(table, where, in.vecWhereArgs);
+                         });
 }
 
 bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
 {
-    RequestScope scope;
-    if (OpenRequest(__func__, Access::READ, in.strAppId, in.strUri, scope) != RESULT_SUCCESS) {
-        return false;
-    }
-
-    // Only ids, whatever the client asked for.
-    in.vecProjection = {TilesModel::BaseColumnsID};
-    std::vector<std::string> projection = in.vecProjection;
-    if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
-    std::shared_ptr<ISQLiteCursor> cursor =
-        scope.pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    std::string table;
+    std::shared_ptr<ISQLiteCursor> cursor = ConfinedSelect(__func__, in, true, table);
     if (cursor == nullptr) {
-        LOGI("failed to get cursor");
         return false;
     }
 
@@ -744,122 +755,116 @@ void CTilesProvider::LogSyncEventResult(const char* func, int sendResult)
     }
 }
 
+/* Runs a content request's handler when the request carries the provider,
+ * then writes its outcome line; `failed` when it carries none. */
+template <typename Result>
+Result CTilesProvider::RunContentRequest(const char* func, void* pUserData, Result failed,
+                                         const std::function<Result(CTilesProvider&)>& handle)
+{
+    CTilesProvider* pProvider = ContentRequestProvider(func, pUserData);
+    if (pProvider == nullptr) {
+        return failed;
+    }
+    return handle(*pProvider);
+}
+
 int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    TilesEvent event = pProvider->GetSyncEvent(in.pValues);
-    if (event == TILES_EVENT_NONE) {
-        int result = pProvider->InsertRequest(in, out);
-        LOGI("INSERT row id = %lld", static_cast<long long>(out.nRowId));
-        return result;
-    }
-
-    if (event == TILES_EVENT_SYNC_END) {
-        // The end of a client's batch: relayed as an event, nothing is written.
-        const char* pSectionRawId = bundle_get_val(in.pValues, TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        LogSyncEventResult(__func__, pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
-                                                              in.strAppId.c_str(), pSectionRawId, false));
+    const char* const func = __func__;
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        TilesEvent event = provider.GetSyncEvent(in.pValues);
+        if (event == TILES_EVENT_NONE) {
+            int result = provider.InsertRequest(in, out);
+            LOGI_AS(func, "INSERT row id = %lld", static_cast<long long>(out.nRowId));
+            return result;
+        }
+        if (event == TILES_EVENT_SYNC_END) {
+            // The end of a client's batch: relayed as an event, nothing is written.
+            const char* pSectionRawId = bundle_get_val(in.pValues, TilesModel::Tiles::TILE_SECTION_RAW_ID);
+            LogSyncEventResult(func, provider.SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
+                                                            in.strAppId.c_str(), pSectionRawId, false));
+        }
         // The client reads a sync mark as not inserted, success included.
         return RESULT_FAILED;
-    }
-
-    return RESULT_FAILED;
+    });
 }
 
 int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                     PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->InsertRequest(in, out);
-    LOGI("INSERT row id = %lld", static_cast<long long>(out.nRowId));
-
-    if (result == 0) {
-        const char* pSectionRawId = in.vecValues.empty()
-                                        ? nullptr
-                                        : bundle_get_val(in.vecValues.back(), TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        LogSyncEventResult(__func__, pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
-                                                              in.strAppId.c_str(), pSectionRawId, true));
-    }
-    return result;
+    const char* const func = __func__;
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        int result = provider.InsertRequest(in, out);
+        LOGI_AS(func, "INSERT row id = %lld", static_cast<long long>(out.nRowId));
+        if (result == 0) {
+            const char* pSectionRawId =
+                in.vecValues.empty() ? nullptr
+                                     : bundle_get_val(in.vecValues.back(), TilesModel::Tiles::TILE_SECTION_RAW_ID);
+            LogSyncEventResult(func, provider.SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
+                                                            in.strAppId.c_str(), pSectionRawId, true));
+        }
+        return result;
+    });
 }
 
 bool CTilesProvider::SelectRequestCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return false;
-    }
+    const char* const func = __func__;
+    return RunContentRequest<bool>(func, in.pUserData, false, [&](CTilesProvider& provider) {
+        bool result = provider.SelectRequest(in, out);
+        if (result) {
+            LOGI_AS(func, "success SELECT");
+        } else {
+            LOGI_AS(func, "failed SELECT");
+        }
+        return result;
+    });
+}
 
-    bool result = pProvider->SelectRequest(in, out);
-    if (result) {
-        LOGI("success SELECT");
-    } else {
-        LOGI("failed SELECT");
-    }
-    return result;
+/* Either update; a bulk update sends no synchronisation event. */
+template <typename In, typename Out>
+int CTilesProvider::RunUpdate(const char* func, In& in, Out& out)
+{
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        int result = provider.UpdateRequest(in, out);
+        LOGI_AS(func, "UPDATE result = %d", result);
+        return result;
+    });
 }
 
 int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->UpdateRequest(in, out);
-    LOGI("UPDATE result = %d", result);
-    return result;
+    return RunUpdate(__func__, in, out);
 }
 
-/* A bulk update sends no synchronisation event. */
 int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                     PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->UpdateRequest(in, out);
-    LOGI("UPDATE result = %d", result);
-    return result;
+    return RunUpdate(__func__, in, out);
 }
 
 int CTilesProvider::DeleteRequestCB(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->DeleteRequest(in);
-    LOGI("DELETE result = %d", result);
-
-    if (result == 0) {
-        LogSyncEventResult(__func__, pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_DELETE,
-                                                              in.strAppId.c_str(), "delete", true));
-    }
-    return result;
+    const char* const func = __func__;
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        int result = provider.DeleteRequest(in);
+        LOGI_AS(func, "DELETE result = %d", result);
+        if (result == 0) {
+            LogSyncEventResult(func, provider.SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_DELETE,
+                                                            in.strAppId.c_str(), "delete", true));
+        }
+        return result;
+    });
 }
 
 bool CTilesProvider::GetRowIDRequestCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
-    if (pProvider == nullptr) {
-        return false;
-    }
-
-    bool result = pProvider->GetRowIDRequest(in, out);
-    LOGI("Get Row ID result = %d", result);
-    return result;
+    const char* const func = __func__;
+    return RunContentRequest<bool>(func, in.pUserData, false, [&](CTilesProvider& provider) {
+        bool result = provider.GetRowIDRequest(in, out);
+        LOGI_AS(func, "Get Row ID result = %d", result);
+        return result;
+    });
 }
 
 /* ---- data-control interface ----------------------------------------------------- */
@@ -894,6 +899,15 @@ void CTilesProvider::FetchProviderAndDataId(data_control_s* provider, PlatformTe
     dataId.reset(pDataId);
 }
 
+CTilesProvider::DataControlRequest::DataControlRequest(int id) : requestId(id), appId(NoText()), providerId(NoText()), dataId(NoText())
+{
+}
+
+std::string CTilesProvider::DataControlRequest::Uri() const
+{
+    return std::string(providerId.get()) + "/" + dataId.get();
+}
+
 /* The provider a data-control request carries. When it (or the request's
  * data) is missing the request is answered with `errorText` and null comes
  * back; the lines are written in the handler's name. */
@@ -913,15 +927,40 @@ CTilesProvider* CTilesProvider::DataControlRequestProvider(const char* func, int
 
 /* The request's provider id and data id; false (logged in the handler's
  * name) when they or the caller's id cannot be had. */
-bool CTilesProvider::FetchRequestUri(const char* func, data_control_s* provider, const PlatformTextHolder& appId,
-                                     PlatformTextHolder& providerId, PlatformTextHolder& dataId)
+bool CTilesProvider::FetchRequestUri(const char* func, data_control_s* provider, DataControlRequest& request)
 {
-    FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
+    FetchProviderAndDataId(provider, request.providerId, request.dataId);
+    if (request.appId == nullptr || request.providerId == nullptr || request.dataId == nullptr) {
         LOGI_AS(func, "failed by invalid URI");
         return false;
     }
     return true;
+}
+
+/* The opening of a data-control request but for an insert: the provider it
+ * carries, the caller's id and the request's URI. Null when any is missing. */
+CTilesProvider* CTilesProvider::OpenDataControlRequest(const char* func, data_control_s* provider, void* userData,
+                                                       bool bDataPresent, const char* errorText, const char* logText,
+                                                       DataControlRequest& request)
+{
+    CTilesProvider* pProvider =
+        DataControlRequestProvider(func, request.requestId, userData, bDataPresent, errorText, logText);
+    if (pProvider == nullptr) {
+        return nullptr;
+    }
+    request.appId = pProvider->FetchClientAppId(request.requestId);
+    return pProvider->FetchRequestUri(func, provider, request) ? pProvider : nullptr;
+}
+
+/* Answers a write that succeeded, under the lock; the platform's result, or
+ * DATA_CONTROL_ERROR_NONE when there was nothing to answer. */
+int CTilesProvider::SendWriteResult(int result, const std::function<int()>& send)
+{
+    if (result != 0) {
+        return DATA_CONTROL_ERROR_NONE;
+    }
+    CDBLocalScopedLock lock(m_pDbLock.get());
+    return send();
 }
 
 /* A client's end of batch is relayed as an event; its start is dropped.
@@ -948,40 +987,30 @@ bool CTilesProvider::RelaySyncMark(const char* func, bundle* insertData, const P
 
 void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _bundle_t* insertData, void* userData)
 {
+    DataControlRequest request(requestId);
     CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, insertData != nullptr,
                                                            "failed by NULL user_data or insert_data",
                                                            "failed by NULL user_data or insert_data");
     if (pProvider == nullptr) {
         return;
     }
-
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    if (pProvider->RelaySyncMark(__func__, insertData, appId)) {
+    request.appId = pProvider->FetchClientAppId(requestId);
+    if (pProvider->RelaySyncMark(__func__, insertData, request.appId) ||
+        !pProvider->FetchRequestUri(__func__, provider, request)) {
         return;
     }
 
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
-        return;
-    }
-
-    PT_PROVIDER_INSERT_IN_PARAM in;
-    in.strAppId = appId.get();
-    in.strUri = std::string(providerId.get()) + "/" + dataId.get();
+    PT_PROVIDER_INSERT_IN_PARAM in = request.MakeRecord<PT_PROVIDER_INSERT_IN_PARAM>(pProvider);
     in.pValues = insertData;
-    in.pUserData = pProvider;
     PT_PROVIDER_INSERT_OUT_PARAM out;
     int result = pProvider->InsertRequest(in, out);
 
-    if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
-        int sendResult = data_control_provider_send_insert_result(requestId, out.nRowId);
-        if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            LOGI("failed to data_control_provider_send_insert_result failed : %d", sendResult);
-        }
+    int sendResult = pProvider->SendWriteResult(
+        result, [&] { return data_control_provider_send_insert_result(requestId, out.nRowId); });
+    if (sendResult != DATA_CONTROL_ERROR_NONE) {
+        LOGI("failed to data_control_provider_send_insert_result failed : %d", sendResult);
     }
-    LOGI("[%s] INSERT row id = %lld", appId.get(), static_cast<long long>(out.nRowId));
+    LOGI("[%s] INSERT row id = %lld", request.appId.get(), static_cast<long long>(out.nRowId));
 }
 
 /* The requested columns that `level` may read, in the requested order. */
@@ -1045,107 +1074,75 @@ void CTilesProvider::AnswerSelect(const char* func, int requestId, data_control_
 void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
                                      char const* where, char const* order, void* userData)
 {
-    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, true,
-                                                           "failed by NULL user_data", "failed SELECT by NULL user_data");
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = OpenDataControlRequest(__func__, provider, userData, true, "failed by NULL user_data",
+                                                       "failed SELECT by NULL user_data", request);
     if (pProvider == nullptr) {
         return;
     }
 
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
-        return;
-    }
-
-    std::string packageId = pProvider->GetPackageId(appId.get());
-    LOGD("AppId = %s\tPackageId = %s", appId.get(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = pProvider->LockedPermissionLevel(Access::READ, appId.get(), packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
+    const char* const func = __func__;
+    RequestScope scope;
+    std::string uri = request.Uri();
+    int checked = pProvider->CheckCaller(func, Access::READ, request.appId.get(), uri, scope, [&] {
         CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
         data_control_provider_send_error(requestId, "failed SELECT by permission");
-        LOGI("failed SELECT by permission");
+        LOGI_AS(func, "failed SELECT by permission");
+    });
+    if (checked != RESULT_SUCCESS) {
         return;
     }
 
-    std::string uri = std::string(providerId.get()) + "/" + dataId.get();
-    std::vector<std::string> allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, level);
-
+    std::vector<std::string> allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, scope.level);
     // On this interface the data id is the table's name.
-    RequestScope scope{packageId, level, nullptr};
-    std::string generatedWhere = pProvider->ConfinedWhere(__func__, dataId.get(), (where != nullptr) ? where : "", scope);
-    pProvider->AnswerSelect(__func__, requestId, provider, allowedColumns, generatedWhere, order);
+    scope.table = request.dataId.get();
+    std::string generatedWhere = pProvider->ConfinedWhere(func, (where != nullptr) ? where : "", scope);
+    pProvider->AnswerSelect(func, requestId, provider, allowedColumns, generatedWhere, order);
 }
 
 void CTilesProvider::UpdateRequestCB(int requestId, data_control_s* provider, _bundle_t* updateData,
                                      char const* where, void* userData)
 {
-    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, updateData != nullptr,
-                                                           "failed by NULL user_data or update_data",
-                                                           "failed by NULL user_data or update_data");
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = OpenDataControlRequest(__func__, provider, userData, updateData != nullptr,
+                                                       "failed by NULL user_data or update_data",
+                                                       "failed by NULL user_data or update_data", request);
     if (pProvider == nullptr) {
         return;
     }
 
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
-        return;
-    }
-
-    PT_PROVIDER_UPDATE_IN_PARAM in;
-    in.strAppId = appId.get();
-    in.strUri = std::string(providerId.get()) + "/" + dataId.get();
+    PT_PROVIDER_UPDATE_IN_PARAM in = request.MakeRecord<PT_PROVIDER_UPDATE_IN_PARAM>(pProvider);
     in.pValues = updateData;
     in.strWhere = (where != nullptr) ? where : "";
-    in.pUserData = pProvider;
     PT_PROVIDER_UPDATE_OUT_PARAM out;
     int result = pProvider->UpdateRequest(in, out);
 
-    if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
-        int sendResult = data_control_provider_send_update_result(requestId);
-        if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            // The bracketed word is printed as it stands.
-            LOGI("[pAppId] data_control_provider_send_update_result failed: %d", sendResult);
-        }
+    int sendResult = pProvider->SendWriteResult(result, [&] { return data_control_provider_send_update_result(requestId); });
+    if (sendResult != DATA_CONTROL_ERROR_NONE) {
+        // The bracketed word is printed as it stands.
+        LOGI("[pAppId] data_control_provider_send_update_result failed: %d", sendResult);
     }
-    LOGI("[%s] UPDATE result = %d", appId.get(), result);
+    LOGI("[%s] UPDATE result = %d", request.appId.get(), result);
 }
 
 void CTilesProvider::DeleteRequestCB(int requestId, data_control_s* provider, char const* where, void* userData)
 {
-    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, true,
-                                                           "failed by NULL user_data", "failed by NULL user_data");
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = OpenDataControlRequest(__func__, provider, userData, true, "failed by NULL user_data",
+                                                       "failed by NULL user_data", request);
     if (pProvider == nullptr) {
         return;
     }
 
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
-        return;
-    }
-
-    PT_PROVIDER_DELETE_IN_PARAM in;
-    in.strAppId = appId.get();
-    in.strUri = std::string(providerId.get()) + "/" + dataId.get();
+    PT_PROVIDER_DELETE_IN_PARAM in = request.MakeRecord<PT_PROVIDER_DELETE_IN_PARAM>(pProvider);
     in.strWhere = (where != nullptr) ? where : "";
-    in.pUserData = pProvider;
     int result = pProvider->DeleteRequest(in);
 
-    if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
-        int sendResult = data_control_provider_send_delete_result(requestId);
-        if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            LOGI("[%s] data_control_provider_send_delete_result failed : %d", appId.get(), sendResult);
-        }
+    int sendResult = pProvider->SendWriteResult(result, [&] { return data_control_provider_send_delete_result(requestId); });
+    if (sendResult != DATA_CONTROL_ERROR_NONE) {
+        LOGI("[%s] data_control_provider_send_delete_result failed : %d", request.appId.get(), sendResult);
     }
-    LOGI("[%s] DELETE result = %d", appId.get(), result);
+    LOGI("[%s] DELETE result = %d", request.appId.get(), result);
 }
 
 /* ---- reset handling and launcher-list maintenance ---------------------------- */
