@@ -7,6 +7,8 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -377,78 +379,193 @@ int Refused(const Options& options, const Result& result)
 
 /* ---- the commands ----------------------------------------------------------- */
 
-int Run(const Options& o)
-{
-    const bool dataControl = o.road == "data-control";
-    const std::string uri = o.provider + "/" + o.table;
-    tilvane::client::DataControlClient dc(o.provider);
-    tilvane::client::ContentClient content;
+/* The two clients a command may use, and the URI of its table. */
+struct Requester {
+    explicit Requester(const Options& o)
+        : options(o), dataControl(o.road == "data-control"), uri(o.provider + "/" + o.table), dc(o.provider)
+    {
+    }
 
-    if (o.command == "insert") {
-        if (!o.bulkFile.empty()) {
-            std::vector<Values> rows;
-            if (!ReadBulk(o.bulkFile, rows)) {
-                return EXIT_FAILED;
-            }
-            Result result = content.BulkInsert(uri, rows);
-            if (!result.Ok()) {
-                return Refused(o, result);
-            }
-            std::cout << "inserted " << rows.size() << " rows, last row id " << result.rowId << "\n";
-            return EXIT_OK;
-        }
-        Result result = dataControl ? dc.Insert(o.table, o.values) : content.Insert(uri, o.values);
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        std::cout << "inserted row " << result.rowId << "\n";
-        return EXIT_OK;
+    const Options& options;
+    const bool dataControl;
+    const std::string uri;
+    tilvane::client::DataControlClient dc;
+    tilvane::client::ContentClient content;
+};
+
+/* The rows of the bulk file, written with `write`; `done` says how many. */
+int RunBulk(Requester& r, const std::function<Result(const std::vector<Values>&)>& write, const char* done)
+{
+    std::vector<Values> rows;
+    if (!ReadBulk(r.options.bulkFile, rows)) {
+        return EXIT_FAILED;
     }
-    if (o.command == "select") {
-        const std::vector<std::string> columns = SplitColumns(o.columns);
-        Result result = dataControl ? dc.Select(o.table, columns, o.where, o.order)
-                                    : content.Select(uri, columns, o.where, {}, o.order, "");
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        PrintRows(result.rows, o.json);
-        return EXIT_OK;
+    Result result = write(rows);
+    if (!result.Ok()) {
+        return Refused(r.options, result);
     }
-    if (o.command == "update") {
-        if (!o.bulkFile.empty()) {
-            std::vector<Values> rows;
-            if (!ReadBulk(o.bulkFile, rows)) {
-                return EXIT_FAILED;
-            }
-            Result result = content.BulkUpdate(uri, rows);
-            if (!result.Ok()) {
-                return Refused(o, result);
-            }
-            std::cout << "updated " << rows.size() << " rows\n";
-            return EXIT_OK;
-        }
-        Result result = dataControl ? dc.Update(o.table, o.values, o.where) : content.Update(uri, o.values, o.where, {});
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        std::cout << "updated\n";
-        return EXIT_OK;
+    std::cout << done << " " << rows.size() << " rows";
+    if (std::string(done) == "inserted") {
+        std::cout << ", last row id " << result.rowId;
     }
-    if (o.command == "delete") {
-        Result result = dataControl ? dc.Delete(o.table, o.where) : content.Delete(uri, o.where, {});
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        std::cout << "deleted\n";
-        return EXIT_OK;
+    std::cout << "\n";
+    return EXIT_OK;
+}
+
+int RunInsert(Requester& r)
+{
+    const Options& o = r.options;
+    if (!o.bulkFile.empty()) {
+        return RunBulk(r, [&](const std::vector<Values>& rows) { return r.content.BulkInsert(r.uri, rows); },
+                       "inserted");
     }
-    /* ids */
-    Result result = content.GetRowIds(uri, o.where, {});
+    Result result = r.dataControl ? r.dc.Insert(o.table, o.values) : r.content.Insert(r.uri, o.values);
     if (!result.Ok()) {
         return Refused(o, result);
     }
+    std::cout << "inserted row " << result.rowId << "\n";
+    return EXIT_OK;
+}
+
+int RunSelect(Requester& r)
+{
+    const Options& o = r.options;
+    const std::vector<std::string> columns = SplitColumns(o.columns);
+    Result result = r.dataControl ? r.dc.Select(o.table, columns, o.where, o.order)
+                                  : r.content.Select(r.uri, columns, o.where, {}, o.order, "");
+    if (!result.Ok()) {
+        return Refused(o, result);
+    }
+    PrintRows(result.rows, o.json);
+    return EXIT_OK;
+}
+
+int RunUpdate(Requester& r)
+{
+    const Options& o = r.options;
+    if (!o.bulkFile.empty()) {
+        return RunBulk(r, [&](const std::vector<Values>& rows) { return r.content.BulkUpdate(r.uri, rows); },
+                       "updated");
+    }
+    Result result =
+        r.dataControl ? r.dc.Update(o.table, o.values, o.where) : r.content.Update(r.uri, o.values, o.where, {});
+    if (!result.Ok()) {
+        return Refused(o, result);
+    }
+    std::cout << "updated\n";
+    return EXIT_OK;
+}
+
+int RunDelete(Requester& r)
+{
+    const Options& o = r.options;
+    Result result = r.dataControl ? r.dc.Delete(o.table, o.where) : r.content.Delete(r.uri, o.where, {});
+    if (!result.Ok()) {
+        return Refused(o, result);
+    }
+    std::cout << "deleted\n";
+    return EXIT_OK;
+}
+
+int RunIds(Requester& r)
+{
+    Result result = r.content.GetRowIds(r.uri, r.options.where, {});
+    if (!result.Ok()) {
+        return Refused(r.options, result);
+    }
     for (int64_t id : result.rowIds) {
         std::cout << id << "\n";
+    }
+    return EXIT_OK;
+}
+
+int Run(const Options& o)
+{
+    const std::map<std::string, int (*)(Requester&)> commands = {
+        {"insert", RunInsert}, {"select", RunSelect}, {"update", RunUpdate}, {"delete", RunDelete}, {"ids", RunIds},
+    };
+    Requester requester(o);
+    return commands.at(o.command)(requester);
+}
+
+/* Reads the options; the other words go to `words`. EXIT_OK or a usage failure. */
+int ReadArguments(const std::vector<std::string>& args, Options& o, std::vector<std::string>& words)
+{
+    const std::map<std::string, std::string Options::*> valued = {
+        {"--road", &Options::road},       {"--provider", &Options::provider}, {"--where", &Options::where},
+        {"--order", &Options::order},     {"--columns", &Options::columns},   {"--bulk", &Options::bulkFile},
+    };
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& word = args[i];
+        auto option = valued.find(word);
+        if (option != valued.end()) {
+            if (i + 1 >= args.size()) {
+                return Usage(word + " needs a value");
+            }
+            o.*(option->second) = args[++i];
+        } else if (word == "--json") {
+            o.json = true;
+        } else if (word.size() > 2 && word.compare(0, 2, "--") == 0) {
+            return Usage("unknown option " + word);
+        } else {
+            words.push_back(word);
+        }
+    }
+    return EXIT_OK;
+}
+
+/* The command, the table and the key=value words. EXIT_OK or a usage failure. */
+int TakeWords(const std::vector<std::string>& words, Options& o)
+{
+    if (words.empty()) {
+        return Usage("no command");
+    }
+    o.command = words[0];
+    if (o.command != "insert" && o.command != "select" && o.command != "update" && o.command != "delete" &&
+        o.command != "ids") {
+        return Usage("unknown command " + o.command);
+    }
+    if (words.size() < 2 || !ValidTable(words[1])) {
+        return Usage("TABLE must be accelerators, sections or tiles");
+    }
+    o.table = words[1];
+    if (o.road != "content" && o.road != "data-control") {
+        return Usage("--road must be data-control or content");
+    }
+    for (size_t i = 2; i < words.size(); ++i) {
+        const size_t equals = words[i].find('=');
+        if (equals == std::string::npos || equals == 0) {
+            return Usage("expected key=value, got " + words[i]);
+        }
+        o.values.emplace_back(words[i].substr(0, equals), words[i].substr(equals + 1));
+    }
+    return EXIT_OK;
+}
+
+/* Whether the command, the interface and the rows go together. EXIT_OK or a usage failure. */
+int CheckCombination(const Options& o)
+{
+    const bool bulk = !o.bulkFile.empty();
+    if (bulk && (o.command != "insert" && o.command != "update")) {
+        return Usage("--bulk is for insert and update");
+    }
+    if (bulk && o.road != "content") {
+        return Usage("--bulk works on the content road only");
+    }
+    if (bulk && !o.values.empty()) {
+        return Usage("--bulk takes its rows from the file, not key=value words");
+    }
+    if ((o.command == "insert" || o.command == "update") && !bulk && o.values.empty()) {
+        return Usage(o.command + " needs key=value words");
+    }
+    if (o.command == "update" && !bulk && o.where.empty()) {
+        return Usage("update needs --where (use --where '1 = 1' for every row)");
+    }
+    if ((o.command == "select" || o.command == "delete" || o.command == "ids") && !o.values.empty()) {
+        return Usage(o.command + " takes no key=value words");
+    }
+    if (o.command == "ids" && o.road != "content") {
+        return Usage("ids works on the content road only");
     }
     return EXIT_OK;
 }
@@ -476,84 +593,14 @@ int RunDataCommand(const std::vector<std::string>& args)
     const char* provider = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
     o.provider = provider != nullptr && *provider != '\0' ? provider : TilesModel::PROVIDER_ID;
     std::vector<std::string> words;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& word = args[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= args.size()) {
-                return false;
-            }
-            out = args[++i];
-            return true;
-        };
-        bool ok = true;
-        if (word == "--road") {
-            ok = value(o.road);
-        } else if (word == "--provider") {
-            ok = value(o.provider);
-        } else if (word == "--where") {
-            ok = value(o.where);
-        } else if (word == "--order") {
-            ok = value(o.order);
-        } else if (word == "--columns") {
-            ok = value(o.columns);
-        } else if (word == "--bulk") {
-            ok = value(o.bulkFile);
-        } else if (word == "--json") {
-            o.json = true;
-        } else if (word.size() > 2 && word.compare(0, 2, "--") == 0) {
-            return Usage("unknown option " + word);
-        } else {
-            words.push_back(word);
-        }
-        if (!ok) {
-            return Usage(word + " needs a value");
-        }
+    int checked = ReadArguments(args, o, words);
+    if (checked == EXIT_OK) {
+        checked = TakeWords(words, o);
     }
-    if (words.empty()) {
-        return Usage("no command");
+    if (checked == EXIT_OK) {
+        checked = CheckCombination(o);
     }
-    o.command = words[0];
-    if (o.command != "insert" && o.command != "select" && o.command != "update" && o.command != "delete" &&
-        o.command != "ids") {
-        return Usage("unknown command " + o.command);
-    }
-    if (words.size() < 2 || !ValidTable(words[1])) {
-        return Usage("TABLE must be accelerators, sections or tiles");
-    }
-    o.table = words[1];
-    if (o.road != "content" && o.road != "data-control") {
-        return Usage("--road must be data-control or content");
-    }
-    for (size_t i = 2; i < words.size(); ++i) {
-        const size_t equals = words[i].find('=');
-        if (equals == std::string::npos || equals == 0) {
-            return Usage("expected key=value, got " + words[i]);
-        }
-        o.values.emplace_back(words[i].substr(0, equals), words[i].substr(equals + 1));
-    }
-    const bool bulk = !o.bulkFile.empty();
-    if (bulk && (o.command != "insert" && o.command != "update")) {
-        return Usage("--bulk is for insert and update");
-    }
-    if (bulk && o.road != "content") {
-        return Usage("--bulk works on the content road only");
-    }
-    if (bulk && !o.values.empty()) {
-        return Usage("--bulk takes its rows from the file, not key=value words");
-    }
-    if ((o.command == "insert" || o.command == "update") && !bulk && o.values.empty()) {
-        return Usage(o.command + " needs key=value words");
-    }
-    if (o.command == "update" && !bulk && o.where.empty()) {
-        return Usage("update needs --where (use --where '1 = 1' for every row)");
-    }
-    if ((o.command == "select" || o.command == "delete" || o.command == "ids") && !o.values.empty()) {
-        return Usage(o.command + " takes no key=value words");
-    }
-    if (o.command == "ids" && o.road != "content") {
-        return Usage("ids works on the content road only");
-    }
-    return Run(o);
+    return checked == EXIT_OK ? Run(o) : checked;
 }
 
 }  // namespace tilvanectl
