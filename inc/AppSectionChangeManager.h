@@ -16,6 +16,7 @@
 
 #include <app_info.h>
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <package_manager.h>
 
 class CContentHelper;
@@ -65,6 +66,9 @@ public:
     bool RefreshLauncherItemFromBackup();
 
 private:
+    BundlePtr AcceleratorRow(bundle* message, const std::string& packageName);
+    int64_t InstallEnabledEntry(const std::string& packageName);
+
     int32_t m_acceleratorPortId;
     int32_t m_launcherEventPortId;
     CContentHelper* m_pDbHelper;

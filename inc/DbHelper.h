@@ -7,6 +7,7 @@
 #define TILVANE_DB_HELPER_H
 
 #include <string>
+#include <vector>
 
 #include "ContentHelper.h"
 
@@ -29,6 +30,7 @@ private:
     void createAcceleratorsTable();
     void createSectionsTable();
     void createTilesTable();
+    void CreateTable(const char* func, const char* uri, const std::vector<std::string>& columns);
 };
 
 #endif

@@ -14,6 +14,8 @@
 #include <map>
 #include <string>
 
+#include <bundle_ptr.h>
+
 class CMessageHelper
 {
 public:
@@ -22,7 +24,7 @@ public:
     {
         std::string strAppId;
         std::string strPortName;
-        bundle* pMessage;
+        BundlePtr pMessage;
     };
 
     /* `localPortName` is the port on which subscription requests arrive. */

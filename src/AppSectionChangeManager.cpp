@@ -9,6 +9,7 @@
 #include <memory>
 #include <sstream>
 
+#include <bundle_ptr.h>
 #include <message_port.h>
 #include <qeb_app_list.h>
 #include <system_info.h>
@@ -123,15 +124,9 @@ CAppSectionChangeManager::CAppSectionChangeManager(CContentHelper* pDbHelper)
     }
 
     for (const std::string& package : preinstalled) {
-        bundle* pValues = bundle_create();
-        bundle_add_str(pValues, TilesModel::Accelerators::ACCELERATOR_ENABLED,
-                       TilesModel::Accelerators::AcceleratorStatus::ENABLED);
-        bundle_add_str(pValues, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
-                       CContentHelper::ToSQLFormat(package).c_str());
-        if (HandleAppInstall(pValues) > 0) {
+        if (InstallEnabledEntry(package) > 0) {
             LOGI("Added an package");
         }
-        bundle_free(pValues);
     }
 }
 
@@ -189,16 +184,15 @@ void CAppSectionChangeManager::HandleAcceleratorEvent(int /*localPortId*/, const
 
         const char* pPackageName = GetString(message, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME);
 
-        bundle* pReply = bundle_create();
-        bundle_add_str(pReply, TilesModel::Accelerators::_ID, idText);
+        BundlePtr pReply = MakeBundle();
+        bundle_add_str(pReply.get(), TilesModel::Accelerators::_ID, idText);
         if (pPackageName != nullptr) {
-            bundle_add_str(pReply, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, pPackageName);
+            bundle_add_str(pReply.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, pPackageName);
         }
-        int result = message_port_send_message(remoteAppId, remotePort, pReply);
+        int result = message_port_send_message(remoteAppId, remotePort, pReply.get());
         if (result != 0) {
             LOGI("failed to message_port_send_message : %d", result);
         }
-        bundle_free(pReply);
     } else if (action == 1) {
         LOGI("uninstall app");
         HandleAppUninstall(message);
@@ -230,8 +224,8 @@ void CAppSectionChangeManager::HandleLauncherEvent(int /*localPortId*/, const ch
 
     const char* pPackageName = GetString(message, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME);
 
-    bundle* pValues = bundle_create();
-    bundle_add_str(pValues, TilesModel::Accelerators::ACCELERATOR_ENABLED,
+    BundlePtr pValues = MakeBundle();
+    bundle_add_str(pValues.get(), TilesModel::Accelerators::ACCELERATOR_ENABLED,
                    visibility == "visible" ? TilesModel::Accelerators::AcceleratorStatus::ENABLED
                                            : TilesModel::Accelerators::AcceleratorStatus::DISABLED);
 
@@ -239,7 +233,7 @@ void CAppSectionChangeManager::HandleLauncherEvent(int /*localPortId*/, const ch
     std::string where = std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + " = ?";
     std::vector<std::string> whereArgs = {CContentHelper::ToSQLFormat(pPackageName)};
 
-    int result = pConnection->UpdateRequest(table, pValues, where, whereArgs);
+    int result = pConnection->UpdateRequest(table, pValues.get(), where, whereArgs);
     if (result != 0) {
         LOGI("failed to update %s event", visibility.c_str());
     } else {
@@ -250,7 +244,6 @@ void CAppSectionChangeManager::HandleLauncherEvent(int /*localPortId*/, const ch
             LOGI("failed to send %s event", visibility.c_str());
         }
     }
-    bundle_free(pValues);
 }
 
 int64_t CAppSectionChangeManager::HandleAppInstall(bundle* message)
@@ -281,20 +274,36 @@ int64_t CAppSectionChangeManager::HandleAppInstall(bundle* message)
         return existingId;
     }
 
-    bundle* pValues = bundle_create();
-    AddFormatted(pValues, TilesModel::Accelerators::ACCELERATOR_ENABLED,
-                 GetString(message, TilesModel::Accelerators::ACCELERATOR_ENABLED));
-    AddFormatted(pValues, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, pAppPkgName);
-    AddFormatted(pValues, TilesModel::Accelerators::ACCELERATOR_ICON,
-                 GetString(message, TilesModel::Accelerators::ACCELERATOR_ICON));
-    AddFormatted(pValues, TilesModel::Accelerators::ACCELERATOR_ICON_UNFOCUSED,
-                 GetString(message, TilesModel::Accelerators::ACCELERATOR_ICON_UNFOCUSED));
-    AddFormatted(pValues, TilesInternalModel::Accelerators::ACCELERATOR_POSITION,
-                 GetString(message, TilesInternalModel::Accelerators::ACCELERATOR_POSITION));
-    AddFormatted(pValues, TilesModel::Accelerators::ACCELERATOR_TITLE,
-                 GetString(message, TilesModel::Accelerators::ACCELERATOR_TITLE));
-    AddFormatted(pValues, TilesModel::Accelerators::ACCELERATOR_ID,
-                 GetString(message, TilesModel::Accelerators::ACCELERATOR_ID));
+    BundlePtr pValues = AcceleratorRow(message, packageName);
+    std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Accelerators::CONTENT_URI);
+    // The result is not examined: a failed insert gives the connection's
+    // previous last row id.
+    pConnection->InsertRequest(table, pValues.get());
+    int64_t acceleratorId = pConnection->GetLastInsertRowID();
+
+    if (m_pBackupDbHelper != nullptr) {
+        CContentDbConnection* pBackupConnection = m_pBackupDbHelper->GetConnection();
+        if (pBackupConnection != nullptr && GetAcceleratorID(m_pBackupDbHelper, packageName) <= 0) {
+            pBackupConnection->InsertRequest(table, pValues.get());
+        }
+    }
+    return acceleratorId;
+}
+
+/* The accelerator row of an install message: its values in SQL form, and the
+ * package's web-application store id where it has one. */
+BundlePtr CAppSectionChangeManager::AcceleratorRow(bundle* message, const std::string& packageName)
+{
+    namespace Accelerators = TilesModel::Accelerators;
+    namespace Internal = TilesInternalModel::Accelerators;
+    BundlePtr pValues = MakeBundle();
+    AddFormatted(pValues.get(), Accelerators::ACCELERATOR_ENABLED, GetString(message, Accelerators::ACCELERATOR_ENABLED));
+    AddFormatted(pValues.get(), Internal::ACCELERATOR_APP_PKG_NAME, packageName.c_str());
+    for (const char* key : {Accelerators::ACCELERATOR_ICON, Accelerators::ACCELERATOR_ICON_UNFOCUSED,
+                            Internal::ACCELERATOR_POSITION, Accelerators::ACCELERATOR_TITLE,
+                            Accelerators::ACCELERATOR_ID}) {
+        AddFormatted(pValues.get(), key, GetString(message, key));
+    }
 
     // Live television, platform packages and the glaze application have no
     // web-application store entry.
@@ -302,25 +311,21 @@ int64_t CAppSectionChangeManager::HandleAppInstall(bundle* message)
                    packageName != GLAZE_APP_PACKAGE;
     if (bWebApp) {
         std::string webAppId = GetQEBAppId(packageName);
-        bundle_add_str(pValues, TilesInternalModel::Accelerators::ACCELERATOR_QEB_WEB_APP_ID,
+        bundle_add_str(pValues.get(), Internal::ACCELERATOR_QEB_WEB_APP_ID,
                        CContentHelper::ToSQLFormat(webAppId).c_str());
     }
+    return pValues;
+}
 
-    std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Accelerators::CONTENT_URI);
-    // The result is not examined: a failed insert gives the connection's
-    // previous last row id.
-    pConnection->InsertRequest(table, pValues);
-    int64_t acceleratorId = pConnection->GetLastInsertRowID();
-
-    if (m_pBackupDbHelper != nullptr) {
-        CContentDbConnection* pBackupConnection = m_pBackupDbHelper->GetConnection();
-        if (pBackupConnection != nullptr && GetAcceleratorID(m_pBackupDbHelper, packageName) <= 0) {
-            pBackupConnection->InsertRequest(table, pValues);
-        }
-    }
-
-    bundle_free(pValues);
-    return acceleratorId;
+/* An enabled launcher entry for the package; its row id, or -1. */
+int64_t CAppSectionChangeManager::InstallEnabledEntry(const std::string& packageName)
+{
+    BundlePtr pValues = MakeBundle();
+    bundle_add_str(pValues.get(), TilesModel::Accelerators::ACCELERATOR_ENABLED,
+                   TilesModel::Accelerators::AcceleratorStatus::ENABLED);
+    bundle_add_str(pValues.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
+                   CContentHelper::ToSQLFormat(packageName).c_str());
+    return HandleAppInstall(pValues.get());
 }
 
 void CAppSectionChangeManager::HandleAppUninstall(bundle* message)
@@ -552,14 +557,8 @@ bool CAppSectionChangeManager::RecoverInstalledPackages()
     }
 
     for (const std::string& packageName : packageNames) {
-        bundle* pValues = bundle_create();
-        bundle_add_str(pValues, TilesModel::Accelerators::ACCELERATOR_ENABLED,
-                       TilesModel::Accelerators::AcceleratorStatus::ENABLED);
-        bundle_add_str(pValues, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
-                       CContentHelper::ToSQLFormat(packageName).c_str());
-        HandleAppInstall(pValues);
+        InstallEnabledEntry(packageName);
         LOGI("Recovered package %s", packageName.c_str());
-        bundle_free(pValues);
     }
     return true;
 }
@@ -596,13 +595,7 @@ bool CAppSectionChangeManager::RefreshLauncherItemFromBackup()
     LOGI("BackupDB : package(%d)", static_cast<int>(packageNames.size()));
 
     for (const std::string& packageName : packageNames) {
-        bundle* pValues = bundle_create();
-        bundle_add_str(pValues, TilesModel::Accelerators::ACCELERATOR_ENABLED,
-                       TilesModel::Accelerators::AcceleratorStatus::ENABLED);
-        bundle_add_str(pValues, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
-                       CContentHelper::ToSQLFormat(packageName).c_str());
-        HandleAppInstall(pValues);
-        bundle_free(pValues);
+        InstallEnabledEntry(packageName);
     }
 
     LOGI("Finish refreshing Launcher Item  ");

@@ -141,12 +141,11 @@ void CMessageHelper::DumpSubscribers()
 void CMessageHelper::TestTriggerPreviewEventRequest(std::string appId, std::string portName)
 {
     LOGI("Start TestTriggerPreviewEventRequest");
-    bundle* pEvent = bundle_create();
-    bundle_add_str(pEvent, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, "livetv_antenna");
-    bundle_add_str(pEvent, TilesModel::Tiles::TILE_SECTION_RAW_ID, "");
-    bundle_add_str(pEvent, "sync", "end");
-    SendEvent(appId, portName, pEvent);
-    bundle_free(pEvent);
+    BundlePtr pEvent = MakeBundle();
+    bundle_add_str(pEvent.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, "livetv_antenna");
+    bundle_add_str(pEvent.get(), TilesModel::Tiles::TILE_SECTION_RAW_ID, "");
+    bundle_add_str(pEvent.get(), "sync", "end");
+    SendEvent(appId, portName, pEvent.get());
 }
 
 int CMessageHelper::Send(bundle* pMessage, bool bRetry)
@@ -180,18 +179,19 @@ int CMessageHelper::Send(bundle* pMessage, bool bRetry)
 
         result = SendEvent(appId, portName, pMessage);
         if (result != 0 && bRetry) {
-            SendEventData* pData = new SendEventData{appId, portName, bundle_dup(pMessage)};
+            std::unique_ptr<SendEventData> pData(
+                new SendEventData{appId, portName, BundlePtr(bundle_dup(pMessage))});
             pthread_attr_t attr;
             pthread_attr_init(&attr);
             pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
             pthread_t thread;
-            int created = pthread_create(&thread, &attr, SendEventThread, pData);
+            int created = pthread_create(&thread, &attr, SendEventThread, pData.get());
             pthread_attr_destroy(&attr);
             if (created != 0) {
                 LOGE("failed to start the re-send thread : %d", created);
-                bundle_free(pData->pMessage);
-                delete pData;
             } else {
+                // The thread owns the data now.
+                pData.release();
                 result = RESULT_SENDING_IN_BACKGROUND;
             }
         }
@@ -222,7 +222,7 @@ int CMessageHelper::SendEvent(std::string appId, std::string portName, bundle* p
 
 void* CMessageHelper::SendEventThread(void* pData)
 {
-    SendEventData* pEventData = static_cast<SendEventData*>(pData);
+    std::unique_ptr<SendEventData> pEventData(static_cast<SendEventData*>(pData));
     if (pEventData == nullptr) {
         LOGI("pData is NULL");
         return nullptr;
@@ -231,12 +231,10 @@ void* CMessageHelper::SendEventThread(void* pData)
         // Every attempt is made whatever the previous one returned: a
         // subscriber may get the event more than once.
         for (int attempt = 0; attempt < RESEND_COUNT; ++attempt) {
-            SendEvent(pEventData->strAppId, pEventData->strPortName, pEventData->pMessage);
+            SendEvent(pEventData->strAppId, pEventData->strPortName, pEventData->pMessage.get());
             sleep(1);
         }
-        bundle_free(pEventData->pMessage);
     }
-    delete pEventData;
     return nullptr;
 }
 

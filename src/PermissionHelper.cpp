@@ -1,6 +1,7 @@
 #include "PermissionHelper.h"
 
 #include <app_info.h>
+#include <bundle_ptr.h>
 
 #include <memory>
 
@@ -24,66 +25,82 @@ CPermissionHelper::CPermissionHelper()
     InitializePermissionWhiteList();
 }
 
-void CPermissionHelper::InitializeAcceleratorPermissions()
+namespace {
+
+using ColumnList = std::vector<const char*>;
+
+/* Every table's columns in the order of its default projection. */
+const ColumnList& PublicAcceleratorColumns()
 {
     using namespace TilesModel::Accelerators;
+    static const ColumnList columns = {_ID,      ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED,
+                                       ACCELERATOR_ENABLED, ACCELERATOR_ID};
+    return columns;
+}
+
+/* The accelerators' own columns, and two names that are no columns but are
+ * listed so that only level 4 can name them. */
+const ColumnList& InternalAcceleratorColumns()
+{
     namespace Internal = TilesInternalModel::Accelerators;
-    m_acceleratorPermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_TITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ICON] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ICON_UNFOCUSED] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ENABLED] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[ACCELERATOR_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_acceleratorPermissions[Internal::ACCELERATOR_POSITION] = PERMISSION_LEVEL_INTERNAL;
-    m_acceleratorPermissions[Internal::ACCELERATOR_APP_PKG_NAME] = PERMISSION_LEVEL_INTERNAL;
-    /* Not columns of the table; listed so that only level 4 can name them. */
-    m_acceleratorPermissions[Internal::ACCELERATOR_READ_PERMISSION] = PERMISSION_LEVEL_INTERNAL;
-    m_acceleratorPermissions[Internal::ACCELERATOR_WRITE_PERMISSION] = PERMISSION_LEVEL_INTERNAL;
-    m_acceleratorPermissions[Internal::ACCELERATOR_QEB_WEB_APP_ID] = PERMISSION_LEVEL_INTERNAL;
+    static const ColumnList columns = {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
+                                       Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
+                                       Internal::ACCELERATOR_QEB_WEB_APP_ID};
+    return columns;
+}
+
+const ColumnList& SectionColumns()
+{
+    using namespace TilesModel::Sections;
+    static const ColumnList columns = {
+        _ID, SECTION_ID, SECTION_TITLE, SECTION_POSITION, SECTION_ACCELERATOR_RAW_ID,
+        SECTION_TITLE_DISPLAY_MODE, SECTION_SUBTITLE_DISPLAY_MODE};
+    return columns;
+}
+
+const ColumnList& TileColumns()
+{
+    using namespace TilesModel::Tiles;
+    static const ColumnList columns = {
+        _ID, TILE_ID, TILE_SECTION_RAW_ID, TILE_TYPE, TILE_TITLE, TILE_SUBTITLE,
+        TILE_DISPLAY_FROM, TILE_DISPLAY_UNTIL, TILE_ACTION_PLAY, TILE_ACTION_CLICK,
+        TILE_ACTION_TYPE, TILE_ACTION_DETAILS, TILE_IMAGE_URL, TILE_IMAGE_PATH,
+        TILE_IMAGE_WIDTH, TILE_IMAGE_HEIGHT, TILE_IMAGE_RATIO, TILE_SOURCE_ICON,
+        TILE_SOURCE_ICON_PATH, TILE_ACTION_PRE_PLAY, TILE_ACTION_POST_PLAY,
+        TILE_PLAYABLE, TILE_PROGRESS, TILE_NOTIFICATION, TILE_FAVORITE, TILE_POSITION,
+        TILE_EXTRA_APP_ID};
+    return columns;
+}
+
+void SetLevel(std::map<std::string, CPermissionHelper::PermissionLevel>& levels, const ColumnList& columns,
+              CPermissionHelper::PermissionLevel level)
+{
+    for (const char* column : columns) {
+        levels[column] = level;
+    }
+}
+
+void Append(std::vector<std::string>& names, const ColumnList& columns)
+{
+    names.insert(names.end(), columns.begin(), columns.end());
+}
+
+}  // namespace
+
+void CPermissionHelper::InitializeAcceleratorPermissions()
+{
+    SetLevel(m_acceleratorPermissions, PublicAcceleratorColumns(), PERMISSION_LEVEL_PUBLIC);
+    SetLevel(m_acceleratorPermissions, InternalAcceleratorColumns(), PERMISSION_LEVEL_INTERNAL);
 }
 
 void CPermissionHelper::InitializeSectionPermissions()
 {
-    using namespace TilesModel::Sections;
-    m_sectionPermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_TITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_POSITION] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_ACCELERATOR_RAW_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_TITLE_DISPLAY_MODE] = PERMISSION_LEVEL_PUBLIC;
-    m_sectionPermissions[SECTION_SUBTITLE_DISPLAY_MODE] = PERMISSION_LEVEL_PUBLIC;
+    SetLevel(m_sectionPermissions, SectionColumns(), PERMISSION_LEVEL_PUBLIC);
 }
 
 void CPermissionHelper::InitializeTilePermissions()
 {
-    using namespace TilesModel::Tiles;
-    m_tilePermissions[_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SECTION_RAW_ID] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_TYPE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_TITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SUBTITLE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_DISPLAY_FROM] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_DISPLAY_UNTIL] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_PLAY] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_CLICK] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_TYPE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_DETAILS] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_URL] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_PATH] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_WIDTH] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_HEIGHT] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_IMAGE_RATIO] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SOURCE_ICON] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_SOURCE_ICON_PATH] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_PRE_PLAY] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_ACTION_POST_PLAY] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_PLAYABLE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_PROGRESS] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_NOTIFICATION] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_FAVORITE] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_POSITION] = PERMISSION_LEVEL_PUBLIC;
-    m_tilePermissions[TILE_EXTRA_APP_ID] = PERMISSION_LEVEL_PUBLIC;
+    SetLevel(m_tilePermissions, TileColumns(), PERMISSION_LEVEL_PUBLIC);
 }
 
 void CPermissionHelper::InitializePermissionWhiteList()
@@ -92,110 +109,92 @@ void CPermissionHelper::InitializePermissionWhiteList()
     m_permissionWhiteList["ContentServiceManager"] = PERMISSION_LEVEL_INTERNAL;
 }
 
-/* The read and write decisions are the same procedure with the read or the
- * write privilege. Each keeps its own copy of the metadata passes so that
- * their log lines name the decision that wrote them. */
+/* The read and the write decision: one procedure, with the read or the write
+ * privilege. Its lines carry the name of the decision that wrote them. */
+const CPermissionHelper::LevelProcedure CPermissionHelper::READ_LEVEL = {
+    "GetReadPermissionLevel", &CPermissionHelper::READ_TILES, "GetReadPermissionCB", "m_readPermission",
+    &CPermissionHelper::GetReadPermissionCB, &CPermissionHelper::m_readPermission};
+const CPermissionHelper::LevelProcedure CPermissionHelper::WRITE_LEVEL = {
+    "GetWritePermissionLevel", &CPermissionHelper::WRITE_TILES, "GetWritePermissionCB", "m_writePermission",
+    &CPermissionHelper::GetWritePermissionCB, &CPermissionHelper::m_writePermission};
+
 CPermissionHelper::PermissionLevel CPermissionHelper::GetReadPermissionLevel(std::string appId, std::string packageId,
                                                                             CContentHelper* dbHelper)
 {
-    std::string permission;
-
-    auto whiteListed = m_permissionWhiteList.find(packageId);
-    if (whiteListed != m_permissionWhiteList.end()) {
-        return whiteListed->second;
-    }
-
-    if (HasAcceleratorRow(packageId, dbHelper)) {
-        permission = READ_TILES;
-    }
-
-    if (permission.empty()) {
-        app_info_h appInfo = nullptr;
-        if (app_info_create(appId.c_str(), &appInfo) == APP_MANAGER_ERROR_NONE) {
-            LOGI("Start get GetSupportNimbeCB for [%s]", packageId.c_str());
-            bool supportNimbe = false;
-            if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
-                LOGI("failed to call metadata callback");
-            } else if (supportNimbe) {
-                LOGI("Need to recover [%s] to acceleartors", packageId.c_str());
-                if (dbHelper != nullptr) {
-                    RecoverAcceleratorID(packageId, dbHelper);
-                    permission = READ_TILES;
-                }
-            }
-            LOGI("End get GetSupportNimbeCB for [%s]", packageId.c_str());
-
-            LOGI("Start get GetReadPermissionCB for [%s]", packageId.c_str());
-            m_readPermission.clear();
-            if (app_info_foreach_metadata(appInfo, GetReadPermissionCB, this) == APP_MANAGER_ERROR_NONE) {
-                LOGI("success to call metadata callback");
-            } else {
-                LOGI("failed to call metadata callback");
-            }
-            LOGI("End get GetReadPermissionCB for [%s]", packageId.c_str());
-
-            /* A declared privilege overrides what the launcher support gave. */
-            if (!m_readPermission.empty()) {
-                LOGI("m_readPermission is not empty for [%s]", packageId.c_str());
-                permission = m_readPermission;
-            }
-            app_info_destroy(appInfo);
-        }
-    }
-
-    return GetPermissionLevel(permission);
+    return DecideLevel(READ_LEVEL, appId, packageId, dbHelper);
 }
 
 CPermissionHelper::PermissionLevel CPermissionHelper::GetWritePermissionLevel(std::string appId,
                                                                              std::string packageId,
                                                                              CContentHelper* dbHelper)
 {
-    std::string permission;
+    return DecideLevel(WRITE_LEVEL, appId, packageId, dbHelper);
+}
 
+/* The white list first; then an accelerator row of the package gives the
+ * public privilege; without one, the application's metadata decides. */
+CPermissionHelper::PermissionLevel CPermissionHelper::DecideLevel(const LevelProcedure& procedure,
+                                                                  const std::string& appId,
+                                                                  const std::string& packageId,
+                                                                  CContentHelper* dbHelper)
+{
     auto whiteListed = m_permissionWhiteList.find(packageId);
     if (whiteListed != m_permissionWhiteList.end()) {
         return whiteListed->second;
     }
 
+    std::string permission;
     if (HasAcceleratorRow(packageId, dbHelper)) {
-        permission = WRITE_TILES;
+        permission = *procedure.launcherPrivilege;
+    }
+    if (permission.empty()) {
+        permission = PrivilegeFromMetadata(procedure, appId, packageId, dbHelper);
+    }
+    return GetPermissionLevel(permission);
+}
+
+/* Launcher support gives the public privilege (and makes the package's
+ * accelerator row); a declared privilege overrides it. Empty when the
+ * application is unknown or declares neither. */
+std::string CPermissionHelper::PrivilegeFromMetadata(const LevelProcedure& procedure, const std::string& appId,
+                                                     const std::string& packageId, CContentHelper* dbHelper)
+{
+    const char* const func = procedure.name;
+    app_info_h appInfo = nullptr;
+    if (app_info_create(appId.c_str(), &appInfo) != APP_MANAGER_ERROR_NONE) {
+        return "";
     }
 
-    if (permission.empty()) {
-        app_info_h appInfo = nullptr;
-        if (app_info_create(appId.c_str(), &appInfo) == APP_MANAGER_ERROR_NONE) {
-            LOGI("Start get GetSupportNimbeCB for [%s]", packageId.c_str());
-            bool supportNimbe = false;
-            if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
-                LOGI("failed to call metadata callback");
-            } else if (supportNimbe) {
-                LOGI("Need to recover [%s] to acceleartors", packageId.c_str());
-                if (dbHelper != nullptr) {
-                    RecoverAcceleratorID(packageId, dbHelper);
-                    permission = WRITE_TILES;
-                }
-            }
-            LOGI("End get GetSupportNimbeCB for [%s]", packageId.c_str());
-
-            LOGI("Start get GetWritePermissionCB for [%s]", packageId.c_str());
-            m_writePermission.clear();
-            if (app_info_foreach_metadata(appInfo, GetWritePermissionCB, this) == APP_MANAGER_ERROR_NONE) {
-                LOGI("success to call metadata callback");
-            } else {
-                LOGI("failed to call metadata callback");
-            }
-            LOGI("End get GetWritePermissionCB for [%s]", packageId.c_str());
-
-            /* A declared privilege overrides what the launcher support gave. */
-            if (!m_writePermission.empty()) {
-                LOGI("m_writePermission is not empty for [%s]", packageId.c_str());
-                permission = m_writePermission;
-            }
-            app_info_destroy(appInfo);
+    std::string permission;
+    LOGI_AS(func, "Start get GetSupportNimbeCB for [%s]", packageId.c_str());
+    bool supportNimbe = false;
+    if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
+        LOGI_AS(func, "failed to call metadata callback");
+    } else if (supportNimbe) {
+        LOGI_AS(func, "Need to recover [%s] to acceleartors", packageId.c_str());
+        if (dbHelper != nullptr) {
+            RecoverAcceleratorID(packageId, dbHelper);
+            permission = *procedure.launcherPrivilege;
         }
     }
+    LOGI_AS(func, "End get GetSupportNimbeCB for [%s]", packageId.c_str());
 
-    return GetPermissionLevel(permission);
+    LOGI_AS(func, "Start get %s for [%s]", procedure.callbackName, packageId.c_str());
+    std::string& declared = this->*procedure.declared;
+    declared.clear();
+    if (app_info_foreach_metadata(appInfo, procedure.callback, this) == APP_MANAGER_ERROR_NONE) {
+        LOGI_AS(func, "success to call metadata callback");
+    } else {
+        LOGI_AS(func, "failed to call metadata callback");
+    }
+    LOGI_AS(func, "End get %s for [%s]", procedure.callbackName, packageId.c_str());
+
+    if (!declared.empty()) {
+        LOGI_AS(func, "%s is not empty for [%s]", procedure.declaredName, packageId.c_str());
+        permission = declared;
+    }
+    app_info_destroy(appInfo);
+    return permission;
 }
 
 /* The package id is pasted between quotes, not bound: the row must then read
@@ -266,41 +265,32 @@ bool CPermissionHelper::GetWritePermissionCB(const char* key, const char* value,
 
 bool CPermissionHelper::GetReadPermission(const char* key, const char* value)
 {
-    if (key == nullptr || value == nullptr ||
-        std::string(key) != TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION) {
-        return true;
-    }
-    std::string privilege(value);
-    if (privilege == READ_TILES_INTERNAL) {
-        m_readPermission = READ_TILES_INTERNAL;
-        return false;
-    }
-    if (privilege == READ_TILES_MVPD) {
-        m_readPermission = READ_TILES_MVPD;
-        return false;
-    }
-    if (privilege == READ_TILES) {
-        m_readPermission = READ_TILES;
-        return false;
-    }
-    return true;
+    return TakeDeclaredPrivilege(key, value, TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION,
+                                 {&READ_TILES_INTERNAL, &READ_TILES_MVPD, &READ_TILES}, m_readPermission);
 }
 
+/* A declared WRITE_TILES_INTERNAL is not recognised on purpose. */
 bool CPermissionHelper::GetWritePermission(const char* key, const char* value)
 {
-    if (key == nullptr || value == nullptr ||
-        std::string(key) != TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION) {
+    return TakeDeclaredPrivilege(key, value, TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION,
+                                 {&WRITE_TILES_MVPD, &WRITE_TILES}, m_writePermission);
+}
+
+/* One metadata entry: when it is `privilegeKey` with one of the `recognised`
+ * privileges, that privilege is kept in `declared` and the pass stops
+ * (false); anything else goes on. */
+bool CPermissionHelper::TakeDeclaredPrivilege(const char* key, const char* value, const char* privilegeKey,
+                                              std::initializer_list<const std::string*> recognised,
+                                              std::string& declared)
+{
+    if (key == nullptr || value == nullptr || std::string(key) != privilegeKey) {
         return true;
     }
-    /* A declared WRITE_TILES_INTERNAL is not recognised on purpose. */
-    std::string privilege(value);
-    if (privilege == WRITE_TILES_MVPD) {
-        m_writePermission = WRITE_TILES_MVPD;
-        return false;
-    }
-    if (privilege == WRITE_TILES) {
-        m_writePermission = WRITE_TILES;
-        return false;
+    for (const std::string* privilege : recognised) {
+        if (*privilege == value) {
+            declared = *privilege;
+            return false;
+        }
     }
     return true;
 }
@@ -356,12 +346,11 @@ int64_t CPermissionHelper::RecoverAcceleratorID(std::string packageId, CContentH
     }
 
     /* A bare row: every other column takes the schema's default. */
-    bundle* values = bundle_create();
-    bundle_add_str(values, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
+    BundlePtr values = MakeBundle();
+    bundle_add_str(values.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
                    CContentHelper::ToSQLFormat(packageId).c_str());
-    connection->InsertRequest("accelerators", values);
+    connection->InsertRequest("accelerators", values.get());
     acceleratorId = connection->GetLastInsertRowID();
-    bundle_free(values);
     return acceleratorId;
 }
 
@@ -385,14 +374,8 @@ void CPermissionHelper::ValidateColumnForPermissionCB(const char* key, const cha
 
 void CPermissionHelper::ValidateColumnForPermission(const char* key, const char* /*value*/)
 {
-    std::map<std::string, PermissionLevel>* tablePermissions = nullptr;
-    if (m_validateTable == TilesModel::Accelerators::CONTENT_URI) {
-        tablePermissions = &m_acceleratorPermissions;
-    } else if (m_validateTable == TilesModel::Sections::CONTENT_URI) {
-        tablePermissions = &m_sectionPermissions;
-    } else if (m_validateTable == TilesModel::Tiles::CONTENT_URI) {
-        tablePermissions = &m_tilePermissions;
-    } else {
+    std::map<std::string, PermissionLevel>* tablePermissions = TablePermissions(m_validateTable);
+    if (tablePermissions == nullptr) {
         LOGI("%s : unknown table", __func__);
         m_bColumnsValid = false;
         return;
@@ -416,74 +399,14 @@ std::vector<std::string> CPermissionHelper::GetAllowedProjectionForPermission(st
                                                                               std::vector<std::string>& projection,
                                                                               PermissionLevel level)
 {
-    std::vector<std::string> allowed;
-
     if (projection.empty()) {
-        if (level < PERMISSION_LEVEL_PUBLIC) {
-            return allowed;
-        }
-        if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
-            using namespace TilesModel::Accelerators;
-            namespace Internal = TilesInternalModel::Accelerators;
-            allowed = {_ID, ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED, ACCELERATOR_ENABLED,
-                       ACCELERATOR_ID};
-            if (level == PERMISSION_LEVEL_INTERNAL) {
-                allowed.insert(allowed.end(),
-                               {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
-                                Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
-                                Internal::ACCELERATOR_QEB_WEB_APP_ID});
-            }
-        } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
-            using namespace TilesModel::Sections;
-            allowed = {_ID,
-                       SECTION_ID,
-                       SECTION_TITLE,
-                       SECTION_POSITION,
-                       SECTION_ACCELERATOR_RAW_ID,
-                       SECTION_TITLE_DISPLAY_MODE,
-                       SECTION_SUBTITLE_DISPLAY_MODE};
-        } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
-            using namespace TilesModel::Tiles;
-            allowed = {_ID,
-                       TILE_ID,
-                       TILE_SECTION_RAW_ID,
-                       TILE_TYPE,
-                       TILE_TITLE,
-                       TILE_SUBTITLE,
-                       TILE_DISPLAY_FROM,
-                       TILE_DISPLAY_UNTIL,
-                       TILE_ACTION_PLAY,
-                       TILE_ACTION_CLICK,
-                       TILE_ACTION_TYPE,
-                       TILE_ACTION_DETAILS,
-                       TILE_IMAGE_URL,
-                       TILE_IMAGE_PATH,
-                       TILE_IMAGE_WIDTH,
-                       TILE_IMAGE_HEIGHT,
-                       TILE_IMAGE_RATIO,
-                       TILE_SOURCE_ICON,
-                       TILE_SOURCE_ICON_PATH,
-                       TILE_ACTION_PRE_PLAY,
-                       TILE_ACTION_POST_PLAY,
-                       TILE_PLAYABLE,
-                       TILE_PROGRESS,
-                       TILE_NOTIFICATION,
-                       TILE_FAVORITE,
-                       TILE_POSITION,
-                       TILE_EXTRA_APP_ID};
-        }
-        return allowed;
+        return DefaultProjection(tableUri, level);
     }
 
+    std::vector<std::string> allowed;
     for (const std::string& name : projection) {
-        std::map<std::string, PermissionLevel>* tablePermissions = nullptr;
-        if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
-            tablePermissions = &m_acceleratorPermissions;
-        } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
-            tablePermissions = &m_sectionPermissions;
-        } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
-            tablePermissions = &m_tilePermissions;
-        } else {
+        std::map<std::string, PermissionLevel>* tablePermissions = TablePermissions(tableUri);
+        if (tablePermissions == nullptr) {
             continue;
         }
         /* A name the table does not list is added with level 0 and passes. */
@@ -492,6 +415,42 @@ std::vector<std::string> CPermissionHelper::GetAllowedProjectionForPermission(st
             allowed.push_back(name);
         }
         LOGI("%s : tablePermissions[%s] = %d", __func__, name.c_str(), required);
+    }
+    return allowed;
+}
+
+std::map<std::string, CPermissionHelper::PermissionLevel>* CPermissionHelper::TablePermissions(
+    const std::string& tableUri)
+{
+    if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+        return &m_acceleratorPermissions;
+    }
+    if (tableUri == TilesModel::Sections::CONTENT_URI) {
+        return &m_sectionPermissions;
+    }
+    if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+        return &m_tilePermissions;
+    }
+    return nullptr;
+}
+
+/* What an empty projection stands for: every column the table shows its
+ * readers; the internal level also sees the accelerators' own columns. */
+std::vector<std::string> CPermissionHelper::DefaultProjection(const std::string& tableUri, PermissionLevel level)
+{
+    std::vector<std::string> allowed;
+    if (level < PERMISSION_LEVEL_PUBLIC) {
+        return allowed;
+    }
+    if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+        Append(allowed, PublicAcceleratorColumns());
+        if (level == PERMISSION_LEVEL_INTERNAL) {
+            Append(allowed, InternalAcceleratorColumns());
+        }
+    } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
+        Append(allowed, SectionColumns());
+    } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+        Append(allowed, TileColumns());
     }
     return allowed;
 }

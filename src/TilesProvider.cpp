@@ -13,6 +13,7 @@
 
 #include <sqlite3.h>
 
+#include <bundle_ptr.h>
 #include <data_control.h>
 #include <message_port.h>
 #include <package_manager.h>
@@ -81,14 +82,11 @@ void CTilesProvider::ReleaseInstance()
 
 CTilesProvider::CTilesProvider()
     : m_pAppSectionChangeManager(nullptr)
-    , m_pPermissionHelper(nullptr)
-    , m_pDbHelper(nullptr)
-    , m_pDbLock(nullptr)
     , m_pSyncEventHelper(nullptr)
     , m_bDbCorrupted(false)
     , m_bPowerOffSubscribed(false)
 {
-    m_pDbLock = new CDBLock(DB_LOCK_NAME);
+    m_pDbLock.reset(new CDBLock(DB_LOCK_NAME));
 
     std::string directory = DatabaseDirectory();
     std::string path = directory + DB_FILE_NAME;
@@ -96,7 +94,7 @@ CTilesProvider::CTilesProvider()
     // Only waits (and logs) while the file is missing; the helper creates it.
     isDBFileExist(path);
 
-    m_pDbHelper = new CDbHelper(directory, DB_FILE_NAME, DB_VERSION);
+    m_pDbHelper.reset(new CDbHelper(directory, DB_FILE_NAME, DB_VERSION));
 
     // Not initialised until the rest of the service is up.
     m_pSyncEventHelper = new CMessageHelper(PREVIEW_EVENT_PORT_NAME);
@@ -116,9 +114,9 @@ CTilesProvider::CTilesProvider()
         m_pDbHelper->OnCreate(pConnection);
     }
 
-    m_pAppSectionChangeManager = new CAppSectionChangeManager(m_pDbHelper);
+    m_pAppSectionChangeManager = new CAppSectionChangeManager(m_pDbHelper.get());
 
-    m_pPermissionHelper = new CPermissionHelper();
+    m_pPermissionHelper.reset(new CPermissionHelper());
 
     if (m_pAppSectionChangeManager != nullptr) {
         m_pAppSectionChangeManager->RefreshLauncherItemFromBackup();
@@ -137,18 +135,16 @@ CTilesProvider::CTilesProvider()
     }
 }
 
-/* The message helper is not deleted: it lives, with its port, until the
- * process exits. */
+/* Taken down in this order: the change manager, the permission helper, the
+ * database, the callbacks, the power-off watch, the lock. The message helper
+ * is not deleted: it lives, with its port, until the process exits. */
 CTilesProvider::~CTilesProvider()
 {
     delete m_pAppSectionChangeManager;
     m_pAppSectionChangeManager = nullptr;
 
-    delete m_pPermissionHelper;
-    m_pPermissionHelper = nullptr;
-
-    delete m_pDbHelper;
-    m_pDbHelper = nullptr;
+    m_pPermissionHelper.reset();
+    m_pDbHelper.reset();
 
     unregisterDatabaseCB();
     DeinitializeDatacontrolProvider();
@@ -161,8 +157,7 @@ CTilesProvider::~CTilesProvider()
     m_bDbCorrupted = false;
     m_packageIdCache.clear();
 
-    delete m_pDbLock;
-    m_pDbLock = nullptr;
+    m_pDbLock.reset();
 }
 
 bool CTilesProvider::isDBFileExist(std::string path)
@@ -215,30 +210,28 @@ int CTilesProvider::SendSyncEvent(TilesEvent event, DbOperation operation, const
     std::string packageId = GetPackageId(applicationId);
     LOGD("AppId = %s\tPackageId = %s", applicationId.c_str(), packageId.c_str());
 
-    bundle* pEvent = bundle_create();
-    bundle_add_str(pEvent, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, packageId.c_str());
+    BundlePtr pEvent = MakeBundle();
+    bundle_add_str(pEvent.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, packageId.c_str());
     if (sectionRawId != nullptr) {
-        bundle_add_str(pEvent, TilesModel::Tiles::TILE_SECTION_RAW_ID, sectionRawId);
+        bundle_add_str(pEvent.get(), TilesModel::Tiles::TILE_SECTION_RAW_ID, sectionRawId);
     }
     if (!bDbChanged) {
         // A relayed end mark of the client's batch.
-        bundle_add_str(pEvent, TilesModel::EVENT_TILES_SYNC_KEY, TilesModel::EVENT_TILES_SYNC_STATUS_END);
+        bundle_add_str(pEvent.get(), TilesModel::EVENT_TILES_SYNC_KEY, TilesModel::EVENT_TILES_SYNC_STATUS_END);
     }
     if (operation == DB_OPERATION_DELETE) {
-        bundle_add_str(pEvent, "OPERATION", "DELETE");
+        bundle_add_str(pEvent.get(), "OPERATION", "DELETE");
     }
-    bundle_add_str(pEvent, "sync", "end");
+    bundle_add_str(pEvent.get(), "sync", "end");
 
     int result = 0;
     if (m_pSyncEventHelper != nullptr) {
         LOGI("Try to Send sync event appID %s\tPackageId = %s", applicationId.c_str(), packageId.c_str());
-        result = m_pSyncEventHelper->Send(pEvent, true);
+        result = m_pSyncEventHelper->Send(pEvent.get(), true);
     } else {
         LOGI("m_pSyncEventHelper is NULL! ");
         result = -22;
     }
-
-    bundle_free(pEvent);
     return result;
 }
 
@@ -254,7 +247,7 @@ std::string CTilesProvider::GetPackageId(std::string appId)
         return cached->second;
     }
 
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     std::string packageId = appId;
     char* pPackageId = nullptr;
     if (package_manager_get_package_id_by_app_id(appId.c_str(), &pPackageId) == PACKAGE_MANAGER_ERROR_NONE &&
@@ -274,7 +267,7 @@ void* CTilesProvider::SendSyncEventThread(void* eventBundle)
         return nullptr;
     }
 
-    bundle* pEvent = static_cast<bundle*>(eventBundle);
+    BundlePtr pEvent(static_cast<bundle*>(eventBundle));
     bool bPortExists = false;
     for (int attempt = 0; attempt < SYNC_EVENT_THREAD_ATTEMPTS; ++attempt) {
         sleep(1);
@@ -284,7 +277,7 @@ void* CTilesProvider::SendSyncEventThread(void* eventBundle)
             bExists) {
             bPortExists = true;
             int result = message_port_send_message(SYNC_EVENT_MESSAGE_PORT_APP_ID.c_str(),
-                                                   SYNC_EVENT_MESSAGE_PORT_NAME.c_str(), pEvent);
+                                                   SYNC_EVENT_MESSAGE_PORT_NAME.c_str(), pEvent.get());
             if (result == MESSAGE_PORT_ERROR_NONE) {
                 LOGI("success to send sync event in thread : %d", result);
             } else {
@@ -294,7 +287,7 @@ void* CTilesProvider::SendSyncEventThread(void* eventBundle)
         }
     }
 
-    bundle_free(pEvent);
+    pEvent.reset();
     if (!bPortExists) {
         LOGI("failed by Message port not ready");
     }
@@ -322,29 +315,40 @@ bool IsWritableUri(const std::string& uri)
     return uri == TilesModel::Sections::CONTENT_URI || uri == TilesModel::Tiles::CONTENT_URI;
 }
 
+/* One kind of the content library's callbacks: how to register it for a
+ * table and how to remove it, and the words its failures are logged with. */
+struct DatabaseCallbackKind
+{
+    std::function<bool(const std::string& uri, void* pUserData)> Register;
+    std::function<bool(const std::string& uri)> Unregister;
+    const char* registerWords;
+    const char* unregisterWords;
+};
+
+template <typename Callback>
+DatabaseCallbackKind Kind(bool (*doRegister)(std::string, Callback, void*), Callback callback,
+                          bool (*doUnregister)(std::string), const char* registerWords, const char* unregisterWords)
+{
+    return DatabaseCallbackKind{[=](const std::string& uri, void* pUserData) { return doRegister(uri, callback, pUserData); },
+                                [=](const std::string& uri) { return doUnregister(uri); }, registerWords,
+                                unregisterWords};
+}
+
 /* One (kind, table) pair of the content library's callbacks, with its texts. */
 struct DatabaseCallbackRegistration
 {
     std::function<bool()> Register;
     std::function<bool()> Unregister;
-    const char* registerFailure;
-    const char* unregisterFailure;
+    std::string registerFailure;
+    std::string unregisterFailure;
 };
 
-/* The 21 registrations in their order: kinds insert, insert bulk, delete,
- * select, update, update bulk, get id; within a kind Accelerators, Sections,
- * Tiles. The bulk-insert removals report with the plain insert texts, and the
- * removal texts say "get ID" where registration says "get id  "; both kept. */
-std::vector<DatabaseCallbackRegistration> DatabaseCallbackRegistrations(CTilesProvider* pProvider)
+/* The kinds in their order: insert, insert bulk, delete, select, update,
+ * update bulk, get id. The bulk-insert removals report with the plain insert
+ * words, and the removals say "get ID" where registration says "get id " (so
+ * its line has two blanks); both kept. */
+std::vector<DatabaseCallbackKind> DatabaseCallbackKinds()
 {
-    const std::string accelerators = TilesModel::Accelerators::CONTENT_URI;
-    const std::string sections = TilesModel::Sections::CONTENT_URI;
-    const std::string tiles = TilesModel::Tiles::CONTENT_URI;
-
-    auto entry = [](std::function<bool()> doRegister, std::function<bool()> doUnregister, const char* registerFailure,
-                    const char* unregisterFailure) {
-        return DatabaseCallbackRegistration{doRegister, doUnregister, registerFailure, unregisterFailure};
-    };
     ContentInsertCallback insertCB = &CTilesProvider::InsertRequestCB;
     ContentBulkInsertCallback bulkInsertCB = &CTilesProvider::InsertRequestCB;
     ContentDeleteCallback deleteCB = &CTilesProvider::DeleteRequestCB;
@@ -352,100 +356,39 @@ std::vector<DatabaseCallbackRegistration> DatabaseCallbackRegistrations(CTilesPr
     ContentUpdateCallback updateCB = &CTilesProvider::UpdateRequestCB;
     ContentBulkUpdateCallback bulkUpdateCB = &CTilesProvider::UpdateRequestCB;
     ContentGetIdCallback getIdCB = &CTilesProvider::GetRowIDRequestCB;
-    void* pUserData = pProvider;
-
     return {
-        entry([=] { return register_insert_db_callback(std::string(accelerators), insertCB, pUserData); },
-              [=] { return unregister_insert_db_callback(std::string(accelerators)); },
-              "failed to register insert callback for Accelerators table",
-              "failed to unregister insert callback for Accelerators table"),
-        entry([=] { return register_insert_db_callback(std::string(sections), insertCB, pUserData); },
-              [=] { return unregister_insert_db_callback(std::string(sections)); },
-              "failed to register insert callback for Sections table",
-              "failed to unregister insert callback for Sections table"),
-        entry([=] { return register_insert_db_callback(std::string(tiles), insertCB, pUserData); },
-              [=] { return unregister_insert_db_callback(std::string(tiles)); },
-              "failed to register insert callback for Tiles table",
-              "failed to unregister insert callback for Tiles table"),
-
-        entry([=] { return register_insert_db_callback_for_bulkdata(std::string(accelerators), bulkInsertCB, pUserData); },
-              [=] { return unregister_insert_db_callback_for_bulkdata(std::string(accelerators)); },
-              "failed to register insert bulk data callback for Accelerators table",
-              "failed to unregister insert callback for Accelerators table"),
-        entry([=] { return register_insert_db_callback_for_bulkdata(std::string(sections), bulkInsertCB, pUserData); },
-              [=] { return unregister_insert_db_callback_for_bulkdata(std::string(sections)); },
-              "failed to register insert bulk data callback for Sections table",
-              "failed to unregister insert callback for Sections table"),
-        entry([=] { return register_insert_db_callback_for_bulkdata(std::string(tiles), bulkInsertCB, pUserData); },
-              [=] { return unregister_insert_db_callback_for_bulkdata(std::string(tiles)); },
-              "failed to register insert bulk data callback for Tiles table",
-              "failed to unregister insert callback for Tiles table"),
-
-        entry([=] { return register_delete_db_callback(std::string(accelerators), deleteCB, pUserData); },
-              [=] { return unregister_delete_db_callback(std::string(accelerators)); },
-              "failed to register delete callback for Accelerators table",
-              "failed to unregister delete callback for Accelerators table"),
-        entry([=] { return register_delete_db_callback(std::string(sections), deleteCB, pUserData); },
-              [=] { return unregister_delete_db_callback(std::string(sections)); },
-              "failed to register delete callback for Sections table",
-              "failed to unregister delete callback for Sections table"),
-        entry([=] { return register_delete_db_callback(std::string(tiles), deleteCB, pUserData); },
-              [=] { return unregister_delete_db_callback(std::string(tiles)); },
-              "failed to register delete callback for Tiles table",
-              "failed to unregister delete callback for Tiles table"),
-
-        entry([=] { return register_select_db_callback(std::string(accelerators), selectCB, pUserData); },
-              [=] { return unregister_select_db_callback(std::string(accelerators)); },
-              "failed to register select callback for Accelerators table",
-              "failed to unregister select callback for Accelerators table"),
-        entry([=] { return register_select_db_callback(std::string(sections), selectCB, pUserData); },
-              [=] { return unregister_select_db_callback(std::string(sections)); },
-              "failed to register select callback for Sections table",
-              "failed to unregister select callback for Sections table"),
-        entry([=] { return register_select_db_callback(std::string(tiles), selectCB, pUserData); },
-              [=] { return unregister_select_db_callback(std::string(tiles)); },
-              "failed to register select callback for Tiles table",
-              "failed to unregister select callback for Tiles table"),
-
-        entry([=] { return register_update_db_callback(std::string(accelerators), updateCB, pUserData); },
-              [=] { return unregister_update_db_callback(std::string(accelerators)); },
-              "failed to register update callback for Accelerators table",
-              "failed to unregister update callback for Accelerators table"),
-        entry([=] { return register_update_db_callback(std::string(sections), updateCB, pUserData); },
-              [=] { return unregister_update_db_callback(std::string(sections)); },
-              "failed to register update callback for Sections table",
-              "failed to unregister update callback for Sections table"),
-        entry([=] { return register_update_db_callback(std::string(tiles), updateCB, pUserData); },
-              [=] { return unregister_update_db_callback(std::string(tiles)); },
-              "failed to register update callback for Tiles table",
-              "failed to unregister update callback for Tiles table"),
-
-        entry([=] { return register_update_db_callback_for_bulkdata(std::string(accelerators), bulkUpdateCB, pUserData); },
-              [=] { return unregister_update_db_callback_for_bulkdata(std::string(accelerators)); },
-              "failed to register update bulk data callback for Accelerators table",
-              "failed to unregister update bulk data callback for Accelerators table"),
-        entry([=] { return register_update_db_callback_for_bulkdata(std::string(sections), bulkUpdateCB, pUserData); },
-              [=] { return unregister_update_db_callback_for_bulkdata(std::string(sections)); },
-              "failed to register update bulk data callback for Sections table",
-              "failed to unregister update bulk data callback for Sections table"),
-        entry([=] { return register_update_db_callback_for_bulkdata(std::string(tiles), bulkUpdateCB, pUserData); },
-              [=] { return unregister_update_db_callback_for_bulkdata(std::string(tiles)); },
-              "failed to register update bulk data callback for Tiles table",
-              "failed to unregister update bulk data callback for Tiles table"),
-
-        entry([=] { return register_get_id_db_callback(std::string(accelerators), getIdCB, pUserData); },
-              [=] { return unregister_get_id_db_callback(std::string(accelerators)); },
-              "failed to register get id  callback for Accelerators table",
-              "failed to unregister get ID callback for Accelerators table"),
-        entry([=] { return register_get_id_db_callback(std::string(sections), getIdCB, pUserData); },
-              [=] { return unregister_get_id_db_callback(std::string(sections)); },
-              "failed to register get id  callback for Sections table",
-              "failed to unregister get ID callback for Sections table"),
-        entry([=] { return register_get_id_db_callback(std::string(tiles), getIdCB, pUserData); },
-              [=] { return unregister_get_id_db_callback(std::string(tiles)); },
-              "failed to register get id  callback for Tiles table",
-              "failed to unregister get ID callback for Tiles table"),
+        Kind(register_insert_db_callback, insertCB, unregister_insert_db_callback, "insert", "insert"),
+        Kind(register_insert_db_callback_for_bulkdata, bulkInsertCB, unregister_insert_db_callback_for_bulkdata,
+             "insert bulk data", "insert"),
+        Kind(register_delete_db_callback, deleteCB, unregister_delete_db_callback, "delete", "delete"),
+        Kind(register_select_db_callback, selectCB, unregister_select_db_callback, "select", "select"),
+        Kind(register_update_db_callback, updateCB, unregister_update_db_callback, "update", "update"),
+        Kind(register_update_db_callback_for_bulkdata, bulkUpdateCB, unregister_update_db_callback_for_bulkdata,
+             "update bulk data", "update bulk data"),
+        Kind(register_get_id_db_callback, getIdCB, unregister_get_id_db_callback, "get id ", "get ID"),
     };
+}
+
+/* The 21 registrations: every kind for Accelerators, Sections and Tiles, in that order. */
+std::vector<DatabaseCallbackRegistration> DatabaseCallbackRegistrations(CTilesProvider* pProvider)
+{
+    const std::pair<const char*, const char*> tables[] = {
+        {TilesModel::Accelerators::CONTENT_URI, "Accelerators"},
+        {TilesModel::Sections::CONTENT_URI, "Sections"},
+        {TilesModel::Tiles::CONTENT_URI, "Tiles"},
+    };
+    std::vector<DatabaseCallbackRegistration> registrations;
+    for (const DatabaseCallbackKind& kind : DatabaseCallbackKinds()) {
+        for (const auto& table : tables) {
+            std::string uri = table.first;
+            std::string tableWords = std::string(" callback for ") + table.second + " table";
+            void* pUserData = pProvider;
+            registrations.push_back({[=] { return kind.Register(uri, pUserData); }, [=] { return kind.Unregister(uri); },
+                                     "failed to register " + std::string(kind.registerWords) + tableWords,
+                                     "failed to unregister " + std::string(kind.unregisterWords) + tableWords});
+        }
+    }
+    return registrations;
 }
 
 }  // namespace
@@ -476,7 +419,7 @@ void CTilesProvider::registerDatabaseCB()
     for (size_t i = 1; i < registrations.size(); ++i) {
         DatabaseCallbackRegistration& registration = registrations[i];
         if (!registration.Register()) {
-            LOGI("%s", registration.registerFailure);
+            LOGI("%s", registration.registerFailure.c_str());
             registration.Unregister();
             registration.Register();
         }
@@ -487,14 +430,14 @@ void CTilesProvider::unregisterDatabaseCB()
 {
     for (DatabaseCallbackRegistration& registration : DatabaseCallbackRegistrations(this)) {
         if (!registration.Unregister()) {
-            LOGI("%s", registration.unregisterFailure);
+            LOGI("%s", registration.unregisterFailure.c_str());
         }
     }
 }
 
 void CTilesProvider::InitializeDatacontrolProvider()
 {
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
 
     data_control_provider_sql_cb callbacks = {};
     callbacks.insert_cb = InsertRequestCB;
@@ -512,7 +455,7 @@ void CTilesProvider::InitializeDatacontrolProvider()
 
 void CTilesProvider::DeinitializeDatacontrolProvider()
 {
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
 
     int result = data_control_provider_sql_unregister_cb();
     if (result != DATA_CONTROL_ERROR_NONE) {
@@ -522,24 +465,17 @@ void CTilesProvider::DeinitializeDatacontrolProvider()
     }
 }
 
-CPermissionHelper::PermissionLevel CTilesProvider::LockedWritePermissionLevel(const std::string& appId,
-                                                                             const std::string& packageId)
+CPermissionHelper::PermissionLevel CTilesProvider::LockedPermissionLevel(Access access, const std::string& appId,
+                                                                         const std::string& packageId)
 {
     if (m_pPermissionHelper == nullptr) {
         return CPermissionHelper::PERMISSION_LEVEL_NONE;
     }
-    CDBLocalScopedLock lock(m_pDbLock);
-    return m_pPermissionHelper->GetWritePermissionLevel(appId, packageId, m_pDbHelper);
-}
-
-CPermissionHelper::PermissionLevel CTilesProvider::LockedReadPermissionLevel(const std::string& appId,
-                                                                            const std::string& packageId)
-{
-    if (m_pPermissionHelper == nullptr) {
-        return CPermissionHelper::PERMISSION_LEVEL_NONE;
+    CDBLocalScopedLock lock(m_pDbLock.get());
+    if (access == Access::WRITE) {
+        return m_pPermissionHelper->GetWritePermissionLevel(appId, packageId, m_pDbHelper.get());
     }
-    CDBLocalScopedLock lock(m_pDbLock);
-    return m_pPermissionHelper->GetReadPermissionLevel(appId, packageId, m_pDbHelper);
+    return m_pPermissionHelper->GetReadPermissionLevel(appId, packageId, m_pDbHelper.get());
 }
 
 CContentDbConnection* CTilesProvider::Connection()
@@ -547,134 +483,184 @@ CContentDbConnection* CTilesProvider::Connection()
     return (m_pDbHelper != nullptr) ? m_pDbHelper->GetConnection() : nullptr;
 }
 
-int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
+/* Who may make the request, logged in the name of the handler `func`: a
+ * write must name the sections or tiles table; then the caller's package and
+ * its read or write level; a level below public is refused (by `refuse`, else
+ * with the plain refusal line). RESULT_SUCCESS with `scope` filled but for
+ * the connection, or the handler's result code. */
+int CTilesProvider::CheckCaller(const char* func, Access access, const std::string& appId, const std::string& uri,
+                                RequestScope& scope, const std::function<void()>& refuse)
 {
-    out.nRowId = -1;
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
+    if (access == Access::WRITE && !IsWritableUri(uri)) {
+        LOGI_AS(func, "failed by invalid URI");
         return RESULT_INVALID_URI;
     }
 
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
+    scope.table = CContentHelper::GetTableNameFromUri(uri);
+    scope.packageId = GetPackageId(appId);
+    LOGD_AS(func, "AppId = %s\tPackageId = %s", appId.c_str(), scope.packageId.c_str());
 
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
+    scope.level = LockedPermissionLevel(access, appId, scope.packageId);
+    LOGD_AS(func, "%s permission level = %d", access == Access::WRITE ? "write" : "read", scope.level);
+    if (scope.level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
+        if (refuse) {
+            refuse();
+        } else {
+            LOGI_AS(func, "failed by permission");
+        }
         return RESULT_PERMISSION_DENIED;
     }
+    return RESULT_SUCCESS;
+}
 
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
+/* The opening every content request shares: the caller checked, then the connection. */
+int CTilesProvider::OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
+                                RequestScope& scope)
+{
+    int checked = CheckCaller(func, access, appId, uri, scope, nullptr);
+    if (checked != RESULT_SUCCESS) {
+        return checked;
+    }
+    scope.pConnection = Connection();
+    return (scope.pConnection == nullptr) ? RESULT_FAILED : RESULT_SUCCESS;
+}
+
+/* The client's where clause confined to the caller's own rows of the scope's table. */
+std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& where, const RequestScope& scope)
+{
+    CQueryGenerator queryGenerator(m_pDbHelper.get());
+    std::string confined = queryGenerator.GenerateQuery(scope.table, where, scope.packageId, scope.level);
+    LOGD_AS(func, "generated query = %s", confined.c_str());
+    return confined;
+}
+
+/* An update or delete of the caller's own rows: opened, confined, then `write`. */
+int CTilesProvider::ConfinedWrite(const char* func, const std::string& appId, const std::string& uri,
+                                  const std::string& where, const ConfinedWriteBody& write)
+{
+    RequestScope scope;
+    int opened = OpenRequest(func, Access::WRITE, appId, uri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
+    }
+    return write(*scope.pConnection, scope.table, ConfinedWhere(func, where, scope));
+}
+
+/* A read of the caller's own rows, of the columns its level may read; with
+ * `bIdsOnly` of the row ids only, whatever the client asked for. Null when
+ * refused or failed. */
+std::shared_ptr<ISQLiteCursor> CTilesProvider::ConfinedSelect(const char* func, PT_PROVIDER_SELECT_IN_PARAM& in,
+                                                              bool bIdsOnly, std::string& table)
+{
+    RequestScope scope;
+    if (OpenRequest(func, Access::READ, in.strAppId, in.strUri, scope) != RESULT_SUCCESS) {
+        return nullptr;
+    }
+    table = scope.table;
+
+    std::vector<std::string> projection;
+    if (bIdsOnly) {
+        in.vecProjection = {TilesModel::BaseColumnsID};
+        projection = in.vecProjection;
+    }
+    if (m_pPermissionHelper != nullptr) {
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
+    }
+
+    std::string where = ConfinedWhere(func, in.strWhere, scope);
+    if (!bIdsOnly && in.vecWhereArgs.size() == 1) {
+        LOGD_AS(func, " %s", in.vecWhereArgs[0].c_str());
+    }
+
+    std::shared_ptr<ISQLiteCursor> cursor =
+        scope.pConnection->SelectRequest(scope.table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    if (cursor == nullptr) {
+        LOGI_AS(func, "failed to get cursor");
+    }
+    return cursor;
+}
+
+/* A bulk write: opened like any write, then `body` runs in one transaction
+ * and says how the bulk ended (its result and whether to commit); an empty
+ * bulk and an exception roll back. */
+int CTilesProvider::BulkWrite(const char* func, const std::string& appId, const std::string& uri, bool bEmpty,
+                              const BulkWriteBody& body)
+{
+    RequestScope scope;
+    int opened = OpenRequest(func, Access::WRITE, appId, uri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
+    }
+
+    CContentDbConnection* pConnection = scope.pConnection;
+    pConnection->BeginTransaction();
+    if (bEmpty) {
+        pConnection->EndTransaction(false);
         return RESULT_FAILED;
+    }
+    try {
+        BulkOutcome outcome = body(*pConnection, scope.table);
+        pConnection->EndTransaction(outcome.bCommit);
+        return outcome.result;
+    } catch (...) {
+        LOGI_AS(func, "failed by exception");
+        pConnection->EndTransaction(false);
+        return RESULT_FAILED;
+    }
+}
+
+int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
+{
+    out.nRowId = -1;
+    RequestScope scope;
+    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
     }
 
     // The row is written as the client sent it: no column check.
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    int result = pConnection->InsertRequest(table, in.pValues);
+    int result = scope.pConnection->InsertRequest(scope.table, in.pValues);
     if (result == 0) {
-        out.nRowId = pConnection->GetLastInsertRowID();
+        out.nRowId = scope.pConnection->GetLastInsertRowID();
     }
     return result;
 }
 
+/* All rows or none: the first failure rolls the bulk back. */
 int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
     out.nRowId = -1;
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
-    }
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    pConnection->BeginTransaction();
-    if (in.vecValues.empty()) {
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
-
-    try {
+    const char* const func = __func__;
+    auto insertAll = [&](CContentDbConnection& connection, const std::string& table) -> BulkOutcome {
         int result = 0;
         for (bundle* pValues : in.vecValues) {
-            std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-            result = pConnection->InsertRequest(table, pValues);
+            result = connection.InsertRequest(table, pValues);
             if (result != 0) {
                 break;
             }
-            out.nRowId = pConnection->GetLastInsertRowID();
+            out.nRowId = connection.GetLastInsertRowID();
         }
-
         if (result == 0) {
-            pConnection->EndTransaction(true);
-            return RESULT_SUCCESS;
+            return {RESULT_SUCCESS, true};
         }
-        LOGI("failed to InsertRequest for bulk");
+        LOGI_AS(func, "failed to InsertRequest for bulk");
         out.nRowId = -1;
-        pConnection->EndTransaction(false);
-        return result;
-    } catch (...) {
-        LOGI("failed by exception");
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
+        return {result, false};
+    };
+    return BulkWrite(func, in.strAppId, in.strUri, in.vecValues.empty(), insertAll);
 }
 
 bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
 {
     out.nRequestId = -1;
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedReadPermissionLevel(in.strAppId, packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return false;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return false;
-    }
-
-    std::vector<std::string> projection;
-    if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, level);
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-    if (in.vecWhereArgs.size() == 1) {
-        LOGD(" %s", in.vecWhereArgs[0].c_str());
-    }
-
-    std::shared_ptr<ISQLiteCursor> cursor =
-        pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    std::string table;
+    std::shared_ptr<ISQLiteCursor> cursor = ConfinedSelect(__func__, in, false, table);
     if (cursor == nullptr) {
-        LOGI("failed to get cursor");
         return false;
     }
 
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     CSharedQueryObject::StoreCursor(cursor, table, out.strSharedName, out.nColumnCount);
     out.nRequestId = CSharedQueryObject::GetRequestID();
     return true;
@@ -682,32 +668,10 @@ bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_
 
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& /*out*/)
 {
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
-    }
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-
-    return pConnection->UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
+    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere,
+                         [&](CContentDbConnection& connection, const std::string& table, const std::string& where) {
+                             return connection.UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
+                         });
 }
 
 /* Each bundle names its row by id. The rows are not confined to the caller's
@@ -716,125 +680,43 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_U
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& /*out*/)
 {
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
-    }
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    pConnection->BeginTransaction();
-    if (in.vecValues.empty()) {
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
-
-    int lastResult = RESULT_FAILED;
-    try {
+    const char* const func = __func__;
+    auto updateEach = [&](CContentDbConnection& connection, const std::string& table) -> BulkOutcome {
+        int lastResult = RESULT_FAILED;
         for (bundle* pValues : in.vecValues) {
             const char* pRowId = bundle_get_val(pValues, BULK_UPDATE_ROW_ID_KEY);
             std::vector<std::string> whereArgs = {(pRowId != nullptr) ? pRowId : ""};
 
             if (bundle_del(pValues, BULK_UPDATE_ROW_ID_KEY) != BUNDLE_ERROR_NONE) {
                 // Commits what an earlier bundle of this bulk updated, if any.
-                LOGI("failed to delete row ID bundle for bulk");
-                pConnection->EndTransaction(lastResult == 0);
-                return lastResult;
+                LOGI_AS(func, "failed to delete row ID bundle for bulk");
+                return {lastResult, lastResult == 0};
             }
 
-            std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-            lastResult = pConnection->UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
+            lastResult = connection.UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
             if (lastResult != 0) {
-                LOGI("failed to UpdateRequest for bulk");
-                pConnection->EndTransaction(false);
-                return lastResult;
+                LOGI_AS(func, "failed to UpdateRequest for bulk");
+                return {lastResult, false};
             }
         }
-        pConnection->EndTransaction(true);
-        return RESULT_SUCCESS;
-    } catch (...) {
-        LOGI("failed by exception");
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
+        return {RESULT_SUCCESS, true};
+    };
+    return BulkWrite(func, in.strAppId, in.strUri, in.vecValues.empty(), updateEach);
 }
 
 int CTilesProvider::DeleteRequest(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
-    }
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-
-    return pConnection->DeleteRequest(table, where, in.vecWhereArgs);
+    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere,
+                         [&](CContentDbConnection& connection, const std::string& table, const std::string& where) {
+                             return connection.DeleteRequest(table, where, in.vecWhereArgs);
+                         });
 }
 
 bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
 {
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedReadPermissionLevel(in.strAppId, packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return false;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return false;
-    }
-
-    // Only ids, whatever the client asked for.
-    in.vecProjection = {TilesModel::BaseColumnsID};
-    std::vector<std::string> projection = in.vecProjection;
-    if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, level);
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-
-    std::shared_ptr<ISQLiteCursor> cursor =
-        pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+    std::string table;
+    std::shared_ptr<ISQLiteCursor> cursor = ConfinedSelect(__func__, in, true, table);
     if (cursor == nullptr) {
-        LOGI("failed to get cursor");
         return false;
     }
 
@@ -851,154 +733,147 @@ bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDE
     return true;
 }
 
-/* ---- content-library road --------------------------------------------------- */
+/* ---- content-library interface -------------------------------------------------- */
+
+/* The provider a content-library request carries; null (logged in the
+ * handler's name) when it carries none. */
+CTilesProvider* CTilesProvider::ContentRequestProvider(const char* func, void* pUserData)
+{
+    CTilesProvider* pProvider = static_cast<CTilesProvider*>(pUserData);
+    if (pProvider == nullptr) {
+        LOGI_AS(func, "failed by NULL user_data");
+    }
+    return pProvider;
+}
+
+void CTilesProvider::LogSyncEventResult(const char* func, int sendResult)
+{
+    if (sendResult == 0) {
+        LOGI_AS(func, "success to send sync event");
+    } else {
+        LOGI_AS(func, "failed to send event : %d", sendResult);
+    }
+}
+
+/* Runs a content request's handler when the request carries the provider,
+ * then writes its outcome line; `failed` when it carries none. */
+template <typename Result>
+Result CTilesProvider::RunContentRequest(const char* func, void* pUserData, Result failed,
+                                         const std::function<Result(CTilesProvider&)>& handle)
+{
+    CTilesProvider* pProvider = ContentRequestProvider(func, pUserData);
+    if (pProvider == nullptr) {
+        return failed;
+    }
+    return handle(*pProvider);
+}
 
 int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return RESULT_FAILED;
-    }
-
-    TilesEvent event = pProvider->GetSyncEvent(in.pValues);
-    if (event == TILES_EVENT_NONE) {
-        int result = pProvider->InsertRequest(in, out);
-        LOGI("INSERT row id = %lld", static_cast<long long>(out.nRowId));
-        return result;
-    }
-
-    if (event == TILES_EVENT_SYNC_END) {
-        // The end of a client's batch: relayed as an event, nothing is written.
-        const char* pSectionRawId = bundle_get_val(in.pValues, TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        int sendResult = pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, in.strAppId.c_str(),
-                                                  pSectionRawId, false);
-        if (sendResult == 0) {
-            LOGI("success to send sync event");
-        } else {
-            LOGI("failed to send event : %d", sendResult);
+    const char* const func = __func__;
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        TilesEvent event = provider.GetSyncEvent(in.pValues);
+        if (event == TILES_EVENT_NONE) {
+            int result = provider.InsertRequest(in, out);
+            LOGI_AS(func, "INSERT row id = %lld", static_cast<long long>(out.nRowId));
+            return result;
+        }
+        if (event == TILES_EVENT_SYNC_END) {
+            // The end of a client's batch: relayed as an event, nothing is written.
+            const char* pSectionRawId = bundle_get_val(in.pValues, TilesModel::Tiles::TILE_SECTION_RAW_ID);
+            LogSyncEventResult(func, provider.SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
+                                                            in.strAppId.c_str(), pSectionRawId, false));
         }
         // The client reads a sync mark as not inserted, success included.
         return RESULT_FAILED;
-    }
-
-    return RESULT_FAILED;
+    });
 }
 
 int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                     PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->InsertRequest(in, out);
-    LOGI("INSERT row id = %lld", static_cast<long long>(out.nRowId));
-
-    if (result == 0) {
-        const char* pSectionRawId = in.vecValues.empty()
-                                        ? nullptr
-                                        : bundle_get_val(in.vecValues.back(), TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        int sendResult = pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, in.strAppId.c_str(),
-                                                  pSectionRawId, true);
-        if (sendResult == 0) {
-            LOGI("success to send sync event");
-        } else {
-            LOGI("failed to send event : %d", sendResult);
+    const char* const func = __func__;
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        int result = provider.InsertRequest(in, out);
+        LOGI_AS(func, "INSERT row id = %lld", static_cast<long long>(out.nRowId));
+        if (result == 0) {
+            const char* pSectionRawId =
+                in.vecValues.empty() ? nullptr
+                                     : bundle_get_val(in.vecValues.back(), TilesModel::Tiles::TILE_SECTION_RAW_ID);
+            LogSyncEventResult(func, provider.SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
+                                                            in.strAppId.c_str(), pSectionRawId, true));
         }
-    }
-    return result;
+        return result;
+    });
 }
 
 bool CTilesProvider::SelectRequestCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return false;
-    }
+    const char* const func = __func__;
+    return RunContentRequest<bool>(func, in.pUserData, false, [&](CTilesProvider& provider) {
+        bool result = provider.SelectRequest(in, out);
+        if (result) {
+            LOGI_AS(func, "success SELECT");
+        } else {
+            LOGI_AS(func, "failed SELECT");
+        }
+        return result;
+    });
+}
 
-    bool result = pProvider->SelectRequest(in, out);
-    if (result) {
-        LOGI("success SELECT");
-    } else {
-        LOGI("failed SELECT");
-    }
-    return result;
+/* Either update; a bulk update sends no synchronisation event. */
+template <typename In, typename Out>
+int CTilesProvider::RunUpdate(const char* func, In& in, Out& out)
+{
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        int result = provider.UpdateRequest(in, out);
+        LOGI_AS(func, "UPDATE result = %d", result);
+        return result;
+    });
 }
 
 int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->UpdateRequest(in, out);
-    LOGI("UPDATE result = %d", result);
-    return result;
+    return RunUpdate(__func__, in, out);
 }
 
 int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                     PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->UpdateRequest(in, out);
-    LOGI("UPDATE result = %d", result);
-    return result;
+    return RunUpdate(__func__, in, out);
 }
 
 int CTilesProvider::DeleteRequestCB(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return RESULT_FAILED;
-    }
-
-    int result = pProvider->DeleteRequest(in);
-    LOGI("DELETE result = %d", result);
-
-    if (result == 0) {
-        int sendResult =
-            pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_DELETE, in.strAppId.c_str(), "delete", true);
-        if (sendResult == 0) {
-            LOGI("success to send sync event");
-        } else {
-            LOGI("failed to send event : %d", sendResult);
+    const char* const func = __func__;
+    return RunContentRequest<int>(func, in.pUserData, RESULT_FAILED, [&](CTilesProvider& provider) {
+        int result = provider.DeleteRequest(in);
+        LOGI_AS(func, "DELETE result = %d", result);
+        if (result == 0) {
+            LogSyncEventResult(func, provider.SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_DELETE,
+                                                            in.strAppId.c_str(), "delete", true));
         }
-    }
-    return result;
+        return result;
+    });
 }
 
 bool CTilesProvider::GetRowIDRequestCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
-    if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
-        return false;
-    }
-
-    bool result = pProvider->GetRowIDRequest(in, out);
-    LOGI("Get Row ID result = %d", result);
-    return result;
+    const char* const func = __func__;
+    return RunContentRequest<bool>(func, in.pUserData, false, [&](CTilesProvider& provider) {
+        bool result = provider.GetRowIDRequest(in, out);
+        LOGI_AS(func, "Get Row ID result = %d", result);
+        return result;
+    });
 }
 
-/* ---- data-control road -------------------------------------------------------- */
+/* ---- data-control interface ----------------------------------------------------- */
 
 /* The caller's application id, fetched under the lock; null when it cannot be had. */
 CTilesProvider::PlatformTextHolder CTilesProvider::FetchClientAppId(int requestId)
 {
     char* pAppId = nullptr;
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     int result = data_control_provider_get_client_appid(requestId, &pAppId);
     if (result != DATA_CONTROL_ERROR_NONE) {
         LOGI("failed to datacontrol_provider_get_client_appid : %d", result);
@@ -1011,7 +886,7 @@ void CTilesProvider::FetchProviderAndDataId(data_control_s* provider, PlatformTe
 {
     char* pProviderId = nullptr;
     char* pDataId = nullptr;
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     int result = data_control_sql_get_provider_id(provider, &pProviderId);
     if (result != DATA_CONTROL_ERROR_NONE) {
         LOGI("failed to data_control_sql_get_provider_id : %d", result);
@@ -1024,135 +899,162 @@ void CTilesProvider::FetchProviderAndDataId(data_control_s* provider, PlatformTe
     dataId.reset(pDataId);
 }
 
-void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _bundle_t* insertData, void* userData)
+CTilesProvider::DataControlRequest::DataControlRequest(int id) : requestId(id), appId(NoText()), providerId(NoText()), dataId(NoText())
 {
-    LOGD("request_id = %d", requestId);
+}
+
+std::string CTilesProvider::DataControlRequest::Uri() const
+{
+    return std::string(providerId.get()) + "/" + dataId.get();
+}
+
+/* The provider a data-control request carries. When it (or the request's
+ * data) is missing the request is answered with `errorText` and null comes
+ * back; the lines are written in the handler's name. */
+CTilesProvider* CTilesProvider::DataControlRequestProvider(const char* func, int requestId, void* userData,
+                                                           bool bDataPresent, const char* errorText,
+                                                           const char* logText)
+{
+    LOGD_AS(func, "request_id = %d", requestId);
     CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
-    if (pProvider == nullptr || insertData == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data or insert_data");
-        LOGI("failed by NULL user_data or insert_data");
-        return;
+    if (pProvider == nullptr || !bDataPresent) {
+        data_control_provider_send_error(requestId, errorText);
+        LOGI_AS(func, "%s", logText);
+        return nullptr;
     }
+    return pProvider;
+}
 
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
+/* The request's provider id and data id; false (logged in the handler's
+ * name) when they or the caller's id cannot be had. */
+bool CTilesProvider::FetchRequestUri(const char* func, data_control_s* provider, DataControlRequest& request)
+{
+    FetchProviderAndDataId(provider, request.providerId, request.dataId);
+    if (request.appId == nullptr || request.providerId == nullptr || request.dataId == nullptr) {
+        LOGI_AS(func, "failed by invalid URI");
+        return false;
+    }
+    return true;
+}
 
-    TilesEvent event = pProvider->GetSyncEvent(insertData);
+/* The opening of a data-control request but for an insert: the provider it
+ * carries, the caller's id and the request's URI. Null when any is missing. */
+CTilesProvider* CTilesProvider::OpenDataControlRequest(const char* func, data_control_s* provider, void* userData,
+                                                       bool bDataPresent, const char* errorText, const char* logText,
+                                                       DataControlRequest& request)
+{
+    CTilesProvider* pProvider =
+        DataControlRequestProvider(func, request.requestId, userData, bDataPresent, errorText, logText);
+    if (pProvider == nullptr) {
+        return nullptr;
+    }
+    request.appId = pProvider->FetchClientAppId(request.requestId);
+    return pProvider->FetchRequestUri(func, provider, request) ? pProvider : nullptr;
+}
+
+/* Answers a write that succeeded, under the lock; the platform's result, or
+ * DATA_CONTROL_ERROR_NONE when there was nothing to answer. */
+int CTilesProvider::SendWriteResult(int result, const std::function<int()>& send)
+{
+    if (result != 0) {
+        return DATA_CONTROL_ERROR_NONE;
+    }
+    CDBLocalScopedLock lock(m_pDbLock.get());
+    return send();
+}
+
+/* A client's end of batch is relayed as an event; its start is dropped.
+ * True when `insertData` was such a mark. */
+bool CTilesProvider::RelaySyncMark(const char* func, bundle* insertData, const PlatformTextHolder& appId)
+{
+    TilesEvent event = GetSyncEvent(insertData);
     if (event == TILES_EVENT_SYNC_END) {
         const char* pSectionRawId = bundle_get_val(insertData, TilesModel::Tiles::TILE_SECTION_RAW_ID);
         if (appId == nullptr) {
-            LOGI("pAppId is NULL");
-            return;
+            LOGI_AS(func, "pAppId is NULL");
+            return true;
         }
-        int sendResult = pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, appId.get(),
-                                                  pSectionRawId, false);
+        int sendResult = SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, appId.get(), pSectionRawId, false);
         if (sendResult == 0) {
-            LOGI("success to send sync event : %s", appId.get());
+            LOGI_AS(func, "success to send sync event : %s", appId.get());
         } else {
-            LOGI("failed to send event : %d", sendResult);
+            LOGI_AS(func, "failed to send event : %d", sendResult);
         }
+        return true;
+    }
+    return event == TILES_EVENT_SYNC_START;
+}
+
+void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _bundle_t* insertData, void* userData)
+{
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, insertData != nullptr,
+                                                           "failed by NULL user_data or insert_data",
+                                                           "failed by NULL user_data or insert_data");
+    if (pProvider == nullptr) {
         return;
     }
-    if (event == TILES_EVENT_SYNC_START) {
+    request.appId = pProvider->FetchClientAppId(requestId);
+    if (pProvider->RelaySyncMark(__func__, insertData, request.appId) ||
+        !pProvider->FetchRequestUri(__func__, provider, request)) {
         return;
     }
 
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
-        return;
-    }
-
-    PT_PROVIDER_INSERT_IN_PARAM in;
-    in.strAppId = appId.get();
-    in.strUri = std::string(providerId.get()) + "/" + dataId.get();
+    PT_PROVIDER_INSERT_IN_PARAM in = request.MakeRecord<PT_PROVIDER_INSERT_IN_PARAM>(pProvider);
     in.pValues = insertData;
-    in.pUserData = pProvider;
     PT_PROVIDER_INSERT_OUT_PARAM out;
     int result = pProvider->InsertRequest(in, out);
 
-    if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
-        int sendResult = data_control_provider_send_insert_result(requestId, out.nRowId);
-        if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            LOGI("failed to data_control_provider_send_insert_result failed : %d", sendResult);
-        }
+    int sendResult = pProvider->SendWriteResult(
+        result, [&] { return data_control_provider_send_insert_result(requestId, out.nRowId); });
+    if (sendResult != DATA_CONTROL_ERROR_NONE) {
+        LOGI("failed to data_control_provider_send_insert_result failed : %d", sendResult);
     }
-    LOGI("[%s] INSERT row id = %lld", appId.get(), static_cast<long long>(out.nRowId));
+    LOGI("[%s] INSERT row id = %lld", request.appId.get(), static_cast<long long>(out.nRowId));
 }
 
-void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
-                                     char const* where, char const* order, void* userData)
+/* The requested columns that `level` may read, in the requested order. */
+std::vector<std::string> CTilesProvider::ReadableColumns(const std::string& uri, char const** columns,
+                                                         int columnCount, CPermissionHelper::PermissionLevel level)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
-    if (pProvider == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data");
-        LOGI("failed SELECT by NULL user_data");
-        return;
-    }
-
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
-        return;
-    }
-
-    std::string packageId = pProvider->GetPackageId(appId.get());
-    LOGD("AppId = %s\tPackageId = %s", appId.get(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = pProvider->LockedReadPermissionLevel(appId.get(), packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
-        data_control_provider_send_error(requestId, "failed SELECT by permission");
-        LOGI("failed SELECT by permission");
-        return;
-    }
-
-    std::string uri = std::string(providerId.get()) + "/" + dataId.get();
     std::vector<std::string> projection;
     for (int i = 0; i < columnCount && columns != nullptr; ++i) {
         if (columns[i] != nullptr) {
             projection.push_back(columns[i]);
         }
     }
-    if (pProvider->m_pPermissionHelper != nullptr) {
-        projection = pProvider->m_pPermissionHelper->GetAllowedProjectionForPermission(uri, projection, level);
+    if (m_pPermissionHelper != nullptr) {
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(uri, projection, level);
     }
-    std::vector<const char*> allowedColumns;
-    for (const std::string& column : projection) {
-        allowedColumns.push_back(column.c_str());
+    return projection;
+}
+
+/* Builds the platform's statement for the request and answers with its
+ * rows. The lock is held until the statement is finalised: the platform
+ * reads the rows while no other request uses the connection. */
+void CTilesProvider::AnswerSelect(const char* func, int requestId, data_control_s* provider,
+                                  const std::vector<std::string>& columns, const std::string& where, char const* order)
+{
+    std::vector<const char*> columnNames;
+    for (const std::string& column : columns) {
+        columnNames.push_back(column.c_str());
     }
 
-    // On this road the data id is the table's name.
-    CQueryGenerator queryGenerator(pProvider->m_pDbHelper);
-    std::string generatedWhere =
-        queryGenerator.GenerateQuery(dataId.get(), (where != nullptr) ? where : "", packageId, level);
-    LOGD("generated query = %s", generatedWhere.c_str());
-
-    // Held until the statement is finalised: the platform reads its rows
-    // while no other request uses the connection.
-    CDBLocalScopedLock lock(pProvider->m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     PlatformTextHolder statementText(
-        data_control_provider_create_select_statement(provider, allowedColumns.data(),
-                                                      static_cast<int>(allowedColumns.size()),
-                                                      generatedWhere.c_str(), order),
+        data_control_provider_create_select_statement(provider, columnNames.data(), static_cast<int>(columnNames.size()),
+                                                      where.c_str(), order),
         &free);
     if (statementText == nullptr) {
         data_control_provider_send_error(requestId, "failed SELECT by statement");
-        LOGI("failed SELECT by statement");
+        LOGI_AS(func, "failed SELECT by statement");
         return;
     }
 
-    CContentDbConnection* pConnection = pProvider->Connection();
+    CContentDbConnection* pConnection = Connection();
     if (pConnection == nullptr) {
         data_control_provider_send_error(requestId, "failed SELECT by connection");
-        LOGI("failed SELECT by connection");
+        LOGI_AS(func, "failed SELECT by connection");
         return;
     }
 
@@ -1161,88 +1063,86 @@ void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, ch
     if (pConnection->PrepareCMD(statementText.get(), &pStatement, nullptr, error) == 0) {
         int sendResult = data_control_provider_send_select_result(requestId, pStatement);
         if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            LOGI("failed to data_control_provider_send_select_result : %d", sendResult);
+            LOGI_AS(func, "failed to data_control_provider_send_select_result : %d", sendResult);
         } else {
-            LOGI("success SELECT");
+            LOGI_AS(func, "success SELECT");
         }
     }
     sqlite3_finalize(pStatement);
 }
 
+void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
+                                     char const* where, char const* order, void* userData)
+{
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = OpenDataControlRequest(__func__, provider, userData, true, "failed by NULL user_data",
+                                                       "failed SELECT by NULL user_data", request);
+    if (pProvider == nullptr) {
+        return;
+    }
+
+    const char* const func = __func__;
+    RequestScope scope;
+    std::string uri = request.Uri();
+    int checked = pProvider->CheckCaller(func, Access::READ, request.appId.get(), uri, scope, [&] {
+        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
+        data_control_provider_send_error(requestId, "failed SELECT by permission");
+        LOGI_AS(func, "failed SELECT by permission");
+    });
+    if (checked != RESULT_SUCCESS) {
+        return;
+    }
+
+    std::vector<std::string> allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, scope.level);
+    // On this interface the data id is the table's name.
+    scope.table = request.dataId.get();
+    std::string generatedWhere = pProvider->ConfinedWhere(func, (where != nullptr) ? where : "", scope);
+    pProvider->AnswerSelect(func, requestId, provider, allowedColumns, generatedWhere, order);
+}
+
 void CTilesProvider::UpdateRequestCB(int requestId, data_control_s* provider, _bundle_t* updateData,
                                      char const* where, void* userData)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
-    if (pProvider == nullptr || updateData == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data or update_data");
-        LOGI("failed by NULL user_data or update_data");
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = OpenDataControlRequest(__func__, provider, userData, updateData != nullptr,
+                                                       "failed by NULL user_data or update_data",
+                                                       "failed by NULL user_data or update_data", request);
+    if (pProvider == nullptr) {
         return;
     }
 
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
-        return;
-    }
-
-    PT_PROVIDER_UPDATE_IN_PARAM in;
-    in.strAppId = appId.get();
-    in.strUri = std::string(providerId.get()) + "/" + dataId.get();
+    PT_PROVIDER_UPDATE_IN_PARAM in = request.MakeRecord<PT_PROVIDER_UPDATE_IN_PARAM>(pProvider);
     in.pValues = updateData;
     in.strWhere = (where != nullptr) ? where : "";
-    in.pUserData = pProvider;
     PT_PROVIDER_UPDATE_OUT_PARAM out;
     int result = pProvider->UpdateRequest(in, out);
 
-    if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
-        int sendResult = data_control_provider_send_update_result(requestId);
-        if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            // The bracketed word is printed as it stands.
-            LOGI("[pAppId] data_control_provider_send_update_result failed: %d", sendResult);
-        }
+    int sendResult = pProvider->SendWriteResult(result, [&] { return data_control_provider_send_update_result(requestId); });
+    if (sendResult != DATA_CONTROL_ERROR_NONE) {
+        // The bracketed word is printed as it stands.
+        LOGI("[pAppId] data_control_provider_send_update_result failed: %d", sendResult);
     }
-    LOGI("[%s] UPDATE result = %d", appId.get(), result);
+    LOGI("[%s] UPDATE result = %d", request.appId.get(), result);
 }
 
 void CTilesProvider::DeleteRequestCB(int requestId, data_control_s* provider, char const* where, void* userData)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
+    DataControlRequest request(requestId);
+    CTilesProvider* pProvider = OpenDataControlRequest(__func__, provider, userData, true, "failed by NULL user_data",
+                                                       "failed by NULL user_data", request);
     if (pProvider == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data");
-        LOGI("failed by NULL user_data");
         return;
     }
 
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
-        return;
-    }
-
-    PT_PROVIDER_DELETE_IN_PARAM in;
-    in.strAppId = appId.get();
-    in.strUri = std::string(providerId.get()) + "/" + dataId.get();
+    PT_PROVIDER_DELETE_IN_PARAM in = request.MakeRecord<PT_PROVIDER_DELETE_IN_PARAM>(pProvider);
     in.strWhere = (where != nullptr) ? where : "";
-    in.pUserData = pProvider;
     int result = pProvider->DeleteRequest(in);
 
-    if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
-        int sendResult = data_control_provider_send_delete_result(requestId);
-        if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            LOGI("[%s] data_control_provider_send_delete_result failed : %d", appId.get(), sendResult);
-        }
+    int sendResult = pProvider->SendWriteResult(result, [&] { return data_control_provider_send_delete_result(requestId); });
+    if (sendResult != DATA_CONTROL_ERROR_NONE) {
+        LOGI("[%s] data_control_provider_send_delete_result failed : %d", request.appId.get(), sendResult);
     }
-    LOGI("[%s] DELETE result = %d", appId.get(), result);
+    LOGI("[%s] DELETE result = %d", request.appId.get(), result);
 }
 
 /* ---- reset handling and launcher-list maintenance ---------------------------- */
@@ -1290,7 +1190,7 @@ void CTilesProvider::ClearAllSectionsAndTiles(CContentDbConnection* pConnection)
 
 void CTilesProvider::FactoryResetChecker()
 {
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
 
     int factoryReset = 0;
     vconf_get_int(FACTORY_RESET_KEY, &factoryReset);
@@ -1331,7 +1231,7 @@ int CTilesProvider::PowerOffCB(int type, void* userData)
         return 0;
     }
 
-    CDBLocalScopedLock lock(pProvider->m_pDbLock);
+    CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
     if (pProvider->m_pDbHelper == nullptr) {
         LOGE("Error : pDbHelper is NULL");
         return -1;
@@ -1355,7 +1255,7 @@ void CTilesProvider::HalcyonResetCB(keynode_t* node, void* userData)
         return;
     }
 
-    CDBLocalScopedLock lock(pProvider->m_pDbLock);
+    CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
     if (pProvider->m_pDbHelper == nullptr) {
         LOGE("Error : pDbHelper is NULL");
         return;

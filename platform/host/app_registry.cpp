@@ -311,6 +311,71 @@ Result ReadWebApps(std::vector<std::pair<std::string, std::string>>& webAppIdAnd
     return Result::Ok;
 }
 
+/* An application id may belong to one package only: false (with the reason)
+ * when one of the package's is another package's. */
+bool ApplicationsAreFree(Connection& connection, const RegisteredPackage& package, std::string* error)
+{
+    for (const RegisteredApplication& app : package.applications) {
+        Statement owner(connection, "SELECT package_id FROM applications WHERE app_id = ? AND package_id <> ?");
+        owner.Bind(1, app.appId).Bind(2, package.packageId);
+        int rc = owner.Step();
+        if (rc == SQLITE_ROW) {
+            SetError(error, "the application id '" + app.appId + "' belongs to the package '" + owner.Text(0) + "'");
+            return false;
+        }
+        if (rc != SQLITE_DONE) {
+            SetError(error, "the application registry cannot be read");
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Writes the application and its metadata in declaration order. */
+bool WriteApplication(Connection& connection, const std::string& packageId, const RegisteredApplication& app,
+                      int64_t appPosition)
+{
+    Statement addApp(connection, "INSERT INTO applications (app_id, package_id, position) VALUES (?, ?, ?)");
+    addApp.Bind(1, app.appId).Bind(2, packageId).Bind(3, appPosition);
+    bool ok = addApp.Step() == SQLITE_DONE;
+    int64_t position = 0;
+    for (const auto& entry : app.metadata) {
+        if (!ok) {
+            break;
+        }
+        Statement addEntry(connection, "INSERT INTO metadata (app_id, position, key, value) VALUES (?, ?, ?, ?)");
+        addEntry.Bind(1, app.appId).Bind(2, position++).Bind(3, entry.first).Bind(4, entry.second);
+        ok = addEntry.Step() == SQLITE_DONE;
+    }
+    return ok;
+}
+
+/* Installing again replaces the package and everything under it. */
+bool WritePackage(Connection& connection, const RegisteredPackage& package)
+{
+    Statement remove(connection, "DELETE FROM packages WHERE package_id = ?");
+    remove.Bind(1, package.packageId);
+    bool ok = remove.Step() == SQLITE_DONE;
+
+    Statement addPackage(connection, "INSERT INTO packages (package_id) VALUES (?)");
+    addPackage.Bind(1, package.packageId);
+    ok = ok && addPackage.Step() == SQLITE_DONE;
+
+    int64_t appPosition = 0;
+    for (const RegisteredApplication& app : package.applications) {
+        if (!ok) {
+            break;
+        }
+        ok = WriteApplication(connection, package.packageId, app, appPosition++);
+    }
+    if (ok && !package.webAppId.empty()) {
+        Statement addWebApp(connection, "INSERT INTO web_apps (package_id, web_app_id) VALUES (?, ?)");
+        addWebApp.Bind(1, package.packageId).Bind(2, package.webAppId);
+        ok = addWebApp.Step() == SQLITE_DONE;
+    }
+    return ok;
+}
+
 }  // namespace registry
 
 bool InstallPackage(const RegisteredPackage& package, std::string* error)
@@ -329,52 +394,10 @@ bool InstallPackage(const RegisteredPackage& package, std::string* error)
         SetError(error, "the application registry is busy or cannot be written");
         return false;
     }
-    /* An application id may belong to one package only. */
-    for (const RegisteredApplication& app : package.applications) {
-        Statement owner(connection, "SELECT package_id FROM applications WHERE app_id = ? AND package_id <> ?");
-        owner.Bind(1, app.appId).Bind(2, package.packageId);
-        int rc = owner.Step();
-        if (rc == SQLITE_ROW) {
-            SetError(error, "the application id '" + app.appId + "' belongs to the package '" + owner.Text(0) + "'");
-            return false;
-        }
-        if (rc != SQLITE_DONE) {
-            SetError(error, "the application registry cannot be read");
-            return false;
-        }
+    if (!ApplicationsAreFree(connection, package, error)) {
+        return false;
     }
-    /* Installing again replaces the package and everything under it. */
-    Statement remove(connection, "DELETE FROM packages WHERE package_id = ?");
-    remove.Bind(1, package.packageId);
-    bool ok = remove.Step() == SQLITE_DONE;
-
-    Statement addPackage(connection, "INSERT INTO packages (package_id) VALUES (?)");
-    addPackage.Bind(1, package.packageId);
-    ok = ok && addPackage.Step() == SQLITE_DONE;
-
-    int64_t appPosition = 0;
-    for (const RegisteredApplication& app : package.applications) {
-        if (!ok) {
-            break;
-        }
-        Statement addApp(connection, "INSERT INTO applications (app_id, package_id, position) VALUES (?, ?, ?)");
-        addApp.Bind(1, app.appId).Bind(2, package.packageId).Bind(3, appPosition++);
-        ok = addApp.Step() == SQLITE_DONE;
-        int64_t position = 0;
-        for (const auto& entry : app.metadata) {
-            if (!ok) {
-                break;
-            }
-            Statement addEntry(connection, "INSERT INTO metadata (app_id, position, key, value) VALUES (?, ?, ?, ?)");
-            addEntry.Bind(1, app.appId).Bind(2, position++).Bind(3, entry.first).Bind(4, entry.second);
-            ok = addEntry.Step() == SQLITE_DONE;
-        }
-    }
-    if (ok && !package.webAppId.empty()) {
-        Statement addWebApp(connection, "INSERT INTO web_apps (package_id, web_app_id) VALUES (?, ?)");
-        addWebApp.Bind(1, package.packageId).Bind(2, package.webAppId);
-        ok = addWebApp.Step() == SQLITE_DONE;
-    }
+    bool ok = WritePackage(connection, package);
     if (!ok || !transaction.Commit()) {
         SetError(error, "the application registry cannot be written");
         return false;

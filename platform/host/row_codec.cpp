@@ -271,9 +271,66 @@ private:
 
 }  // namespace
 
-bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
+namespace {
+
+/* A length-prefixed run of bytes. */
+bool ReadRun(Reader& reader, const uint8_t*& start, uint32_t& length)
+{
+    return reader.U32(length) && reader.Bytes(length, start);
+}
+
+/* One cell: its tag, then its value. */
+bool DecodeCell(Reader& reader, client::Cell& cell)
 {
     using client::Cell;
+    uint8_t tag = 0;
+    if (!reader.U8(tag)) {
+        return false;
+    }
+    uint64_t bits = 0;
+    uint32_t length = 0;
+    const uint8_t* start = nullptr;
+    switch (tag) {
+    case kTagNull:
+        cell.type = Cell::Type::Null;
+        return true;
+    case kTagInteger:
+        if (!reader.U64(bits)) {
+            return false;
+        }
+        cell.type = Cell::Type::Integer;
+        cell.integer = static_cast<int64_t>(bits);
+        return true;
+    case kTagReal:
+        if (!reader.U64(bits)) {
+            return false;
+        }
+        cell.type = Cell::Type::Real;
+        std::memcpy(&cell.real, &bits, sizeof bits);
+        return true;
+    case kTagText:
+        if (!ReadRun(reader, start, length)) {
+            return false;
+        }
+        cell.type = Cell::Type::Text;
+        cell.text.assign(reinterpret_cast<const char*>(start), length);
+        return true;
+    case kTagBlob:
+        if (!ReadRun(reader, start, length)) {
+            return false;
+        }
+        cell.type = Cell::Type::Blob;
+        cell.blob.assign(start, start + length);
+        return true;
+    default:
+        return false;
+    }
+}
+
+}  // namespace
+
+bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
+{
     Reader reader(data, size);
     uint8_t format = 0;
     uint32_t columnCount = 0;
@@ -285,7 +342,7 @@ bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
     for (uint32_t i = 0; i < columnCount; ++i) {
         uint32_t length = 0;
         const uint8_t* start = nullptr;
-        if (!reader.U32(length) || !reader.Bytes(length, start)) {
+        if (!ReadRun(reader, start, length)) {
             return false;
         }
         rows.columns.emplace_back(reinterpret_cast<const char*>(start), length);
@@ -296,49 +353,9 @@ bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
     }
     rows.rows.reserve(rowCount);
     for (uint32_t r = 0; r < rowCount; ++r) {
-        std::vector<Cell> row(columnCount);
-        for (uint32_t c = 0; c < columnCount; ++c) {
-            Cell& cell = row[c];
-            uint8_t tag = 0;
-            if (!reader.U8(tag)) {
-                return false;
-            }
-            uint64_t bits = 0;
-            uint32_t length = 0;
-            const uint8_t* start = nullptr;
-            switch (tag) {
-            case kTagNull:
-                cell.type = Cell::Type::Null;
-                break;
-            case kTagInteger:
-                if (!reader.U64(bits)) {
-                    return false;
-                }
-                cell.type = Cell::Type::Integer;
-                cell.integer = static_cast<int64_t>(bits);
-                break;
-            case kTagReal:
-                if (!reader.U64(bits)) {
-                    return false;
-                }
-                cell.type = Cell::Type::Real;
-                std::memcpy(&cell.real, &bits, sizeof bits);
-                break;
-            case kTagText:
-                if (!reader.U32(length) || !reader.Bytes(length, start)) {
-                    return false;
-                }
-                cell.type = Cell::Type::Text;
-                cell.text.assign(reinterpret_cast<const char*>(start), length);
-                break;
-            case kTagBlob:
-                if (!reader.U32(length) || !reader.Bytes(length, start)) {
-                    return false;
-                }
-                cell.type = Cell::Type::Blob;
-                cell.blob.assign(start, start + length);
-                break;
-            default:
+        std::vector<client::Cell> row(columnCount);
+        for (client::Cell& cell : row) {
+            if (!DecodeCell(reader, cell)) {
                 return false;
             }
         }

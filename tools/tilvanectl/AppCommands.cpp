@@ -47,6 +47,97 @@ bool IsOneWord(const std::string& text)
     return !text.empty() && text.find_first_of(kBlanks) == std::string::npos;
 }
 
+/* What a manifest has given so far, and how each of its statements adds to it. */
+class ManifestReader
+{
+public:
+    explicit ManifestReader(RegisteredPackage& package) : m_package(package) {}
+
+    /* Takes one "NAME = VALUE" statement: its mistake, or "" when it is taken. */
+    std::string Take(const std::string& name, const std::string& value)
+    {
+        if (name == "package") {
+            return TakeId(value, m_havePackage, "package", "package id", m_package.packageId);
+        }
+        if (name == "webapp") {
+            return TakeId(value, m_haveWebApp, "webapp", "web application id", m_package.webAppId);
+        }
+        if (name == "app") {
+            return TakeApp(value);
+        }
+        if (name == "metadata") {
+            return TakeMetadata(value);
+        }
+        return "unknown name '" + name + "' (expected package, webapp, app or metadata)";
+    }
+
+    /* The mistake of a manifest that ends here, or "". */
+    std::string Finish() const
+    {
+        if (!m_havePackage) {
+            return "no 'package' line";
+        }
+        if (m_package.applications.empty()) {
+            return "no 'app' line";
+        }
+        return "";
+    }
+
+private:
+    /* A statement that may be given once, with one word. */
+    static std::string TakeId(const std::string& value, bool& given, const std::string& name,
+                              const std::string& what, std::string& id)
+    {
+        if (given) {
+            return "'" + name + "' is given a second time";
+        }
+        if (!IsOneWord(value)) {
+            return "'" + name + "' needs one " + what + " without blanks";
+        }
+        id = value;
+        given = true;
+        return "";
+    }
+
+    std::string TakeApp(const std::string& value)
+    {
+        if (!IsOneWord(value)) {
+            return "'app' needs one application id without blanks";
+        }
+        if (!m_appIds.insert(value).second) {
+            return "application '" + value + "' is given a second time";
+        }
+        m_package.applications.push_back(RegisteredApplication{value, {}});
+        m_keysOfLastApp.clear();
+        return "";
+    }
+
+    std::string TakeMetadata(const std::string& value)
+    {
+        if (m_package.applications.empty()) {
+            return "'metadata' before any 'app' line";
+        }
+        if (value.empty()) {
+            return "'metadata' needs a key";
+        }
+        std::string::size_type blank = value.find_first_of(kBlanks);
+        std::string key = value.substr(0, blank);
+        std::string metadataValue = blank == std::string::npos ? std::string() : Trim(value.substr(blank));
+        if (!m_keysOfLastApp.insert(key).second) {
+            return "metadata key '" + key + "' is given a second time for application '" +
+                   m_package.applications.back().appId + "'";
+        }
+        m_package.applications.back().metadata.emplace_back(key, metadataValue);
+        return "";
+    }
+
+    RegisteredPackage& m_package;
+    bool m_havePackage = false;
+    bool m_haveWebApp = false;
+    std::set<std::string> m_appIds;
+    std::set<std::string> m_keysOfLastApp;
+};
+
 /* Reads a manifest. On a mistake, `error` holds "<file>:<line>: <what>". */
 bool ParseManifest(const std::string& path, RegisteredPackage& package, std::string& error)
 {
@@ -55,10 +146,7 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
         error = path + ": cannot be read";
         return false;
     }
-    bool havePackage = false;
-    bool haveWebApp = false;
-    std::set<std::string> appIds;
-    std::set<std::string> keysOfLastApp;
+    ManifestReader reader(package);
     std::string line;
     int number = 0;
     auto fail = [&](const std::string& what) {
@@ -75,67 +163,17 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
         if (equals == std::string::npos) {
             return fail("expected 'NAME = VALUE' (package, webapp, app or metadata)");
         }
-        std::string name = Trim(text.substr(0, equals));
-        std::string value = Trim(text.substr(equals + 1));
-        if (name == "package") {
-            if (havePackage) {
-                return fail("'package' is given a second time");
-            }
-            if (!IsOneWord(value)) {
-                return fail("'package' needs one package id without blanks");
-            }
-            package.packageId = value;
-            havePackage = true;
-        } else if (name == "webapp") {
-            if (haveWebApp) {
-                return fail("'webapp' is given a second time");
-            }
-            if (!IsOneWord(value)) {
-                return fail("'webapp' needs one web application id without blanks");
-            }
-            package.webAppId = value;
-            haveWebApp = true;
-        } else if (name == "app") {
-            if (!IsOneWord(value)) {
-                return fail("'app' needs one application id without blanks");
-            }
-            if (!appIds.insert(value).second) {
-                return fail("application '" + value + "' is given a second time");
-            }
-            package.applications.push_back(RegisteredApplication{value, {}});
-            keysOfLastApp.clear();
-        } else if (name == "metadata") {
-            if (package.applications.empty()) {
-                return fail("'metadata' before any 'app' line");
-            }
-            if (value.empty()) {
-                return fail("'metadata' needs a key");
-            }
-            std::string::size_type blank = value.find_first_of(kBlanks);
-            std::string key = value.substr(0, blank);
-            std::string metadataValue = blank == std::string::npos ? std::string() : Trim(value.substr(blank));
-            if (!keysOfLastApp.insert(key).second) {
-                return fail("metadata key '" + key + "' is given a second time for application '" +
-                            package.applications.back().appId + "'");
-            }
-            package.applications.back().metadata.emplace_back(key, metadataValue);
-        } else {
-            return fail("unknown name '" + name + "' (expected package, webapp, app or metadata)");
+        std::string mistake = reader.Take(Trim(text.substr(0, equals)), Trim(text.substr(equals + 1)));
+        if (!mistake.empty()) {
+            return fail(mistake);
         }
     }
     if (in.bad()) {
         error = path + ": cannot be read";
         return false;
     }
-    if (!havePackage) {
-        error = path + ":" + std::to_string(number) + ": no 'package' line";
-        return false;
-    }
-    if (package.applications.empty()) {
-        error = path + ":" + std::to_string(number) + ": no 'app' line";
-        return false;
-    }
-    return true;
+    std::string mistake = reader.Finish();
+    return mistake.empty() || fail(mistake);
 }
 
 int Install(const std::vector<std::string>& args)

@@ -10,6 +10,7 @@
  * as bus signals.
  */
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <glib.h>
 #include <host_control.h>
 #include <message_port.h>
@@ -100,87 +101,113 @@ gboolean OnReplyTimeoutCB(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
-int RunAcceleratorInstall(const std::vector<std::string>& args)
-{
-    std::string service = ServiceFromEnvironment();
+/* What `accelerator install` asks for. */
+struct InstallRequest {
+    std::string service;
     std::string packageName;
     int timeoutSeconds = kDefaultReplyTimeoutSeconds;
     std::vector<std::pair<const char*, std::string>> values;
+};
+
+/* EXIT_OK with `request` filled, or EXIT_USAGE with the mistake written out. */
+int ParseInstallArguments(const std::vector<std::string>& args, InstallRequest& request)
+{
+    request.service = ServiceFromEnvironment();
     for (size_t i = 1; i < args.size(); ++i) {
         const std::string& word = args[i];
         const bool hasValue = i + 1 < args.size();
         if (word == "--title" && hasValue) {
-            values.emplace_back(TilesModel::Accelerators::ACCELERATOR_TITLE, args[++i]);
+            request.values.emplace_back(TilesModel::Accelerators::ACCELERATOR_TITLE, args[++i]);
         } else if (word == "--icon" && hasValue) {
-            values.emplace_back(TilesModel::Accelerators::ACCELERATOR_ICON, args[++i]);
+            request.values.emplace_back(TilesModel::Accelerators::ACCELERATOR_ICON, args[++i]);
         } else if (word == "--position" && hasValue) {
-            values.emplace_back(TilesInternalModel::Accelerators::ACCELERATOR_POSITION, args[++i]);
+            request.values.emplace_back(TilesInternalModel::Accelerators::ACCELERATOR_POSITION, args[++i]);
         } else if (word == "--enabled" && hasValue) {
-            values.emplace_back(TilesModel::Accelerators::ACCELERATOR_ENABLED, args[++i]);
+            request.values.emplace_back(TilesModel::Accelerators::ACCELERATOR_ENABLED, args[++i]);
         } else if (word == "--service" && hasValue && !args[i + 1].empty()) {
-            service = args[++i];
+            request.service = args[++i];
         } else if (word == "--timeout" && hasValue) {
             long seconds = 0;
             if (!ParseInt(args[i + 1], seconds) || seconds <= 0 || seconds > 3600) {
                 std::fprintf(stderr, "tilvanectl accelerator: --timeout takes a number of seconds (1 to 3600)\n");
                 return EXIT_USAGE;
             }
-            timeoutSeconds = static_cast<int>(seconds);
+            request.timeoutSeconds = static_cast<int>(seconds);
             ++i;
-        } else if (word.compare(0, 2, "--") != 0 && packageName.empty()) {
-            packageName = word;
+        } else if (word.compare(0, 2, "--") != 0 && request.packageName.empty()) {
+            request.packageName = word;
         } else {
             std::fprintf(stderr, "tilvanectl accelerator: unknown or incomplete argument '%s'\n", word.c_str());
             return EXIT_USAGE;
         }
     }
-    if (packageName.empty()) {
+    if (request.packageName.empty()) {
         std::fprintf(stderr, "tilvanectl accelerator install: a PACKAGE is needed\n");
         return EXIT_USAGE;
     }
+    return EXIT_OK;
+}
 
-    ReplySession session;
-    session.service = service;
-    session.packageName = packageName;
-    session.loop = g_main_loop_new(nullptr, FALSE);
+/* Sends the install message from the reply port and runs the session's loop
+ * until the answer or the timeout; EXIT_FAILED (explained) when it cannot be sent. */
+int AskForInstall(const InstallRequest& request, ReplySession& session)
+{
     int port = message_port_register_local_port(kReplyPort, OnReplyCB, &session);
     if (port <= 0) {
-        ExplainSendFailure("accelerator", port, service, kAcceleratorPort);
-        g_main_loop_unref(session.loop);
+        ExplainSendFailure("accelerator", port, request.service, kAcceleratorPort);
         return EXIT_FAILED;
     }
 
-    bundle* message = bundle_create();
-    bundle_add_str(message, "action", "0");
-    bundle_add_str(message, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, packageName.c_str());
-    for (const auto& value : values) {
-        bundle_add_str(message, value.first, value.second.c_str());
+    BundlePtr message = MakeBundle();
+    bundle_add_str(message.get(), "action", "0");
+    bundle_add_str(message.get(), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME,
+                   request.packageName.c_str());
+    for (const auto& value : request.values) {
+        bundle_add_str(message.get(), value.first, value.second.c_str());
     }
-    int sent = message_port_send_message_with_local_port(service.c_str(), kAcceleratorPort, message, port);
-    bundle_free(message);
+    int sent = message_port_send_message_with_local_port(request.service.c_str(), kAcceleratorPort, message.get(), port);
+    message.reset();
     if (sent != MESSAGE_PORT_ERROR_NONE) {
-        ExplainSendFailure("accelerator", sent, service, kAcceleratorPort);
+        ExplainSendFailure("accelerator", sent, request.service, kAcceleratorPort);
         message_port_unregister_local_port(port);
-        g_main_loop_unref(session.loop);
         return EXIT_FAILED;
     }
 
-    guint timer = g_timeout_add_seconds(static_cast<guint>(timeoutSeconds), OnReplyTimeoutCB, &session);
+    guint timer = g_timeout_add_seconds(static_cast<guint>(request.timeoutSeconds), OnReplyTimeoutCB, &session);
     g_main_loop_run(session.loop);
     if (!session.answered) {
         g_source_remove(timer);
     }
     message_port_unregister_local_port(port);
+    return EXIT_OK;
+}
+
+int RunAcceleratorInstall(const std::vector<std::string>& args)
+{
+    InstallRequest request;
+    int parsed = ParseInstallArguments(args, request);
+    if (parsed != EXIT_OK) {
+        return parsed;
+    }
+
+    ReplySession session;
+    session.service = request.service;
+    session.packageName = request.packageName;
+    session.loop = g_main_loop_new(nullptr, FALSE);
+    int asked = AskForInstall(request, session);
     g_main_loop_unref(session.loop);
+    if (asked != EXIT_OK) {
+        return asked;
+    }
 
     if (!session.answered) {
-        std::fprintf(stderr, "tilvanectl accelerator install: no answer from '%s' within %d s\n", service.c_str(),
-                     timeoutSeconds);
+        std::fprintf(stderr, "tilvanectl accelerator install: no answer from '%s' within %d s\n",
+                     request.service.c_str(), request.timeoutSeconds);
         return EXIT_FAILED;
     }
     if (session.id == "-1") {
         std::fprintf(stderr, "tilvanectl accelerator install: the service could not add '%s' (id -1)\n",
-                     packageName.c_str());
+                     request.packageName.c_str());
         return EXIT_FAILED;
     }
     std::printf("%s\n", session.id.c_str());
@@ -200,12 +227,12 @@ int SendPlain(const char* group, const std::vector<std::pair<const char*, std::s
             return EXIT_USAGE;
         }
     }
-    bundle* message = bundle_create();
+    BundlePtr message = MakeBundle();
     for (const auto& entry : entries) {
-        bundle_add_str(message, entry.first, entry.second.c_str());
+        bundle_add_str(message.get(), entry.first, entry.second.c_str());
     }
-    int sent = message_port_send_message(service.c_str(), port, message);
-    bundle_free(message);
+    int sent = message_port_send_message(service.c_str(), port, message.get());
+    message.reset();
     if (sent != MESSAGE_PORT_ERROR_NONE) {
         ExplainSendFailure(group, sent, service, port);
         return EXIT_FAILED;

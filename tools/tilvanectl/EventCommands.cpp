@@ -7,6 +7,7 @@
  * platform delivers arriving messages there.
  */
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <message_port.h>
@@ -171,15 +172,13 @@ void ExplainSendFailure(int result, const std::string& service)
 
 int SendRequest(const EventOptions& options, int localPortId, const char* requestType)
 {
-    bundle* request = bundle_create();
-    bundle_add_str(request, "request_type", requestType);
+    BundlePtr request = MakeBundle();
+    bundle_add_str(request.get(), "request_type", requestType);
     if (std::string(requestType) == "TriggerPreviewEvent") {
-        bundle_add_str(request, "replaceTargetPortName", options.port.c_str());
+        bundle_add_str(request.get(), "replaceTargetPortName", options.port.c_str());
     }
-    int result = message_port_send_message_with_local_port(options.service.c_str(), kServicePort, request,
-                                                           localPortId);
-    bundle_free(request);
-    return result;
+    return message_port_send_message_with_local_port(options.service.c_str(), kServicePort, request.get(),
+                                                     localPortId);
 }
 
 /* Registers the local port; 0 (after a message) on failure. */

@@ -104,6 +104,53 @@ private:
     std::unique_lock<std::recursive_mutex> m_lock;
 };
 
+/* Binds `args` as text from parameter `index` on; `what` names the statement
+ * ("update of", "delete from") in the failure line. */
+int BindWhereArgs(const LockedDatabase& db, sqlite3_stmt* statement, int index, const std::vector<std::string>& args,
+                  const char* what, const std::string& table)
+{
+    for (const auto& arg : args) {
+        int rc = BindText(statement, index++, arg);
+        if (rc != SQLITE_OK) {
+            CONTENT_LOGE("%s %s: binding where argument %d: %s (%d)", what, table.c_str(), index - 1,
+                         db->ErrorMessage(), rc);
+            return rc;
+        }
+    }
+    return SQLITE_OK;
+}
+
+/* Runs a statement that returns no rows; `what` names it in the failure line. */
+/* Runs a statement that returns no rows; a failure keeps SQLite's message for
+ * the request's reply, a success the number of rows it changed. */
+int StepToDone(const LockedDatabase& db, sqlite3_stmt* statement, const char* what, const std::string& table)
+{
+    int rc = sqlite3_step(statement);
+    if (rc != SQLITE_DONE) {
+        tilvane::host::RecordStatementError(db->ErrorMessage());
+        CONTENT_LOGE("%s %s: %s (%d)", what, table.c_str(), db->ErrorMessage(), rc);
+        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
+    }
+    tilvane::host::RecordChangedRows(sqlite3_changes(db.handle()));
+    return CContentDbConnection::CONNECTION_OK;
+}
+
+std::string UpdateSql(const std::string& table, const Values& entries, const std::string& where)
+{
+    std::string sql = "UPDATE " + QuoteIdentifier(table) + " SET ";
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (i > 0) {
+            sql += ',';
+        }
+        AppendQuotedIdentifier(sql, entries[i].first);
+        sql += "=?";
+    }
+    if (!where.empty()) {
+        sql += " WHERE " + where;
+    }
+    return sql;
+}
+
 }  // namespace
 
 CContentDbConnection::CContentDbConnection(std::string directory, std::string fileName)
@@ -263,13 +310,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
             return rc;
         }
     }
-    rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_DONE) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
-        CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
-        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
-    }
-    return CONNECTION_OK;
+    return StepToDone(db, statement.get(), "insert into", table);
 }
 
 int64_t CContentDbConnection::GetLastInsertRowID()
@@ -312,20 +353,8 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
-    std::string sql = "UPDATE " + QuoteIdentifier(table) + " SET ";
-    for (size_t i = 0; i < entries.size(); ++i) {
-        if (i > 0) {
-            sql += ',';
-        }
-        AppendQuotedIdentifier(sql, entries[i].first);
-        sql += "=?";
-    }
-    if (!where.empty()) {
-        sql += " WHERE " + where;
-    }
-
     StatementLease statement;
-    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    int rc = db->Statements().Acquire(db.handle(), UpdateSql(table, entries, where), statement);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
@@ -340,22 +369,11 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
             return rc;
         }
     }
-    for (const auto& arg : whereArgs) {
-        rc = BindText(statement.get(), index++, arg);
-        if (rc != SQLITE_OK) {
-            CONTENT_LOGE("update of %s: binding where argument %d: %s (%d)", table.c_str(), index - 1,
-                         db->ErrorMessage(), rc);
-            return rc;
-        }
+    rc = BindWhereArgs(db, statement.get(), index, whereArgs, "update of", table);
+    if (rc != SQLITE_OK) {
+        return rc;
     }
-    rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_DONE) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
-        CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
-        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
-    }
-    tilvane::host::RecordChangedRows(sqlite3_changes(db.handle()));
-    return CONNECTION_OK;
+    return StepToDone(db, statement.get(), "update of", table);
 }
 
 int CContentDbConnection::DeleteRequest(const std::string& table, const std::string& where,
@@ -386,23 +404,11 @@ int CContentDbConnection::DeleteRequest(const std::string& table, const std::str
         CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
-    int index = 1;
-    for (const auto& arg : whereArgs) {
-        rc = BindText(statement.get(), index++, arg);
-        if (rc != SQLITE_OK) {
-            CONTENT_LOGE("delete from %s: binding where argument %d: %s (%d)", table.c_str(), index - 1,
-                         db->ErrorMessage(), rc);
-            return rc;
-        }
+    rc = BindWhereArgs(db, statement.get(), 1, whereArgs, "delete from", table);
+    if (rc != SQLITE_OK) {
+        return rc;
     }
-    rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_DONE) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
-        CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
-        return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
-    }
-    tilvane::host::RecordChangedRows(sqlite3_changes(db.handle()));
-    return CONNECTION_OK;
+    return StepToDone(db, statement.get(), "delete from", table);
 }
 
 std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::string& table,

@@ -1,0 +1,30 @@
+/*
+ * An owned bundle: freed with bundle_free when its owner goes. For C++ code
+ * of the service, the host platform and the tools.
+ */
+#ifndef TILVANE_PLATFORM_BUNDLE_PTR_H
+#define TILVANE_PLATFORM_BUNDLE_PTR_H
+
+#include <memory>
+
+#include <bundle.h>
+
+struct BundleFree
+{
+    void operator()(bundle* b) const
+    {
+        if (b != nullptr) {
+            bundle_free(b);
+        }
+    }
+};
+
+using BundlePtr = std::unique_ptr<bundle, BundleFree>;
+
+/* A new, empty bundle. */
+inline BundlePtr MakeBundle()
+{
+    return BundlePtr(bundle_create());
+}
+
+#endif
