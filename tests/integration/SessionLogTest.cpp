@@ -239,16 +239,16 @@ void SessionLogTest::RunDataSession()
     EXPECT_EQ(Ctl(kStranger, {"data", "insert", "tiles", "tile_id=x", "tile_section_raw_id=1"}), 1);
     EXPECT_EQ(Ctl(kStranger, {"data", "ids", "tiles"}), 1);
     EXPECT_EQ(Ctl(kStranger, viaDataControl({"data", "select", "tiles"})), 1);
-    EXPECT_EQ(Ctl(kStranger, viaDataControl({"data", "delete", "tiles"})), 1);
+    EXPECT_EQ(Ctl(kStranger, viaDataControl({"data", "delete", "tiles", "--all"})), 1);
     EXPECT_EQ(Ctl(kLauncher, {"data", "insert", "accelerators", "accelerator_title=x"}), 1);
     EXPECT_EQ(Ctl(kLauncher, {"data", "update", "accelerators", "--where", "1 = 1", "accelerator_title=x"}), 1);
-    EXPECT_EQ(Ctl(kLauncher, {"data", "delete", "accelerators"}), 1);
+    EXPECT_EQ(Ctl(kLauncher, {"data", "delete", "accelerators", "--all"}), 1);
 
     // The end mark of a client's batch: relayed as an event, nothing written.
     EXPECT_EQ(Ctl(kNews, {"data", "insert", "tiles", std::string(TilesModel::EVENT_TILES_SYNC_KEY) + "=" +
                                                          TilesModel::EVENT_TILES_SYNC_STATUS_END,
                           "tile_section_raw_id=1"}),
-              1);
+              0);
 }
 
 void SessionLogTest::RunEventsAndResets()
