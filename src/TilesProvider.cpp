@@ -603,7 +603,9 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
         return RESULT_FAILED;
     }
 
-    pConnection->BeginTransaction();
+    if (pConnection->BeginTransaction() != 0) {
+        return RESULT_FAILED;  // without a transaction a bulk could be stored in part
+    }
     if (in.vecValues.empty()) {
         pConnection->EndTransaction(false);
         return RESULT_FAILED;
@@ -621,8 +623,12 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
         }
 
         if (result == 0) {
-            pConnection->EndTransaction(true);
-            return RESULT_SUCCESS;
+            // A commit that fails stores no row of the bulk: report its code.
+            result = pConnection->EndTransaction(true);
+            if (result != 0) {
+                out.nRowId = -1;
+            }
+            return result;
         }
         LOGI("failed to InsertRequest for bulk");
         out.nRowId = -1;
@@ -736,7 +742,9 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
         return RESULT_FAILED;
     }
 
-    pConnection->BeginTransaction();
+    if (pConnection->BeginTransaction() != 0) {
+        return RESULT_FAILED;  // without a transaction a bulk could be stored in part
+    }
     if (in.vecValues.empty()) {
         pConnection->EndTransaction(false);
         return RESULT_FAILED;
@@ -751,8 +759,8 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
             if (bundle_del(pValues, BULK_UPDATE_ROW_ID_KEY) != BUNDLE_ERROR_NONE) {
                 // Commits what an earlier bundle of this bulk updated, if any.
                 LOGI("failed to delete row ID bundle for bulk");
-                pConnection->EndTransaction(lastResult == 0);
-                return lastResult;
+                const int ended = pConnection->EndTransaction(lastResult == 0);
+                return lastResult == 0 ? ended : lastResult;
             }
 
             std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
@@ -763,8 +771,8 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                 return lastResult;
             }
         }
-        pConnection->EndTransaction(true);
-        return RESULT_SUCCESS;
+        // A commit that fails stores no row of the bulk: report its code.
+        return pConnection->EndTransaction(true);
     } catch (...) {
         LOGI("failed by exception");
         pConnection->EndTransaction(false);
