@@ -8,6 +8,7 @@ PACKAGES=(
     libsqlite3-dev libglib2.0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon dbus-bin
+    clang libfuzzer-14-dev libclang-rt-14-dev
 )
 
 missing=()
