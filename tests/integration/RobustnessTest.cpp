@@ -14,6 +14,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <random>
@@ -61,6 +62,32 @@ std::vector<std::string> Marked(const std::string& text, const std::string& pref
     return found;
 }
 
+/* Sets a variable of this process (which the programs it starts inherit
+ * first) and puts the old value back at destruction. */
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : m_name(name)
+    {
+        const char* old = std::getenv(name);
+        m_had = old != nullptr;
+        m_old = m_had ? old : "";
+        setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv()
+    {
+        if (m_had) {
+            setenv(m_name.c_str(), m_old.c_str(), 1);
+        } else {
+            unsetenv(m_name.c_str());
+        }
+    }
+
+private:
+    std::string m_name;
+    std::string m_old;
+    bool m_had = false;
+};
+
 class RobustnessTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -77,6 +104,9 @@ protected:
         }
         tilvane::host::Reset();
     }
+
+    /* The service logs what the tests wait for, whatever the caller's level. */
+    ScopedEnv m_logLevel{"TILVANE_LOG_LEVEL", "D"};
 
     static void InstallWriter(const std::string& packageId, const std::string& appId)
     {
@@ -253,12 +283,12 @@ TEST_F(RobustnessTest, BulksWhileTheDiskFillsAreStoredWholeOrAnsweredWithAFailur
     constexpr int kRows = 4;
     InstallWriter("org.example.bulk", "org.example.bulk.ui");
     const std::string startFile = m_logs.File("disk-fills");
-    std::string sanitizer = "ASAN_OPTIONS=verify_asan_link_order=0";
-    if (const char* asan = std::getenv("ASAN_OPTIONS")) {
-        sanitizer += std::string(":") + asan;
-    }
+    /* Under AddressSanitizer the preloaded library comes before its runtime. */
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    ScopedEnv sanitizer("ASAN_OPTIONS",
+                        std::string("verify_asan_link_order=0") + (asan != nullptr ? std::string(":") + asan : ""));
     StartService({"LD_PRELOAD=" + std::string(TILVANE_FAULT_VFS_PRELOAD), "TILVANE_FAULT_VFS_FULL_AFTER=40",
-                  "TILVANE_FAULT_VFS_START_FILE=" + startFile, sanitizer});
+                  "TILVANE_FAULT_VFS_START_FILE=" + startFile});
     const std::string section = SectionOf("org.example.bulk.ui");
     ASSERT_FALSE(section.empty());
 
