@@ -11,6 +11,7 @@ PACKAGES=(
     libsoup-3.0-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core
     systemd
+    clang libfuzzer-14-dev libclang-rt-14-dev
 )
 
 missing=()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds Tilvane from scratch and runs the whole test suite in a normal build,
-# a short run of the benchmarks to show they work, and the suite once more
-# under AddressSanitizer and UBSan (skip that with TILVANE_SKIP_SANITIZE=1).
+# a short run of the benchmarks to show they work, each libFuzzer target for a
+# bounded time (skip with TILVANE_SKIP_FUZZ=1), and the suite once more under
+# AddressSanitizer and UBSan (skip that with TILVANE_SKIP_SANITIZE=1).
 set -euo pipefail
 
 top="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -24,6 +25,13 @@ run_suite "$builds/test" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTILVANE_BUILD_BENCH
 
 echo "==> benchmarks (short run)"
 "$builds/test/bench/tilvane_bench" --short
+
+if [ "${TILVANE_SKIP_FUZZ:-0}" != "1" ]; then
+    echo "==> fuzzing every decoder of bus input (bounded time per target)"
+    CC=clang CXX=clang++ cmake -S "$top" -B "$builds/fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DTILVANE_BUILD_FUZZERS=ON -DTILVANE_SANITIZE=ON -DTILVANE_BUILD_TESTS=OFF -DTILVANE_BUILD_BENCHMARKS=OFF >/dev/null
+    "$top/scripts/fuzz.sh" "$builds/fuzz" "${TILVANE_FUZZ_SECONDS:-20}"
+fi
 
 if [ "${TILVANE_SKIP_SANITIZE:-0}" != "1" ]; then
     ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \

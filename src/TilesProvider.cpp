@@ -593,15 +593,18 @@ int CTilesProvider::BulkWrite(const char* func, const std::string& appId, const 
     }
 
     CContentDbConnection* pConnection = scope.pConnection;
-    pConnection->BeginTransaction();
+    if (pConnection->BeginTransaction() != 0) {
+        return RESULT_FAILED;  // without a transaction a bulk could be stored in part
+    }
     if (bEmpty) {
         pConnection->EndTransaction(false);
         return RESULT_FAILED;
     }
     try {
         BulkOutcome outcome = body(*pConnection, scope.table);
-        pConnection->EndTransaction(outcome.bCommit);
-        return outcome.result;
+        const int ended = pConnection->EndTransaction(outcome.bCommit);
+        // A commit that fails stores no row of the bulk: its code is the answer.
+        return (outcome.bCommit && ended != 0) ? ended : outcome.result;
     } catch (...) {
         LOGI_AS(func, "failed by exception");
         pConnection->EndTransaction(false);
@@ -648,7 +651,11 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
         out.nRowId = -1;
         return {result, false};
     };
-    return BulkWrite(func, in.strAppId, in.strUri, in.vecValues.empty(), insertAll);
+    const int result = BulkWrite(func, in.strAppId, in.strUri, in.vecValues.empty(), insertAll);
+    if (result != RESULT_SUCCESS) {
+        out.nRowId = -1;  // also when the commit failed after the last row
+    }
+    return result;
 }
 
 bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)

@@ -15,24 +15,69 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <unordered_map>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "bundle_limits.h"
 #include "host_control.h"
 
+/* Entries in insertion order. Small bundles (every launcher row) are searched
+ * in place; from kIndexFrom entries on, a hash index beside the vector keeps a
+ * lookup O(1), so adding or decoding n keys costs O(n), not O(n^2). */
 struct _bundle_t {
-    std::vector<std::pair<std::string, std::string>> entries;
+    using Entry = std::pair<std::string, std::string>;
+    static constexpr size_t kIndexFrom = 32;
 
-    std::vector<std::pair<std::string, std::string>>::iterator Find(const char* key)
+    std::vector<Entry> entries;
+    std::unordered_map<std::string, size_t> index; /* key -> position; empty below kIndexFrom */
+
+    /* Position of `key`, or entries.size(). */
+    size_t Find(const char* key, size_t length) const
     {
-        for (auto it = entries.begin(); it != entries.end(); ++it) {
-            if (it->first == key) {
-                return it;
+        if (!index.empty()) {
+            auto it = index.find(std::string(key, length));
+            return it != index.end() ? it->second : entries.size();
+        }
+        for (size_t i = 0; i < entries.size(); ++i) {
+            const std::string& k = entries[i].first;
+            if (k.size() == length && memcmp(k.data(), key, length) == 0) {
+                return i;
             }
         }
-        return entries.end();
+        return entries.size();
+    }
+    size_t Find(const char* key) const { return Find(key, strlen(key)); }
+
+    /* Appends an entry whose key is not present. */
+    void Append(std::string key, std::string value)
+    {
+        entries.emplace_back(std::move(key), std::move(value));
+        if (!index.empty()) {
+            index.emplace(entries.back().first, entries.size() - 1);
+        } else if (entries.size() >= kIndexFrom) {
+            Reindex();
+        }
+    }
+
+    void Erase(size_t position)
+    {
+        entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(position));
+        index.clear();
+        if (entries.size() >= kIndexFrom) {
+            Reindex();
+        }
+    }
+
+    void Reindex()
+    {
+        index.clear();
+        index.reserve(entries.size());
+        for (size_t i = 0; i < entries.size(); ++i) {
+            index.emplace(entries[i].first, i);
+        }
     }
 };
 
@@ -129,7 +174,92 @@ struct GFreeDeleter {
     void operator()(void* p) const { g_free(p); }
 };
 
+/* The entries of a decoded transport form, within the limits. */
+BundleRefusal ReadEntries(Reader& reader, _bundle_t& result)
+{
+    uint32_t count = 0;
+    if (!reader.Bytes(kMagic, sizeof kMagic) || !reader.U32(count)) {
+        return BundleRefusal::Malformed;
+    }
+    if (count > kBundleMaxKeys) {
+        return BundleRefusal::OverLimits;
+    }
+    result.entries.reserve(count);
+    if (count >= _bundle_t::kIndexFrom) {
+        result.index.reserve(count);
+    }
+    size_t bytes = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        std::string key;
+        std::string value;
+        if (!reader.Text(key) || !reader.Text(value) || key.empty()) {
+            return BundleRefusal::Malformed;
+        }
+        bytes += key.size() + value.size();
+        if (key.size() > kBundleMaxKeyBytes || bytes > kBundleMaxBytes) {
+            return BundleRefusal::OverLimits;
+        }
+        if (result.Find(key.data(), key.size()) != result.entries.size()) {
+            return BundleRefusal::Malformed; /* a key twice */
+        }
+        result.Append(std::move(key), std::move(value));
+    }
+    return reader.AtEnd() ? BundleRefusal::None : BundleRefusal::Malformed;
+}
+
 }  // namespace
+
+bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
+{
+    BundleRefusal ignored = BundleRefusal::None;
+    BundleRefusal& refusal = why != nullptr ? *why : ignored;
+    refusal = BundleRefusal::Malformed;
+    if (text == nullptr || length == 0) {
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    if (length > kBundleMaxEncodedBytes) {
+        refusal = BundleRefusal::OverLimits;
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    // Decoded in place from the caller's bytes: no copy of the text first.
+    const std::string_view base64(text, length);
+    if (!IsBase64Text(base64)) {
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    std::vector<guchar> binary(base64.size() / 4 * 3 + 3);
+    gint state = 0;
+    guint save = 0;
+    const gsize size = g_base64_decode_step(base64.data(), base64.size(), binary.data(), &state, &save);
+    std::unique_ptr<bundle> result(new (std::nothrow) _bundle_t());
+    if (!result) {
+        SetResult(BUNDLE_ERROR_OUT_OF_MEMORY);
+        return nullptr;
+    }
+    Reader reader(binary.data(), size);
+    refusal = ReadEntries(reader, *result);
+    if (refusal != BundleRefusal::None) {
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    SetResult(BUNDLE_ERROR_NONE);
+    return result.release();
+}
+
+const char* DescribeRefusal(BundleRefusal why)
+{
+    switch (why) {
+    case BundleRefusal::None:
+        return "a bundle";
+    case BundleRefusal::OverLimits:
+        return "over the bundle limits";
+    case BundleRefusal::Malformed:
+        break;
+    }
+    return "not a bundle";
+}
 }  // namespace host
 }  // namespace tilvane
 
@@ -174,10 +304,10 @@ int bundle_add_str(bundle* b, const char* key, const char* str)
     if (b == nullptr || key == nullptr || *key == '\0' || str == nullptr) {
         return SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
     }
-    if (b->Find(key) != b->entries.end()) {
+    if (b->Find(key) != b->entries.size()) {
         return SetResult(BUNDLE_ERROR_KEY_EXISTS);
     }
-    b->entries.emplace_back(key, str);
+    b->Append(key, str);
     return SetResult(BUNDLE_ERROR_NONE);
 }
 
@@ -191,12 +321,12 @@ int bundle_get_str(bundle* b, const char* key, char** str)
     if (b == nullptr || key == nullptr || str == nullptr) {
         return SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
     }
-    auto it = b->Find(key);
-    if (it == b->entries.end()) {
+    const size_t at = b->Find(key);
+    if (at == b->entries.size()) {
         *str = nullptr;
         return SetResult(BUNDLE_ERROR_KEY_NOT_AVAILABLE);
     }
-    *str = &it->second[0];
+    *str = &b->entries[at].second[0];
     return SetResult(BUNDLE_ERROR_NONE);
 }
 
@@ -206,13 +336,13 @@ const char* bundle_get_val(bundle* b, const char* key)
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    auto it = b->Find(key);
-    if (it == b->entries.end()) {
+    const size_t at = b->Find(key);
+    if (at == b->entries.size()) {
         SetResult(BUNDLE_ERROR_KEY_NOT_AVAILABLE);
         return nullptr;
     }
     SetResult(BUNDLE_ERROR_NONE);
-    return it->second.c_str();
+    return b->entries[at].second.c_str();
 }
 
 int bundle_del(bundle* b, const char* key)
@@ -223,9 +353,9 @@ int bundle_del(bundle* b, const char* key)
     if (b == nullptr || key == nullptr) {
         return SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
     }
-    auto it = b->Find(key);
-    if (it != b->entries.end()) {
-        b->entries.erase(it);
+    const size_t at = b->Find(key);
+    if (at != b->entries.size()) {
+        b->Erase(at);
     }
     /* Removing an absent key is not an error on this platform. */
     return SetResult(BUNDLE_ERROR_NONE);
@@ -290,49 +420,11 @@ int bundle_free_encoded_rawdata(bundle_raw** raw)
 
 bundle* bundle_decode(const bundle_raw* raw, const int len)
 {
-    using namespace tilvane::host;
     if (raw == nullptr || len <= 0) {
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    // Decoded in place from the caller's bytes: no copy of the text first.
-    const std::string_view text(reinterpret_cast<const char*>(raw), static_cast<size_t>(len));
-    if (!IsBase64Text(text)) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    std::vector<guchar> binary(text.size() / 4 * 3 + 3);
-    gint state = 0;
-    guint save = 0;
-    const gsize size = g_base64_decode_step(text.data(), text.size(), binary.data(), &state, &save);
-
-    Reader reader(binary.data(), size);
-    uint32_t count = 0;
-    if (!reader.Bytes(kMagic, sizeof kMagic) || !reader.U32(count)) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    std::unique_ptr<bundle> result(new (std::nothrow) _bundle_t());
-    if (!result) {
-        SetResult(BUNDLE_ERROR_OUT_OF_MEMORY);
-        return nullptr;
-    }
-    for (uint32_t i = 0; i < count; ++i) {
-        std::string key;
-        std::string value;
-        if (!reader.Text(key) || !reader.Text(value) || key.empty() ||
-            result->Find(key.c_str()) != result->entries.end()) {
-            SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-            return nullptr;
-        }
-        result->entries.emplace_back(std::move(key), std::move(value));
-    }
-    if (!reader.AtEnd()) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    SetResult(BUNDLE_ERROR_NONE);
-    return result.release();
+    return tilvane::host::DecodeBoundedBundle(reinterpret_cast<const char*>(raw), static_cast<size_t>(len), nullptr);
 }
 
 }  // extern "C"

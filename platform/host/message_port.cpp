@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "app_identity.h"
+#include "bundle_limits.h"
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
@@ -268,9 +269,10 @@ void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* param
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorPortNotFound, "no such port");
         return;
     }
-    bundle* message = bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded)));
+    BundleRefusal refused = BundleRefusal::None;
+    bundle* message = DecodeBoundedBundle(encoded, std::strlen(encoded), &refused);
     if (message == nullptr) {
-        PORT_LOGE("message for port %s from %s dropped: not a bundle", port, senderApp);
+        PORT_LOGE("message for port %s from %s dropped: %s", port, senderApp, DescribeRefusal(refused));
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidMessage, "the message is not a bundle");
         return;
     }

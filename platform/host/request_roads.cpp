@@ -33,9 +33,11 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app_identity.h"
+#include "bundle_limits.h"
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
@@ -200,17 +202,21 @@ std::vector<std::string> StringsOf(GVariant* array)
     return strings;
 }
 
-bundle* DecodeBundle(const char* encoded, size_t length)
+/* A request's values; null when refused, with the reason in `why`. Decoded
+ * straight from the message's own bytes. */
+bundle* DecodeBundle(const char* encoded, size_t length, BundleRefusal* why = nullptr)
 {
-    if (length > static_cast<size_t>(INT_MAX)) {
-        return nullptr;
-    }
-    return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(length));
+    return DecodeBoundedBundle(encoded, length, why);
 }
 
-bundle* DecodeBundle(const char* encoded)
+const char* ValuesRefusal(BundleRefusal why)
 {
-    return DecodeBundle(encoded, std::strlen(encoded));
+    return why == BundleRefusal::OverLimits ? "the values are over the bundle limits" : "the values are not a bundle";
+}
+
+bundle* DecodeBundle(const char* encoded, BundleRefusal* why = nullptr)
+{
+    return DecodeBundle(encoded, std::strlen(encoded), why);
 }
 
 void DeleteStringCB(gpointer data)
@@ -346,10 +352,11 @@ void RunDataControl(Job& job)
     bool served = true;
     bool readable = true;
     std::string syncMark;
+    BundleRefusal refused = BundleRefusal::None;
     if (job.method == "Insert") {
         const gchar* values = nullptr;
         g_variant_get_child(p, 3, "&s", &values);
-        bundle* data = DecodeBundle(values);
+        bundle* data = DecodeBundle(values, &refused);
         if (data == nullptr) {
             readable = false;
         } else if (callbacks.insert_cb == nullptr) {
@@ -382,7 +389,7 @@ void RunDataControl(Job& job)
         const gchar* where = nullptr;
         g_variant_get_child(p, 3, "&s", &values);
         g_variant_get_child(p, 4, "&s", &where);
-        bundle* data = DecodeBundle(values);
+        bundle* data = DecodeBundle(values, &refused);
         if (data == nullptr) {
             readable = false;
         } else if (callbacks.update_cb == nullptr) {
@@ -405,7 +412,7 @@ void RunDataControl(Job& job)
         s.active.erase(request.id);
     }
     if (!readable) {
-        ReturnError(job.invocation, kErrorInvalidRequest, "the values are not a bundle");
+        ReturnError(job.invocation, kErrorInvalidRequest, ValuesRefusal(refused));
         return;
     }
     if (!served) {
@@ -460,29 +467,42 @@ void ReturnResult(GDBusMethodInvocation* invocation, bool found, GVariant* value
     g_dbus_method_invocation_return_value(invocation, value);
 }
 
-std::vector<bundle*> DecodeBundles(GVariant* array, bool& ok)
+void FreeBundles(std::vector<bundle*>& bundles);
+
+/* The rows of a bulk, each a bundle, within the bulk's limits (bundle_limits.h).
+ * Empty with `why` set when any row is refused. Linear in the request's size. */
+std::vector<bundle*> DecodeBundles(GVariant* array, BundleRefusal& why)
 {
     std::vector<bundle*> bundles;
-    ok = true;
-    // Each row decoded straight from the message's own bytes.
+    why = BundleRefusal::None;
     const gsize count = g_variant_n_children(array);
+    if (count > kBulkMaxRows) {
+        why = BundleRefusal::OverLimits;
+        return bundles;
+    }
+    std::vector<std::pair<const gchar*, size_t>> texts;
+    texts.reserve(count);
+    size_t total = 0;
+    GVariantIter iter;
+    g_variant_iter_init(&iter, array);
+    const gchar* text = nullptr;
+    while (g_variant_iter_next(&iter, "&s", &text)) { /* texts owned by `array` */
+        const size_t length = std::strlen(text);
+        texts.emplace_back(text, length);
+        total += length;
+    }
+    if (total > kBulkMaxBytes) {
+        why = BundleRefusal::OverLimits;
+        return bundles;
+    }
     bundles.reserve(count);
-    for (gsize i = 0; i < count; ++i) {
-        GVariantPtr row(g_variant_get_child_value(array, i));
-        gsize length = 0;
-        const gchar* encoded = g_variant_get_string(row.get(), &length);
-        bundle* b = DecodeBundle(encoded, length);
+    for (const auto& text : texts) {
+        bundle* b = DecodeBoundedBundle(text.first, text.second, &why);
         if (b == nullptr) {
-            ok = false;
-            break;
+            FreeBundles(bundles);
+            return bundles;
         }
         bundles.push_back(b);
-    }
-    if (!ok) {
-        for (bundle* b : bundles) {
-            bundle_free(b);
-        }
-        bundles.clear();
     }
     return bundles;
 }
@@ -518,9 +538,10 @@ void RunContent(Job& job)
         PT_PROVIDER_INSERT_OUT_PARAM out;
         in.strAppId = job.clientApp;
         in.strUri = uri;
-        in.pValues = DecodeBundle(values);
+        BundleRefusal refused = BundleRefusal::None;
+        in.pValues = DecodeBundle(values, &refused);
         if (in.pValues == nullptr) {
-            ReturnError(job.invocation, kErrorInvalidRequest, "the values are not a bundle");
+            ReturnError(job.invocation, kErrorInvalidRequest, ValuesRefusal(refused));
             return;
         }
         const bool found = DispatchInsert(in, out, result);
@@ -531,10 +552,12 @@ void RunContent(Job& job)
                      g_variant_new("(ixs)", result, static_cast<gint64>(out.nRowId), reason.c_str()));
     } else if (job.method == "BulkInsert" || job.method == "BulkUpdate") {
         GVariantPtr rows(g_variant_get_child_value(p, 2));
-        bool ok = true;
-        std::vector<bundle*> bundles = DecodeBundles(rows.get(), ok);
-        if (!ok) {
-            ReturnError(job.invocation, kErrorInvalidRequest, "a row is not a bundle");
+        BundleRefusal refused = BundleRefusal::None;
+        std::vector<bundle*> bundles = DecodeBundles(rows.get(), refused);
+        if (refused != BundleRefusal::None) {
+            ReturnError(job.invocation, kErrorInvalidRequest,
+                        refused == BundleRefusal::OverLimits ? "the rows are over the bulk or bundle limits"
+                                                             : "a row is not a bundle");
             return;
         }
         if (job.method == "BulkInsert") {
@@ -568,11 +591,12 @@ void RunContent(Job& job)
         PT_PROVIDER_UPDATE_OUT_PARAM out;
         in.strAppId = job.clientApp;
         in.strUri = uri;
-        in.pValues = DecodeBundle(values);
+        BundleRefusal refused = BundleRefusal::None;
+        in.pValues = DecodeBundle(values, &refused);
         in.strWhere = where;
         in.vecWhereArgs = StringsOf(args.get());
         if (in.pValues == nullptr) {
-            ReturnError(job.invocation, kErrorInvalidRequest, "the values are not a bundle");
+            ReturnError(job.invocation, kErrorInvalidRequest, ValuesRefusal(refused));
             return;
         }
         const bool found = DispatchUpdate(in, out, result);

@@ -262,6 +262,7 @@ public:
         return true;
     }
     bool AtEnd() const { return m_at == m_size; }
+    size_t Left() const { return m_size - m_at; }
 
 private:
     const uint8_t* m_data;
@@ -348,7 +349,11 @@ bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
         rows.columns.emplace_back(reinterpret_cast<const char*>(start), length);
     }
     uint32_t rowCount = 0;
-    if (!reader.U32(rowCount) || (columnCount > 0 && rowCount > size)) {
+    /* Every cell takes at least its tag byte, so the counts are checked
+     * against what is left before anything is reserved: a result without
+     * columns has no rows, and decoding stays linear in `size`. */
+    if (!reader.U32(rowCount) || (columnCount == 0 && rowCount > 0) ||
+        static_cast<uint64_t>(rowCount) * columnCount > reader.Left()) {
         return false;
     }
     rows.rows.reserve(rowCount);

@@ -35,7 +35,7 @@ void SleepFor(int64_t durationUs)
 }  // namespace host
 }  // namespace tilvane
 
-extern "C" unsigned int sleep(unsigned int seconds) __THROW
+extern "C" unsigned int sleep(unsigned int seconds)
 {
     const int64_t durationUs = static_cast<int64_t>(seconds) * 1000000;
     if (tilvane::host::RecordSleepAndAdvance(durationUs)) {
@@ -45,7 +45,7 @@ extern "C" unsigned int sleep(unsigned int seconds) __THROW
     return 0;
 }
 
-extern "C" int usleep(useconds_t usec) __THROW
+extern "C" int usleep(useconds_t usec)
 {
     const int64_t durationUs = static_cast<int64_t>(usec);
     if (tilvane::host::RecordSleepAndAdvance(durationUs)) {

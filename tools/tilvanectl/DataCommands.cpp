@@ -16,6 +16,7 @@
 #include "DataRequests.h"
 #include "Json.h"
 #include "TextWidth.h"
+#include "JsonLines.h"
 #include "TilesModel.h"
 
 namespace tilvanectl {
@@ -74,33 +75,10 @@ bool ReadBulk(const std::string& path, std::vector<Values>& rows)
         std::cerr << "tilvanectl data: cannot read " << path << "\n";
         return false;
     }
-    std::string line;
-    int number = 0;
-    while (std::getline(file, line)) {
-        ++number;
-        if (line.find_first_not_of(" \t\r") == std::string::npos) {
-            continue;
-        }
-        JsonValue object;
-        std::string error;
-        if (!ParseJson(line, object, error)) {
-            std::cerr << "tilvanectl data: " << path << ":" << number << ": " << error << "\n";
-            return false;
-        }
-        if (object.type != JsonValue::Type::Object) {
-            std::cerr << "tilvanectl data: " << path << ":" << number << ": expected an object\n";
-            return false;
-        }
-        Values values;
-        for (const auto& member : object.members) {
-            if (!member.second.IsScalar()) {
-                std::cerr << "tilvanectl data: " << path << ":" << number << ": the value of \"" << member.first
-                          << "\" is neither a string nor a number\n";
-                return false;
-            }
-            values.emplace_back(member.first, member.second.text);
-        }
-        rows.push_back(values);
+    std::string error;
+    if (!ReadJsonLines(file, path, rows, error)) {
+        std::cerr << "tilvanectl data: " << error << "\n";
+        return false;
     }
     return true;
 }

@@ -21,6 +21,38 @@ bool IsUnreadable(int rc)
     return rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT || rc == SQLITE_IOERR || rc == SQLITE_CANTOPEN;
 }
 
+std::string ColumnText(sqlite3_stmt* statement, int column);
+
+/* Reads the schema and runs PRAGMA quick_check; SQLite's code of a failure
+ * (logged), else SQLITE_OK with the check's findings in `results`. */
+int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& results)
+{
+    StatementHandle statement;
+    int rc = tilvane::content::PrepareStatement(db, "SELECT count(*) FROM sqlite_master", statement);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_step(statement.get());
+        rc = rc == SQLITE_ROW ? SQLITE_OK : rc;
+    }
+    statement.reset();
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("%s cannot be read: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
+        return rc;
+    }
+
+    rc = tilvane::content::PrepareStatement(db, "PRAGMA quick_check", statement);
+    if (rc == SQLITE_OK) {
+        while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
+            results.push_back(ColumnText(statement.get(), 0));
+        }
+        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
+    }
+    statement.reset();
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("quick check of %s: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
+    }
+    return rc;
+}
+
 int ReadVersion(sqlite3* db, int64_t& version)
 {
     StatementHandle statement;
@@ -311,7 +343,8 @@ bool CContentHelper::PrepareSchema(CContentDbConnection* connection)
 
 bool CContentHelper::CheckDBCorruption()
 {
-    if (m_pConnection == nullptr || !m_pConnection->IsOpen()) {
+    // A second attempt: an I/O error while opening can pass.
+    for (int attempt = 0; attempt < 2 && (m_pConnection == nullptr || !m_pConnection->IsOpen()); ++attempt) {
         ConnectDB();
     }
     if (m_pConnection == nullptr || m_pConnection->GetHandle() == nullptr) {
@@ -340,17 +373,17 @@ bool CContentHelper::CheckDBCorruption()
         return false;
     }
     CONTENT_LOGD("%s was not closed cleanly or changed since: running the quick check", path.c_str());
-    rc = tilvane::content::PrepareStatement(db, "PRAGMA quick_check", statement);
     std::vector<std::string> results;
-    if (rc == SQLITE_OK) {
-        while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
-            results.push_back(ColumnText(statement.get(), 0));
-        }
-        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
+    rc = QuickCheck(db, path, results);
+    const bool clean = rc == SQLITE_OK && results.size() == 1 && results[0] == "ok";
+    if (!clean && (rc == SQLITE_OK || rc == SQLITE_IOERR)) {
+        // An I/O error can pass (the check also reports one as a finding,
+        // "unable to get the page"); a healthy file is not condemned for it.
+        CONTENT_LOGI("checking %s once more", path.c_str());
+        results.clear();
+        rc = QuickCheck(db, path, results);
     }
-    statement.reset();
     if (rc != SQLITE_OK) {
-        CONTENT_LOGE("quick check of %s: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
         return IsUnreadable(rc);
     }
     if (results.size() == 1 && results[0] == "ok") {

@@ -1,0 +1,50 @@
+/*
+ * What a bundle read from the bus may hold, and the bounded decoder the host
+ * platform uses for every bundle that arrives from another process.
+ *
+ * A launcher row has a few dozen columns (a tile has 27) of short texts; the
+ * limits leave a wide margin above that and keep the time and memory that one
+ * request can cost the service small. docs/messaging.md lists them.
+ * Internal to the host platform.
+ */
+#ifndef TILVANE_PLATFORM_BUNDLE_LIMITS_H
+#define TILVANE_PLATFORM_BUNDLE_LIMITS_H
+
+#include <cstddef>
+
+#include "bundle.h"
+
+namespace tilvane {
+namespace host {
+
+/* One bundle. */
+constexpr size_t kBundleMaxKeys = 1024;
+constexpr size_t kBundleMaxKeyBytes = 1024;
+/* Key and value bytes of all entries together (one value may use all of it). */
+constexpr size_t kBundleMaxBytes = 1024 * 1024;
+/* The transport text: no text longer than this can decode within the limits
+ * above (base64 of the header, the lengths and kBundleMaxBytes of content). */
+constexpr size_t kBundleMaxEncodedBytes = 4 * ((8 + 8 * kBundleMaxKeys + kBundleMaxBytes + 2) / 3);
+
+/* One bulk request of the content library's road. */
+constexpr size_t kBulkMaxRows = 4096;
+/* All encoded rows of one bulk together. */
+constexpr size_t kBulkMaxBytes = 16 * 1024 * 1024;
+
+enum class BundleRefusal {
+    None,
+    Malformed,  /* not the transport form of a bundle */
+    OverLimits  /* a well-formed bundle, or a text, beyond the limits above */
+};
+
+/* Decodes `length` bytes of transport text. Null when refused, with the reason
+ * in `why` (may be null). Runs in time linear in `length`. */
+bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why);
+
+/* "not a bundle" / "over the bundle limits" */
+const char* DescribeRefusal(BundleRefusal why);
+
+}  // namespace host
+}  // namespace tilvane
+
+#endif

@@ -1,0 +1,210 @@
+#include "FuzzTargets.h"
+
+#include <glib.h>
+
+#include <cstring>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <bundle.h>
+#include <host_control.h>
+#include <tilvane_client.h>
+
+#include "JsonLines.h"
+#include "Manifest.h"
+#include "bundle_limits.h"
+#include "row_codec.h"
+
+namespace tilvane {
+namespace fuzz {
+namespace {
+
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+struct BundleDeleter {
+    void operator()(bundle* b) const { bundle_free(b); }
+};
+using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
+
+void Collect(const char* key, const char* value, void* data)
+{
+    static_cast<Entries*>(data)->emplace_back(key, value);
+}
+
+Entries EntriesOf(bundle* b)
+{
+    Entries entries;
+    bundle_iterate(b, Collect, &entries);
+    return entries;
+}
+
+/* A decoded bundle: within the limits, unique non-empty keys, every key found
+ * by lookup, and encoding it gives back a text that decodes to the same. */
+std::string CheckDecoded(const char* text, size_t length)
+{
+    host::BundleRefusal why = host::BundleRefusal::None;
+    BundlePtr decoded(host::DecodeBoundedBundle(text, length, &why));
+    if (!decoded) {
+        return why == host::BundleRefusal::None ? "refused without a reason" : "";
+    }
+    const Entries entries = EntriesOf(decoded.get());
+    if (entries.size() > host::kBundleMaxKeys || static_cast<int>(entries.size()) != bundle_get_count(decoded.get())) {
+        return "entry count";
+    }
+    std::set<std::string> keys;
+    size_t bytes = 0;
+    for (const auto& entry : entries) {
+        bytes += entry.first.size() + entry.second.size();
+        if (entry.first.empty() || entry.first.size() > host::kBundleMaxKeyBytes || !keys.insert(entry.first).second) {
+            return "a key that should have been refused";
+        }
+        const char* value = bundle_get_val(decoded.get(), entry.first.c_str());
+        if (value == nullptr || entry.second != value) {
+            return "lookup of a decoded key";
+        }
+        if (bundle_add_str(decoded.get(), entry.first.c_str(), "x") != BUNDLE_ERROR_KEY_EXISTS) {
+            return "a decoded key added twice";
+        }
+    }
+    if (bytes > host::kBundleMaxBytes) {
+        return "over the byte limit";
+    }
+    bundle_raw* raw = nullptr;
+    int rawLength = 0;
+    if (bundle_encode(decoded.get(), &raw, &rawLength) != BUNDLE_ERROR_NONE) {
+        return "cannot encode a decoded bundle";
+    }
+    BundlePtr again(bundle_decode(raw, rawLength));
+    bundle_free_encoded_rawdata(&raw);
+    if (!again || EntriesOf(again.get()) != entries) {
+        return "encode and decode do not give the same entries";
+    }
+    return "";
+}
+
+}  // namespace
+
+std::string BundleDecode(const uint8_t* data, size_t size)
+{
+    /* The input as transport text, and as the binary form inside it. */
+    std::string problem = CheckDecoded(reinterpret_cast<const char*>(data), size);
+    if (!problem.empty()) {
+        return "text: " + problem;
+    }
+    gchar* text = g_base64_encode(data, size);
+    problem = CheckDecoded(text, std::strlen(text));
+    g_free(text);
+    return problem.empty() ? "" : "binary: " + problem;
+}
+
+std::string RowDecode(const uint8_t* data, size_t size)
+{
+    client::RowSet rows;
+    if (!host::DecodeRows(data, size, rows)) {
+        return "";
+    }
+    host::RowEncoder encoder(rows.columns);
+    for (const auto& row : rows.rows) {
+        if (row.size() != rows.columns.size()) {
+            return "a row whose cell count is not the column count";
+        }
+        for (const client::Cell& cell : row) {
+            switch (cell.type) {
+            case client::Cell::Type::Null: encoder.Null(); break;
+            case client::Cell::Type::Integer: encoder.Integer(cell.integer); break;
+            case client::Cell::Type::Real: encoder.Real(cell.real); break;
+            case client::Cell::Type::Text: encoder.Text(cell.text.data(), cell.text.size()); break;
+            case client::Cell::Type::Blob: encoder.Blob(cell.blob.data(), cell.blob.size()); break;
+            }
+        }
+        encoder.EndRow();
+    }
+    const std::string encoded = encoder.Finish();
+    if (encoded.size() != size || std::memcmp(encoded.data(), data, size) != 0) {
+        return "decoded rows encode to other bytes";
+    }
+    return "";
+}
+
+std::string ManifestParse(const uint8_t* data, size_t size)
+{
+    std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
+    host::RegisteredPackage package;
+    std::string error;
+    if (!tilvanectl::ParseManifestStream(in, "fuzz", package, error)) {
+        return error.rfind("fuzz:", 0) == 0 ? "" : "a refusal that does not name the file: " + error;
+    }
+    if (package.packageId.empty() || package.packageId.find_first_of(" \t\r") != std::string::npos) {
+        return "a package id that should have been refused";
+    }
+    if (package.applications.empty()) {
+        return "a package without applications";
+    }
+    std::set<std::string> ids;
+    for (const auto& app : package.applications) {
+        if (app.appId.empty() || !ids.insert(app.appId).second) {
+            return "an application id that should have been refused";
+        }
+        std::set<std::string> keys;
+        for (const auto& entry : app.metadata) {
+            if (entry.first.empty() || !keys.insert(entry.first).second) {
+                return "a metadata key that should have been refused";
+            }
+        }
+    }
+    return "";
+}
+
+namespace {
+
+std::string JsonQuoted(const std::string& text)
+{
+    static const char kHex[] = "0123456789abcdef";
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\') {
+            out.push_back('\\');
+            out.push_back(static_cast<char>(c));
+        } else if (c < 0x20) {
+            out += "\\u00";
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 0xF]);
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    return out + "\"";
+}
+
+}  // namespace
+
+std::string JsonLinesRead(const uint8_t* data, size_t size)
+{
+    std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<client::Values> rows;
+    std::string error;
+    if (!tilvanectl::ReadJsonLines(in, "fuzz", rows, error)) {
+        return error.rfind("fuzz:", 0) == 0 ? "" : "a refusal that does not name the file: " + error;
+    }
+    /* Written back as strings, every row reads the same again. */
+    for (const client::Values& row : rows) {
+        std::string line = "{";
+        for (size_t i = 0; i < row.size(); ++i) {
+            line += (i == 0 ? "" : ",") + JsonQuoted(row[i].first) + ":" + JsonQuoted(row[i].second);
+        }
+        line += "}";
+        client::Values again;
+        std::string what;
+        if (!tilvanectl::ParseJsonLine(line, again, what) || again != row) {
+            return "a row does not read back the same: " + line;
+        }
+    }
+    return "";
+}
+
+}  // namespace fuzz
+}  // namespace tilvane

@@ -1,0 +1,144 @@
+/*
+ * Bundles read from the bus: the decoding limits (bundle_limits.h) and the
+ * index that keeps lookups, adds and decoding linear in the number of keys.
+ */
+#include <gtest/gtest.h>
+
+#include <glib.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <bundle.h>
+
+#include "../../platform/host/bundle_limits.h"
+
+namespace {
+
+using tilvane::host::BundleRefusal;
+using tilvane::host::DecodeBoundedBundle;
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+struct BundleDeleter {
+    void operator()(bundle* b) const { bundle_free(b); }
+};
+using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
+
+void PutU32(std::string& out, uint32_t value)
+{
+    for (int i = 0; i < 4; ++i) {
+        out.push_back(static_cast<char>((value >> (8 * i)) & 0xffu));
+    }
+}
+
+/* The transport text of `entries`, written by hand (duplicates allowed). */
+std::string Encoded(const Entries& entries)
+{
+    std::string binary("TVB\x01", 4);
+    PutU32(binary, static_cast<uint32_t>(entries.size()));
+    for (const auto& entry : entries) {
+        PutU32(binary, static_cast<uint32_t>(entry.first.size()));
+        binary += entry.first;
+        PutU32(binary, static_cast<uint32_t>(entry.second.size()));
+        binary += entry.second;
+    }
+    gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(binary.data()), binary.size());
+    std::string result(text);
+    g_free(text);
+    return result;
+}
+
+Entries Keys(size_t count, const std::string& value = "v")
+{
+    Entries entries;
+    for (size_t i = 0; i < count; ++i) {
+        entries.emplace_back("key" + std::to_string(i), value);
+    }
+    return entries;
+}
+
+BundleRefusal Refusal(const std::string& text)
+{
+    BundleRefusal why = BundleRefusal::None;
+    BundlePtr decoded(DecodeBoundedBundle(text.data(), text.size(), &why));
+    EXPECT_EQ(decoded == nullptr, why != BundleRefusal::None);
+    return why;
+}
+
+TEST(BundleLimitsTest, TheMostKeysAreDecodedInOrderAndOneMoreIsRefused)
+{
+    const std::string most = Encoded(Keys(tilvane::host::kBundleMaxKeys));
+    BundlePtr decoded(bundle_decode(reinterpret_cast<const bundle_raw*>(most.c_str()), static_cast<int>(most.size())));
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(static_cast<int>(tilvane::host::kBundleMaxKeys), bundle_get_count(decoded.get()));
+    EXPECT_STREQ("v", bundle_get_val(decoded.get(), "key1023"));
+    std::vector<std::string> order;
+    bundle_iterate(
+        decoded.get(), [](const char* key, const char*, void* data) { static_cast<std::vector<std::string>*>(data)->push_back(key); },
+        &order);
+    ASSERT_EQ(tilvane::host::kBundleMaxKeys, order.size());
+    EXPECT_EQ("key0", order.front());
+    EXPECT_EQ("key500", order[500]);
+
+    EXPECT_EQ(BundleRefusal::OverLimits, Refusal(Encoded(Keys(tilvane::host::kBundleMaxKeys + 1))));
+    EXPECT_EQ(BundleRefusal::OverLimits, Refusal(Encoded(Keys(80000))));
+}
+
+TEST(BundleLimitsTest, KeyAndTotalBytesAreBounded)
+{
+    EXPECT_EQ(BundleRefusal::None, Refusal(Encoded({{std::string(tilvane::host::kBundleMaxKeyBytes, 'k'), "v"}})));
+    EXPECT_EQ(BundleRefusal::OverLimits,
+              Refusal(Encoded({{std::string(tilvane::host::kBundleMaxKeyBytes + 1, 'k'), "v"}})));
+    /* One value may take all of the bytes. */
+    EXPECT_EQ(BundleRefusal::None, Refusal(Encoded({{"k", std::string(tilvane::host::kBundleMaxBytes - 1, 'v')}})));
+    EXPECT_EQ(BundleRefusal::OverLimits, Refusal(Encoded({{"k", std::string(tilvane::host::kBundleMaxBytes, 'v')}})));
+    EXPECT_EQ(BundleRefusal::OverLimits,
+              Refusal(Encoded({{"a", std::string(tilvane::host::kBundleMaxBytes / 2, 'v')},
+                               {"b", std::string(tilvane::host::kBundleMaxBytes / 2, 'v')}})));
+    /* A text longer than any bundle within the limits is refused before it is read. */
+    const std::string longText(tilvane::host::kBundleMaxEncodedBytes + 4, 'A');
+    EXPECT_EQ(BundleRefusal::OverLimits, Refusal(longText));
+    EXPECT_STREQ("over the bundle limits", tilvane::host::DescribeRefusal(BundleRefusal::OverLimits));
+    EXPECT_STREQ("not a bundle", tilvane::host::DescribeRefusal(BundleRefusal::Malformed));
+}
+
+TEST(BundleLimitsTest, DuplicateKeysAreRefusedBelowAndAboveTheIndexSize)
+{
+    Entries few = {{"a", "1"}, {"b", "2"}, {"a", "3"}};
+    EXPECT_EQ(BundleRefusal::Malformed, Refusal(Encoded(few)));
+    Entries many = Keys(200);
+    many.emplace_back("key17", "again");
+    EXPECT_EQ(BundleRefusal::Malformed, Refusal(Encoded(many)));
+    EXPECT_EQ(BundleRefusal::Malformed, Refusal("not base64!"));
+}
+
+TEST(BundleLimitsTest, AddLookupAndDeleteStayRightAcrossTheIndex)
+{
+    BundlePtr b(bundle_create());
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(BUNDLE_ERROR_NONE, bundle_add_str(b.get(), ("k" + std::to_string(i)).c_str(), std::to_string(i).c_str()));
+    }
+    EXPECT_EQ(BUNDLE_ERROR_KEY_EXISTS, bundle_add_str(b.get(), "k0", "again"));
+    EXPECT_EQ(BUNDLE_ERROR_KEY_EXISTS, bundle_add_str(b.get(), "k99", "again"));
+    EXPECT_STREQ("0", bundle_get_val(b.get(), "k0"));
+    /* Deleting shifts the later entries; lookups still find them. */
+    for (int i = 0; i < 80; ++i) {
+        ASSERT_EQ(BUNDLE_ERROR_NONE, bundle_del(b.get(), ("k" + std::to_string(i)).c_str()));
+    }
+    EXPECT_EQ(20, bundle_get_count(b.get()));
+    EXPECT_EQ(nullptr, bundle_get_val(b.get(), "k5"));
+    for (int i = 80; i < 100; ++i) {
+        EXPECT_STREQ(std::to_string(i).c_str(), bundle_get_val(b.get(), ("k" + std::to_string(i)).c_str()));
+    }
+    EXPECT_EQ(BUNDLE_ERROR_NONE, bundle_add_str(b.get(), "k5", "back"));
+    EXPECT_EQ(BUNDLE_ERROR_KEY_EXISTS, bundle_add_str(b.get(), "k85", "again"));
+    BundlePtr copy(bundle_dup(b.get()));
+    EXPECT_STREQ("back", bundle_get_val(copy.get(), "k5"));
+    EXPECT_STREQ("99", bundle_get_val(copy.get(), "k99"));
+    EXPECT_EQ(BUNDLE_ERROR_KEY_EXISTS, bundle_add_str(copy.get(), "k99", "again"));
+}
+
+}  // namespace
