@@ -4,7 +4,10 @@
  */
 #include "port_delivery.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -40,6 +43,8 @@ constexpr guint32 kNameAlreadyOwner = 4;
 
 constexpr int64_t kDefaultMaxUnanswered = 64;
 constexpr int64_t kDefaultDeliveryTimeoutMs = 10000;
+/* How long a process that ends waits for the answers of its last deliveries. */
+constexpr int kExitWaitMs = 2000;
 
 struct Pending {
     std::string appId;
@@ -55,6 +60,8 @@ struct Receiver {
 
 struct DeliveryState {
     std::mutex mutex;
+    std::condition_variable settled;
+    bool exitWaitRegistered = false;
     std::map<guint32, Pending> pending; /* by the call's serial */
     std::map<std::string, Receiver> receivers; /* by application id */
 };
@@ -88,6 +95,7 @@ void Settle(DeliveryState& s, const std::string& appId)
     if (receiver.unanswered > 0) {
         --receiver.unanswered;
     }
+    s.settled.notify_all();
     if (receiver.dropping && receiver.unanswered < MaxUnanswered()) {
         DELIVERY_LOGW("application %s answers again; %ld message(s) to it were dropped", appId.c_str(),
                       receiver.dropped);
@@ -141,6 +149,16 @@ GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message
     Settle(s, appId);
     g_object_unref(message);
     return nullptr;
+}
+
+/* At exit: a receiver checks who sent a message while the sender still owns
+ * its name, so a process that sends and ends at once (a command-line tool)
+ * lets its last deliveries be answered first, for a bounded time. */
+void WaitForLastDeliveries()
+{
+    DeliveryState& s = TheDeliveryState();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    s.settled.wait_for(lock, std::chrono::milliseconds(kExitWaitMs), [&s] { return s.pending.empty(); });
 }
 
 /* The owner of `name`, "" when it has none; false when the daemon cannot be asked. */
@@ -271,6 +289,9 @@ int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const
         }
         ++receiver.unanswered;
         s.pending[serial] = Pending{appId, port, now + DeliveryTimeoutUs()};
+        if (!s.exitWaitRegistered) {
+            s.exitWaitRegistered = std::atexit(WaitForLastDeliveries) == 0;
+        }
     }
     /* Written to the bus before the sender goes on (it may end right after);
      * this waits for the local socket only, never for the receiver. */

@@ -53,6 +53,14 @@ std::vector<LogLine> CapturedLog();
 std::vector<std::string> CapturedMessages(const std::string& tag = std::string());
 void ClearCapturedLog();
 
+/* The log's rate limit (dlog.cpp): lines formatted, and lines that the limit
+ * kept from standard error, since the last Reset(). */
+struct LogRateCounters {
+    int64_t formatted;
+    int64_t suppressed;
+};
+LogRateCounters LogRateCountersNow();
+
 /* ---- time -------------------------------------------------------------- */
 
 /* Monotonic microseconds; on the virtual clock, the sum of the sleeps recorded. */
