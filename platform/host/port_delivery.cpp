@@ -193,6 +193,11 @@ std::string PortBusName(const std::string& appId, const std::string& port)
     return kPortNamePrefix + std::string(digest.get()).substr(0, kPortNameDigits);
 }
 
+std::string BusNameForPort(const std::string& appId, const std::string& port)
+{
+    return PortBusName(appId, port);
+}
+
 int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
 {
     const std::string name = PortBusName(appId, port);

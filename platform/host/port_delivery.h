@@ -56,8 +56,6 @@ guint AddDeliveryReplyFilter(GDBusConnection* connection);
 /* Forgets every delivery in flight (the connection was closed). */
 void ForgetDeliveries();
 
-/* How many deliveries to `appId` wait for their answer now. */
-int UnansweredDeliveries(const std::string& appId);
 
 }  // namespace host
 }  // namespace tilvane

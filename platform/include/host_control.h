@@ -133,6 +133,11 @@ std::string OwnAppId();
  * one: empty, or too long for the bus), and the way back. */
 std::string BusNameForAppId(const std::string& appId);
 bool AppIdForBusName(const std::string& busName, std::string& appId);
+/* The bus name that a process owns while its port `port` of application
+ * `appId` is registered (docs/messaging.md). */
+std::string BusNameForPort(const std::string& appId, const std::string& port);
+/* How many message-port deliveries to `appId` wait for their answer. */
+int UnansweredDeliveries(const std::string& appId);
 
 /* One message_port_send_message* call that got past its argument checks. */
 struct SentMessage {
