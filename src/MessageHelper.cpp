@@ -26,6 +26,12 @@ const int REGISTER_RETRY_COUNT = 60;
 /* Background re-sends of an event whose direct delivery failed. */
 const int RESEND_COUNT = 5;
 
+/* Bounds of the subscriber list, whatever applications send: ports of one
+ * application, and subscribers in all (the download manager included). A
+ * subscription beyond them is refused with one log line. */
+const size_t MAX_SUBSCRIBED_PORTS_PER_APP = 8;
+const size_t MAX_SUBSCRIBERS = 128;
+
 const int RESULT_INVALID = -22;
 /* Send()'s result when a failed delivery goes on in a background thread. */
 const int RESULT_SENDING_IN_BACKGROUND = static_cast<int>(0xFEED0001u);
@@ -115,9 +121,36 @@ void CMessageHelper::SubscribalRequest(std::string appId, std::string portName)
 {
     LOGI("Start SubscribalRequest");
     std::string key = SubscriberKey(appId, portName);
+    if (!SubscriberAllowed(key, appId, portName)) {
+        return;
+    }
     m_mapSubscribers.insert(std::make_pair(key, appId));
     LOGI("[%s] was added - [%s]", appId.c_str(), portName.c_str());
     DumpSubscribers();
+}
+
+bool CMessageHelper::SubscriberAllowed(const std::string& key, const std::string& appId, const std::string& portName)
+{
+    if (m_mapSubscribers.count(key) != 0) {
+        return true;
+    }
+    if (m_mapSubscribers.size() >= MAX_SUBSCRIBERS) {
+        LOGI("[%s] was not added - [%s] : the list is full (%zu subscribers)", appId.c_str(), portName.c_str(),
+             m_mapSubscribers.size());
+        return false;
+    }
+    size_t appPorts = 0;
+    for (const auto& subscriber : m_mapSubscribers) {
+        if (subscriber.second == appId) {
+            ++appPorts;
+        }
+    }
+    if (appPorts >= MAX_SUBSCRIBED_PORTS_PER_APP) {
+        LOGI("[%s] was not added - [%s] : the application has %zu subscribed ports", appId.c_str(),
+             portName.c_str(), appPorts);
+        return false;
+    }
+    return true;
 }
 
 void CMessageHelper::UnsubscribalRequest(std::string appId, std::string portName)

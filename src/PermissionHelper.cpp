@@ -9,6 +9,20 @@
 #include "TilesModel.h"
 #include "TilvaneLog.h"
 
+namespace {
+
+/* The level a column of `table` requires. A name the table does not list
+ * requires level 0, so it passes; it is not added to the table, which would
+ * otherwise grow with every name an application makes up. */
+CPermissionHelper::PermissionLevel RequiredLevel(const std::map<std::string, CPermissionHelper::PermissionLevel>& table,
+                                                 const std::string& name)
+{
+    auto it = table.find(name);
+    return it != table.end() ? it->second : CPermissionHelper::PERMISSION_LEVEL_NONE;
+}
+
+}  // namespace
+
 std::string CPermissionHelper::READ_TILES = "com.quillon.px.permission.READ_TILES";
 std::string CPermissionHelper::WRITE_TILES = "com.quillon.px.permission.WRITE_TILES";
 std::string CPermissionHelper::READ_TILES_MVPD = "com.quillon.px.permission.READ_TILES_MVPD";
@@ -385,8 +399,7 @@ void CPermissionHelper::ValidateColumnForPermission(const char* key, const char*
         return;
     }
 
-    /* A name the table does not list is added with level 0 and passes. */
-    PermissionLevel required = (*tablePermissions)[key];
+    PermissionLevel required = RequiredLevel(*tablePermissions, key);
     LOGI("%s : client permission = %d permission of [ %s ] in Table [ %s ] = %d", __func__, m_validateLevel, key,
          m_validateTable.c_str(), required);
     if (m_validateLevel < required) {
@@ -409,8 +422,7 @@ std::vector<std::string> CPermissionHelper::GetAllowedProjectionForPermission(st
         if (tablePermissions == nullptr) {
             continue;
         }
-        /* A name the table does not list is added with level 0 and passes. */
-        PermissionLevel required = (*tablePermissions)[name];
+        PermissionLevel required = RequiredLevel(*tablePermissions, name);
         if (required <= level) {
             allowed.push_back(name);
         }

@@ -2,6 +2,14 @@
  * The platform log on the host: one line per call on standard error,
  *   "MM-DD HH:MM:SS.mmm P/TAG(PID): message"
  * written with a single write() so that lines of concurrent threads never mix.
+ *
+ * What is written is rate-limited per call site (per format string), as
+ * journald limits a service: in each interval (TILVANE_LOG_RATE_INTERVAL_MS,
+ * default 10000) a site writes at most a burst of lines (TILVANE_LOG_RATE_BURST,
+ * default 1000; 0 turns the limit off). Further lines of that site are neither
+ * formatted nor written, and the first line it writes in a later interval is
+ * preceded by one line saying how many were suppressed. Log capture (tests)
+ * keeps every line, suppressed or not.
  */
 #include "dlog.h"
 
@@ -14,8 +22,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
+#include "host_control.h"
 #include "host_state.h"
 #include "request_report.h"
 
@@ -25,6 +37,93 @@ namespace {
 
 /* 0 means "not read yet". */
 std::atomic<int> gMinimumPriority{0};
+
+constexpr int64_t kDefaultBurst = 1000;
+constexpr int64_t kDefaultIntervalMs = 10000;
+/* Call sites followed one by one; lines of further sites share one budget. */
+constexpr size_t kMaxSites = 4096;
+
+struct SiteBudget {
+    int64_t windowStartUs = 0;
+    int64_t written = 0;
+    int64_t suppressed = 0;
+};
+
+struct RateLimit {
+    std::mutex mutex;
+    bool loaded = false;
+    int64_t burst = kDefaultBurst;
+    int64_t intervalUs = kDefaultIntervalMs * 1000;
+    std::unordered_map<const char*, SiteBudget> sites;
+    int64_t formatted = 0;
+    int64_t suppressedTotal = 0;
+};
+
+RateLimit& TheRateLimit()
+{
+    static RateLimit* limit = new RateLimit();
+    return *limit;
+}
+
+int64_t ReadNonNegative(const char* variable, int64_t fallback)
+{
+    const char* text = getenv(variable);
+    if (text == nullptr || *text == '\0') {
+        return fallback;
+    }
+    char* end = nullptr;
+    const long long value = strtoll(text, &end, 10);
+    return (*end == '\0' && value >= 0) ? static_cast<int64_t>(value) : fallback;
+}
+
+int64_t MonotonicUs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+/* Whether the site of `fmt` may write a line now. *suppressedBefore is set to
+ * the lines it suppressed in its previous interval, to be reported first. */
+bool AdmitLine(const char* fmt, int64_t* suppressedBefore)
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    if (!limit.loaded) {
+        limit.burst = ReadNonNegative("TILVANE_LOG_RATE_BURST", kDefaultBurst);
+        const int64_t intervalMs = ReadNonNegative("TILVANE_LOG_RATE_INTERVAL_MS", kDefaultIntervalMs);
+        limit.intervalUs = (intervalMs > 0 ? intervalMs : kDefaultIntervalMs) * 1000;
+        limit.loaded = true;
+    }
+    *suppressedBefore = 0;
+    if (limit.burst == 0) {
+        return true;
+    }
+    const char* key = (limit.sites.size() < kMaxSites || limit.sites.count(fmt) != 0) ? fmt : nullptr;
+    SiteBudget& site = limit.sites[key];
+    const int64_t now = MonotonicUs();
+    if (site.written == 0 && site.suppressed == 0) {
+        site.windowStartUs = now;
+    } else if (now - site.windowStartUs >= limit.intervalUs) {
+        *suppressedBefore = site.suppressed;
+        site = SiteBudget();
+        site.windowStartUs = now;
+    }
+    if (site.written < limit.burst) {
+        ++site.written;
+        return true;
+    }
+    ++site.suppressed;
+    ++limit.suppressedTotal;
+    return false;
+}
+
+void CountFormatted()
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    ++limit.formatted;
+}
 
 int ParseLogLevel(const char* text)
 {
@@ -122,11 +221,48 @@ void WriteAll(const std::string& line)
     }
 }
 
+std::string Stamp(int prio)
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    struct tm local;
+    localtime_r(&tv.tv_sec, &local);
+    char stamp[64];
+    snprintf(stamp, sizeof stamp, "%02d-%02d %02d:%02d:%02d.%03d %c/", local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(tv.tv_usec / 1000),
+             PriorityLetter(prio));
+    return stamp;
+}
+
+size_t WriteLine(int prio, const char* tag, const std::string& message)
+{
+    char pid[32];
+    snprintf(pid, sizeof pid, "(%d): ", static_cast<int>(getpid()));
+    std::string line;
+    line.reserve(message.size() + 64);
+    line.append(Stamp(prio)).append(tag).append(pid).append(message).push_back('\n');
+    WriteAll(line);
+    return line.size();
+}
+
 }  // namespace
 
 void ForgetLogLevel()
 {
     gMinimumPriority.store(0, std::memory_order_release);
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    limit.loaded = false;
+    limit.sites.clear();
+    limit.formatted = 0;
+    limit.suppressedTotal = 0;
+}
+
+LogRateCounters LogRateCountersNow()
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    return LogRateCounters{limit.formatted, limit.suppressedTotal};
 }
 
 }  // namespace host
@@ -146,35 +282,29 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
     }
 
     // A line that is neither written nor captured is not even formatted.
-    if (prio < MinimumPriority() && !LogCaptureOn() && !RequestReportOpen()) {
+    // The lines of a request that is being reported are read for its reason
+    // (request_report.h); those below INFO never are.
+    const bool capture = LogCaptureOn() || (prio >= DLOG_INFO && RequestReportOpen());
+    int64_t suppressedBefore = 0;
+    const bool write = prio >= MinimumPriority() && AdmitLine(fmt, &suppressedBefore);
+    if (suppressedBefore > 0) {
+        WriteLine(DLOG_WARN, kPlatformLogTag,
+                  std::to_string(suppressedBefore) + " lines suppressed (\"" + fmt + "\")");
+    }
+    if (!write && !capture) {
         return 0;
     }
+    CountFormatted();
     std::string message = FormatMessage(fmt, ap);
     while (!message.empty() && message.back() == '\n') {
         message.pop_back();
     }
     CaptureLogLine(prio, tag, message);
     NoteLogLine(prio, tag, message);
-    if (prio < MinimumPriority()) {
+    if (!write) {
         return 0;
     }
-
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    struct tm local;
-    localtime_r(&tv.tv_sec, &local);
-    char stamp[64];
-    snprintf(stamp, sizeof stamp, "%02d-%02d %02d:%02d:%02d.%03d %c/", local.tm_mon + 1, local.tm_mday,
-             local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(tv.tv_usec / 1000),
-             PriorityLetter(prio));
-    char pid[32];
-    snprintf(pid, sizeof pid, "(%d): ", static_cast<int>(getpid()));
-
-    std::string line;
-    line.reserve(message.size() + 64);
-    line.append(stamp).append(tag).append(pid).append(message).push_back('\n');
-    WriteAll(line);
-    return static_cast<int>(line.size());
+    return static_cast<int>(WriteLine(prio, tag, message));
 }
 
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)

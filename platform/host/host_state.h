@@ -51,6 +51,17 @@ void ForgetKeyWatchers();
 void ForgetPowerOffSubscribers();
 void CloseSignalBus();
 
+/* Owned by termination.cpp: SIGTERM/SIGINT of a running service application.
+ * The handlers are installed by service_app_main before its create callback;
+ * the descriptor is readable while a termination is pending. Sleeps return at
+ * once and retried registrations fail at once while it is pending. */
+void InstallTerminationHandlers();
+void RestoreTerminationHandlers();
+bool TerminationPending();
+int PendingTerminationSignal();
+int TerminationFd();
+void ClearTermination();
+
 }  // namespace host
 }  // namespace tilvane
 

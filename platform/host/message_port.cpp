@@ -11,10 +11,13 @@
  *                                                           message = bundle_encode text
  *     HasPort(s port) -> (b exists)
  *
- * Sending is a Deliver call to the receiver's bus name; checking a port is a
- * HasPort call. A name without an owner makes the bus answer ServiceUnknown at
- * once, and a port that is not registered is answered with
- * org.tilvane.MessagePort.Error.PortNotFound, so neither waits for a timeout.
+ * Registering a port also makes the connection own the port's bus name
+ * (port_delivery.h), so whether a port runs is asked of the bus daemon only:
+ * message_port_check_remote_port never calls the application. Sending is a
+ * Deliver call to the receiver's bus name that the sender does not wait for;
+ * an absent application or port gives MESSAGE_PORT_ERROR_PORT_NOT_FOUND at
+ * once, and a receiver that never answers costs a bounded number of calls in
+ * flight. HasPort stays exported for clients that still ask it.
  *
  * The sender's application id is taken from the bus: Deliver carries the id
  * that the sender claims, and the receiver accepts it only when the bus says
@@ -46,6 +49,7 @@
 #include "app_identity.h"
 #include "bundle_limits.h"
 #include "bus_connection.h"
+#include "port_delivery.h"
 #include "glib_ptr.h"
 #include "host_state.h"
 #include "dlog.h"
@@ -101,6 +105,7 @@ struct Bus {
     GThread* thread = nullptr;
     guint objectId = 0;
     guint nameWatchId = 0;
+    guint deliveryFilterId = 0;
     std::string appId;
     std::string busName;
     bool ownsName = false;
@@ -345,6 +350,9 @@ void CloseBus(std::unique_ptr<Bus> bus)
     if (bus->objectId != 0) {
         g_dbus_connection_unregister_object(bus->connection.get(), bus->objectId);
     }
+    if (bus->deliveryFilterId != 0) {
+        g_dbus_connection_remove_filter(bus->connection.get(), bus->deliveryFilterId);
+    }
     if (bus->nameWatchId != 0) {
         g_dbus_connection_signal_unsubscribe(bus->connection.get(), bus->nameWatchId);
     }
@@ -390,6 +398,7 @@ std::unique_ptr<Bus> OpenBus()
         nullptr, nullptr, error.Out()));
     if (bus->connection) {
         g_dbus_connection_set_exit_on_close(bus->connection.get(), FALSE);
+        bus->deliveryFilterId = AddDeliveryReplyFilter(bus->connection.get());
         static const GDBusInterfaceVTable vtable = {OnMethodCallCB, nullptr, nullptr, {nullptr}};
         bus->objectId = g_dbus_connection_register_object(bus->connection.get(), kObjectPath, InterfaceInfo(),
                                                           &vtable, nullptr, nullptr, error.Out());
@@ -468,31 +477,6 @@ GDBusConnectionPtr Connection(bool needName, int* result)
     return GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
 }
 
-/* Turns a failed call's error into a message-port result. */
-int ResultOfCallError(const GError* error)
-{
-    GCharPtr remote(g_dbus_error_get_remote_error(error));
-    const std::string name = remote ? remote.get() : "";
-    if (name == "org.freedesktop.DBus.Error.ServiceUnknown" || name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
-        name == "org.freedesktop.DBus.Error.UnknownObject" || name == "org.freedesktop.DBus.Error.UnknownMethod" ||
-        name == kErrorPortNotFound) {
-        return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
-    }
-    if (name == kErrorNotAuthorized) {
-        return MESSAGE_PORT_ERROR_CERTIFICATE_NOT_MATCH;
-    }
-    if (name == kErrorInvalidMessage) {
-        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
-    }
-    if (name == "org.freedesktop.DBus.Error.LimitsExceeded") {
-        return MESSAGE_PORT_ERROR_MAX_EXCEEDED;
-    }
-    if (name == "org.freedesktop.DBus.Error.NoMemory") {
-        return MESSAGE_PORT_ERROR_OUT_OF_MEMORY;
-    }
-    return MESSAGE_PORT_ERROR_IO_ERROR;
-}
-
 /* ---- sending ------------------------------------------------------------------ */
 
 void CollectEntryCB(const char* key, const char* value, void* data)
@@ -546,18 +530,16 @@ int Deliver(const char* appId, const char* port, bundle* message, const std::str
     if (!connection) {
         return result;
     }
-    const std::string self = CurrentAppId();
-    ScopedError error;
-    GVariantPtr reply(g_dbus_connection_call_sync(
-        connection.get(), busName.c_str(), kObjectPath, kInterface, "Deliver",
-        g_variant_new("(ssss)", port, self.c_str(), localPort.c_str(), encoded.c_str()), G_VARIANT_TYPE("()"),
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, error.Out()));
-    if (!reply) {
-        result = ResultOfCallError(error.Get());
-        PORT_LOGD("message to %s/%s not delivered (%d): %s", appId, port, result, error.Message());
+    bool exist = false;
+    result = RemotePortExists(connection.get(), appId, port, &exist);
+    if (result != MESSAGE_PORT_ERROR_NONE) {
         return result;
     }
-    return MESSAGE_PORT_ERROR_NONE;
+    if (!exist) {
+        PORT_LOGD("message to %s/%s not delivered: no such port", appId, port);
+        return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+    }
+    return SendDeliverCall(connection.get(), appId, port, CurrentAppId(), localPort, encoded);
 }
 
 int SendMessage(const char* function, const char* appId, const char* port, bundle* message,
@@ -566,6 +548,32 @@ int SendMessage(const char* function, const char* appId, const char* port, bundl
     int result = ShouldFail(function) ? MESSAGE_PORT_ERROR_IO_ERROR : Deliver(appId, port, message, localPort);
     Record(appId, port, localPort, message, result);
     return result;
+}
+
+/* A port registered again keeps its id and takes the new callback. */
+bool RenewPort(const char* name, message_port_message_cb callback, void* userData, int* id)
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.ports.find(name);
+    if (it == s.ports.end()) {
+        return false;
+    }
+    it->second.callback = callback;
+    it->second.userData = userData;
+    *id = it->second.id;
+    return true;
+}
+
+/* The connection when one is open; never opens one. */
+GDBusConnectionPtr OpenConnectionIfAny()
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.busMutex);
+    if (!s.bus || g_dbus_connection_is_closed(s.bus->connection.get())) {
+        return nullptr;
+    }
+    return GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
 }
 
 }  // namespace
@@ -587,6 +595,7 @@ void ResetMessagePorts()
         std::lock_guard<std::mutex> lock(s.busMutex);
         CloseBus(std::move(s.bus));
     }
+    ForgetDeliveries();
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.ports.clear();
@@ -633,11 +642,24 @@ extern "C" int message_port_register_local_port(const char* local_port, message_
     if (ShouldFail("message_port_register_local_port")) {
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
+    if (TerminationPending()) {
+        /* The application is being ended: a start-up retry loop must run out. */
+        PORT_LOGD("local port %s not registered: the application is terminating", local_port);
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
     int result = MESSAGE_PORT_ERROR_NONE;
-    if (!Connection(true, &result)) {
+    GDBusConnectionPtr connection = Connection(true, &result);
+    if (!connection) {
         return result;
     }
     PortState& s = ThePortState();
+    if (RenewPort(local_port, callback, user_data, &result)) {
+        return result;
+    }
+    result = ClaimPortName(connection.get(), CurrentAppId(), local_port);
+    if (result != MESSAGE_PORT_ERROR_NONE) {
+        return result;
+    }
     std::lock_guard<std::mutex> lock(s.mutex);
     auto it = s.ports.find(local_port);
     if (it != s.ports.end()) {
@@ -660,15 +682,25 @@ extern "C" int message_port_unregister_local_port(int local_port_id)
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
     PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    for (auto it = s.ports.begin(); it != s.ports.end(); ++it) {
-        if (it->second.id == local_port_id) {
-            PORT_LOGD("local port %s unregistered: %d", it->first.c_str(), local_port_id);
-            s.ports.erase(it);
-            return MESSAGE_PORT_ERROR_NONE;
+    std::string name;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        auto it = s.ports.begin();
+        while (it != s.ports.end() && it->second.id != local_port_id) {
+            ++it;
         }
+        if (it == s.ports.end()) {
+            return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+        }
+        name = it->first;
+        PORT_LOGD("local port %s unregistered: %d", name.c_str(), local_port_id);
+        s.ports.erase(it);
     }
-    return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+    GDBusConnectionPtr connection = OpenConnectionIfAny();
+    if (connection) {
+        ReleasePortName(connection.get(), CurrentAppId(), name);
+    }
+    return MESSAGE_PORT_ERROR_NONE;
 }
 
 extern "C" int message_port_send_message(const char* remote_app_id, const char* remote_port, bundle* message)
@@ -718,21 +750,5 @@ extern "C" int message_port_check_remote_port(const char* remote_app_id, const c
     if (!connection) {
         return result;
     }
-    ScopedError error;
-    GVariantPtr reply(g_dbus_connection_call_sync(connection.get(), busName.c_str(), kObjectPath, kInterface,
-                                                  "HasPort", g_variant_new("(s)", remote_port), G_VARIANT_TYPE("(b)"),
-                                                  G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr,
-                                                  error.Out()));
-    if (!reply) {
-        if (ResultOfCallError(error.Get()) == MESSAGE_PORT_ERROR_PORT_NOT_FOUND) {
-            *exist = false;
-            return MESSAGE_PORT_ERROR_NONE;
-        }
-        PORT_LOGE("cannot check port %s of %s: %s", remote_port, remote_app_id, error.Message());
-        return MESSAGE_PORT_ERROR_IO_ERROR;
-    }
-    gboolean found = FALSE;
-    g_variant_get(reply.get(), "(b)", &found);
-    *exist = found != FALSE;
-    return MESSAGE_PORT_ERROR_NONE;
+    return RemotePortExists(connection.get(), remote_app_id, remote_port, exist);
 }

@@ -73,10 +73,15 @@ void QuitLoop(const char* why)
     g_main_loop_quit(s.loop);
 }
 
-gboolean OnSignal(gpointer data)
+const char* SignalName(int signum)
 {
-    const int signum = GPOINTER_TO_INT(data);
-    QuitLoop(signum == SIGTERM ? "SIGTERM" : "SIGINT");
+    return signum == SIGINT ? "SIGINT" : "SIGTERM";
+}
+
+/* The termination descriptor became readable: a SIGTERM or SIGINT arrived. */
+gboolean OnTerminationSignal(gint /*fd*/, GIOCondition /*condition*/, gpointer /*data*/)
+{
+    QuitLoop(SignalName(PendingTerminationSignal()));
     return G_SOURCE_CONTINUE;
 }
 
@@ -119,18 +124,25 @@ public:
     LoopRun()
     {
         loop_ = g_main_loop_new(nullptr, FALSE);
-        sigterm_ = Attach(g_unix_signal_source_new(SIGTERM), OnSignal, GINT_TO_POINTER(SIGTERM));
-        sigint_ = Attach(g_unix_signal_source_new(SIGINT), OnSignal, GINT_TO_POINTER(SIGINT));
+        /* Installed before the create callback runs, so that a termination
+         * during start-up is kept, and ends its retry loops' sleeps. */
+        InstallTerminationHandlers();
+        signal_ = g_unix_fd_source_new(TerminationFd(), G_IO_IN);
+        g_source_set_callback(signal_, G_SOURCE_FUNC(OnTerminationSignal),
+                              nullptr, nullptr);
+        g_source_attach(signal_, nullptr);
     }
 
     ~LoopRun()
     {
-        for (GSource* source : {idle_, sigterm_, sigint_}) {
+        for (GSource* source : {idle_, signal_}) {
             if (source != nullptr) {
                 g_source_destroy(source);
                 g_source_unref(source);
             }
         }
+        RestoreTerminationHandlers();
+        ClearTermination();
         g_main_loop_unref(loop_);
     }
 
@@ -156,8 +168,7 @@ private:
     }
 
     GMainLoop* loop_ = nullptr;
-    GSource* sigterm_ = nullptr;
-    GSource* sigint_ = nullptr;
+    GSource* signal_ = nullptr;
     GSource* idle_ = nullptr;
     AppControlCall call_{nullptr, nullptr};
 };
@@ -392,6 +403,10 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         AppState& s = TheAppState();
         std::lock_guard<std::mutex> lock(s.mutex);
         exitBeforeLoop = s.exitRequested;
+    }
+    if (!exitBeforeLoop && TerminationPending()) {
+        QuitLoop(SignalName(PendingTerminationSignal()));
+        exitBeforeLoop = true;
     }
     if (!exitBeforeLoop) {
         if (callback->app_control != nullptr) {

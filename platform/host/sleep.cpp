@@ -3,8 +3,13 @@
  * statically into the executable, so these definitions take the place of the
  * C library's for every call made by the system and its tests. Each sleep is
  * recorded; on the virtual clock it only advances the clock.
+ *
+ * A real sleep ends early when a termination of the service application is
+ * pending (termination.cpp): the start-up retry loops, which run before the
+ * main loop exists, then run out at once and the service shuts down in order.
  */
 #include <errno.h>
+#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -16,18 +21,34 @@ namespace tilvane {
 namespace host {
 namespace {
 
-/* Sleeps for real for the whole duration, resuming after signal handlers. */
+int64_t MonotonicUs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+/* Sleeps for real for the whole duration, resuming after signal handlers,
+ * unless a termination is pending or arrives meanwhile. */
 void SleepFor(int64_t durationUs)
 {
-    struct timespec request;
-    request.tv_sec = static_cast<time_t>(durationUs / 1000000);
-    request.tv_nsec = static_cast<long>((durationUs % 1000000) * 1000);
-    struct timespec remaining = {0, 0};
-    while (nanosleep(&request, &remaining) != 0) {
-        if (errno != EINTR) {
+    const int64_t deadline = MonotonicUs() + durationUs;
+    struct pollfd termination = {TerminationFd(), POLLIN, 0};
+    while (!TerminationPending()) {
+        const int64_t left = deadline - MonotonicUs();
+        if (left <= 0) {
             return;
         }
-        request = remaining;
+        struct timespec timeout;
+        timeout.tv_sec = static_cast<time_t>(left / 1000000);
+        timeout.tv_nsec = static_cast<long>((left % 1000000) * 1000);
+        if (termination.fd < 0) {
+            nanosleep(&timeout, nullptr);
+            continue;
+        }
+        if (ppoll(&termination, 1, &timeout, nullptr) < 0 && errno != EINTR) {
+            return;
+        }
     }
 }
 

@@ -53,6 +53,14 @@ std::vector<LogLine> CapturedLog();
 std::vector<std::string> CapturedMessages(const std::string& tag = std::string());
 void ClearCapturedLog();
 
+/* The log's rate limit (dlog.cpp): lines formatted, and lines that the limit
+ * kept from standard error, since the last Reset(). */
+struct LogRateCounters {
+    int64_t formatted;
+    int64_t suppressed;
+};
+LogRateCounters LogRateCountersNow();
+
 /* ---- time -------------------------------------------------------------- */
 
 /* Monotonic microseconds; on the virtual clock, the sum of the sleeps recorded. */
@@ -125,6 +133,11 @@ std::string OwnAppId();
  * one: empty, or too long for the bus), and the way back. */
 std::string BusNameForAppId(const std::string& appId);
 bool AppIdForBusName(const std::string& busName, std::string& appId);
+/* The bus name that a process owns while its port `port` of application
+ * `appId` is registered (docs/messaging.md). */
+std::string BusNameForPort(const std::string& appId, const std::string& port);
+/* How many message-port deliveries to `appId` wait for their answer. */
+int UnansweredDeliveries(const std::string& appId);
 
 /* One message_port_send_message* call that got past its argument checks. */
 struct SentMessage {

@@ -1,0 +1,63 @@
+/*
+ * How message ports reach other applications without waiting for them.
+ * Internal to the host platform; used by message_port.cpp.
+ *
+ * Announcing a port. Registering a local port also makes the process's
+ * connection own the port's bus name,
+ *
+ *   org.tilvane.Port.H<40 hex digits: SHA-256 of "<length of id>:<id><port>">
+ *
+ * so the bus daemon itself knows which ports run. A port exists for a sender
+ * when the owner of that name is the connection that owns the application's
+ * name; both are asked of the bus daemon (GetNameOwner), never of the
+ * application, so a check is answered even when the application never reads.
+ *
+ * Sending. A Deliver call is written to the bus and the sender goes on: the
+ * answer is taken by a filter of the connection (on GDBus's own worker thread)
+ * and only logged. Per receiving application at most `max_unanswered`
+ * deliveries may wait for their answer; a send beyond that is dropped (one log
+ * line when dropping starts, one when it ends) and reported as
+ * MESSAGE_PORT_ERROR_MAX_EXCEEDED. A delivery unanswered after
+ * `delivery_timeout_ms` no longer counts.
+ */
+#ifndef TILVANE_PLATFORM_PORT_DELIVERY_H
+#define TILVANE_PLATFORM_PORT_DELIVERY_H
+
+#include <gio/gio.h>
+
+#include <string>
+
+namespace tilvane {
+namespace host {
+
+/* The bus name that announces `port` of application `appId`. */
+std::string PortBusName(const std::string& appId, const std::string& port);
+
+/* Makes `connection` own the name of `port` of `appId`. A MESSAGE_PORT_ERROR_*:
+ * RESOURCE_UNAVAILABLE when another connection owns it. */
+int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port);
+void ReleasePortName(GDBusConnection* connection, const std::string& appId, const std::string& port);
+
+/* Whether `port` of `appId` runs, from the bus daemon's name owners only.
+ * MESSAGE_PORT_ERROR_NONE with *exist set, or IO_ERROR when the daemon cannot
+ * be asked. */
+int RemotePortExists(GDBusConnection* connection, const std::string& appId, const std::string& port, bool* exist);
+
+/* Writes a Deliver call to `port` of `appId` and returns without waiting for
+ * the answer (MESSAGE_PORT_ERROR_NONE), or drops it (MAX_EXCEEDED) when too
+ * many deliveries to that application are unanswered. */
+int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const std::string& port,
+                    const std::string& senderApp, const std::string& senderPort, const std::string& encoded);
+
+/* The filter that takes the answers of Deliver calls; installed on the
+ * connection when it is opened. Returns its id for removal. */
+guint AddDeliveryReplyFilter(GDBusConnection* connection);
+
+/* Forgets every delivery in flight (the connection was closed). */
+void ForgetDeliveries();
+
+
+}  // namespace host
+}  // namespace tilvane
+
+#endif

@@ -1,0 +1,192 @@
+/*
+ * The log's rate limit: per call site (format string), a burst of lines per
+ * interval reaches standard error, then one line says how many were
+ * suppressed; suppressed lines are not formatted, and capture keeps them all.
+ */
+#include <dlog.h>
+#include <gtest/gtest.h>
+#include <host_control.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+/* Redirects file descriptor 2 into a pipe drained by a reader thread. */
+class StderrCapture {
+public:
+    StderrCapture()
+    {
+        if (pipe(fds_) != 0) {
+            ADD_FAILURE() << "pipe failed";
+            return;
+        }
+        saved_ = dup(STDERR_FILENO);
+        dup2(fds_[1], STDERR_FILENO);
+        close(fds_[1]);
+        reader_ = std::thread([this] {
+            char buffer[4096];
+            ssize_t n;
+            while ((n = read(fds_[0], buffer, sizeof buffer)) > 0) {
+                text_.append(buffer, static_cast<size_t>(n));
+            }
+        });
+    }
+    ~StderrCapture() { Stop(); }
+
+    std::string Stop()
+    {
+        if (saved_ >= 0) {
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+            saved_ = -1;
+            reader_.join();
+            close(fds_[0]);
+        }
+        return text_;
+    }
+
+private:
+    int fds_[2] = {-1, -1};
+    int saved_ = -1;
+    std::thread reader_;
+    std::string text_;
+};
+
+int CountOccurrences(const std::string& text, const std::string& what)
+{
+    int count = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+int CountLines(const std::string& text)
+{
+    return CountOccurrences(text, "\n");
+}
+
+/* Two call sites of their own. */
+void LogFromSiteA(int i)
+{
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "tilvane", "site A line %d", i);
+}
+
+void LogFromSiteB(int i)
+{
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "tilvane", "site B line %d", i);
+}
+
+class LogRateLimitTest : public ::testing::Test {
+protected:
+    void SetUp() override { Configure("5", "300"); }
+    void TearDown() override
+    {
+        unsetenv("TILVANE_LOG_RATE_BURST");
+        unsetenv("TILVANE_LOG_RATE_INTERVAL_MS");
+        tilvane::host::Reset();
+    }
+
+    static void Configure(const char* burst, const char* intervalMs)
+    {
+        setenv("TILVANE_LOG_RATE_BURST", burst, 1);
+        setenv("TILVANE_LOG_RATE_INTERVAL_MS", intervalMs, 1);
+        unsetenv("TILVANE_LOG_LEVEL");
+        tilvane::host::Reset();
+    }
+};
+
+TEST_F(LogRateLimitTest, ABurstPerSiteIsWrittenAndTheRestIsNeitherWrittenNorFormatted)
+{
+    StderrCapture err;
+    for (int i = 0; i < 20; ++i) {
+        LogFromSiteA(i);
+    }
+    for (int i = 0; i < 3; ++i) {
+        LogFromSiteB(i);
+    }
+    const std::string text = err.Stop();
+
+    EXPECT_EQ(CountOccurrences(text, "site A line"), 5) << text;
+    EXPECT_NE(text.find("site A line 4\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("site A line 5\n"), std::string::npos) << text;
+    /* Another call site has a budget of its own. */
+    EXPECT_EQ(CountOccurrences(text, "site B line"), 3) << text;
+    EXPECT_EQ(CountLines(text), 8) << text;
+
+    const tilvane::host::LogRateCounters counters = tilvane::host::LogRateCountersNow();
+    EXPECT_EQ(counters.suppressed, 15);
+    /* Only the lines written were formatted. */
+    EXPECT_EQ(counters.formatted, 8);
+}
+
+TEST_F(LogRateLimitTest, TheFirstLineOfALaterIntervalSaysHowManyWereSuppressed)
+{
+    StderrCapture err;
+    for (int i = 0; i < 12; ++i) {
+        LogFromSiteA(i);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    LogFromSiteA(100);
+    const std::string text = err.Stop();
+
+    const size_t notice = text.find("W/tilvane-platform(");
+    ASSERT_NE(notice, std::string::npos) << text;
+    EXPECT_NE(text.find("): 7 lines suppressed (\"site A line %d\")\n", notice), std::string::npos) << text;
+    const size_t later = text.find("site A line 100\n");
+    ASSERT_NE(later, std::string::npos) << text;
+    EXPECT_LT(notice, later);
+    EXPECT_EQ(CountOccurrences(text, "lines suppressed"), 1) << text;
+    EXPECT_EQ(CountOccurrences(text, "site A line"), 6 + 1) << text; /* 5 + 1 written, + the notice names it */
+}
+
+TEST_F(LogRateLimitTest, CaptureKeepsEveryLineWhileStandardErrorIsLimited)
+{
+    tilvane::host::StartLogCapture();
+    StderrCapture err;
+    for (int i = 0; i < 20; ++i) {
+        LogFromSiteA(i);
+    }
+    const std::string text = err.Stop();
+
+    EXPECT_EQ(CountOccurrences(text, "site A line"), 5) << text;
+    const std::vector<std::string> captured = tilvane::host::CapturedMessages("tilvane");
+    ASSERT_EQ(captured.size(), 20u);
+    EXPECT_EQ(captured[19], "site A line 19");
+    EXPECT_EQ(tilvane::host::LogRateCountersNow().suppressed, 15);
+}
+
+TEST_F(LogRateLimitTest, ABurstOfZeroTurnsTheLimitOff)
+{
+    Configure("0", "300");
+    StderrCapture err;
+    for (int i = 0; i < 50; ++i) {
+        LogFromSiteA(i);
+    }
+    const std::string text = err.Stop();
+    EXPECT_EQ(CountOccurrences(text, "site A line"), 50);
+    EXPECT_EQ(tilvane::host::LogRateCountersNow().suppressed, 0);
+}
+
+TEST_F(LogRateLimitTest, LinesBelowTheMinimumPriorityDoNotUseTheBudget)
+{
+    setenv("TILVANE_LOG_LEVEL", "I", 1);
+    tilvane::host::Reset();
+    StderrCapture err;
+    for (int i = 0; i < 10; ++i) {
+        __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, "tilvane", "hidden %d", i);
+    }
+    const std::string text = err.Stop();
+    unsetenv("TILVANE_LOG_LEVEL");
+    EXPECT_EQ(text, "");
+    const tilvane::host::LogRateCounters counters = tilvane::host::LogRateCountersNow();
+    EXPECT_EQ(counters.formatted, 0);
+    EXPECT_EQ(counters.suppressed, 0);
+}
+
+}  // namespace
