@@ -25,7 +25,8 @@ std::string ColumnText(sqlite3_stmt* statement, int column);
 
 /* Reads the schema and runs PRAGMA quick_check; SQLite's code of a failure
  * (logged), else SQLITE_OK with the check's findings in `results`. */
-int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& results)
+/* Reads the schema table: the first page and the schema must be readable. */
+int ReadSchema(sqlite3* db, const std::string& path)
 {
     StatementHandle statement;
     int rc = tilvane::content::PrepareStatement(db, "SELECT count(*) FROM sqlite_master", statement);
@@ -36,9 +37,17 @@ int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& r
     statement.reset();
     if (rc != SQLITE_OK) {
         CONTENT_LOGE("%s cannot be read: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
+    }
+    return rc;
+}
+
+int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& results)
+{
+    int rc = ReadSchema(db, path);
+    if (rc != SQLITE_OK) {
         return rc;
     }
-
+    StatementHandle statement;
     rc = tilvane::content::PrepareStatement(db, "PRAGMA quick_check", statement);
     if (rc == SQLITE_OK) {
         while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
@@ -354,15 +363,12 @@ bool CContentHelper::CheckDBCorruption()
     sqlite3* db = m_pConnection->GetHandle();
     const std::string& path = m_pConnection->GetPath();
 
-    StatementHandle statement;
-    int rc = tilvane::content::PrepareStatement(db, "SELECT count(*) FROM sqlite_master", statement);
-    if (rc == SQLITE_OK) {
-        rc = sqlite3_step(statement.get());
-        rc = rc == SQLITE_ROW ? SQLITE_OK : rc;
+    int rc = ReadSchema(db, path);
+    if (rc == SQLITE_IOERR) {
+        CONTENT_LOGI("reading %s once more", path.c_str());  // an I/O error can pass
+        rc = ReadSchema(db, path);
     }
-    statement.reset();
     if (rc != SQLITE_OK) {
-        CONTENT_LOGE("%s cannot be read: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
         return IsUnreadable(rc);
     }
 
