@@ -58,6 +58,48 @@ struct Receiver {
     long dropped = 0;
 };
 
+/* Owners of the names of applications and ports, as the bus daemon last said.
+ * Kept fresh by its NameOwnerChanged signals, which the connection's filter
+ * sees in order with every answer; an answer is kept only when no change came
+ * while it was asked for. */
+constexpr char kNameNamespace[] = "org.tilvane";
+constexpr size_t kMaxCachedOwners = 4096;
+
+struct OwnerCache {
+    std::mutex mutex;
+    std::map<std::string, std::string> owners;
+    uint64_t changes = 0;
+};
+
+OwnerCache& TheOwnerCache()
+{
+    static OwnerCache* cache = new OwnerCache();
+    return *cache;
+}
+
+void NoteOwnerChange(GDBusMessage* message)
+{
+    if (g_strcmp0(g_dbus_message_get_member(message), "NameOwnerChanged") != 0 ||
+        g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") != 0) {
+        return;
+    }
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)"))) {
+        return;
+    }
+    const gchar* name = nullptr;
+    const gchar* oldOwner = nullptr;
+    const gchar* newOwner = nullptr;
+    g_variant_get(body, "(&s&s&s)", &name, &oldOwner, &newOwner);
+    OwnerCache& cache = TheOwnerCache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    ++cache.changes;
+    auto it = cache.owners.find(name);
+    if (it != cache.owners.end()) {
+        it->second = newOwner;
+    }
+}
+
 struct DeliveryState {
     std::mutex mutex;
     std::condition_variable settled;
@@ -129,6 +171,10 @@ GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message
         return message;
     }
     const GDBusMessageType type = g_dbus_message_get_message_type(message);
+    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        NoteOwnerChange(message);
+        return message;
+    }
     if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR) {
         return message;
     }
@@ -162,7 +208,7 @@ void WaitForLastDeliveries()
 }
 
 /* The owner of `name`, "" when it has none; false when the daemon cannot be asked. */
-bool NameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
+bool AskNameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
 {
     ScopedError error;
     GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -182,6 +228,36 @@ bool NameOwner(GDBusConnection* connection, const std::string& name, std::string
     }
     DELIVERY_LOGE("cannot ask the bus for the owner of %s: %s", name.c_str(), error.Message());
     return false;
+}
+
+bool NameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
+{
+    OwnerCache& cache = TheOwnerCache();
+    uint64_t changesBefore = 0;
+    {
+        std::lock_guard<std::mutex> lock(cache.mutex);
+        auto it = cache.owners.find(name);
+        if (it != cache.owners.end()) {
+            owner = it->second;
+            return true;
+        }
+        changesBefore = cache.changes;
+    }
+    if (!AskNameOwner(connection, name, owner)) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.changes == changesBefore) {
+        if (cache.owners.size() >= kMaxCachedOwners) {
+            cache.owners.clear();
+        }
+        cache.owners[name] = owner;
+    }
+    return true;
+}
+
+void NoSignalCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*, gpointer)
+{
 }
 
 }  // namespace
@@ -306,11 +382,23 @@ int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const
 
 guint AddDeliveryReplyFilter(GDBusConnection* connection)
 {
-    return g_dbus_connection_add_filter(connection, OnMessageCB, nullptr, nullptr);
+    const guint filter = g_dbus_connection_add_filter(connection, OnMessageCB, nullptr, nullptr);
+    /* Makes the daemon send the owner changes of every application and port
+     * name; the filter reads them. */
+    g_dbus_connection_signal_subscribe(connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+                                       "/org/freedesktop/DBus", kNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
+                                       NoSignalCB, nullptr, nullptr);
+    return filter;
 }
 
 void ForgetDeliveries()
 {
+    {
+        OwnerCache& cache = TheOwnerCache();
+        std::lock_guard<std::mutex> lock(cache.mutex);
+        cache.owners.clear();
+        ++cache.changes;
+    }
     DeliveryState& s = TheDeliveryState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.pending.clear();
