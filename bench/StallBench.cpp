@@ -5,7 +5,7 @@
  * with it, and unsubscribes it. The service is the real `tilvane` binary,
  * started on the benchmarks' bus with a platform root of its own; the deletes
  * come from this process through the content road, as an application with
- * the public privileges. The never-answering subscriber is a hand-made bus
+ * the public privileges (installed there under this process's own id). The never-answering subscriber is a hand-made bus
  * connection that owns its application's and port's names and queues every
  * call it gets on a main context that nobody runs.
  */
@@ -34,7 +34,6 @@ extern char** environ;
 namespace {
 
 const char kServiceAppId[] = "com.quillon.px.tilvane";
-const char kCallerAppId[] = "org.example.benchstall.ui";
 const char kStuckAppId[] = "org.example.benchstall.stuck";
 const char kStuckPort[] = "events";
 
@@ -139,18 +138,21 @@ private:
             return;
         }
         s_root = pattern;
+        /* The deletes are made as whatever application this process runs as
+         * (other benchmarks of the program may have chosen it). */
         tilvane::host::SetPlatformRoot(s_root);
         tilvane::host::RegisteredPackage package;
         package.packageId = "org.example.benchstall";
         package.applications.push_back(
-            {kCallerAppId,
+            {tilvane::host::OwnAppId(),
              {{AppMetadata::USE_PREVIEW, "true"},
               {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
               {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
-        if (!tilvane::host::InstallPackage(package) || !StartService()) {
+        const bool installed = tilvane::host::InstallPackage(package);
+        tilvane::host::SetPlatformRoot(std::string());
+        if (!installed || !StartService()) {
             return;
         }
-        tilvane::host::SetOwnAppId(kCallerAppId);
         m_ready = WaitForService() && m_stuck.Open();
         std::atexit(StopAll);
     }

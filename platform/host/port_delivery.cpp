@@ -41,7 +41,13 @@ constexpr guint32 kNameFlagDoNotQueue = 0x4;
 constexpr guint32 kNamePrimaryOwner = 1;
 constexpr guint32 kNameAlreadyOwner = 4;
 
-constexpr int64_t kDefaultMaxUnanswered = 64;
+constexpr int64_t kDefaultMaxUnanswered = 1024;
+/* A receiver over the bound that answered nothing for this long is taken
+ * for one that does not read. */
+constexpr int64_t kDefaultQuietMs = 1000;
+/* Beyond this many unanswered deliveries a receiver is not waited for at
+ * all, answering or not. */
+constexpr int kHardBoundFactor = 16;
 constexpr int64_t kDefaultDeliveryTimeoutMs = 10000;
 /* How long a process that ends waits for the answers of its last deliveries. */
 constexpr int kExitWaitMs = 2000;
@@ -54,6 +60,8 @@ struct Pending {
 
 struct Receiver {
     int unanswered = 0;
+    /* When it last answered, or when it got its oldest unanswered delivery. */
+    gint64 lastProgressUs = 0;
     bool dropping = false;
     long dropped = 0;
 };
@@ -120,6 +128,12 @@ int MaxUnanswered()
     return value > 0 ? static_cast<int>(value) : static_cast<int>(kDefaultMaxUnanswered);
 }
 
+int64_t QuietUs()
+{
+    const int64_t value = config::Integer("message_port", "unanswered_quiet_ms", kDefaultQuietMs);
+    return (value >= 0 ? value : kDefaultQuietMs) * 1000;
+}
+
 int64_t DeliveryTimeoutUs()
 {
     const int64_t value = config::Integer("message_port", "delivery_timeout_ms", kDefaultDeliveryTimeoutMs);
@@ -127,7 +141,7 @@ int64_t DeliveryTimeoutUs()
 }
 
 /* With the state's mutex held: one delivery to `appId` is no longer waited for. */
-void Settle(DeliveryState& s, const std::string& appId)
+void Settle(DeliveryState& s, const std::string& appId, bool answered)
 {
     auto it = s.receivers.find(appId);
     if (it == s.receivers.end()) {
@@ -138,7 +152,10 @@ void Settle(DeliveryState& s, const std::string& appId)
         --receiver.unanswered;
     }
     s.settled.notify_all();
-    if (receiver.dropping && receiver.unanswered < MaxUnanswered()) {
+    if (answered) {
+        receiver.lastProgressUs = g_get_monotonic_time();
+    }
+    if (receiver.dropping && (answered || receiver.unanswered < MaxUnanswered())) {
         DELIVERY_LOGW("application %s answers again; %ld message(s) to it were dropped", appId.c_str(),
                       receiver.dropped);
         receiver.dropping = false;
@@ -157,7 +174,7 @@ void ExpireOverdue(DeliveryState& s, gint64 nowUs)
             DELIVERY_LOGD("message to %s/%s unanswered", it->second.appId.c_str(), it->second.port.c_str());
             const std::string appId = it->second.appId;
             it = s.pending.erase(it);
-            Settle(s, appId);
+            Settle(s, appId, false);
         } else {
             ++it;
         }
@@ -192,7 +209,7 @@ GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message
     }
     const std::string appId = it->second.appId;
     s.pending.erase(it);
-    Settle(s, appId);
+    Settle(s, appId, true);
     g_object_unref(message);
     return nullptr;
 }
@@ -349,7 +366,12 @@ int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const
         const gint64 now = g_get_monotonic_time();
         ExpireOverdue(s, now);
         Receiver& receiver = s.receivers[appId];
-        if (receiver.unanswered >= MaxUnanswered()) {
+        if (receiver.unanswered == 0) {
+            receiver.lastProgressUs = now;
+        }
+        const bool quiet = now - receiver.lastProgressUs >= QuietUs();
+        if ((receiver.unanswered >= MaxUnanswered() && quiet) ||
+            receiver.unanswered >= MaxUnanswered() * kHardBoundFactor) {
             if (!receiver.dropping) {
                 DELIVERY_LOGW("messages to %s dropped: %d earlier message(s) are unanswered", appId.c_str(),
                               receiver.unanswered);
