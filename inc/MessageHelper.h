@@ -66,7 +66,7 @@ public:
 private:
     void DumpSubscribers();
     /* False, with a log line, when a new subscriber would pass the bounds of
-     * the list (8 ports per application, 128 subscribers in all). */
+     * the list (128 ports per application, 256 subscribers in all). */
     bool SubscriberAllowed(const std::string& key, const std::string& appId, const std::string& portName);
 
     /* "<port>_<application id>" (or "" for an empty port) -> application id. */

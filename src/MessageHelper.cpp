@@ -29,8 +29,8 @@ const int RESEND_COUNT = 5;
 /* Bounds of the subscriber list, whatever applications send: ports of one
  * application, and subscribers in all (the download manager included). A
  * subscription beyond them is refused with one log line. */
-const size_t MAX_SUBSCRIBED_PORTS_PER_APP = 8;
-const size_t MAX_SUBSCRIBERS = 128;
+const size_t MAX_SUBSCRIBED_PORTS_PER_APP = 128;
+const size_t MAX_SUBSCRIBERS = 256;
 
 const int RESULT_INVALID = -22;
 /* Send()'s result when a failed delivery goes on in a background thread. */

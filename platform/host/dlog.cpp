@@ -6,7 +6,7 @@
  * What is written is rate-limited per call site (per format string), as
  * journald limits a service: in each interval (TILVANE_LOG_RATE_INTERVAL_MS,
  * default 10000) a site writes at most a burst of lines (TILVANE_LOG_RATE_BURST,
- * default 1000; 0 turns the limit off). Further lines of that site are neither
+ * default 2000; 0 turns the limit off). Further lines of that site are neither
  * formatted nor written, and the first line it writes in a later interval is
  * preceded by one line saying how many were suppressed. Log capture (tests)
  * keeps every line, suppressed or not.
@@ -38,7 +38,7 @@ namespace {
 /* 0 means "not read yet". */
 std::atomic<int> gMinimumPriority{0};
 
-constexpr int64_t kDefaultBurst = 1000;
+constexpr int64_t kDefaultBurst = 2000;
 constexpr int64_t kDefaultIntervalMs = 10000;
 /* Call sites followed one by one; lines of further sites share one budget. */
 constexpr size_t kMaxSites = 4096;

@@ -415,6 +415,8 @@ std::unique_ptr<Bus> OpenBus()
         PORT_LOGE("cannot use the message bus at %s: %s", address, error.Message());
         return nullptr;
     }
+    /* What was known through an earlier connection is not carried over. */
+    ForgetDeliveries();
     bus->loop.reset(g_main_loop_new(bus->context.get(), FALSE));
     bus->thread = g_thread_new("tilvane-msgport", RunBusThread, bus.get());
     PORT_LOGD("connected to the message bus as %s (%s)", bus->appId.c_str(),

@@ -41,7 +41,13 @@ constexpr guint32 kNameFlagDoNotQueue = 0x4;
 constexpr guint32 kNamePrimaryOwner = 1;
 constexpr guint32 kNameAlreadyOwner = 4;
 
-constexpr int64_t kDefaultMaxUnanswered = 64;
+constexpr int64_t kDefaultMaxUnanswered = 1024;
+/* A receiver over the bound that answered nothing for this long is taken
+ * for one that does not read. */
+constexpr int64_t kDefaultQuietMs = 1000;
+/* Beyond this many unanswered deliveries a receiver is not waited for at
+ * all, answering or not. */
+constexpr int kHardBoundFactor = 16;
 constexpr int64_t kDefaultDeliveryTimeoutMs = 10000;
 /* How long a process that ends waits for the answers of its last deliveries. */
 constexpr int kExitWaitMs = 2000;
@@ -54,9 +60,53 @@ struct Pending {
 
 struct Receiver {
     int unanswered = 0;
+    /* When it last answered, or when it got its oldest unanswered delivery. */
+    gint64 lastProgressUs = 0;
     bool dropping = false;
     long dropped = 0;
 };
+
+/* Owners of the names of applications and ports, as the bus daemon last said.
+ * Kept fresh by its NameOwnerChanged signals, which the connection's filter
+ * sees in order with every answer; an answer is kept only when no change came
+ * while it was asked for. */
+constexpr char kNameNamespace[] = "org.tilvane";
+constexpr size_t kMaxCachedOwners = 4096;
+
+struct OwnerCache {
+    std::mutex mutex;
+    std::map<std::string, std::string> owners;
+    uint64_t changes = 0;
+};
+
+OwnerCache& TheOwnerCache()
+{
+    static OwnerCache* cache = new OwnerCache();
+    return *cache;
+}
+
+void NoteOwnerChange(GDBusMessage* message)
+{
+    if (g_strcmp0(g_dbus_message_get_member(message), "NameOwnerChanged") != 0 ||
+        g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") != 0) {
+        return;
+    }
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)"))) {
+        return;
+    }
+    const gchar* name = nullptr;
+    const gchar* oldOwner = nullptr;
+    const gchar* newOwner = nullptr;
+    g_variant_get(body, "(&s&s&s)", &name, &oldOwner, &newOwner);
+    OwnerCache& cache = TheOwnerCache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    ++cache.changes;
+    auto it = cache.owners.find(name);
+    if (it != cache.owners.end()) {
+        it->second = newOwner;
+    }
+}
 
 struct DeliveryState {
     std::mutex mutex;
@@ -78,6 +128,12 @@ int MaxUnanswered()
     return value > 0 ? static_cast<int>(value) : static_cast<int>(kDefaultMaxUnanswered);
 }
 
+int64_t QuietUs()
+{
+    const int64_t value = config::Integer("message_port", "unanswered_quiet_ms", kDefaultQuietMs);
+    return (value >= 0 ? value : kDefaultQuietMs) * 1000;
+}
+
 int64_t DeliveryTimeoutUs()
 {
     const int64_t value = config::Integer("message_port", "delivery_timeout_ms", kDefaultDeliveryTimeoutMs);
@@ -85,7 +141,7 @@ int64_t DeliveryTimeoutUs()
 }
 
 /* With the state's mutex held: one delivery to `appId` is no longer waited for. */
-void Settle(DeliveryState& s, const std::string& appId)
+void Settle(DeliveryState& s, const std::string& appId, bool answered)
 {
     auto it = s.receivers.find(appId);
     if (it == s.receivers.end()) {
@@ -96,7 +152,10 @@ void Settle(DeliveryState& s, const std::string& appId)
         --receiver.unanswered;
     }
     s.settled.notify_all();
-    if (receiver.dropping && receiver.unanswered < MaxUnanswered()) {
+    if (answered) {
+        receiver.lastProgressUs = g_get_monotonic_time();
+    }
+    if (receiver.dropping && (answered || receiver.unanswered < MaxUnanswered())) {
         DELIVERY_LOGW("application %s answers again; %ld message(s) to it were dropped", appId.c_str(),
                       receiver.dropped);
         receiver.dropping = false;
@@ -115,7 +174,7 @@ void ExpireOverdue(DeliveryState& s, gint64 nowUs)
             DELIVERY_LOGD("message to %s/%s unanswered", it->second.appId.c_str(), it->second.port.c_str());
             const std::string appId = it->second.appId;
             it = s.pending.erase(it);
-            Settle(s, appId);
+            Settle(s, appId, false);
         } else {
             ++it;
         }
@@ -129,6 +188,10 @@ GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message
         return message;
     }
     const GDBusMessageType type = g_dbus_message_get_message_type(message);
+    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        NoteOwnerChange(message);
+        return message;
+    }
     if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR) {
         return message;
     }
@@ -146,7 +209,7 @@ GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message
     }
     const std::string appId = it->second.appId;
     s.pending.erase(it);
-    Settle(s, appId);
+    Settle(s, appId, true);
     g_object_unref(message);
     return nullptr;
 }
@@ -162,7 +225,7 @@ void WaitForLastDeliveries()
 }
 
 /* The owner of `name`, "" when it has none; false when the daemon cannot be asked. */
-bool NameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
+bool AskNameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
 {
     ScopedError error;
     GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -182,6 +245,36 @@ bool NameOwner(GDBusConnection* connection, const std::string& name, std::string
     }
     DELIVERY_LOGE("cannot ask the bus for the owner of %s: %s", name.c_str(), error.Message());
     return false;
+}
+
+bool NameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
+{
+    OwnerCache& cache = TheOwnerCache();
+    uint64_t changesBefore = 0;
+    {
+        std::lock_guard<std::mutex> lock(cache.mutex);
+        auto it = cache.owners.find(name);
+        if (it != cache.owners.end()) {
+            owner = it->second;
+            return true;
+        }
+        changesBefore = cache.changes;
+    }
+    if (!AskNameOwner(connection, name, owner)) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.changes == changesBefore) {
+        if (cache.owners.size() >= kMaxCachedOwners) {
+            cache.owners.clear();
+        }
+        cache.owners[name] = owner;
+    }
+    return true;
+}
+
+void NoSignalCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*, gpointer)
+{
 }
 
 }  // namespace
@@ -273,7 +366,12 @@ int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const
         const gint64 now = g_get_monotonic_time();
         ExpireOverdue(s, now);
         Receiver& receiver = s.receivers[appId];
-        if (receiver.unanswered >= MaxUnanswered()) {
+        if (receiver.unanswered == 0) {
+            receiver.lastProgressUs = now;
+        }
+        const bool quiet = now - receiver.lastProgressUs >= QuietUs();
+        if ((receiver.unanswered >= MaxUnanswered() && quiet) ||
+            receiver.unanswered >= MaxUnanswered() * kHardBoundFactor) {
             if (!receiver.dropping) {
                 DELIVERY_LOGW("messages to %s dropped: %d earlier message(s) are unanswered", appId.c_str(),
                               receiver.unanswered);
@@ -306,11 +404,23 @@ int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const
 
 guint AddDeliveryReplyFilter(GDBusConnection* connection)
 {
-    return g_dbus_connection_add_filter(connection, OnMessageCB, nullptr, nullptr);
+    const guint filter = g_dbus_connection_add_filter(connection, OnMessageCB, nullptr, nullptr);
+    /* Makes the daemon send the owner changes of every application and port
+     * name; the filter reads them. */
+    g_dbus_connection_signal_subscribe(connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+                                       "/org/freedesktop/DBus", kNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
+                                       NoSignalCB, nullptr, nullptr);
+    return filter;
 }
 
 void ForgetDeliveries()
 {
+    {
+        OwnerCache& cache = TheOwnerCache();
+        std::lock_guard<std::mutex> lock(cache.mutex);
+        cache.owners.clear();
+        ++cache.changes;
+    }
     DeliveryState& s = TheDeliveryState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.pending.clear();

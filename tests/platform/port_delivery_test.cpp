@@ -35,7 +35,7 @@ protected:
     {
         tilvane::host::Reset();
         tilvane::host::StartLogCapture();
-        tilvane::host::SetConfigurationText("[message_port]\nmax_unanswered = 4\n");
+        tilvane::host::SetConfigurationText("[message_port]\nmax_unanswered = 4\nunanswered_quiet_ms = 0\n");
         tilvane::host::SetOwnAppId("com.example.sender");
     }
     void TearDown() override { tilvane::host::Reset(); }
@@ -84,10 +84,37 @@ TEST_F(PortDeliveryTest, AReceiverThatNeverAnswersIsCheckedAndSentToWithoutWaiti
     bundle_free(message);
 }
 
+TEST_F(PortDeliveryTest, OverTheBoundSendsAreDroppedOnlyOnceTheReceiverHasBeenQuiet)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    /* A receiver that is slow but answers is not cut off by a burst. */
+    tilvane::host::SetConfigurationText("[message_port]\nmax_unanswered = 2\nunanswered_quiet_ms = 300\n");
+    StuckReceiver stuck("com.example.stuck", {"inbox"});
+    ASSERT_TRUE(stuck.Ready()) << stuck.Error();
+    bundle* message = bundle_create();
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(message_port_send_message("com.example.stuck", "inbox", message), MESSAGE_PORT_ERROR_NONE) << i;
+    }
+    /* Quiet for longer than the window: now it is taken for one that does not read. */
+    IterateMainContextUntil([] { return false; }, 400);
+    EXPECT_EQ(message_port_send_message("com.example.stuck", "inbox", message), MESSAGE_PORT_ERROR_MAX_EXCEEDED);
+    ASSERT_TRUE(IterateMainContextUntil(
+        [&] {
+            stuck.Answer();
+            return tilvane::host::UnansweredDeliveries("com.example.stuck") == 0;
+        },
+        5000));
+    EXPECT_EQ(CountLines("tilvane-platform", "application com.example.stuck answers again; 1 message(s) to it were dropped"),
+              1);
+    EXPECT_EQ(message_port_send_message("com.example.stuck", "inbox", message), MESSAGE_PORT_ERROR_NONE);
+    bundle_free(message);
+}
+
 TEST_F(PortDeliveryTest, UnansweredDeliveriesStopCountingAfterTheirTimeout)
 {
     ASSERT_TRUE(m_bus.IsRunning());
-    tilvane::host::SetConfigurationText("[message_port]\nmax_unanswered = 2\ndelivery_timeout_ms = 300\n");
+    tilvane::host::SetConfigurationText(
+        "[message_port]\nmax_unanswered = 2\nunanswered_quiet_ms = 0\ndelivery_timeout_ms = 300\n");
     StuckReceiver stuck("com.example.stuck", {"inbox"});
     ASSERT_TRUE(stuck.Ready()) << stuck.Error();
     bundle* message = bundle_create();

@@ -35,7 +35,8 @@ void PortCB(int, const char*, const char*, bool, bundle*, void*)
 }
 
 /* A create callback shaped like the service's start-up retry loops: 60
- * registrations one second apart, with the signal arriving after the first. */
+ * registrations, each followed by a one-second and a half-second sleep, with
+ * the signal arriving before the first. */
 bool RetryingCreate(void* data)
 {
     StartUp* s = static_cast<StartUp*>(data);
@@ -45,6 +46,7 @@ bool RetryingCreate(void* data)
         ++s->attempts;
         s->registrations.push_back(message_port_register_local_port("during", PortCB, nullptr));
         sleep(1);
+        usleep(500000);
     }
     return true;
 }
@@ -90,15 +92,20 @@ TEST_F(TerminationTest, SigtermDuringARetryLoopOfTheCreateCallbackEndsTheStartAt
     StartUp s;
     const int64_t elapsedMs = RunWithSignal(SIGTERM, s);
 
-    EXPECT_LT(elapsedMs, 3000) << "60 one-second sleeps must not be slept out";
+    EXPECT_LT(elapsedMs, 3000) << "90 seconds of sleeps must not be slept out";
     EXPECT_EQ(s.attempts, 60);
     EXPECT_GT(s.registeredBefore, 0);
     ASSERT_EQ(s.registrations.size(), 60u);
     for (int result : s.registrations) {
         EXPECT_EQ(result, MESSAGE_PORT_ERROR_IO_ERROR);
     }
-    /* The 60 sleeps were asked for, and each returned early. */
-    EXPECT_EQ(tilvane::host::RecordedSleeps(), std::vector<int64_t>(60, 1000000));
+    /* The 120 sleeps were asked for, and each returned early. */
+    std::vector<int64_t> expected;
+    for (int i = 0; i < 60; ++i) {
+        expected.push_back(1000000);
+        expected.push_back(500000);
+    }
+    EXPECT_EQ(tilvane::host::RecordedSleeps(), expected);
     EXPECT_EQ(s.appControls, 0) << "the loop must not run";
     EXPECT_EQ(s.terminates, 1) << "the orderly shutdown must run";
     EXPECT_EQ(tilvane::test::CountLines("tilvane-platform", "terminating: SIGTERM"), 1);

@@ -1,0 +1,261 @@
+/*
+ * The latency of a delete that posts a preview event, with and without a
+ * subscriber that never answers, measured interleaved in one run: each
+ * iteration times one delete without it, subscribes it, times one delete
+ * with it, and unsubscribes it. The service is the real `tilvane` binary,
+ * started on the benchmarks' bus with a platform root of its own; the deletes
+ * come from this process through the content road, as an application with
+ * the public privileges (installed there under this process's own id). The never-answering subscriber is a hand-made bus
+ * connection that owns its application's and port's names and queues every
+ * call it gets on a main context that nobody runs.
+ */
+#include <benchmark/benchmark.h>
+#include <bundle.h>
+#include <gio/gio.h>
+#include <host_control.h>
+#include <message_port.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <tilvane_client.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "BenchBus.h"
+#include "PermissionHelper.h"
+#include "TilesModel.h"
+
+extern char** environ;
+
+namespace {
+
+const char kServiceAppId[] = "com.quillon.px.tilvane";
+const char kStuckAppId[] = "org.example.benchstall.stuck";
+const char kStuckPort[] = "events";
+
+/* A subscriber whose calls are never answered. */
+class NeverAnswering
+{
+public:
+    bool Open()
+    {
+        m_context = g_main_context_new();
+        m_connection = g_dbus_connection_new_for_address_sync(
+            g_getenv("DBUS_SESSION_BUS_ADDRESS"),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr);
+        if (m_connection == nullptr || !Own(tilvane::host::BusNameForAppId(kStuckAppId)) ||
+            !Own(tilvane::host::BusNameForPort(kStuckAppId, kStuckPort))) {
+            return false;
+        }
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
+            "<node><interface name='org.tilvane.MessagePort'><method name='Deliver'>"
+            "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='s' direction='in'/>"
+            "<arg type='s' direction='in'/></method></interface></node>",
+            nullptr);
+        static const GDBusInterfaceVTable vtable = {OnCallCB, nullptr, nullptr, {nullptr}};
+        g_main_context_push_thread_default(m_context);
+        const guint id = g_dbus_connection_register_object(m_connection, "/org/tilvane/MessagePort",
+                                                           node->interfaces[0], &vtable, nullptr, nullptr, nullptr);
+        g_main_context_pop_thread_default(m_context);
+        g_dbus_node_info_unref(node);
+        return id != 0;
+    }
+
+    /* Subscribes or unsubscribes from its port, as an application does. */
+    bool Request(const char* type)
+    {
+        bundle* message = bundle_create();
+        bundle_add_str(message, "request_type", type);
+        bundle_raw* raw = nullptr;
+        int length = 0;
+        bundle_encode(message, &raw, &length);
+        std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
+        bundle_free_encoded_rawdata(&raw);
+        bundle_free(message);
+        GVariant* reply = g_dbus_connection_call_sync(
+            m_connection, tilvane::host::BusNameForAppId(kServiceAppId).c_str(), "/org/tilvane/MessagePort",
+            "org.tilvane.MessagePort", "Deliver",
+            g_variant_new("(ssss)", "preview-event-receiver", kStuckAppId, kStuckPort, encoded.c_str()), nullptr,
+            G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+        if (reply == nullptr) {
+            return false;
+        }
+        g_variant_unref(reply);
+        return true;
+    }
+
+private:
+    bool Own(const std::string& name)
+    {
+        GVariant* reply = g_dbus_connection_call_sync(
+            m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+            g_variant_new("(su)", name.c_str(), 4u), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
+            nullptr);
+        if (reply == nullptr) {
+            return false;
+        }
+        g_variant_unref(reply);
+        return true;
+    }
+
+    static void OnCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*,
+                         GDBusMethodInvocation* invocation, gpointer)
+    {
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
+
+    GMainContext* m_context = nullptr;
+    GDBusConnection* m_connection = nullptr;
+};
+
+/* The real service on the benchmarks' bus, for the life of the program. */
+class StallBenchSetup
+{
+public:
+    static StallBenchSetup& Get()
+    {
+        static StallBenchSetup* setup = new StallBenchSetup();
+        return *setup;
+    }
+
+    bool Ready() const { return m_ready; }
+    NeverAnswering& Stuck() { return m_stuck; }
+
+private:
+    StallBenchSetup()
+    {
+        if (!EnsureBenchBus()) {
+            return;
+        }
+        char pattern[] = "/tmp/tilvane-stall-bench-XXXXXX";
+        if (mkdtemp(pattern) == nullptr) {
+            return;
+        }
+        s_root = pattern;
+        /* The deletes are made as whatever application this process runs as
+         * (other benchmarks of the program may have chosen it). */
+        tilvane::host::SetPlatformRoot(s_root);
+        tilvane::host::RegisteredPackage package;
+        package.packageId = "org.example.benchstall";
+        package.applications.push_back(
+            {tilvane::host::OwnAppId(),
+             {{AppMetadata::USE_PREVIEW, "true"},
+              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
+              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
+        const bool installed = tilvane::host::InstallPackage(package);
+        tilvane::host::SetPlatformRoot(std::string());
+        if (!installed || !StartService()) {
+            return;
+        }
+        m_ready = WaitForService() && m_stuck.Open();
+        std::atexit(StopAll);
+    }
+
+    static bool StartService()
+    {
+        std::vector<std::string> environment;
+        for (char** e = environ; *e != nullptr; ++e) {
+            environment.emplace_back(*e);
+        }
+        environment.push_back("TILVANE_PLATFORM_ROOT=" + s_root);
+        environment.push_back(std::string("TILVANE_APP_ID=") + kServiceAppId);
+        environment.push_back("TILVANE_LOG_LEVEL=W");
+        std::vector<char*> envp;
+        for (std::string& entry : environment) {
+            envp.push_back(&entry[0]);
+        }
+        envp.push_back(nullptr);
+        std::string program = TILVANE_SERVICE_BINARY;
+        char* argv[] = {&program[0], nullptr};
+        s_servicePid = fork();
+        if (s_servicePid == 0) {
+            execve(argv[0], argv, envp.data());
+            _exit(127);
+        }
+        return s_servicePid > 0;
+    }
+
+    static bool WaitForService()
+    {
+        for (int attempt = 0; attempt < 300; ++attempt) {
+            bool exist = false;
+            if (message_port_check_remote_port(kServiceAppId, "preview-event-receiver", &exist) == 0 && exist) {
+                return true;
+            }
+            g_usleep(100000);
+        }
+        return false;
+    }
+
+    static void StopAll()
+    {
+        if (s_servicePid > 0) {
+            kill(s_servicePid, SIGTERM);
+            waitpid(s_servicePid, nullptr, 0);
+            s_servicePid = -1;
+        }
+        if (!s_root.empty()) {
+            const std::string command = "rm -rf '" + s_root + "'";
+            if (std::system(command.c_str()) != 0) {
+                std::fprintf(stderr, "cannot remove %s\n", s_root.c_str());
+            }
+        }
+    }
+
+    bool m_ready = false;
+    NeverAnswering m_stuck;
+    static pid_t s_servicePid;
+    static std::string s_root;
+};
+
+pid_t StallBenchSetup::s_servicePid = -1;
+std::string StallBenchSetup::s_root;
+
+/* One delete through the content road (it posts a preview event); seconds. */
+double TimedDelete(const tilvane::client::ContentClient& client, bool* ok)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const tilvane::client::Result result =
+        client.Delete(TilesModel::Tiles::CONTENT_URI, std::string(TilesModel::Tiles::TILE_ID) + " = ?", {"none"});
+    *ok = *ok && result.Ok();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void BM_DeleteEvent_NeverAnsweringSubscriber(benchmark::State& state)
+{
+    StallBenchSetup& setup = StallBenchSetup::Get();
+    if (!setup.Ready()) {
+        state.SkipWithError("no bus, or the service did not start");
+        return;
+    }
+    tilvane::client::ContentClient client;
+    double without = 0.0;
+    double with = 0.0;
+    bool ok = true;
+    for (auto _ : state) {
+        without += TimedDelete(client, &ok);
+        ok = ok && setup.Stuck().Request("SubscribePreviewEvent");
+        with += TimedDelete(client, &ok);
+        ok = ok && setup.Stuck().Request("UnsubscribePreviewEvent");
+    }
+    if (!ok) {
+        state.SkipWithError("a delete or a subscription failed");
+        return;
+    }
+    const double iterations = static_cast<double>(state.iterations());
+    state.counters["without_us"] = without / iterations * 1e6;
+    state.counters["with_us"] = with / iterations * 1e6;
+    state.counters["ratio"] = without > 0 ? with / without : 0.0;
+    std::printf("ratio delete with a never-answering subscriber / without = %5.2f  (%.1f us vs %.1f us, %.0f deletes each)\n",
+                without > 0 ? with / without : 0.0, with / iterations * 1e6, without / iterations * 1e6, iterations);
+}
+
+BENCHMARK(BM_DeleteEvent_NeverAnsweringSubscriber)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
