@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "app_identity.h"
+#include "bundle_ptr.h"
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
@@ -196,9 +197,10 @@ std::vector<std::string> StringsOf(GVariant* array)
     return strings;
 }
 
-bundle* DecodeBundle(const char* encoded)
+BundlePtr DecodeBundle(const char* encoded)
 {
-    return bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded)));
+    return BundlePtr(
+        bundle_decode(reinterpret_cast<const bundle_raw*>(encoded), static_cast<int>(std::strlen(encoded))));
 }
 
 GVariant* RowsVariant(const std::string& rows)
@@ -206,23 +208,38 @@ GVariant* RowsVariant(const std::string& rows)
     return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(), rows.size(), 1);
 }
 
+/* A string argument of a call, by position. */
+const gchar* StringArg(GVariant* parameters, gsize index)
+{
+    const gchar* text = nullptr;
+    g_variant_get_child(parameters, index, "&s", &text);
+    return text;
+}
+
+/* A string-array argument of a call, by position. */
+std::vector<std::string> StringsArg(GVariant* parameters, gsize index)
+{
+    GVariantPtr array(g_variant_get_child_value(parameters, index));
+    return StringsOf(array.get());
+}
+
+/* An optional text argument: null when empty. */
+const gchar* OrNull(const gchar* text)
+{
+    return *text != '\0' ? text : nullptr;
+}
+
 /* ---- a request on the default main context -------------------------------- */
 
+/* A method call on its way to the default main context; it holds its own
+ * references to the invocation and the arguments. */
 struct Job {
-    GDBusMethodInvocation* invocation;
+    std::unique_ptr<GDBusMethodInvocation, GObjectUnref> invocation;
     std::string interface;
     std::string method;
-    GVariant* parameters;
+    GVariantPtr parameters;
     std::string clientApp;
 };
-
-void FreeJob(gpointer data)
-{
-    Job* job = static_cast<Job*>(data);
-    g_object_unref(job->invocation);
-    g_variant_unref(job->parameters);
-    delete job;
-}
 
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message)
 {
@@ -231,135 +248,179 @@ void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char
 
 /* ---- data control ---------------------------------------------------------- */
 
-void RunDataControl(Job& job)
-{
-    RoadState& s = TheRoadState();
+/* The data-control provider of this process as a request finds it. */
+struct DcProvider {
+    bool registered = false;
     data_control_provider_sql_cb callbacks{};
     void* userData = nullptr;
-    bool registered = false;
     std::string providerId;
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        registered = s.dcRegistered;
-        callbacks = s.dcCallbacks;
-        userData = s.dcUserData;
-        providerId = s.dcProviderId;
+};
+
+/* What became of handing a request to the provider's callback. */
+enum class DcHanded { Handed, NotServed, Unreadable };
+
+/* One method of the data-control interface: hands the request (its id and
+ * handle, the call's arguments) to the provider's callback for it. */
+using DcMethod = DcHanded (*)(const DcProvider& provider, int id, data_control_s& handle, GVariant* p);
+
+DcHanded DcInsert(const DcProvider& provider, int id, data_control_s& handle, GVariant* p)
+{
+    BundlePtr data = DecodeBundle(StringArg(p, 3));
+    if (data == nullptr) {
+        return DcHanded::Unreadable;
     }
-    GVariant* p = job.parameters;
-    const gchar* requestedProvider = nullptr;
-    const gchar* dataId = nullptr;
-    g_variant_get_child(p, 1, "&s", &requestedProvider);
-    g_variant_get_child(p, 2, "&s", &dataId);
-    if (!registered || providerId != requestedProvider) {
-        ReturnError(job.invocation, kErrorNotServed, "no data-control provider for this provider id here");
+    if (provider.callbacks.insert_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.insert_cb(id, &handle, data.get(), provider.userData);
+    return DcHanded::Handed;
+}
+
+DcHanded DcSelect(const DcProvider& provider, int id, data_control_s& handle, GVariant* p)
+{
+    const std::vector<std::string> columns = StringsArg(p, 3);
+    const gchar* where = StringArg(p, 4);
+    const gchar* order = StringArg(p, 5);
+    std::vector<const char*> pointers;
+    for (const std::string& column : columns) {
+        pointers.push_back(column.c_str());
+    }
+    pointers.push_back(nullptr);
+    if (provider.callbacks.select_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.select_cb(id, &handle, pointers.data(), static_cast<int>(columns.size()), OrNull(where),
+                                 OrNull(order), provider.userData);
+    return DcHanded::Handed;
+}
+
+DcHanded DcUpdate(const DcProvider& provider, int id, data_control_s& handle, GVariant* p)
+{
+    const gchar* where = StringArg(p, 4);
+    BundlePtr data = DecodeBundle(StringArg(p, 3));
+    if (data == nullptr) {
+        return DcHanded::Unreadable;
+    }
+    if (provider.callbacks.update_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.update_cb(id, &handle, data.get(), OrNull(where), provider.userData);
+    return DcHanded::Handed;
+}
+
+DcHanded DcDelete(const DcProvider& provider, int id, data_control_s& handle, GVariant* p)
+{
+    const gchar* where = StringArg(p, 3);
+    if (provider.callbacks.delete_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.delete_cb(id, &handle, OrNull(where), provider.userData);
+    return DcHanded::Handed;
+}
+
+/* Each method, and the answer of the provider that completes it. */
+struct DcMethodEntry {
+    DcMethod hand;
+    DcRequest::Answer completion;
+};
+
+const std::map<std::string, DcMethodEntry>& DcMethods()
+{
+    static const std::map<std::string, DcMethodEntry> methods = {
+        {"Insert", {DcInsert, DcRequest::Answer::RowId}},
+        {"Select", {DcSelect, DcRequest::Answer::Rows}},
+        {"Update", {DcUpdate, DcRequest::Answer::Done}},
+        {"Delete", {DcDelete, DcRequest::Answer::Done}},
+    };
+    return methods;
+}
+
+DcProvider CurrentDcProvider()
+{
+    RoadState& s = TheRoadState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    DcProvider provider;
+    provider.registered = s.dcRegistered;
+    provider.callbacks = s.dcCallbacks;
+    provider.userData = s.dcUserData;
+    provider.providerId = s.dcProviderId;
+    return provider;
+}
+
+/* Registers the request as active under a new id (so that the provider's
+ * answers find it), and forgets it again. */
+void BeginDcRequest(DcRequest& request)
+{
+    RoadState& s = TheRoadState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    request.id = s.nextRequestId++;
+    if (s.nextRequestId <= 0) {
+        s.nextRequestId = 1;
+    }
+    s.active[request.id] = &request;
+}
+
+void EndDcRequest(const DcRequest& request)
+{
+    RoadState& s = TheRoadState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.active.erase(request.id);
+}
+
+/* Answers the call with what the provider answered, when that completes it. */
+void ReturnDcAnswer(Job& job, const DcRequest& request, DcRequest::Answer completion)
+{
+    GDBusMethodInvocation* invocation = job.invocation.get();
+    switch (request.answer) {
+    case DcRequest::Answer::None:
+        ROAD_LOGD("data-control request %d of %s: no result", request.id, request.clientApp.c_str());
+        ReturnError(invocation, kErrorNoResult, "the provider sent no result");
+        return;
+    case DcRequest::Answer::Error:
+        ReturnError(invocation, kErrorProviderError, request.error.c_str());
+        return;
+    default:
+        break;
+    }
+    if (request.answer != completion) {
+        ReturnError(invocation, kErrorNoResult, "the provider sent a result of another kind of request");
+    } else if (completion == DcRequest::Answer::RowId) {
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(x)", static_cast<gint64>(request.rowId)));
+    } else if (completion == DcRequest::Answer::Rows) {
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(@ay)", RowsVariant(request.rows)));
+    } else {
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
+}
+
+void RunDataControl(Job& job)
+{
+    DcProvider provider = CurrentDcProvider();
+    GVariant* p = job.parameters.get();
+    const gchar* requestedProvider = StringArg(p, 1);
+    const gchar* dataId = StringArg(p, 2);
+    if (!provider.registered || provider.providerId != requestedProvider) {
+        ReturnError(job.invocation.get(), kErrorNotServed, "no data-control provider for this provider id here");
         return;
     }
     DcRequest request;
     request.clientApp = job.clientApp;
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        request.id = s.nextRequestId++;
-        if (s.nextRequestId <= 0) {
-            s.nextRequestId = 1;
-        }
-        s.active[request.id] = &request;
-    }
+    BeginDcRequest(request);
     data_control_s handle{requestedProvider, dataId};
-    bool served = true;
-    bool readable = true;
-    if (job.method == "Insert") {
-        const gchar* values = nullptr;
-        g_variant_get_child(p, 3, "&s", &values);
-        bundle* data = DecodeBundle(values);
-        if (data == nullptr) {
-            readable = false;
-        } else if (callbacks.insert_cb == nullptr) {
-            served = false;
-        } else {
-            callbacks.insert_cb(request.id, &handle, data, userData);
-        }
-        bundle_free(data);
-    } else if (job.method == "Select") {
-        GVariantPtr columnsVariant(g_variant_get_child_value(p, 3));
-        const gchar* where = nullptr;
-        const gchar* order = nullptr;
-        g_variant_get_child(p, 4, "&s", &where);
-        g_variant_get_child(p, 5, "&s", &order);
-        const std::vector<std::string> columns = StringsOf(columnsVariant.get());
-        std::vector<const char*> pointers;
-        for (const std::string& column : columns) {
-            pointers.push_back(column.c_str());
-        }
-        pointers.push_back(nullptr);
-        if (callbacks.select_cb == nullptr) {
-            served = false;
-        } else {
-            callbacks.select_cb(request.id, &handle, pointers.data(), static_cast<int>(columns.size()),
-                                *where != '\0' ? where : nullptr, *order != '\0' ? order : nullptr, userData);
-        }
-    } else if (job.method == "Update") {
-        const gchar* values = nullptr;
-        const gchar* where = nullptr;
-        g_variant_get_child(p, 3, "&s", &values);
-        g_variant_get_child(p, 4, "&s", &where);
-        bundle* data = DecodeBundle(values);
-        if (data == nullptr) {
-            readable = false;
-        } else if (callbacks.update_cb == nullptr) {
-            served = false;
-        } else {
-            callbacks.update_cb(request.id, &handle, data, *where != '\0' ? where : nullptr, userData);
-        }
-        bundle_free(data);
-    } else if (job.method == "Delete") {
-        const gchar* where = nullptr;
-        g_variant_get_child(p, 3, "&s", &where);
-        if (callbacks.delete_cb == nullptr) {
-            served = false;
-        } else {
-            callbacks.delete_cb(request.id, &handle, *where != '\0' ? where : nullptr, userData);
-        }
-    }
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.active.erase(request.id);
-    }
-    if (!readable) {
-        ReturnError(job.invocation, kErrorInvalidRequest, "the values are not a bundle");
+    // The bus lets only the interface's methods through; any other would get no result.
+    auto method = DcMethods().find(job.method);
+    const bool known = method != DcMethods().end();
+    DcHanded handed = known ? method->second.hand(provider, request.id, handle, p) : DcHanded::Handed;
+    EndDcRequest(request);
+    if (handed == DcHanded::Unreadable) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, "the values are not a bundle");
         return;
     }
-    if (!served) {
-        ReturnError(job.invocation, kErrorNotServed, "the provider has no callback for this kind of request");
+    if (handed == DcHanded::NotServed) {
+        ReturnError(job.invocation.get(), kErrorNotServed, "the provider has no callback for this kind of request");
         return;
     }
-    switch (request.answer) {
-    case DcRequest::Answer::None:
-        ROAD_LOGD("data-control request %d of %s: no result", request.id, request.clientApp.c_str());
-        ReturnError(job.invocation, kErrorNoResult, "the provider sent no result");
-        return;
-    case DcRequest::Answer::Error:
-        ReturnError(job.invocation, kErrorProviderError, request.error.c_str());
-        return;
-    case DcRequest::Answer::RowId:
-        if (job.method == "Insert") {
-            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(x)", static_cast<gint64>(request.rowId)));
-            return;
-        }
-        break;
-    case DcRequest::Answer::Rows:
-        if (job.method == "Select") {
-            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(@ay)", RowsVariant(request.rows)));
-            return;
-        }
-        break;
-    case DcRequest::Answer::Done:
-        if (job.method == "Update" || job.method == "Delete") {
-            g_dbus_method_invocation_return_value(job.invocation, nullptr);
-            return;
-        }
-        break;
-    }
-    ReturnError(job.invocation, kErrorNoResult, "the provider sent a result of another kind of request");
+    ReturnDcAnswer(job, request, known ? method->second.completion : DcRequest::Answer::None);
 }
 
 /* ---- content library's road ---------------------------------------------- */
@@ -376,170 +437,199 @@ void ReturnResult(GDBusMethodInvocation* invocation, bool found, GVariant* value
     g_dbus_method_invocation_return_value(invocation, value);
 }
 
-std::vector<bundle*> DecodeBundles(GVariant* array, bool& ok)
+/* The rows of a bulk, each an owned bundle; false when one is no bundle. */
+bool DecodeBundles(GVariant* array, std::vector<BundlePtr>& bundles)
 {
-    std::vector<bundle*> bundles;
-    ok = true;
     for (const std::string& encoded : StringsOf(array)) {
-        bundle* b = DecodeBundle(encoded.c_str());
+        BundlePtr b = DecodeBundle(encoded.c_str());
         if (b == nullptr) {
-            ok = false;
-            break;
+            bundles.clear();
+            return false;
         }
-        bundles.push_back(b);
+        bundles.push_back(std::move(b));
     }
-    if (!ok) {
-        for (bundle* b : bundles) {
-            bundle_free(b);
-        }
-        bundles.clear();
-    }
-    return bundles;
+    return true;
 }
 
-void FreeBundles(std::vector<bundle*>& bundles)
+std::vector<bundle*> Borrowed(const std::vector<BundlePtr>& bundles)
 {
-    for (bundle* b : bundles) {
-        bundle_free(b);
+    std::vector<bundle*> pointers;
+    for (const BundlePtr& b : bundles) {
+        pointers.push_back(b.get());
     }
+    return pointers;
+}
+
+/* A content request's record of the caller and the URI. */
+template <typename Record>
+Record ContentRecord(const Job& job)
+{
+    Record record;
+    record.strAppId = job.clientApp;
+    record.strUri = StringArg(job.parameters.get(), 1);
+    return record;
+}
+
+void ContentInsert(Job& job)
+{
+    using namespace tilvane::content;
+    auto in = ContentRecord<PT_PROVIDER_INSERT_IN_PARAM>(job);
+    BundlePtr values = DecodeBundle(StringArg(job.parameters.get(), 2));
+    if (values == nullptr) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, "the values are not a bundle");
+        return;
+    }
+    in.pValues = values.get();
+    PT_PROVIDER_INSERT_OUT_PARAM out;
+    int result = 0;
+    const bool found = DispatchInsert(in, out, result);
+    values.reset();
+    ReturnResult(job.invocation.get(), found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
+}
+
+/* The rows of a bulk call, or null after answering that one is no bundle. */
+bool BulkRows(Job& job, std::vector<BundlePtr>& bundles)
+{
+    GVariantPtr rows(g_variant_get_child_value(job.parameters.get(), 2));
+    if (!DecodeBundles(rows.get(), bundles)) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, "a row is not a bundle");
+        return false;
+    }
+    return true;
+}
+
+void ContentBulkInsert(Job& job)
+{
+    using namespace tilvane::content;
+    std::vector<BundlePtr> bundles;
+    if (!BulkRows(job, bundles)) {
+        return;
+    }
+    auto in = ContentRecord<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM>(job);
+    in.vecValues = Borrowed(bundles);
+    PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM out;
+    int result = 0;
+    const bool found = DispatchBulkInsert(in, out, result);
     bundles.clear();
+    ReturnResult(job.invocation.get(), found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
+}
+
+void ContentBulkUpdate(Job& job)
+{
+    using namespace tilvane::content;
+    std::vector<BundlePtr> bundles;
+    if (!BulkRows(job, bundles)) {
+        return;
+    }
+    auto in = ContentRecord<PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM>(job);
+    in.vecValues = Borrowed(bundles);
+    PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM out;
+    int result = 0;
+    const bool found = DispatchBulkUpdate(in, out, result);
+    bundles.clear();
+    ReturnResult(job.invocation.get(), found, g_variant_new("(i)", result));
+}
+
+void ContentUpdate(Job& job)
+{
+    using namespace tilvane::content;
+    GVariant* p = job.parameters.get();
+    auto in = ContentRecord<PT_PROVIDER_UPDATE_IN_PARAM>(job);
+    BundlePtr values = DecodeBundle(StringArg(p, 2));
+    in.strWhere = StringArg(p, 3);
+    in.vecWhereArgs = StringsArg(p, 4);
+    if (values == nullptr) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, "the values are not a bundle");
+        return;
+    }
+    in.pValues = values.get();
+    PT_PROVIDER_UPDATE_OUT_PARAM out;
+    int result = 0;
+    const bool found = DispatchUpdate(in, out, result);
+    values.reset();
+    ReturnResult(job.invocation.get(), found, g_variant_new("(i)", result));
+}
+
+void ContentDelete(Job& job)
+{
+    using namespace tilvane::content;
+    GVariant* p = job.parameters.get();
+    auto in = ContentRecord<PT_PROVIDER_DELETE_IN_PARAM>(job);
+    in.strWhere = StringArg(p, 2);
+    in.vecWhereArgs = StringsArg(p, 3);
+    int result = 0;
+    const bool found = DispatchDelete(in, result);
+    ReturnResult(job.invocation.get(), found, g_variant_new("(i)", result));
+}
+
+/* Whether a select or row-id lookup was served and answered; when not, the
+ * call has been answered with why. */
+bool SelectAnswered(Job& job, bool found, bool answered, const char* failure)
+{
+    if (!found) {
+        ReturnResult(job.invocation.get(), false, nullptr);
+        return false;
+    }
+    if (!answered) {
+        ReturnError(job.invocation.get(), kErrorNoResult, failure);
+        return false;
+    }
+    return true;
+}
+
+void ContentSelect(Job& job)
+{
+    using namespace tilvane::content;
+    GVariant* p = job.parameters.get();
+    auto in = ContentRecord<PT_PROVIDER_SELECT_IN_PARAM>(job);
+    in.vecProjection = StringsArg(p, 2);
+    in.vecWhereArgs = StringsArg(p, 4);
+    in.strOrderBy = StringArg(p, 5);
+    in.strLimit = StringArg(p, 6);
+    in.strWhere = StringArg(p, 3);
+    PT_PROVIDER_SELECT_OUT_PARAM out;
+    bool answered = false;
+    const bool found = DispatchSelect(in, out, answered);
+    if (!SelectAnswered(job, found, answered, "the provider's select failed")) {
+        return;
+    }
+    std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
+    std::string encoded;
+    if (!cursor || !EncodeCursorRows(*cursor, encoded)) {
+        ReturnError(job.invocation.get(), kErrorNoResult, "the provider's select left no readable cursor");
+        return;
+    }
+    g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ay)", RowsVariant(encoded)));
+}
+
+void ContentGetRowIds(Job& job)
+{
+    using namespace tilvane::content;
+    GVariant* p = job.parameters.get();
+    auto in = ContentRecord<PT_PROVIDER_SELECT_IN_PARAM>(job);
+    in.strWhere = StringArg(p, 2);
+    in.vecWhereArgs = StringsArg(p, 3);
+    PT_PROVIDER_GET_ID_OUT_PARAM out;
+    bool answered = false;
+    const bool found = DispatchGetId(in, out, answered);
+    if (!SelectAnswered(job, found, answered, "the provider's row-id lookup failed")) {
+        return;
+    }
+    GVariant* ids =
+        g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, out.vecRowIds.data(), out.vecRowIds.size(), sizeof(int64_t));
+    g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ax)", ids));
 }
 
 void RunContent(Job& job)
 {
-    using namespace tilvane::content;
-    GVariant* p = job.parameters;
-    const gchar* uri = nullptr;
-    g_variant_get_child(p, 1, "&s", &uri);
-    int result = 0;
-    if (job.method == "Insert") {
-        const gchar* values = nullptr;
-        g_variant_get_child(p, 2, "&s", &values);
-        PT_PROVIDER_INSERT_IN_PARAM in;
-        PT_PROVIDER_INSERT_OUT_PARAM out;
-        in.strAppId = job.clientApp;
-        in.strUri = uri;
-        in.pValues = DecodeBundle(values);
-        if (in.pValues == nullptr) {
-            ReturnError(job.invocation, kErrorInvalidRequest, "the values are not a bundle");
-            return;
-        }
-        const bool found = DispatchInsert(in, out, result);
-        bundle_free(in.pValues);
-        ReturnResult(job.invocation, found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
-    } else if (job.method == "BulkInsert" || job.method == "BulkUpdate") {
-        GVariantPtr rows(g_variant_get_child_value(p, 2));
-        bool ok = true;
-        std::vector<bundle*> bundles = DecodeBundles(rows.get(), ok);
-        if (!ok) {
-            ReturnError(job.invocation, kErrorInvalidRequest, "a row is not a bundle");
-            return;
-        }
-        if (job.method == "BulkInsert") {
-            PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM in;
-            PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM out;
-            in.strAppId = job.clientApp;
-            in.strUri = uri;
-            in.vecValues = bundles;
-            const bool found = DispatchBulkInsert(in, out, result);
-            FreeBundles(bundles);
-            ReturnResult(job.invocation, found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
-        } else {
-            PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM in;
-            PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM out;
-            in.strAppId = job.clientApp;
-            in.strUri = uri;
-            in.vecValues = bundles;
-            const bool found = DispatchBulkUpdate(in, out, result);
-            FreeBundles(bundles);
-            ReturnResult(job.invocation, found, g_variant_new("(i)", result));
-        }
-    } else if (job.method == "Update") {
-        const gchar* values = nullptr;
-        const gchar* where = nullptr;
-        g_variant_get_child(p, 2, "&s", &values);
-        g_variant_get_child(p, 3, "&s", &where);
-        GVariantPtr args(g_variant_get_child_value(p, 4));
-        PT_PROVIDER_UPDATE_IN_PARAM in;
-        PT_PROVIDER_UPDATE_OUT_PARAM out;
-        in.strAppId = job.clientApp;
-        in.strUri = uri;
-        in.pValues = DecodeBundle(values);
-        in.strWhere = where;
-        in.vecWhereArgs = StringsOf(args.get());
-        if (in.pValues == nullptr) {
-            ReturnError(job.invocation, kErrorInvalidRequest, "the values are not a bundle");
-            return;
-        }
-        const bool found = DispatchUpdate(in, out, result);
-        bundle_free(in.pValues);
-        ReturnResult(job.invocation, found, g_variant_new("(i)", result));
-    } else if (job.method == "Delete") {
-        const gchar* where = nullptr;
-        g_variant_get_child(p, 2, "&s", &where);
-        GVariantPtr args(g_variant_get_child_value(p, 3));
-        PT_PROVIDER_DELETE_IN_PARAM in;
-        in.strAppId = job.clientApp;
-        in.strUri = uri;
-        in.strWhere = where;
-        in.vecWhereArgs = StringsOf(args.get());
-        const bool found = DispatchDelete(in, result);
-        ReturnResult(job.invocation, found, g_variant_new("(i)", result));
-    } else if (job.method == "Select" || job.method == "GetRowIds") {
-        PT_PROVIDER_SELECT_IN_PARAM in;
-        in.strAppId = job.clientApp;
-        in.strUri = uri;
-        const gchar* where = nullptr;
-        if (job.method == "Select") {
-            GVariantPtr projection(g_variant_get_child_value(p, 2));
-            GVariantPtr args(g_variant_get_child_value(p, 4));
-            const gchar* order = nullptr;
-            const gchar* limit = nullptr;
-            g_variant_get_child(p, 3, "&s", &where);
-            g_variant_get_child(p, 5, "&s", &order);
-            g_variant_get_child(p, 6, "&s", &limit);
-            in.vecProjection = StringsOf(projection.get());
-            in.vecWhereArgs = StringsOf(args.get());
-            in.strOrderBy = order;
-            in.strLimit = limit;
-            in.strWhere = where;
-            PT_PROVIDER_SELECT_OUT_PARAM out;
-            bool answered = false;
-            if (!DispatchSelect(in, out, answered)) {
-                ReturnResult(job.invocation, false, nullptr);
-                return;
-            }
-            if (!answered) {
-                ReturnError(job.invocation, kErrorNoResult, "the provider's select failed");
-                return;
-            }
-            std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
-            std::string encoded;
-            if (!cursor || !EncodeCursorRows(*cursor, encoded)) {
-                ReturnError(job.invocation, kErrorNoResult, "the provider's select left no readable cursor");
-                return;
-            }
-            g_dbus_method_invocation_return_value(job.invocation,
-                                                  g_variant_new("(@ay)", RowsVariant(encoded)));
-        } else {
-            GVariantPtr args(g_variant_get_child_value(p, 3));
-            g_variant_get_child(p, 2, "&s", &where);
-            in.strWhere = where;
-            in.vecWhereArgs = StringsOf(args.get());
-            PT_PROVIDER_GET_ID_OUT_PARAM out;
-            bool answered = false;
-            if (!DispatchGetId(in, out, answered)) {
-                ReturnResult(job.invocation, false, nullptr);
-                return;
-            }
-            if (!answered) {
-                ReturnError(job.invocation, kErrorNoResult, "the provider's row-id lookup failed");
-                return;
-            }
-            GVariant* ids = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, out.vecRowIds.data(), out.vecRowIds.size(),
-                                                      sizeof(int64_t));
-            g_dbus_method_invocation_return_value(job.invocation, g_variant_new("(@ax)", ids));
-        }
+    static const std::map<std::string, void (*)(Job&)> methods = {
+        {"Insert", ContentInsert},         {"BulkInsert", ContentBulkInsert}, {"BulkUpdate", ContentBulkUpdate},
+        {"Update", ContentUpdate},         {"Delete", ContentDelete},         {"Select", ContentSelect},
+        {"GetRowIds", ContentGetRowIds},
+    };
+    auto method = methods.find(job.method);
+    if (method != methods.end()) {
+        method->second(job);
     }
 }
 
@@ -552,6 +642,11 @@ gboolean RunJobCB(gpointer data)
         RunContent(*job);
     }
     return G_SOURCE_REMOVE;
+}
+
+void FreeJobCB(gpointer data)
+{
+    delete static_cast<Job*>(data);
 }
 
 /* On the bus thread. */
@@ -567,11 +662,13 @@ void OnRoadMethodCallCB(GDBusConnection* connection, const gchar* sender, const 
         ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
         return;
     }
-    Job* job = new Job{static_cast<GDBusMethodInvocation*>(g_object_ref(invocation)), interfaceName, methodName,
-                       g_variant_ref(parameters), clientApp};
+    std::unique_ptr<Job> job(new Job{
+        std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
+        interfaceName, methodName, GVariantPtr(g_variant_ref(parameters)), clientApp});
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, RunJobCB, job, FreeJob);
+    // The source owns the job from here; FreeJobCB deletes it.
+    g_source_set_callback(source, RunJobCB, job.release(), FreeJobCB);
     g_source_attach(source, nullptr);
     g_source_unref(source);
 }
