@@ -47,6 +47,7 @@
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "message_port_xml.h"
 #include "dlog.h"
 #include "host_control.h"
 
@@ -69,22 +70,6 @@ constexpr int kCallTimeoutMs = 10000;
 constexpr guint32 kNameFlagDoNotQueue = 0x4;
 constexpr guint32 kNamePrimaryOwner = 1;
 constexpr guint32 kNameAlreadyOwner = 4;
-
-constexpr char kIntrospection[] =
-    "<node>"
-    "  <interface name='org.tilvane.MessagePort'>"
-    "    <method name='Deliver'>"
-    "      <arg type='s' name='port' direction='in'/>"
-    "      <arg type='s' name='senderApp' direction='in'/>"
-    "      <arg type='s' name='senderPort' direction='in'/>"
-    "      <arg type='s' name='message' direction='in'/>"
-    "    </method>"
-    "    <method name='HasPort'>"
-    "      <arg type='s' name='port' direction='in'/>"
-    "      <arg type='b' name='exists' direction='out'/>"
-    "    </method>"
-    "  </interface>"
-    "</node>";
 
 struct LocalPort {
     int id;
@@ -130,7 +115,7 @@ GDBusInterfaceInfo* InterfaceInfo()
 {
     static GDBusInterfaceInfo* info = [] {
         ScopedError error;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, error.Out());
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kMessagePortXml, error.Out());
         GDBusInterfaceInfo* found = g_dbus_node_info_lookup_interface(node, kInterface);
         g_dbus_interface_info_ref(found);
         g_dbus_node_info_unref(node);
