@@ -331,7 +331,7 @@ void CloseBus(std::unique_ptr<Bus> bus)
     if (bus->nameWatchId != 0) {
         g_dbus_connection_signal_unsubscribe(bus->connection.get(), bus->nameWatchId);
     }
-    UnregisterRequestRoadObjects(bus->connection.get());
+    UnregisterRequestObjects(bus->connection.get());
     if (!g_dbus_connection_is_closed(bus->connection.get())) {
         g_dbus_connection_close_sync(bus->connection.get(), nullptr, nullptr);
     }
@@ -380,8 +380,8 @@ std::unique_ptr<Bus> OpenBus()
             bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
             "/org/freedesktop/DBus", kAppBusNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
             OnNameOwnerChangedCB, nullptr, nullptr);
-        /* The request roads answer on the same thread. */
-        RegisterRequestRoadObjects(bus->connection.get());
+        /* The request interfaces answer on the same thread. */
+        RegisterRequestObjects(bus->connection.get());
     }
     g_main_context_pop_thread_default(bus->context.get());
 

@@ -1,5 +1,5 @@
 /*
- * The encoding of select results that both request roads send (row_codec.h).
+ * The encoding of select results that both request interfaces send (row_codec.h).
  */
 #include "row_codec.h"
 

@@ -1,5 +1,5 @@
 /*
- * Client side of the request roads (tilvane_client.h): one bus call per
+ * Client side of the request interfaces (tilvane_client.h): one bus call per
  * request, made as the process's own application id on the shared connection.
  */
 #include "tilvane_client.h"
@@ -122,7 +122,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
     GMainContext* mainContext = g_main_context_default();
     /* A provider of this process answers on the default main context: when this
      * thread is the one that would run it, keep running it while waiting. */
-    if (host::OwnsRoadBusName(busName) && g_main_context_acquire(mainContext)) {
+    if (host::OwnsRequestBusName(busName) && g_main_context_acquire(mainContext)) {
         std::atomic<bool> done(false);
         std::thread caller([&] {
             reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
@@ -305,7 +305,7 @@ Result DataControlClient::Delete(const std::string& dataId, const std::string& w
     return result;
 }
 
-/* ---- content library's road ------------------------------------------------- */
+/* ---- content-library interface------------------------------------------------ */
 
 namespace {
 
