@@ -7,6 +7,7 @@
 #include <gio/gio.h>
 
 #include <atomic>
+#include <map>
 #include <cstring>
 #include <thread>
 
@@ -16,6 +17,7 @@
 #include "host_state.h"
 #include "row_codec.h"
 #include "bundle.h"
+#include "bundle_ptr.h"
 #include "dlog.h"
 #include "message_port.h"
 
@@ -37,25 +39,22 @@ constexpr int kRequestTimeoutMs = 120000;
 std::string EncodeValues(const Values& values, bool& ok)
 {
     ok = false;
-    bundle* b = bundle_create();
+    BundlePtr b = MakeBundle();
     if (b == nullptr) {
         return std::string();
     }
     for (const auto& entry : values) {
-        if (bundle_add_str(b, entry.first.c_str(), entry.second.c_str()) != BUNDLE_ERROR_NONE) {
-            bundle_free(b);
+        if (bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str()) != BUNDLE_ERROR_NONE) {
             return std::string();
         }
     }
     bundle_raw* raw = nullptr;
     int length = 0;
-    if (bundle_encode(b, &raw, &length) != BUNDLE_ERROR_NONE) {
-        bundle_free(b);
+    if (bundle_encode(b.get(), &raw, &length) != BUNDLE_ERROR_NONE) {
         return std::string();
     }
     std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
     bundle_free_encoded_rawdata(&raw);
-    bundle_free(b);
     ok = true;
     return encoded;
 }
@@ -65,7 +64,7 @@ GVariant* StringArray(const std::vector<std::string>& strings)
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
     for (const std::string& text : strings) {
-        g_variant_builder_add(&builder, "s", text.c_str());
+        g_variant_builder_add_value(&builder, g_variant_new_string(text.c_str()));
     }
     return g_variant_builder_end(&builder);
 }
@@ -101,9 +100,66 @@ void SetCallError(const GError* error, Result& result)
 }
 
 /* One call. Null with `result` describing the failure when there is no reply. */
-GVariantPtr Call(const std::string& busName, const char* path, const char* interface, const char* method,
-                 GVariant* parameters, const char* replyType, Result& result)
+/* The reply type of a method of the request interfaces, as their description
+ * (request_interfaces.xml) gives it: "(" + the out arguments' types + ")". */
+const GVariantType* ReplyType(const char* interface, const char* method)
 {
+    static const std::map<std::string, std::string> types = [] {
+        std::map<std::string, std::string> found;
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(host::RequestInterfacesIntrospectionXml(), nullptr);
+        for (GDBusInterfaceInfo** i = node != nullptr ? node->interfaces : nullptr; i != nullptr && *i != nullptr;
+             ++i) {
+            for (GDBusMethodInfo** m = (*i)->methods; m != nullptr && *m != nullptr; ++m) {
+                std::string type = "(";
+                for (GDBusArgInfo** arg = (*m)->out_args; arg != nullptr && *arg != nullptr; ++arg) {
+                    type += (*arg)->signature;
+                }
+                found[std::string((*i)->name) + "." + (*m)->name] = type + ")";
+            }
+        }
+        if (node != nullptr) {
+            g_dbus_node_info_unref(node);
+        }
+        return found;
+    }();
+    auto type = types.find(std::string(interface) + "." + method);
+    return G_VARIANT_TYPE(type != types.end() ? type->second.c_str() : "()");
+}
+
+GVariant* ToVariant(const std::string& text)
+{
+    return g_variant_new_string(text.c_str());
+}
+
+GVariant* ToVariant(const std::vector<std::string>& strings)
+{
+    return StringArray(strings);
+}
+
+/* The arguments of a call, in order, as one tuple. */
+template <typename... Values>
+GVariant* Arguments(const Values&... values)
+{
+    GVariant* items[] = {ToVariant(values)...};
+    return g_variant_new_tuple(items, sizeof...(Values));
+}
+
+gint32 Int32At(GVariant* tuple, gsize index)
+{
+    GVariantPtr value(g_variant_get_child_value(tuple, index));
+    return g_variant_get_int32(value.get());
+}
+
+gint64 Int64At(GVariant* tuple, gsize index)
+{
+    GVariantPtr value(g_variant_get_child_value(tuple, index));
+    return g_variant_get_int64(value.get());
+}
+
+GVariantPtr Call(const std::string& busName, const char* path, const char* interface, const char* method,
+                 GVariant* parameters, Result& result)
+{
+    const GVariantType* replyType = ReplyType(interface, method);
     GVariantPtr params(g_variant_ref_sink(parameters));
     if (busName.empty()) {
         result.outcome = Outcome::NotServed;
@@ -126,7 +182,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         std::atomic<bool> done(false);
         std::thread caller([&] {
             reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
-                                                    params.get(), G_VARIANT_TYPE(replyType),
+                                                    params.get(), replyType,
                                                     G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                     error.Out()));
             done = true;
@@ -139,7 +195,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         g_main_context_release(mainContext);
     } else {
         reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
-                                                params.get(), G_VARIANT_TYPE(replyType),
+                                                params.get(), replyType,
                                                 G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                 error.Out()));
     }
@@ -196,6 +252,19 @@ std::string ContentName(const std::string& uri)
     return host::ContentBusName(host::AuthorityOf(uri));
 }
 
+/* A call of the data-control interface to the provider of `providerId`. */
+GVariantPtr DataControlCall(const std::string& providerId, const char* method, GVariant* arguments, Result& result)
+{
+    return Call(host::DataControlBusName(host::AuthorityOf(providerId)), kDataControlPath, kDataControlInterface,
+                method, arguments, result);
+}
+
+/* A call of the content-library interface to the provider of `uri`. */
+GVariantPtr ContentCall(const std::string& uri, const char* method, GVariant* arguments, Result& result)
+{
+    return Call(ContentName(uri), kContentPath, kContentInterface, method, arguments, result);
+}
+
 }  // namespace
 
 std::string Describe(const Result& result)
@@ -240,17 +309,12 @@ Result DataControlClient::Insert(const std::string& dataId, const Values& values
         return InvalidValues();
     }
     Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Insert",
-                             g_variant_new("(ssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           encoded.c_str()),
-                             "(x)", result);
+    GVariantPtr reply =
+        DataControlCall(m_providerId, "Insert", Arguments(SelfId(), m_providerId, dataId, encoded), result);
     if (reply) {
-        gint64 rowId = -1;
-        g_variant_get(reply.get(), "(x)", &rowId);
         result.outcome = Outcome::Answered;
         result.code = 0;
-        result.rowId = rowId;
+        result.rowId = Int64At(reply.get(), 0);
     }
     return result;
 }
@@ -259,11 +323,8 @@ Result DataControlClient::Select(const std::string& dataId, const std::vector<st
                                  const std::string& where, const std::string& order) const
 {
     Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Select",
-                             g_variant_new("(sss@asss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           StringArray(columns), where.c_str(), order.c_str()),
-                             "(ay)", result);
+    GVariantPtr reply = DataControlCall(m_providerId, "Select",
+                                        Arguments(SelfId(), m_providerId, dataId, columns, where, order), result);
     if (reply) {
         ReadRows(reply.get(), result);
     }
@@ -278,11 +339,8 @@ Result DataControlClient::Update(const std::string& dataId, const Values& values
         return InvalidValues();
     }
     Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Update",
-                             g_variant_new("(sssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           encoded.c_str(), where.c_str()),
-                             "()", result);
+    GVariantPtr reply =
+        DataControlCall(m_providerId, "Update", Arguments(SelfId(), m_providerId, dataId, encoded, where), result);
     if (reply) {
         result.outcome = Outcome::Answered;
         result.code = 0;
@@ -293,11 +351,8 @@ Result DataControlClient::Update(const std::string& dataId, const Values& values
 Result DataControlClient::Delete(const std::string& dataId, const std::string& where) const
 {
     Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Delete",
-                             g_variant_new("(ssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           where.c_str()),
-                             "()", result);
+    GVariantPtr reply =
+        DataControlCall(m_providerId, "Delete", Arguments(SelfId(), m_providerId, dataId, where), result);
     if (reply) {
         result.outcome = Outcome::Answered;
         result.code = 0;
@@ -311,16 +366,9 @@ namespace {
 
 void ReadCode(GVariant* reply, Result& result, bool withRowId)
 {
-    gint32 code = 0;
-    gint64 rowId = -1;
-    if (withRowId) {
-        g_variant_get(reply, "(ix)", &code, &rowId);
-    } else {
-        g_variant_get(reply, "(i)", &code);
-    }
     result.outcome = Outcome::Answered;
-    result.code = code;
-    result.rowId = rowId;
+    result.code = Int32At(reply, 0);
+    result.rowId = withRowId ? Int64At(reply, 1) : -1;
 }
 
 }  // namespace
@@ -333,8 +381,7 @@ Result ContentClient::Insert(const std::string& uri, const Values& values) const
         return InvalidValues();
     }
     Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Insert",
-                             g_variant_new("(sss)", SelfId().c_str(), uri.c_str(), encoded.c_str()), "(ix)", result);
+    GVariantPtr reply = ContentCall(uri, "Insert", Arguments(SelfId(), uri, encoded), result);
     if (reply) {
         ReadCode(reply.get(), result, true);
     }
@@ -349,9 +396,7 @@ Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Value
         return InvalidValues();
     }
     Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "BulkInsert",
-                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), "(ix)",
-                             result);
+    GVariantPtr reply = ContentCall(uri, "BulkInsert", Arguments(SelfId(), uri, encoded), result);
     if (reply) {
         ReadCode(reply.get(), result, true);
     }
@@ -364,10 +409,7 @@ Result ContentClient::Select(const std::string& uri, const std::vector<std::stri
 {
     Result result;
     GVariantPtr reply =
-        Call(ContentName(uri), kContentPath, kContentInterface, "Select",
-             g_variant_new("(ss@ass@asss)", SelfId().c_str(), uri.c_str(), StringArray(projection), where.c_str(),
-                           StringArray(whereArgs), order.c_str(), limit.c_str()),
-             "(ay)", result);
+        ContentCall(uri, "Select", Arguments(SelfId(), uri, projection, where, whereArgs, order, limit), result);
     if (reply) {
         ReadRows(reply.get(), result);
     }
@@ -383,10 +425,7 @@ Result ContentClient::Update(const std::string& uri, const Values& values, const
         return InvalidValues();
     }
     Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Update",
-                             g_variant_new("(ssss@as)", SelfId().c_str(), uri.c_str(), encoded.c_str(), where.c_str(),
-                                           StringArray(whereArgs)),
-                             "(i)", result);
+    GVariantPtr reply = ContentCall(uri, "Update", Arguments(SelfId(), uri, encoded, where, whereArgs), result);
     if (reply) {
         ReadCode(reply.get(), result, false);
     }
@@ -401,9 +440,7 @@ Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Value
         return InvalidValues();
     }
     Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "BulkUpdate",
-                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), "(i)",
-                             result);
+    GVariantPtr reply = ContentCall(uri, "BulkUpdate", Arguments(SelfId(), uri, encoded), result);
     if (reply) {
         ReadCode(reply.get(), result, false);
     }
@@ -414,10 +451,7 @@ Result ContentClient::Delete(const std::string& uri, const std::string& where,
                              const std::vector<std::string>& whereArgs) const
 {
     Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Delete",
-                             g_variant_new("(sss@as)", SelfId().c_str(), uri.c_str(), where.c_str(),
-                                           StringArray(whereArgs)),
-                             "(i)", result);
+    GVariantPtr reply = ContentCall(uri, "Delete", Arguments(SelfId(), uri, where, whereArgs), result);
     if (reply) {
         ReadCode(reply.get(), result, false);
     }
@@ -428,10 +462,7 @@ Result ContentClient::GetRowIds(const std::string& uri, const std::string& where
                                 const std::vector<std::string>& whereArgs) const
 {
     Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "GetRowIds",
-                             g_variant_new("(sss@as)", SelfId().c_str(), uri.c_str(), where.c_str(),
-                                           StringArray(whereArgs)),
-                             "(ax)", result);
+    GVariantPtr reply = ContentCall(uri, "GetRowIds", Arguments(SelfId(), uri, where, whereArgs), result);
     if (reply) {
         GVariantPtr ids(g_variant_get_child_value(reply.get(), 0));
         gsize count = 0;
