@@ -297,6 +297,52 @@ std::string Describe(const Result& result)
     return "unknown";
 }
 
+namespace {
+
+/* What a reply holds for the result. */
+enum class Reading { Nothing, RowId, Code, CodeAndRowId, Rows, RowIds };
+
+/* Reads a reply (when there is one) into `result`. */
+Result ReadReply(const GVariantPtr& reply, Reading reading, Result result)
+{
+    if (!reply) {
+        return result;
+    }
+    if (reading == Reading::Rows) {
+        ReadRows(reply.get(), result);
+        return result;
+    }
+    result.outcome = Outcome::Answered;
+    result.code = (reading == Reading::Code || reading == Reading::CodeAndRowId) ? Int32At(reply.get(), 0) : 0;
+    if (reading == Reading::RowId) {
+        result.rowId = Int64At(reply.get(), 0);
+    } else if (reading == Reading::CodeAndRowId) {
+        result.rowId = Int64At(reply.get(), 1);
+    } else if (reading == Reading::RowIds) {
+        GVariantPtr ids(g_variant_get_child_value(reply.get(), 0));
+        gsize count = 0;
+        const gint64* values = static_cast<const gint64*>(g_variant_get_fixed_array(ids.get(), &count, sizeof(gint64)));
+        result.rowIds.assign(values, values + count);
+    }
+    return result;
+}
+
+Result AskDataControl(const std::string& providerId, const char* method, GVariant* arguments, Reading reading)
+{
+    Result result;
+    GVariantPtr reply = DataControlCall(providerId, method, arguments, result);
+    return ReadReply(reply, reading, result);
+}
+
+Result AskContent(const std::string& uri, const char* method, GVariant* arguments, Reading reading)
+{
+    Result result;
+    GVariantPtr reply = ContentCall(uri, method, arguments, result);
+    return ReadReply(reply, reading, result);
+}
+
+}  // namespace
+
 /* ---- data control ------------------------------------------------------------ */
 
 DataControlClient::DataControlClient(std::string providerId) : m_providerId(std::move(providerId)) {}
@@ -308,27 +354,14 @@ Result DataControlClient::Insert(const std::string& dataId, const Values& values
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply =
-        DataControlCall(m_providerId, "Insert", Arguments(SelfId(), m_providerId, dataId, encoded), result);
-    if (reply) {
-        result.outcome = Outcome::Answered;
-        result.code = 0;
-        result.rowId = Int64At(reply.get(), 0);
-    }
-    return result;
+    return AskDataControl(m_providerId, "Insert", Arguments(SelfId(), m_providerId, dataId, encoded), Reading::RowId);
 }
 
 Result DataControlClient::Select(const std::string& dataId, const std::vector<std::string>& columns,
                                  const std::string& where, const std::string& order) const
 {
-    Result result;
-    GVariantPtr reply = DataControlCall(m_providerId, "Select",
-                                        Arguments(SelfId(), m_providerId, dataId, columns, where, order), result);
-    if (reply) {
-        ReadRows(reply.get(), result);
-    }
-    return result;
+    return AskDataControl(m_providerId, "Select", Arguments(SelfId(), m_providerId, dataId, columns, where, order),
+                          Reading::Rows);
 }
 
 Result DataControlClient::Update(const std::string& dataId, const Values& values, const std::string& where) const
@@ -338,40 +371,16 @@ Result DataControlClient::Update(const std::string& dataId, const Values& values
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply =
-        DataControlCall(m_providerId, "Update", Arguments(SelfId(), m_providerId, dataId, encoded, where), result);
-    if (reply) {
-        result.outcome = Outcome::Answered;
-        result.code = 0;
-    }
-    return result;
+    return AskDataControl(m_providerId, "Update", Arguments(SelfId(), m_providerId, dataId, encoded, where),
+                          Reading::Nothing);
 }
 
 Result DataControlClient::Delete(const std::string& dataId, const std::string& where) const
 {
-    Result result;
-    GVariantPtr reply =
-        DataControlCall(m_providerId, "Delete", Arguments(SelfId(), m_providerId, dataId, where), result);
-    if (reply) {
-        result.outcome = Outcome::Answered;
-        result.code = 0;
-    }
-    return result;
+    return AskDataControl(m_providerId, "Delete", Arguments(SelfId(), m_providerId, dataId, where), Reading::Nothing);
 }
 
-/* ---- content-library interface------------------------------------------------ */
-
-namespace {
-
-void ReadCode(GVariant* reply, Result& result, bool withRowId)
-{
-    result.outcome = Outcome::Answered;
-    result.code = Int32At(reply, 0);
-    result.rowId = withRowId ? Int64At(reply, 1) : -1;
-}
-
-}  // namespace
+/* ---- content-library interface ---------------------------------------------- */
 
 Result ContentClient::Insert(const std::string& uri, const Values& values) const
 {
@@ -380,12 +389,7 @@ Result ContentClient::Insert(const std::string& uri, const Values& values) const
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = ContentCall(uri, "Insert", Arguments(SelfId(), uri, encoded), result);
-    if (reply) {
-        ReadCode(reply.get(), result, true);
-    }
-    return result;
+    return AskContent(uri, "Insert", Arguments(SelfId(), uri, encoded), Reading::CodeAndRowId);
 }
 
 Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Values>& rows) const
@@ -395,25 +399,15 @@ Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Value
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = ContentCall(uri, "BulkInsert", Arguments(SelfId(), uri, encoded), result);
-    if (reply) {
-        ReadCode(reply.get(), result, true);
-    }
-    return result;
+    return AskContent(uri, "BulkInsert", Arguments(SelfId(), uri, encoded), Reading::CodeAndRowId);
 }
 
 Result ContentClient::Select(const std::string& uri, const std::vector<std::string>& projection,
                              const std::string& where, const std::vector<std::string>& whereArgs,
                              const std::string& order, const std::string& limit) const
 {
-    Result result;
-    GVariantPtr reply =
-        ContentCall(uri, "Select", Arguments(SelfId(), uri, projection, where, whereArgs, order, limit), result);
-    if (reply) {
-        ReadRows(reply.get(), result);
-    }
-    return result;
+    return AskContent(uri, "Select", Arguments(SelfId(), uri, projection, where, whereArgs, order, limit),
+                      Reading::Rows);
 }
 
 Result ContentClient::Update(const std::string& uri, const Values& values, const std::string& where,
@@ -424,12 +418,7 @@ Result ContentClient::Update(const std::string& uri, const Values& values, const
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = ContentCall(uri, "Update", Arguments(SelfId(), uri, encoded, where, whereArgs), result);
-    if (reply) {
-        ReadCode(reply.get(), result, false);
-    }
-    return result;
+    return AskContent(uri, "Update", Arguments(SelfId(), uri, encoded, where, whereArgs), Reading::Code);
 }
 
 Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Values>& rows) const
@@ -439,39 +428,19 @@ Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Value
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = ContentCall(uri, "BulkUpdate", Arguments(SelfId(), uri, encoded), result);
-    if (reply) {
-        ReadCode(reply.get(), result, false);
-    }
-    return result;
+    return AskContent(uri, "BulkUpdate", Arguments(SelfId(), uri, encoded), Reading::Code);
 }
 
 Result ContentClient::Delete(const std::string& uri, const std::string& where,
                              const std::vector<std::string>& whereArgs) const
 {
-    Result result;
-    GVariantPtr reply = ContentCall(uri, "Delete", Arguments(SelfId(), uri, where, whereArgs), result);
-    if (reply) {
-        ReadCode(reply.get(), result, false);
-    }
-    return result;
+    return AskContent(uri, "Delete", Arguments(SelfId(), uri, where, whereArgs), Reading::Code);
 }
 
 Result ContentClient::GetRowIds(const std::string& uri, const std::string& where,
                                 const std::vector<std::string>& whereArgs) const
 {
-    Result result;
-    GVariantPtr reply = ContentCall(uri, "GetRowIds", Arguments(SelfId(), uri, where, whereArgs), result);
-    if (reply) {
-        GVariantPtr ids(g_variant_get_child_value(reply.get(), 0));
-        gsize count = 0;
-        const gint64* values = static_cast<const gint64*>(g_variant_get_fixed_array(ids.get(), &count, sizeof(gint64)));
-        result.rowIds.assign(values, values + count);
-        result.outcome = Outcome::Answered;
-        result.code = 0;
-    }
-    return result;
+    return AskContent(uri, "GetRowIds", Arguments(SelfId(), uri, where, whereArgs), Reading::RowIds);
 }
 
 }  // namespace client
