@@ -93,36 +93,39 @@ bool BulkRows(Job& job, std::vector<BundlePtr>& bundles)
     return true;
 }
 
-void ContentBulkInsert(Job& job)
+/* A bulk call: its rows decoded and handed to `dispatch`; answered with what
+ * `answer` makes of the result. */
+template <typename In, typename Out, typename Dispatch, typename Answer>
+void ContentBulk(Job& job, Dispatch dispatch, Answer answer)
 {
-    using namespace tilvane::content;
     std::vector<BundlePtr> bundles;
     if (!BulkRows(job, bundles)) {
         return;
     }
-    auto in = ContentRecord<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM>(job);
+    auto in = ContentRecord<In>(job);
     in.vecValues = Borrowed(bundles);
-    PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM out;
+    Out out;
     int result = 0;
-    const bool found = DispatchBulkInsert(in, out, result);
+    const bool found = dispatch(in, out, result);
     bundles.clear();
-    ReturnResult(job.invocation.get(), found, g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId)));
+    ReturnResult(job.invocation.get(), found, answer(result, out));
+}
+
+void ContentBulkInsert(Job& job)
+{
+    using namespace tilvane::content;
+    ContentBulk<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM, PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM>(
+        job, DispatchBulkInsert, [](int result, const PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out) {
+            return g_variant_new("(ix)", result, static_cast<gint64>(out.nRowId));
+        });
 }
 
 void ContentBulkUpdate(Job& job)
 {
     using namespace tilvane::content;
-    std::vector<BundlePtr> bundles;
-    if (!BulkRows(job, bundles)) {
-        return;
-    }
-    auto in = ContentRecord<PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM>(job);
-    in.vecValues = Borrowed(bundles);
-    PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM out;
-    int result = 0;
-    const bool found = DispatchBulkUpdate(in, out, result);
-    bundles.clear();
-    ReturnResult(job.invocation.get(), found, g_variant_new("(i)", result));
+    ContentBulk<PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM, PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM>(
+        job, DispatchBulkUpdate,
+        [](int result, const PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM&) { return g_variant_new("(i)", result); });
 }
 
 void ContentUpdate(Job& job)

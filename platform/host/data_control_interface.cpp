@@ -319,28 +319,31 @@ extern "C" int data_control_provider_get_client_appid(int request_id, char** app
     });
 }
 
-extern "C" int data_control_sql_get_provider_id(data_control_h provider, char** provider_id)
+namespace {
+
+/* A copy of one text of the handle, for `function` (which may be made to fail). */
+int CopyOfHandleText(const char* function, data_control_h provider, std::string data_control_s::*text, char** copy)
 {
-    if (ShouldFail("data_control_sql_get_provider_id")) {
+    if (ShouldFail(function)) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
-    if (provider == nullptr || provider_id == nullptr) {
+    if (provider == nullptr || copy == nullptr) {
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
-    *provider_id = CopyString(provider->providerId);
-    return *provider_id != nullptr ? DATA_CONTROL_ERROR_NONE : DATA_CONTROL_ERROR_OUT_OF_MEMORY;
+    *copy = CopyString(provider->*text);
+    return *copy != nullptr ? DATA_CONTROL_ERROR_NONE : DATA_CONTROL_ERROR_OUT_OF_MEMORY;
+}
+
+}  // namespace
+
+extern "C" int data_control_sql_get_provider_id(data_control_h provider, char** provider_id)
+{
+    return CopyOfHandleText("data_control_sql_get_provider_id", provider, &data_control_s::providerId, provider_id);
 }
 
 extern "C" int data_control_sql_get_data_id(data_control_h provider, char** data_id)
 {
-    if (ShouldFail("data_control_sql_get_data_id")) {
-        return DATA_CONTROL_ERROR_IO_ERROR;
-    }
-    if (provider == nullptr || data_id == nullptr) {
-        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
-    }
-    *data_id = CopyString(provider->dataId);
-    return *data_id != nullptr ? DATA_CONTROL_ERROR_NONE : DATA_CONTROL_ERROR_OUT_OF_MEMORY;
+    return CopyOfHandleText("data_control_sql_get_data_id", provider, &data_control_s::dataId, data_id);
 }
 
 extern "C" char* data_control_provider_create_select_statement(data_control_h provider, const char** column_list,
