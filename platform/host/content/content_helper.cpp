@@ -20,10 +20,11 @@ bool IsUnreadable(int rc)
     return rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT || rc == SQLITE_IOERR || rc == SQLITE_CANTOPEN;
 }
 
-int ReadVersion(sqlite3* db, int64_t& version)
+/* The one integer that `sql` selects. */
+int ReadInteger(sqlite3* db, const char* sql, int64_t& value)
 {
     StatementHandle statement;
-    int rc = tilvane::content::PrepareStatement(db, "PRAGMA user_version", statement);
+    int rc = tilvane::content::PrepareStatement(db, sql, statement);
     if (rc != SQLITE_OK) {
         return rc;
     }
@@ -31,25 +32,19 @@ int ReadVersion(sqlite3* db, int64_t& version)
     if (rc != SQLITE_ROW) {
         return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
     }
-    version = sqlite3_column_int64(statement.get(), 0);
+    value = sqlite3_column_int64(statement.get(), 0);
     return SQLITE_OK;
+}
+
+int ReadVersion(sqlite3* db, int64_t& version)
+{
+    return ReadInteger(db, "PRAGMA user_version", version);
 }
 
 int CountUserTables(sqlite3* db, int64_t& count)
 {
-    StatementHandle statement;
-    int rc = tilvane::content::PrepareStatement(
-        db, "SELECT count(*) FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'",
-        statement);
-    if (rc != SQLITE_OK) {
-        return rc;
-    }
-    rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_ROW) {
-        return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
-    }
-    count = sqlite3_column_int64(statement.get(), 0);
-    return SQLITE_OK;
+    return ReadInteger(db, "SELECT count(*) FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'",
+                       count);
 }
 
 std::string ColumnText(sqlite3_stmt* statement, int column)
