@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "app_identity.h"
+#include "bundle_ptr.h"
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
@@ -156,14 +157,12 @@ struct Delivery {
     std::string senderApp;
     bool hasSenderPort;
     std::string senderPort;
-    bundle* message;
+    BundlePtr message;
 };
 
 void FreeDelivery(gpointer data)
 {
-    Delivery* delivery = static_cast<Delivery*>(data);
-    bundle_free(delivery->message);
-    delete delivery;
+    delete static_cast<Delivery*>(data);
 }
 
 gboolean DeliverToCallback(gpointer data)
@@ -177,7 +176,7 @@ gboolean DeliverToCallback(gpointer data)
         return G_SOURCE_REMOVE;
     }
     port.callback(port.id, delivery->senderApp.c_str(),
-                  delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message,
+                  delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message.get(),
                   port.userData);
     return G_SOURCE_REMOVE;
 }
@@ -186,7 +185,7 @@ gboolean DeliverToCallback(gpointer data)
 void PostDelivery(const std::string& port, const std::string& senderApp, const char* senderPort, bundle* message)
 {
     Delivery* delivery =
-        new Delivery{port, senderApp, senderPort != nullptr, senderPort != nullptr ? senderPort : "", message};
+        new Delivery{port, senderApp, senderPort != nullptr, senderPort != nullptr ? senderPort : "", BundlePtr(message)};
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(source, DeliverToCallback, delivery, FreeDelivery);
