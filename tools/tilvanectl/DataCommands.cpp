@@ -1,6 +1,6 @@
 /*
  * tilvanectl data: insert, select, update, delete and look up row ids in the
- * service's tables through either request road, as the tool's application id.
+ * service's tables through either request interface, as the tool's application id.
  */
 #include <cstdio>
 #include <cstdlib>
