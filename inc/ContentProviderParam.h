@@ -1,5 +1,5 @@
 /*
- * Content library: the provider side of the library's request road.
+ * Content library: the provider side of the library's request interface.
  *
  * A provider registers one callback per (kind of request, table content URI).
  * When a client's request arrives, the library fills the kind's request

@@ -1,7 +1,7 @@
 /*
  * Content library: the store of select cursors handed to the library's
  * clients. A provider stores the cursor of a select; the library's request
- * road takes it out again by request id and sends its rows to the client.
+ * interface takes it out again by request id and sends its rows to the client.
  */
 #ifndef TILVANE_SHARED_QUERY_OBJECT_H
 #define TILVANE_SHARED_QUERY_OBJECT_H

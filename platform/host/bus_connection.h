@@ -1,10 +1,10 @@
 /*
  * The process's one connection to the message bus, shared by the message
- * ports and the request roads. Internal to the host platform.
+ * ports and the request interfaces. Internal to the host platform.
  *
  * The connection is opened lazily by message_port.cpp; calls made to objects
- * exported on it are answered on the platform's bus thread. The request roads
- * (request_roads.cpp) export their objects on the same connection and use the
+ * exported on it are answered on the platform's bus thread. The request interfaces
+ * (request_glue.cpp) export their objects on the same connection and use the
  * same sender check as the message ports.
  */
 #ifndef TILVANE_PLATFORM_BUS_CONNECTION_H
@@ -26,12 +26,12 @@ GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
  * application `appId`; answers are cached as the message ports cache them. */
 bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId);
 
-/* Owned by request_roads.cpp: called by message_port.cpp on the bus thread's
+/* Owned by request_glue.cpp: called by message_port.cpp on the bus thread's
  * context while the connection is opened, and before it is closed. */
-void RegisterRequestRoadObjects(GDBusConnection* connection);
-void UnregisterRequestRoadObjects(GDBusConnection* connection);
+void RegisterRequestObjects(GDBusConnection* connection);
+void UnregisterRequestObjects(GDBusConnection* connection);
 
-/* Owned by request_roads.cpp: the content library tells the road that a
+/* Owned by request_glue.cpp: the content library tells the interface that a
  * callback for `uri` was registered or removed, or that all were cleared, so
  * that the bus name of the URI's authority is owned while one is left. */
 void ContentCallbackRegistered(const std::string& uri);
@@ -42,16 +42,16 @@ void ContentCallbacksCleared();
  * no scheme). */
 std::string AuthorityOf(const std::string& uri);
 
-/* Bus names of the providers of an authority on each road; empty when the
+/* Bus names of the providers of an authority on each interface; empty when the
  * authority cannot make a bus name. */
 std::string DataControlBusName(const std::string& authority);
 std::string ContentBusName(const std::string& authority);
 
-/* True when this process owns `busName` for one of its roads. */
-bool OwnsRoadBusName(const std::string& busName);
+/* True when this process owns `busName` for one of its request interfaces. */
+bool OwnsRequestBusName(const std::string& busName);
 
-/* The introspection XML of both request-road interfaces, as the code parses it. */
-const char* RequestRoadsIntrospectionXml();
+/* The introspection XML of both request interfaces, as the code parses it. */
+const char* RequestInterfacesIntrospectionXml();
 
 }  // namespace host
 }  // namespace tilvane

@@ -20,30 +20,19 @@ struct GObjectUnref {
         }
     }
 };
-struct GVariantUnref {
-    void operator()(GVariant* value) const
+/* Unrefs an object of type T with `unref`, unless it is null. */
+template <typename T, void (*unref)(T*)>
+struct GUnref {
+    void operator()(T* object) const
     {
-        if (value != nullptr) {
-            g_variant_unref(value);
+        if (object != nullptr) {
+            unref(object);
         }
     }
 };
-struct GMainContextUnref {
-    void operator()(GMainContext* context) const
-    {
-        if (context != nullptr) {
-            g_main_context_unref(context);
-        }
-    }
-};
-struct GMainLoopUnref {
-    void operator()(GMainLoop* loop) const
-    {
-        if (loop != nullptr) {
-            g_main_loop_unref(loop);
-        }
-    }
-};
+using GVariantUnref = GUnref<GVariant, g_variant_unref>;
+using GMainContextUnref = GUnref<GMainContext, g_main_context_unref>;
+using GMainLoopUnref = GUnref<GMainLoop, g_main_loop_unref>;
 struct GFree {
     void operator()(gpointer memory) const { g_free(memory); }
 };

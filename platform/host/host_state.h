@@ -41,9 +41,9 @@ void ClearAppEventHandlers();
  * recorded sends and the own application id override. */
 void ResetMessagePorts();
 
-/* Owned by request_roads.cpp: forget the data-control callbacks, requests in
- * flight and the bus names the request roads own. */
-void ResetRequestRoads();
+/* Owned by request_glue.cpp: forget the data-control callbacks, requests in
+ * flight and the bus names the request interfaces own. */
+void ResetRequestInterfaces();
 
 /* Owned by vconf.cpp, device_power.cpp and signal_bus.cpp: drop key watchers
  * and power-off subscribers, close the notification bus connection. */

@@ -48,10 +48,12 @@
 
 #include "app_identity.h"
 #include "bundle_limits.h"
+#include "bundle_ptr.h"
 #include "bus_connection.h"
 #include "port_delivery.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "message_port_xml.h"
 #include "dlog.h"
 #include "host_control.h"
 
@@ -74,22 +76,6 @@ constexpr int kCallTimeoutMs = 10000;
 constexpr guint32 kNameFlagDoNotQueue = 0x4;
 constexpr guint32 kNamePrimaryOwner = 1;
 constexpr guint32 kNameAlreadyOwner = 4;
-
-constexpr char kIntrospection[] =
-    "<node>"
-    "  <interface name='org.tilvane.MessagePort'>"
-    "    <method name='Deliver'>"
-    "      <arg type='s' name='port' direction='in'/>"
-    "      <arg type='s' name='senderApp' direction='in'/>"
-    "      <arg type='s' name='senderPort' direction='in'/>"
-    "      <arg type='s' name='message' direction='in'/>"
-    "    </method>"
-    "    <method name='HasPort'>"
-    "      <arg type='s' name='port' direction='in'/>"
-    "      <arg type='b' name='exists' direction='out'/>"
-    "    </method>"
-    "  </interface>"
-    "</node>";
 
 struct LocalPort {
     int id;
@@ -136,7 +122,7 @@ GDBusInterfaceInfo* InterfaceInfo()
 {
     static GDBusInterfaceInfo* info = [] {
         ScopedError error;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, error.Out());
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kMessagePortXml, error.Out());
         GDBusInterfaceInfo* found = g_dbus_node_info_lookup_interface(node, kInterface);
         g_dbus_interface_info_ref(found);
         g_dbus_node_info_unref(node);
@@ -177,14 +163,12 @@ struct Delivery {
     std::string senderApp;
     bool hasSenderPort;
     std::string senderPort;
-    bundle* message;
+    BundlePtr message;
 };
 
 void FreeDelivery(gpointer data)
 {
-    Delivery* delivery = static_cast<Delivery*>(data);
-    bundle_free(delivery->message);
-    delete delivery;
+    delete static_cast<Delivery*>(data);
 }
 
 gboolean DeliverToCallback(gpointer data)
@@ -198,7 +182,7 @@ gboolean DeliverToCallback(gpointer data)
         return G_SOURCE_REMOVE;
     }
     port.callback(port.id, delivery->senderApp.c_str(),
-                  delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message,
+                  delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message.get(),
                   port.userData);
     return G_SOURCE_REMOVE;
 }
@@ -207,7 +191,7 @@ gboolean DeliverToCallback(gpointer data)
 void PostDelivery(const std::string& port, const std::string& senderApp, const char* senderPort, bundle* message)
 {
     Delivery* delivery =
-        new Delivery{port, senderApp, senderPort != nullptr, senderPort != nullptr ? senderPort : "", message};
+        new Delivery{port, senderApp, senderPort != nullptr, senderPort != nullptr ? senderPort : "", BundlePtr(message)};
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(source, DeliverToCallback, delivery, FreeDelivery);
@@ -356,7 +340,7 @@ void CloseBus(std::unique_ptr<Bus> bus)
     if (bus->nameWatchId != 0) {
         g_dbus_connection_signal_unsubscribe(bus->connection.get(), bus->nameWatchId);
     }
-    UnregisterRequestRoadObjects(bus->connection.get());
+    UnregisterRequestObjects(bus->connection.get());
     if (!g_dbus_connection_is_closed(bus->connection.get())) {
         g_dbus_connection_close_sync(bus->connection.get(), nullptr, nullptr);
     }
@@ -406,8 +390,8 @@ std::unique_ptr<Bus> OpenBus()
             bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
             "/org/freedesktop/DBus", kAppBusNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
             OnNameOwnerChangedCB, nullptr, nullptr);
-        /* The request roads answer on the same thread. */
-        RegisterRequestRoadObjects(bus->connection.get());
+        /* The request interfaces answer on the same thread. */
+        RegisterRequestObjects(bus->connection.get());
     }
     g_main_context_pop_thread_default(bus->context.get());
 

@@ -112,30 +112,30 @@ std::string String(const char* group, const char* key, const std::string& fallba
     });
 }
 
-bool Bool(const char* group, const char* key, bool fallback)
+/* A typed value of the file, read with `get`; `fallback` when it is missing
+ * or not of the type. */
+template <typename T, typename Get>
+T TypedValue(const char* group, const char* key, T fallback, Get get)
 {
     return WithFile([&](GKeyFile* file) {
         GError* error = nullptr;
-        const gboolean value = g_key_file_get_boolean(file, group, key, &error);
+        const auto value = get(file, group, key, &error);
         if (error != nullptr) {
             g_error_free(error);
             return fallback;
         }
-        return value != FALSE;
+        return static_cast<T>(value);
     });
+}
+
+bool Bool(const char* group, const char* key, bool fallback)
+{
+    return TypedValue(group, key, fallback, g_key_file_get_boolean);
 }
 
 int64_t Integer(const char* group, const char* key, int64_t fallback)
 {
-    return WithFile([&](GKeyFile* file) {
-        GError* error = nullptr;
-        const gint64 value = g_key_file_get_int64(file, group, key, &error);
-        if (error != nullptr) {
-            g_error_free(error);
-            return fallback;
-        }
-        return static_cast<int64_t>(value);
-    });
+    return TypedValue(group, key, fallback, g_key_file_get_int64);
 }
 
 std::vector<std::string> StringList(const char* group, const char* key)

@@ -1,5 +1,5 @@
 /*
- * The encoding of select results that both request roads send (row_codec.h).
+ * The encoding of select results that both request interfaces send (row_codec.h).
  */
 #include "row_codec.h"
 
@@ -228,30 +228,8 @@ public:
         value = m_data[m_at++];
         return true;
     }
-    bool U32(uint32_t& value)
-    {
-        if (m_at + 4 > m_size) {
-            return false;
-        }
-        value = 0;
-        for (int i = 0; i < 4; ++i) {
-            value |= static_cast<uint32_t>(m_data[m_at + static_cast<size_t>(i)]) << (8 * i);
-        }
-        m_at += 4;
-        return true;
-    }
-    bool U64(uint64_t& value)
-    {
-        if (m_at + 8 > m_size) {
-            return false;
-        }
-        value = 0;
-        for (int i = 0; i < 8; ++i) {
-            value |= static_cast<uint64_t>(m_data[m_at + static_cast<size_t>(i)]) << (8 * i);
-        }
-        m_at += 8;
-        return true;
-    }
+    bool U32(uint32_t& value) { return LittleEndian(value); }
+    bool U64(uint64_t& value) { return LittleEndian(value); }
     bool Bytes(size_t length, const uint8_t*& start)
     {
         if (length > m_size - m_at) {
@@ -265,6 +243,21 @@ public:
     size_t Left() const { return m_size - m_at; }
 
 private:
+    /* An unsigned number of sizeof(T) bytes, least significant first. */
+    template <typename T>
+    bool LittleEndian(T& value)
+    {
+        if (m_at + sizeof(T) > m_size) {
+            return false;
+        }
+        value = 0;
+        for (size_t i = 0; i < sizeof(T); ++i) {
+            value |= static_cast<T>(m_data[m_at + i]) << (8 * i);
+        }
+        m_at += sizeof(T);
+        return true;
+    }
+
     const uint8_t* m_data;
     size_t m_size;
     size_t m_at = 0;

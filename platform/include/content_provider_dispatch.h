@@ -1,7 +1,7 @@
 /*
- * Host side of the content library's request road: finds the callback that a
+ * Host side of the content library's request interface: finds the callback that a
  * provider registered for (kind, content URI), hands it the request record with
- * the registered user data, and gives back what it returned. The request road
+ * the registered user data, and gives back what it returned. The request interface
  * between processes and the tests call these; the system never does.
  */
 #ifndef TILVANE_PLATFORM_CONTENT_PROVIDER_DISPATCH_H

@@ -6,7 +6,7 @@
  *
  * The process serves the provider id given in TILVANE_DATA_CONTROL_PROVIDER_ID
  * ("scheme://authority"). While callbacks are registered it owns the bus name
- * of that authority (see docs/messaging.md, "The request roads").
+ * of that authority (see docs/messaging.md, "The request interfaces").
  *
  * Results: DATA_CONTROL_ERROR_NONE or a negative DATA_CONTROL_ERROR_*.
  */

@@ -1,6 +1,6 @@
 /*
- * Client side of the two request interfaces: the data-control one (provider id +
- * data id) and the content library's (content URI). Each call is one
+ * Client side of the two request interfaces: the data-control interface (provider id +
+ * data id) and the content-library interface (content URI). Each call is one
  * synchronous bus round trip, made as the process's own application id.
  * Calls may come from any thread; a call to a provider served by the same
  * process runs the GLib default main context while it waits when the calling
@@ -47,7 +47,7 @@ enum class Outcome {
 
 struct Result {
     Outcome outcome = Outcome::BusError;
-    /* The provider's result code when Answered (0 success; content interface:
+    /* The provider's result code when Answered (0 success; content-library interface:
      * -22, -13, -1073741824 ...). */
     int code = 0;
     int64_t rowId = -1;

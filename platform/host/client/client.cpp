@@ -1,5 +1,5 @@
 /*
- * Client side of the request roads (tilvane_client.h): one bus call per
+ * Client side of the request interfaces (tilvane_client.h): one bus call per
  * request, made as the process's own application id on the shared connection.
  */
 #include "tilvane_client.h"
@@ -7,6 +7,8 @@
 #include <gio/gio.h>
 
 #include <atomic>
+#include <map>
+#include <set>
 #include <cstring>
 #include <thread>
 
@@ -17,6 +19,7 @@
 #include "request_report.h"
 #include "row_codec.h"
 #include "bundle.h"
+#include "bundle_ptr.h"
 #include "dlog.h"
 #include "message_port.h"
 
@@ -38,25 +41,22 @@ constexpr int kRequestTimeoutMs = 120000;
 std::string EncodeValues(const Values& values, bool& ok)
 {
     ok = false;
-    bundle* b = bundle_create();
+    BundlePtr b = MakeBundle();
     if (b == nullptr) {
         return std::string();
     }
     for (const auto& entry : values) {
-        if (bundle_add_str(b, entry.first.c_str(), entry.second.c_str()) != BUNDLE_ERROR_NONE) {
-            bundle_free(b);
+        if (bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str()) != BUNDLE_ERROR_NONE) {
             return std::string();
         }
     }
     bundle_raw* raw = nullptr;
     int length = 0;
-    if (bundle_encode(b, &raw, &length) != BUNDLE_ERROR_NONE) {
-        bundle_free(b);
+    if (bundle_encode(b.get(), &raw, &length) != BUNDLE_ERROR_NONE) {
         return std::string();
     }
     std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
     bundle_free_encoded_rawdata(&raw);
-    bundle_free(b);
     ok = true;
     return encoded;
 }
@@ -66,7 +66,7 @@ GVariant* StringArray(const std::vector<std::string>& strings)
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
     for (const std::string& text : strings) {
-        g_variant_builder_add(&builder, "s", text.c_str());
+        g_variant_builder_add_value(&builder, g_variant_new_string(text.c_str()));
     }
     return g_variant_builder_end(&builder);
 }
@@ -101,22 +101,76 @@ void SetCallError(const GError* error, Result& result)
     }
 }
 
-/* Null (any reply) for the methods whose replies grew: their readers accept
- * the older and the newer form. */
-const GVariantType* ReplyType(const char* replyType)
-{
-    return replyType != nullptr ? G_VARIANT_TYPE(replyType) : nullptr;
-}
-
 bool ReplyIs(GVariant* reply, const char* type)
 {
     return g_variant_is_of_type(reply, G_VARIANT_TYPE(type));
 }
 
+/* The reply type of a method of the request interfaces, as their description
+ * (request_interfaces.xml) gives it: "(" + the out arguments' types + ")". */
+const GVariantType* ReplyType(const char* interface, const char* method)
+{
+    static const std::map<std::string, std::string> types = [] {
+        std::map<std::string, std::string> found;
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(host::RequestInterfacesIntrospectionXml(), nullptr);
+        for (GDBusInterfaceInfo** i = node != nullptr ? node->interfaces : nullptr; i != nullptr && *i != nullptr;
+             ++i) {
+            for (GDBusMethodInfo** m = (*i)->methods; m != nullptr && *m != nullptr; ++m) {
+                std::string type = "(";
+                for (GDBusArgInfo** arg = (*m)->out_args; arg != nullptr && *arg != nullptr; ++arg) {
+                    type += (*arg)->signature;
+                }
+                found[std::string((*i)->name) + "." + (*m)->name] = type + ")";
+            }
+        }
+        if (node != nullptr) {
+            g_dbus_node_info_unref(node);
+        }
+        return found;
+    }();
+    /* Null (any reply) for the methods whose replies grew: their readers
+     * accept the older and the newer form. */
+    static const std::set<std::string> grown = {
+        "org.tilvane.DataControl.Update", "org.tilvane.DataControl.Delete", "org.tilvane.Content.Insert",
+        "org.tilvane.Content.BulkInsert", "org.tilvane.Content.Update",     "org.tilvane.Content.BulkUpdate",
+        "org.tilvane.Content.Delete"};
+    const std::string name = std::string(interface) + "." + method;
+    if (grown.count(name) != 0) {
+        return nullptr;
+    }
+    auto type = types.find(name);
+    return G_VARIANT_TYPE(type != types.end() ? type->second.c_str() : "()");
+}
+
+GVariant* ToVariant(const std::string& text)
+{
+    return g_variant_new_string(text.c_str());
+}
+
+GVariant* ToVariant(const std::vector<std::string>& strings)
+{
+    return StringArray(strings);
+}
+
+/* The arguments of a call, in order, as one tuple. */
+template <typename... Values>
+GVariant* Arguments(const Values&... values)
+{
+    GVariant* items[] = {ToVariant(values)...};
+    return g_variant_new_tuple(items, sizeof...(Values));
+}
+
+gint64 Int64At(GVariant* tuple, gsize index)
+{
+    GVariantPtr value(g_variant_get_child_value(tuple, index));
+    return g_variant_get_int64(value.get());
+}
+
 /* One call. Null with `result` describing the failure when there is no reply. */
 GVariantPtr Call(const std::string& busName, const char* path, const char* interface, const char* method,
-                 GVariant* parameters, const char* replyType, Result& result)
+                 GVariant* parameters, Result& result)
 {
+    const GVariantType* replyType = ReplyType(interface, method);
     GVariantPtr params(g_variant_ref_sink(parameters));
     if (busName.empty()) {
         result.outcome = Outcome::NotServed;
@@ -135,11 +189,11 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
     GMainContext* mainContext = g_main_context_default();
     /* A provider of this process answers on the default main context: when this
      * thread is the one that would run it, keep running it while waiting. */
-    if (host::OwnsRoadBusName(busName) && g_main_context_acquire(mainContext)) {
+    if (host::OwnsRequestBusName(busName) && g_main_context_acquire(mainContext)) {
         std::atomic<bool> done(false);
         std::thread caller([&] {
             reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
-                                                    params.get(), ReplyType(replyType),
+                                                    params.get(), replyType,
                                                     G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                     error.Out()));
             done = true;
@@ -152,7 +206,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         g_main_context_release(mainContext);
     } else {
         reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
-                                                params.get(), ReplyType(replyType),
+                                                params.get(), replyType,
                                                 G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                 error.Out()));
     }
@@ -207,6 +261,19 @@ Result InvalidValues()
 std::string ContentName(const std::string& uri)
 {
     return host::ContentBusName(host::AuthorityOf(uri));
+}
+
+/* A call of the data-control interface to the provider of `providerId`. */
+GVariantPtr DataControlCall(const std::string& providerId, const char* method, GVariant* arguments, Result& result)
+{
+    return Call(host::DataControlBusName(host::AuthorityOf(providerId)), kDataControlPath, kDataControlInterface,
+                method, arguments, result);
+}
+
+/* A call of the content-library interface to the provider of `uri`. */
+GVariantPtr ContentCall(const std::string& uri, const char* method, GVariant* arguments, Result& result)
+{
+    return Call(ContentName(uri), kContentPath, kContentInterface, method, arguments, result);
 }
 
 }  // namespace
@@ -271,6 +338,61 @@ std::string Describe(const Result& result)
     return "unknown";
 }
 
+namespace {
+
+/* What a reply holds for the result. */
+enum class Reading { Changed, RowId, Code, CodeAndRowId, Rows, RowIds };
+
+void ReadChanged(GVariant* reply, Result& result);
+void ReadCode(GVariant* reply, Result& result, bool withRowId);
+
+/* Reads a reply (when there is one) into `result`. */
+Result ReadReply(const GVariantPtr& reply, Reading reading, Result result)
+{
+    if (!reply) {
+        return result;
+    }
+    if (reading == Reading::Rows) {
+        ReadRows(reply.get(), result);
+        return result;
+    }
+    if (reading == Reading::Changed) {
+        ReadChanged(reply.get(), result);
+        return result;
+    }
+    if (reading == Reading::Code || reading == Reading::CodeAndRowId) {
+        ReadCode(reply.get(), result, reading == Reading::CodeAndRowId);
+        return result;
+    }
+    result.outcome = Outcome::Answered;
+    result.code = 0;
+    if (reading == Reading::RowId) {
+        result.rowId = Int64At(reply.get(), 0);
+    } else if (reading == Reading::RowIds) {
+        GVariantPtr ids(g_variant_get_child_value(reply.get(), 0));
+        gsize count = 0;
+        const gint64* values = static_cast<const gint64*>(g_variant_get_fixed_array(ids.get(), &count, sizeof(gint64)));
+        result.rowIds.assign(values, values + count);
+    }
+    return result;
+}
+
+Result AskDataControl(const std::string& providerId, const char* method, GVariant* arguments, Reading reading)
+{
+    Result result;
+    GVariantPtr reply = DataControlCall(providerId, method, arguments, result);
+    return ReadReply(reply, reading, result);
+}
+
+Result AskContent(const std::string& uri, const char* method, GVariant* arguments, Reading reading)
+{
+    Result result;
+    GVariantPtr reply = ContentCall(uri, method, arguments, result);
+    return ReadReply(reply, reading, result);
+}
+
+}  // namespace
+
 /* ---- data control ------------------------------------------------------------ */
 
 namespace {
@@ -291,85 +413,8 @@ void ReadChanged(GVariant* reply, Result& result)
     result.code = 0;
 }
 
-}  // namespace
-
-DataControlClient::DataControlClient(std::string providerId) : m_providerId(std::move(providerId)) {}
-
-Result DataControlClient::Insert(const std::string& dataId, const Values& values) const
-{
-    bool ok = false;
-    const std::string encoded = EncodeValues(values, ok);
-    if (!ok) {
-        return InvalidValues();
-    }
-    Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Insert",
-                             g_variant_new("(ssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           encoded.c_str()),
-                             "(x)", result);
-    if (reply) {
-        gint64 rowId = -1;
-        g_variant_get(reply.get(), "(x)", &rowId);
-        result.outcome = Outcome::Answered;
-        result.code = 0;
-        result.rowId = rowId;
-    }
-    return result;
-}
-
-Result DataControlClient::Select(const std::string& dataId, const std::vector<std::string>& columns,
-                                 const std::string& where, const std::string& order) const
-{
-    Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Select",
-                             g_variant_new("(sss@asss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           StringArray(columns), where.c_str(), order.c_str()),
-                             "(ay)", result);
-    if (reply) {
-        ReadRows(reply.get(), result);
-    }
-    return result;
-}
-
-Result DataControlClient::Update(const std::string& dataId, const Values& values, const std::string& where) const
-{
-    bool ok = false;
-    const std::string encoded = EncodeValues(values, ok);
-    if (!ok) {
-        return InvalidValues();
-    }
-    Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Update",
-                             g_variant_new("(sssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           encoded.c_str(), where.c_str()),
-                             nullptr, result);
-    if (reply) {
-        ReadChanged(reply.get(), result);
-    }
-    return result;
-}
-
-Result DataControlClient::Delete(const std::string& dataId, const std::string& where) const
-{
-    Result result;
-    GVariantPtr reply = Call(host::DataControlBusName(host::AuthorityOf(m_providerId)), kDataControlPath,
-                             kDataControlInterface, "Delete",
-                             g_variant_new("(ssss)", SelfId().c_str(), m_providerId.c_str(), dataId.c_str(),
-                                           where.c_str()),
-                             nullptr, result);
-    if (reply) {
-        ReadChanged(reply.get(), result);
-    }
-    return result;
-}
-
-/* ---- content library's road ------------------------------------------------- */
-
-namespace {
-
+/* "(i)", "(ix)" from older providers, "(ixs)" with the reason from newer ones;
+ * the "x" is the new row's id or the rows changed. */
 void ReadCode(GVariant* reply, Result& result, bool withRowId)
 {
     gint32 code = 0;
@@ -398,6 +443,43 @@ void ReadCode(GVariant* reply, Result& result, bool withRowId)
 
 }  // namespace
 
+DataControlClient::DataControlClient(std::string providerId) : m_providerId(std::move(providerId)) {}
+
+Result DataControlClient::Insert(const std::string& dataId, const Values& values) const
+{
+    bool ok = false;
+    const std::string encoded = EncodeValues(values, ok);
+    if (!ok) {
+        return InvalidValues();
+    }
+    return AskDataControl(m_providerId, "Insert", Arguments(SelfId(), m_providerId, dataId, encoded), Reading::RowId);
+}
+
+Result DataControlClient::Select(const std::string& dataId, const std::vector<std::string>& columns,
+                                 const std::string& where, const std::string& order) const
+{
+    return AskDataControl(m_providerId, "Select", Arguments(SelfId(), m_providerId, dataId, columns, where, order),
+                          Reading::Rows);
+}
+
+Result DataControlClient::Update(const std::string& dataId, const Values& values, const std::string& where) const
+{
+    bool ok = false;
+    const std::string encoded = EncodeValues(values, ok);
+    if (!ok) {
+        return InvalidValues();
+    }
+    return AskDataControl(m_providerId, "Update", Arguments(SelfId(), m_providerId, dataId, encoded, where),
+                          Reading::Changed);
+}
+
+Result DataControlClient::Delete(const std::string& dataId, const std::string& where) const
+{
+    return AskDataControl(m_providerId, "Delete", Arguments(SelfId(), m_providerId, dataId, where), Reading::Changed);
+}
+
+/* ---- content-library interface ---------------------------------------------- */
+
 Result ContentClient::Insert(const std::string& uri, const Values& values) const
 {
     bool ok = false;
@@ -405,13 +487,7 @@ Result ContentClient::Insert(const std::string& uri, const Values& values) const
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Insert",
-                             g_variant_new("(sss)", SelfId().c_str(), uri.c_str(), encoded.c_str()), nullptr, result);
-    if (reply) {
-        ReadCode(reply.get(), result, true);
-    }
-    return result;
+    return AskContent(uri, "Insert", Arguments(SelfId(), uri, encoded), Reading::CodeAndRowId);
 }
 
 Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Values>& rows) const
@@ -421,30 +497,15 @@ Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Value
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "BulkInsert",
-                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), nullptr,
-                             result);
-    if (reply) {
-        ReadCode(reply.get(), result, true);
-    }
-    return result;
+    return AskContent(uri, "BulkInsert", Arguments(SelfId(), uri, encoded), Reading::CodeAndRowId);
 }
 
 Result ContentClient::Select(const std::string& uri, const std::vector<std::string>& projection,
                              const std::string& where, const std::vector<std::string>& whereArgs,
                              const std::string& order, const std::string& limit) const
 {
-    Result result;
-    GVariantPtr reply =
-        Call(ContentName(uri), kContentPath, kContentInterface, "Select",
-             g_variant_new("(ss@ass@asss)", SelfId().c_str(), uri.c_str(), StringArray(projection), where.c_str(),
-                           StringArray(whereArgs), order.c_str(), limit.c_str()),
-             "(ay)", result);
-    if (reply) {
-        ReadRows(reply.get(), result);
-    }
-    return result;
+    return AskContent(uri, "Select", Arguments(SelfId(), uri, projection, where, whereArgs, order, limit),
+                      Reading::Rows);
 }
 
 Result ContentClient::Update(const std::string& uri, const Values& values, const std::string& where,
@@ -455,15 +516,7 @@ Result ContentClient::Update(const std::string& uri, const Values& values, const
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Update",
-                             g_variant_new("(ssss@as)", SelfId().c_str(), uri.c_str(), encoded.c_str(), where.c_str(),
-                                           StringArray(whereArgs)),
-                             nullptr, result);
-    if (reply) {
-        ReadCode(reply.get(), result, false);
-    }
-    return result;
+    return AskContent(uri, "Update", Arguments(SelfId(), uri, encoded, where, whereArgs), Reading::Code);
 }
 
 Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Values>& rows) const
@@ -473,47 +526,19 @@ Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Value
     if (!ok) {
         return InvalidValues();
     }
-    Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "BulkUpdate",
-                             g_variant_new("(ss@as)", SelfId().c_str(), uri.c_str(), StringArray(encoded)), nullptr,
-                             result);
-    if (reply) {
-        ReadCode(reply.get(), result, false);
-    }
-    return result;
+    return AskContent(uri, "BulkUpdate", Arguments(SelfId(), uri, encoded), Reading::Code);
 }
 
 Result ContentClient::Delete(const std::string& uri, const std::string& where,
                              const std::vector<std::string>& whereArgs) const
 {
-    Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "Delete",
-                             g_variant_new("(sss@as)", SelfId().c_str(), uri.c_str(), where.c_str(),
-                                           StringArray(whereArgs)),
-                             nullptr, result);
-    if (reply) {
-        ReadCode(reply.get(), result, false);
-    }
-    return result;
+    return AskContent(uri, "Delete", Arguments(SelfId(), uri, where, whereArgs), Reading::Code);
 }
 
 Result ContentClient::GetRowIds(const std::string& uri, const std::string& where,
                                 const std::vector<std::string>& whereArgs) const
 {
-    Result result;
-    GVariantPtr reply = Call(ContentName(uri), kContentPath, kContentInterface, "GetRowIds",
-                             g_variant_new("(sss@as)", SelfId().c_str(), uri.c_str(), where.c_str(),
-                                           StringArray(whereArgs)),
-                             "(ax)", result);
-    if (reply) {
-        GVariantPtr ids(g_variant_get_child_value(reply.get(), 0));
-        gsize count = 0;
-        const gint64* values = static_cast<const gint64*>(g_variant_get_fixed_array(ids.get(), &count, sizeof(gint64)));
-        result.rowIds.assign(values, values + count);
-        result.outcome = Outcome::Answered;
-        result.code = 0;
-    }
-    return result;
+    return AskContent(uri, "GetRowIds", Arguments(SelfId(), uri, where, whereArgs), Reading::RowIds);
 }
 
 }  // namespace client

@@ -23,8 +23,6 @@ bool IsUnreadable(int rc)
 
 std::string ColumnText(sqlite3_stmt* statement, int column);
 
-/* Reads the schema and runs PRAGMA quick_check; SQLite's code of a failure
- * (logged), else SQLITE_OK with the check's findings in `results`. */
 /* Reads the schema table: the first page and the schema must be readable. */
 int ReadSchema(sqlite3* db, const std::string& path)
 {
@@ -41,6 +39,8 @@ int ReadSchema(sqlite3* db, const std::string& path)
     return rc;
 }
 
+/* Reads the schema and runs PRAGMA quick_check; SQLite's code of a failure
+ * (logged), else SQLITE_OK with the check's findings in `results`. */
 int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& results)
 {
     int rc = ReadSchema(db, path);
@@ -62,10 +62,11 @@ int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& r
     return rc;
 }
 
-int ReadVersion(sqlite3* db, int64_t& version)
+/* The one integer that `sql` selects. */
+int ReadInteger(sqlite3* db, const char* sql, int64_t& value)
 {
     StatementHandle statement;
-    int rc = tilvane::content::PrepareStatement(db, "PRAGMA user_version", statement);
+    int rc = tilvane::content::PrepareStatement(db, sql, statement);
     if (rc != SQLITE_OK) {
         return rc;
     }
@@ -73,25 +74,19 @@ int ReadVersion(sqlite3* db, int64_t& version)
     if (rc != SQLITE_ROW) {
         return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
     }
-    version = sqlite3_column_int64(statement.get(), 0);
+    value = sqlite3_column_int64(statement.get(), 0);
     return SQLITE_OK;
+}
+
+int ReadVersion(sqlite3* db, int64_t& version)
+{
+    return ReadInteger(db, "PRAGMA user_version", version);
 }
 
 int CountUserTables(sqlite3* db, int64_t& count)
 {
-    StatementHandle statement;
-    int rc = tilvane::content::PrepareStatement(
-        db, "SELECT count(*) FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'",
-        statement);
-    if (rc != SQLITE_OK) {
-        return rc;
-    }
-    rc = sqlite3_step(statement.get());
-    if (rc != SQLITE_ROW) {
-        return rc == SQLITE_DONE ? SQLITE_ERROR : rc;
-    }
-    count = sqlite3_column_int64(statement.get(), 0);
-    return SQLITE_OK;
+    return ReadInteger(db, "SELECT count(*) FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\'",
+                       count);
 }
 
 std::string ColumnText(sqlite3_stmt* statement, int column)
