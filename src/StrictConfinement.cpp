@@ -1,0 +1,203 @@
+#include "StrictConfinement.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <memory>
+
+#include <bundle.h>
+#include <confinement_policy.h>
+
+#include "ContentHelper.h"
+#include "SQLiteCursor.h"
+#include "TilesModel.h"
+#include "TilvaneLog.h"
+
+namespace {
+
+std::vector<int64_t> IdsOf(CContentDbConnection* pConnection, const std::string& table, const std::string& where,
+                           const std::vector<std::string>& whereArgs)
+{
+    std::vector<int64_t> ids;
+    if (pConnection == nullptr) {
+        return ids;
+    }
+    std::vector<std::string> projection = {TilesModel::BaseColumnsID};
+    std::shared_ptr<ISQLiteCursor> pCursor = pConnection->SelectRequest(table, projection, where, whereArgs, "", "");
+    while (pCursor != nullptr && pCursor->Step() == ISQLiteCursor::STEP_ROW) {
+        int64_t id = -1;
+        if (pCursor->GetInt64(0, id)) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}
+
+int64_t CountOf(CContentDbConnection* pConnection, const std::string& table, const std::string& where)
+{
+    std::vector<std::string> projection = {"count(*)"};
+    std::shared_ptr<ISQLiteCursor> pCursor = pConnection->SelectRequest(table, projection, where, "");
+    int64_t count = 0;
+    if (pCursor == nullptr || pCursor->Step() != ISQLiteCursor::STEP_ROW || !pCursor->GetInt64(0, count)) {
+        return -1;
+    }
+    return count;
+}
+
+bool Refuse(const char* rule, const std::string& reason)
+{
+    confinement_policy_refuse(rule, reason.c_str());
+    return false;
+}
+
+std::string TableOf(const char* uri)
+{
+    return CContentHelper::GetTableNameFromUri(uri);
+}
+
+}  // namespace
+
+bool CStrictConfinement::AppliesTo(CPermissionHelper::PermissionLevel level)
+{
+    return level < CPermissionHelper::PERMISSION_LEVEL_INTERNAL && confinement_policy_is_strict();
+}
+
+bool CStrictConfinement::CheckWhereClause(CContentDbConnection* pConnection, const std::string& table,
+                                          const std::string& where)
+{
+    if (where.empty()) {
+        return true;
+    }
+    if (pConnection == nullptr) {
+        return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause cannot be checked");
+    }
+    const std::string probe = "SELECT 1 FROM \"" + table + "\" WHERE (" + where + ")";
+    sqlite3_stmt* pStatement = nullptr;
+    const char* pTail = nullptr;
+    std::string error;
+    const int result = pConnection->PrepareCMD(probe, &pStatement, &pTail, error);
+    bool secondStatement = false;
+    if (pTail != nullptr) {
+        for (const char* c = pTail; *c != '\0'; ++c) {
+            if (*c != ' ' && *c != '\t' && *c != '\n' && *c != '\r') {
+                secondStatement = true;
+                break;
+            }
+        }
+    }
+    sqlite3_finalize(pStatement);
+    if (result != 0) {
+        return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause is not one expression over " + table + ": " + error);
+    }
+    if (secondStatement) {
+        return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause holds a second statement");
+    }
+    return true;
+}
+
+std::string CStrictConfinement::JoinFilter(const std::string& filter, const std::string& where)
+{
+    return where.empty() ? filter : filter + " AND (" + where + ")";
+}
+
+bool CStrictConfinement::CheckProjection(CPermissionHelper& permissionHelper, const std::string& tableUri,
+                                         std::vector<std::string> requested, CPermissionHelper::PermissionLevel level,
+                                         std::vector<std::string>& allowed)
+{
+    std::vector<std::string> none;
+    const std::vector<std::string> readable = permissionHelper.GetAllowedProjectionForPermission(tableUri, none, level);
+    if (requested.empty()) {
+        allowed = readable;
+    } else {
+        for (const std::string& name : requested) {
+            if (std::find(readable.begin(), readable.end(), name) == readable.end()) {
+                return Refuse(CONFINEMENT_RULE_PROJECTION,
+                              "\"" + name + "\" is not a column of this table that the caller may read");
+            }
+        }
+        allowed = requested;
+    }
+    if (allowed.empty()) {
+        return Refuse(CONFINEMENT_RULE_PROJECTION, "no column is left to select");
+    }
+    return true;
+}
+
+bool CStrictConfinement::CheckInsertOwner(CContentDbConnection* pConnection, const std::string& table,
+                                          bundle* pValues, const std::string& packageId)
+{
+    const char* pOwnerColumn = nullptr;
+    std::vector<int64_t> owners;
+    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
+        pOwnerColumn = TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID;
+        owners = AcceleratorIds(pConnection, packageId);
+    } else if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
+        pOwnerColumn = TilesModel::Tiles::TILE_SECTION_RAW_ID;
+        owners = SectionIds(pConnection, packageId);
+    } else {
+        return true;
+    }
+    const char* pOwner = pValues != nullptr ? bundle_get_val(pValues, pOwnerColumn) : nullptr;
+    if (pOwner == nullptr || *pOwner == '\0') {
+        return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
+                      "the row names no " + std::string(pOwnerColumn) + ": it would belong to nobody");
+    }
+    char* pEnd = nullptr;
+    const long long owner = std::strtoll(pOwner, &pEnd, 10);
+    if (pEnd == pOwner || *pEnd != '\0' || std::find(owners.begin(), owners.end(), owner) == owners.end()) {
+        return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
+                      std::string(pOwnerColumn) + " " + pOwner + " does not belong to package " + packageId);
+    }
+    return true;
+}
+
+bool CStrictConfinement::CheckPackageLimits(CContentDbConnection* pConnection, const std::string& table,
+                                            const std::string& packageId, size_t adding)
+{
+    int64_t limit = 0;
+    std::string filter;
+    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
+        limit = confinement_policy_max_sections_per_package();
+        filter = IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId));
+    } else if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
+        limit = confinement_policy_max_tiles_per_package();
+        filter = IdFilter(TilesModel::Tiles::TILE_SECTION_RAW_ID, SectionIds(pConnection, packageId));
+    } else {
+        return true;
+    }
+    if (pConnection == nullptr) {
+        return Refuse(CONFINEMENT_RULE_LIMITS, "the package's rows cannot be counted");
+    }
+    const int64_t count = CountOf(pConnection, table, filter);
+    if (count < 0) {
+        return Refuse(CONFINEMENT_RULE_LIMITS, "the package's rows cannot be counted");
+    }
+    if (count + static_cast<int64_t>(adding) > limit) {
+        return Refuse(CONFINEMENT_RULE_LIMITS, "package " + packageId + " has " + std::to_string(count) + " rows in " +
+                                                   table + "; " + std::to_string(adding) + " more exceed the limit of " +
+                                                   std::to_string(limit));
+    }
+    return true;
+}
+
+std::vector<int64_t> CStrictConfinement::AcceleratorIds(CContentDbConnection* pConnection, const std::string& packageId)
+{
+    return IdsOf(pConnection, TableOf(TilesModel::Accelerators::CONTENT_URI),
+                 std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + " = ?", {packageId});
+}
+
+std::vector<int64_t> CStrictConfinement::SectionIds(CContentDbConnection* pConnection, const std::string& packageId)
+{
+    return IdsOf(pConnection, TableOf(TilesModel::Sections::CONTENT_URI),
+                 IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId)),
+                 {});
+}
+
+std::string CStrictConfinement::IdFilter(const std::string& column, const std::vector<int64_t>& ids)
+{
+    std::string filter = column + " IN (";
+    for (size_t i = 0; i < ids.size(); ++i) {
+        filter += (i > 0 ? "," : "") + std::to_string(ids[i]);
+    }
+    return filter + ")";
+}
