@@ -49,6 +49,8 @@ private:
 
 /* bench/RequestRoadBench.cpp: the body of its provider process. */
 int RunRoadBenchProvider(int readyFd, const char* directory);
+/* bench/StrictConfinementBench.cpp: strict confinement against the default mode. */
+void PrintStrictConfinementRatios();
 
 int main(int argc, char** argv)
 {
@@ -87,6 +89,7 @@ int main(int argc, char** argv)
                             std::string("BM_EventSend_MessageHelper/") + subscribers + "/real_time",
                             std::string("BM_EventSend_BarePort/") + subscribers + "/real_time", "bare port sends");
     }
+    PrintStrictConfinementRatios();
     benchmark::Shutdown();
     return 0;
 }

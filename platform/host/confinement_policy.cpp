@@ -38,7 +38,8 @@ namespace confinement {
 
 RequestScope::RequestScope(const std::string& table, const std::string& caller)
 {
-    if (!confinement_policy_is_strict()) {
+    /* An outer scope (the request road's) keeps the request. */
+    if (t_request != nullptr || !confinement_policy_is_strict()) {
         return;
     }
     m_context.table = table;

@@ -30,7 +30,8 @@ struct RequestContext {
 
 /* Announces one request for the length of the provider's callback, on the
  * calling thread; inactive (CurrentRequest() stays null) when strict
- * confinement is off. Scopes do not nest. */
+ * confinement is off, and inactive inside another scope, which keeps the
+ * request (the road's scope around the content library's dispatch). */
 class RequestScope {
 public:
     RequestScope(const std::string& table, const std::string& caller);
