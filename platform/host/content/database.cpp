@@ -82,6 +82,15 @@ int Database::Configure()
     return SQLITE_OK;
 }
 
+const std::vector<ForeignKeyLink>& Database::ForeignKeys()
+{
+    if (!m_bForeignKeysRead) {
+        m_foreignKeys = ReadForeignKeyLinks(m_handle.get());
+        m_bForeignKeysRead = true;
+    }
+    return m_foreignKeys;
+}
+
 int Database::Exec(const std::string& sql, std::string* errorMessage)
 {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);

@@ -20,6 +20,7 @@
 
 #include <sqlite3.h>
 
+#include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
 
 namespace tilvane {
@@ -69,6 +70,10 @@ public:
 
     const char* ErrorMessage() const;
 
+    /* The schema's foreign keys, read at the first call (the service sets its
+     * schema up before it serves requests). Under the mutex. */
+    const std::vector<ForeignKeyLink>& ForeignKeys();
+
     /* Nesting of CContentDbConnection's transactions. */
     int m_nTransactionDepth = 0;
     bool m_bTransactionFailed = false;
@@ -81,6 +86,8 @@ private:
     SQLiteHandle m_handle;
     // Declared after the handle: statements are finalised before it closes.
     StatementCache m_statements;
+    bool m_bForeignKeysRead = false;
+    std::vector<ForeignKeyLink> m_foreignKeys;
 };
 
 /* "name" with inner double quotes doubled: an SQL identifier. */
