@@ -85,6 +85,29 @@ public:
     void ValidateColumnForPermission(const char* key, const char* value);
 
 private:
+    /* What tells the read decision from the write decision. */
+    struct LevelProcedure
+    {
+        const char* name;                      // the decision's name in its log lines
+        const std::string* launcherPrivilege;  // what launcher support gives
+        const char* callbackName;              // the declared-privilege pass, as logged
+        const char* declaredName;              // where that pass keeps what it found, as logged
+        bool (*callback)(const char* key, const char* value, void* userData);
+        std::string CPermissionHelper::*declared;
+    };
+    static const LevelProcedure READ_LEVEL;
+    static const LevelProcedure WRITE_LEVEL;
+
+    PermissionLevel DecideLevel(const LevelProcedure& procedure, const std::string& appId,
+                                const std::string& packageId, CContentHelper* dbHelper);
+    std::string PrivilegeFromMetadata(const LevelProcedure& procedure, const std::string& appId,
+                                      const std::string& packageId, CContentHelper* dbHelper);
+
+    /* The column levels of a table's URI; null for any other URI. */
+    std::map<std::string, PermissionLevel>* TablePermissions(const std::string& tableUri);
+    /* The columns an empty projection stands for at `level`. */
+    static std::vector<std::string> DefaultProjection(const std::string& tableUri, PermissionLevel level);
+
     /* True when the accelerators table has a row of exactly this package. */
     bool HasAcceleratorRow(const std::string& packageId, CContentHelper* dbHelper);
 

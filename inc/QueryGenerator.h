@@ -8,6 +8,7 @@
 #ifndef TILVANE_QUERY_GENERATOR_H
 #define TILVANE_QUERY_GENERATOR_H
 
+#include <functional>
 #include <string>
 
 #include "ContentHelper.h"
@@ -35,6 +36,10 @@ public:
                               CPermissionHelper::PermissionLevel level);
 
 private:
+    /* The shared shape of the sections and tiles filters; logs as `func`. */
+    std::string IdListFilter(const char* func, const char* parentUri, const std::function<std::string()>& parentFilter,
+                             const char* column, const char* name);
+
     CContentHelper* m_pDbHelper;
 };
 

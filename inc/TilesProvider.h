@@ -7,9 +7,11 @@
 #ifndef TILVANE_TILES_PROVIDER_H
 #define TILVANE_TILES_PROVIDER_H
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <bundle.h>
 #include <vconf.h>
@@ -19,7 +21,6 @@
 #include "PermissionHelper.h"
 
 class CAppSectionChangeManager;
-class CContentDbConnection;
 class CDBLock;
 class CDbHelper;
 class CMessageHelper;
@@ -77,7 +78,7 @@ public:
     static const int RESULT_PERMISSION_DENIED = -13;
     static const int RESULT_FAILED = static_cast<int>(0xC0000000);
 
-    /* Data-control road: the platform's request id and handle; the provider
+    /* Data-control interface: the platform's request id and handle; the provider
      * is the user data. Each answers the platform itself. */
     static void InsertRequestCB(int requestId, data_control_s* provider, _bundle_t* insertData, void* userData);
     static void SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
@@ -86,7 +87,7 @@ public:
                                 void* userData);
     static void DeleteRequestCB(int requestId, data_control_s* provider, char const* where, void* userData);
 
-    /* Content-library road: the library fills the record, the provider is its
+    /* Content-library interface: the library fills the record, the provider is its
      * last field; the result goes back to the library's client. */
     static int InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out);
     static int InsertRequestCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
@@ -98,7 +99,7 @@ public:
     static int DeleteRequestCB(PT_PROVIDER_DELETE_IN_PARAM& in);
     static bool GetRowIDRequestCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out);
 
-    /* The request handlers both roads end in. */
+    /* The request handlers both interfaces end in. */
     int InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out);
     int InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out);
     bool SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out);
@@ -142,23 +143,65 @@ private:
     /* Deletes every tile and section (accelerators stay); lock held by the caller. */
     void ClearAllSectionsAndTiles(CContentDbConnection* pConnection);
 
+    /* Whether a request reads or writes: a write must name the sections or
+     * tiles table and is decided by the write level. */
+    enum class Access
+    {
+        READ,
+        WRITE
+    };
+    /* What a request's opening found: the caller's package and level, and the connection. */
+    struct RequestScope
+    {
+        std::string packageId;
+        CPermissionHelper::PermissionLevel level = CPermissionHelper::PERMISSION_LEVEL_NONE;
+        CContentDbConnection* pConnection = nullptr;
+    };
+    /* How a bulk ended: its result, and whether its transaction commits. */
+    struct BulkOutcome
+    {
+        int result;
+        bool bCommit;
+    };
+
     /* The caller's level, decided under the lock; 0 without a permission helper. */
-    CPermissionHelper::PermissionLevel LockedWritePermissionLevel(const std::string& appId,
-                                                                  const std::string& packageId);
-    CPermissionHelper::PermissionLevel LockedReadPermissionLevel(const std::string& appId,
-                                                                 const std::string& packageId);
+    CPermissionHelper::PermissionLevel LockedPermissionLevel(Access access, const std::string& appId,
+                                                             const std::string& packageId);
     /* The tiles database's connection, or null. */
     CContentDbConnection* Connection();
-    /* Data-control road: the caller's application id, the provider id and the
+
+    /* Pieces the request handlers share. Each writes its lines in the name of
+     * the handler `func` that uses it. */
+    int OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
+                    RequestScope& scope);
+    std::string ConfinedWhere(const char* func, const std::string& table, const std::string& where,
+                              const RequestScope& scope);
+    int InBulkTransaction(const char* func, CContentDbConnection* pConnection, bool bEmpty,
+                          const std::function<BulkOutcome()>& body);
+    static CTilesProvider* ContentRequestProvider(const char* func, void* pUserData);
+    static void LogSyncEventResult(const char* func, int sendResult);
+    static CTilesProvider* DataControlRequestProvider(const char* func, int requestId, void* userData,
+                                                      bool bDataPresent, const char* errorText, const char* logText);
+    bool FetchRequestUri(const char* func, data_control_s* provider, const PlatformTextHolder& appId,
+                         PlatformTextHolder& providerId, PlatformTextHolder& dataId);
+    bool RelaySyncMark(const char* func, bundle* insertData, const PlatformTextHolder& appId);
+    std::vector<std::string> ReadableColumns(const std::string& uri, char const** columns, int columnCount,
+                                             CPermissionHelper::PermissionLevel level);
+    void AnswerSelect(const char* func, int requestId, data_control_s* provider,
+                      const std::vector<std::string>& columns, const std::string& where, char const* order);
+
+    /* Data-control interface: the caller's application id, the provider id and the
      * data id of a request, each fetched under the lock (null on failure). */
     PlatformTextHolder FetchClientAppId(int requestId);
     void FetchProviderAndDataId(data_control_s* provider, PlatformTextHolder& providerId, PlatformTextHolder& dataId);
 
+    /* Owned; deleted first by the destructor. Tests reach it as a plain pointer. */
     CAppSectionChangeManager* m_pAppSectionChangeManager;
-    CPermissionHelper* m_pPermissionHelper;
-    CDbHelper* m_pDbHelper;
+    std::unique_ptr<CPermissionHelper> m_pPermissionHelper;
+    std::unique_ptr<CDbHelper> m_pDbHelper;
     std::map<std::string, std::string> m_packageIdCache;
-    CDBLock* m_pDbLock;
+    std::unique_ptr<CDBLock> m_pDbLock;
+    /* Never deleted: the preview-event port lives until the process exits. */
     CMessageHelper* m_pSyncEventHelper;
     bool m_bDbCorrupted;
     bool m_bPowerOffSubscribed;

@@ -92,110 +92,92 @@ void CPermissionHelper::InitializePermissionWhiteList()
     m_permissionWhiteList["ContentServiceManager"] = PERMISSION_LEVEL_INTERNAL;
 }
 
-/* The read and write decisions are the same procedure with the read or the
- * write privilege. Each keeps its own copy of the metadata passes so that
- * their log lines name the decision that wrote them. */
+/* The read and the write decision: one procedure, with the read or the write
+ * privilege. Its lines carry the name of the decision that wrote them. */
+const CPermissionHelper::LevelProcedure CPermissionHelper::READ_LEVEL = {
+    "GetReadPermissionLevel", &CPermissionHelper::READ_TILES, "GetReadPermissionCB", "m_readPermission",
+    &CPermissionHelper::GetReadPermissionCB, &CPermissionHelper::m_readPermission};
+const CPermissionHelper::LevelProcedure CPermissionHelper::WRITE_LEVEL = {
+    "GetWritePermissionLevel", &CPermissionHelper::WRITE_TILES, "GetWritePermissionCB", "m_writePermission",
+    &CPermissionHelper::GetWritePermissionCB, &CPermissionHelper::m_writePermission};
+
 CPermissionHelper::PermissionLevel CPermissionHelper::GetReadPermissionLevel(std::string appId, std::string packageId,
                                                                             CContentHelper* dbHelper)
 {
-    std::string permission;
-
-    auto whiteListed = m_permissionWhiteList.find(packageId);
-    if (whiteListed != m_permissionWhiteList.end()) {
-        return whiteListed->second;
-    }
-
-    if (HasAcceleratorRow(packageId, dbHelper)) {
-        permission = READ_TILES;
-    }
-
-    if (permission.empty()) {
-        app_info_h appInfo = nullptr;
-        if (app_info_create(appId.c_str(), &appInfo) == APP_MANAGER_ERROR_NONE) {
-            LOGI("Start get GetSupportNimbeCB for [%s]", packageId.c_str());
-            bool supportNimbe = false;
-            if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
-                LOGI("failed to call metadata callback");
-            } else if (supportNimbe) {
-                LOGI("Need to recover [%s] to acceleartors", packageId.c_str());
-                if (dbHelper != nullptr) {
-                    RecoverAcceleratorID(packageId, dbHelper);
-                    permission = READ_TILES;
-                }
-            }
-            LOGI("End get GetSupportNimbeCB for [%s]", packageId.c_str());
-
-            LOGI("Start get GetReadPermissionCB for [%s]", packageId.c_str());
-            m_readPermission.clear();
-            if (app_info_foreach_metadata(appInfo, GetReadPermissionCB, this) == APP_MANAGER_ERROR_NONE) {
-                LOGI("success to call metadata callback");
-            } else {
-                LOGI("failed to call metadata callback");
-            }
-            LOGI("End get GetReadPermissionCB for [%s]", packageId.c_str());
-
-            /* A declared privilege overrides what the launcher support gave. */
-            if (!m_readPermission.empty()) {
-                LOGI("m_readPermission is not empty for [%s]", packageId.c_str());
-                permission = m_readPermission;
-            }
-            app_info_destroy(appInfo);
-        }
-    }
-
-    return GetPermissionLevel(permission);
+    return DecideLevel(READ_LEVEL, appId, packageId, dbHelper);
 }
 
 CPermissionHelper::PermissionLevel CPermissionHelper::GetWritePermissionLevel(std::string appId,
                                                                              std::string packageId,
                                                                              CContentHelper* dbHelper)
 {
-    std::string permission;
+    return DecideLevel(WRITE_LEVEL, appId, packageId, dbHelper);
+}
 
+/* The white list first; then an accelerator row of the package gives the
+ * public privilege; without one, the application's metadata decides. */
+CPermissionHelper::PermissionLevel CPermissionHelper::DecideLevel(const LevelProcedure& procedure,
+                                                                  const std::string& appId,
+                                                                  const std::string& packageId,
+                                                                  CContentHelper* dbHelper)
+{
     auto whiteListed = m_permissionWhiteList.find(packageId);
     if (whiteListed != m_permissionWhiteList.end()) {
         return whiteListed->second;
     }
 
+    std::string permission;
     if (HasAcceleratorRow(packageId, dbHelper)) {
-        permission = WRITE_TILES;
+        permission = *procedure.launcherPrivilege;
+    }
+    if (permission.empty()) {
+        permission = PrivilegeFromMetadata(procedure, appId, packageId, dbHelper);
+    }
+    return GetPermissionLevel(permission);
+}
+
+/* Launcher support gives the public privilege (and makes the package's
+ * accelerator row); a declared privilege overrides it. Empty when the
+ * application is unknown or declares neither. */
+std::string CPermissionHelper::PrivilegeFromMetadata(const LevelProcedure& procedure, const std::string& appId,
+                                                     const std::string& packageId, CContentHelper* dbHelper)
+{
+    const char* const func = procedure.name;
+    app_info_h appInfo = nullptr;
+    if (app_info_create(appId.c_str(), &appInfo) != APP_MANAGER_ERROR_NONE) {
+        return "";
     }
 
-    if (permission.empty()) {
-        app_info_h appInfo = nullptr;
-        if (app_info_create(appId.c_str(), &appInfo) == APP_MANAGER_ERROR_NONE) {
-            LOGI("Start get GetSupportNimbeCB for [%s]", packageId.c_str());
-            bool supportNimbe = false;
-            if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
-                LOGI("failed to call metadata callback");
-            } else if (supportNimbe) {
-                LOGI("Need to recover [%s] to acceleartors", packageId.c_str());
-                if (dbHelper != nullptr) {
-                    RecoverAcceleratorID(packageId, dbHelper);
-                    permission = WRITE_TILES;
-                }
-            }
-            LOGI("End get GetSupportNimbeCB for [%s]", packageId.c_str());
-
-            LOGI("Start get GetWritePermissionCB for [%s]", packageId.c_str());
-            m_writePermission.clear();
-            if (app_info_foreach_metadata(appInfo, GetWritePermissionCB, this) == APP_MANAGER_ERROR_NONE) {
-                LOGI("success to call metadata callback");
-            } else {
-                LOGI("failed to call metadata callback");
-            }
-            LOGI("End get GetWritePermissionCB for [%s]", packageId.c_str());
-
-            /* A declared privilege overrides what the launcher support gave. */
-            if (!m_writePermission.empty()) {
-                LOGI("m_writePermission is not empty for [%s]", packageId.c_str());
-                permission = m_writePermission;
-            }
-            app_info_destroy(appInfo);
+    std::string permission;
+    LOGI_AS(func, "Start get GetSupportNimbeCB for [%s]", packageId.c_str());
+    bool supportNimbe = false;
+    if (app_info_foreach_metadata(appInfo, GetSupportNimbeCB, &supportNimbe) != APP_MANAGER_ERROR_NONE) {
+        LOGI_AS(func, "failed to call metadata callback");
+    } else if (supportNimbe) {
+        LOGI_AS(func, "Need to recover [%s] to acceleartors", packageId.c_str());
+        if (dbHelper != nullptr) {
+            RecoverAcceleratorID(packageId, dbHelper);
+            permission = *procedure.launcherPrivilege;
         }
     }
+    LOGI_AS(func, "End get GetSupportNimbeCB for [%s]", packageId.c_str());
 
-    return GetPermissionLevel(permission);
+    LOGI_AS(func, "Start get %s for [%s]", procedure.callbackName, packageId.c_str());
+    std::string& declared = this->*procedure.declared;
+    declared.clear();
+    if (app_info_foreach_metadata(appInfo, procedure.callback, this) == APP_MANAGER_ERROR_NONE) {
+        LOGI_AS(func, "success to call metadata callback");
+    } else {
+        LOGI_AS(func, "failed to call metadata callback");
+    }
+    LOGI_AS(func, "End get %s for [%s]", procedure.callbackName, packageId.c_str());
+
+    if (!declared.empty()) {
+        LOGI_AS(func, "%s is not empty for [%s]", procedure.declaredName, packageId.c_str());
+        permission = declared;
+    }
+    app_info_destroy(appInfo);
+    return permission;
 }
 
 /* The package id is pasted between quotes, not bound: the row must then read
@@ -385,14 +367,8 @@ void CPermissionHelper::ValidateColumnForPermissionCB(const char* key, const cha
 
 void CPermissionHelper::ValidateColumnForPermission(const char* key, const char* /*value*/)
 {
-    std::map<std::string, PermissionLevel>* tablePermissions = nullptr;
-    if (m_validateTable == TilesModel::Accelerators::CONTENT_URI) {
-        tablePermissions = &m_acceleratorPermissions;
-    } else if (m_validateTable == TilesModel::Sections::CONTENT_URI) {
-        tablePermissions = &m_sectionPermissions;
-    } else if (m_validateTable == TilesModel::Tiles::CONTENT_URI) {
-        tablePermissions = &m_tilePermissions;
-    } else {
+    std::map<std::string, PermissionLevel>* tablePermissions = TablePermissions(m_validateTable);
+    if (tablePermissions == nullptr) {
         LOGI("%s : unknown table", __func__);
         m_bColumnsValid = false;
         return;
@@ -416,74 +392,14 @@ std::vector<std::string> CPermissionHelper::GetAllowedProjectionForPermission(st
                                                                               std::vector<std::string>& projection,
                                                                               PermissionLevel level)
 {
-    std::vector<std::string> allowed;
-
     if (projection.empty()) {
-        if (level < PERMISSION_LEVEL_PUBLIC) {
-            return allowed;
-        }
-        if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
-            using namespace TilesModel::Accelerators;
-            namespace Internal = TilesInternalModel::Accelerators;
-            allowed = {_ID, ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED, ACCELERATOR_ENABLED,
-                       ACCELERATOR_ID};
-            if (level == PERMISSION_LEVEL_INTERNAL) {
-                allowed.insert(allowed.end(),
-                               {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
-                                Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
-                                Internal::ACCELERATOR_QEB_WEB_APP_ID});
-            }
-        } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
-            using namespace TilesModel::Sections;
-            allowed = {_ID,
-                       SECTION_ID,
-                       SECTION_TITLE,
-                       SECTION_POSITION,
-                       SECTION_ACCELERATOR_RAW_ID,
-                       SECTION_TITLE_DISPLAY_MODE,
-                       SECTION_SUBTITLE_DISPLAY_MODE};
-        } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
-            using namespace TilesModel::Tiles;
-            allowed = {_ID,
-                       TILE_ID,
-                       TILE_SECTION_RAW_ID,
-                       TILE_TYPE,
-                       TILE_TITLE,
-                       TILE_SUBTITLE,
-                       TILE_DISPLAY_FROM,
-                       TILE_DISPLAY_UNTIL,
-                       TILE_ACTION_PLAY,
-                       TILE_ACTION_CLICK,
-                       TILE_ACTION_TYPE,
-                       TILE_ACTION_DETAILS,
-                       TILE_IMAGE_URL,
-                       TILE_IMAGE_PATH,
-                       TILE_IMAGE_WIDTH,
-                       TILE_IMAGE_HEIGHT,
-                       TILE_IMAGE_RATIO,
-                       TILE_SOURCE_ICON,
-                       TILE_SOURCE_ICON_PATH,
-                       TILE_ACTION_PRE_PLAY,
-                       TILE_ACTION_POST_PLAY,
-                       TILE_PLAYABLE,
-                       TILE_PROGRESS,
-                       TILE_NOTIFICATION,
-                       TILE_FAVORITE,
-                       TILE_POSITION,
-                       TILE_EXTRA_APP_ID};
-        }
-        return allowed;
+        return DefaultProjection(tableUri, level);
     }
 
+    std::vector<std::string> allowed;
     for (const std::string& name : projection) {
-        std::map<std::string, PermissionLevel>* tablePermissions = nullptr;
-        if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
-            tablePermissions = &m_acceleratorPermissions;
-        } else if (tableUri == TilesModel::Sections::CONTENT_URI) {
-            tablePermissions = &m_sectionPermissions;
-        } else if (tableUri == TilesModel::Tiles::CONTENT_URI) {
-            tablePermissions = &m_tilePermissions;
-        } else {
+        std::map<std::string, PermissionLevel>* tablePermissions = TablePermissions(tableUri);
+        if (tablePermissions == nullptr) {
             continue;
         }
         /* A name the table does not list is added with level 0 and passes. */
@@ -494,4 +410,77 @@ std::vector<std::string> CPermissionHelper::GetAllowedProjectionForPermission(st
         LOGI("%s : tablePermissions[%s] = %d", __func__, name.c_str(), required);
     }
     return allowed;
+}
+
+std::map<std::string, CPermissionHelper::PermissionLevel>* CPermissionHelper::TablePermissions(
+    const std::string& tableUri)
+{
+    if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+        return &m_acceleratorPermissions;
+    }
+    if (tableUri == TilesModel::Sections::CONTENT_URI) {
+        return &m_sectionPermissions;
+    }
+    if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+        return &m_tilePermissions;
+    }
+    return nullptr;
+}
+
+/* What an empty projection stands for: every column the table shows its
+ * readers; the internal level also sees the accelerators' own columns. */
+std::vector<std::string> CPermissionHelper::DefaultProjection(const std::string& tableUri, PermissionLevel level)
+{
+    if (level < PERMISSION_LEVEL_PUBLIC) {
+        return {};
+    }
+    if (tableUri == TilesModel::Accelerators::CONTENT_URI) {
+        using namespace TilesModel::Accelerators;
+        namespace Internal = TilesInternalModel::Accelerators;
+        std::vector<std::string> allowed = {_ID, ACCELERATOR_TITLE, ACCELERATOR_ICON, ACCELERATOR_ICON_UNFOCUSED,
+                                            ACCELERATOR_ENABLED, ACCELERATOR_ID};
+        if (level == PERMISSION_LEVEL_INTERNAL) {
+            allowed.insert(allowed.end(),
+                           {Internal::ACCELERATOR_POSITION, Internal::ACCELERATOR_APP_PKG_NAME,
+                            Internal::ACCELERATOR_READ_PERMISSION, Internal::ACCELERATOR_WRITE_PERMISSION,
+                            Internal::ACCELERATOR_QEB_WEB_APP_ID});
+        }
+        return allowed;
+    }
+    if (tableUri == TilesModel::Sections::CONTENT_URI) {
+        using namespace TilesModel::Sections;
+        return {_ID,           SECTION_ID, SECTION_TITLE, SECTION_POSITION, SECTION_ACCELERATOR_RAW_ID,
+                SECTION_TITLE_DISPLAY_MODE, SECTION_SUBTITLE_DISPLAY_MODE};
+    }
+    if (tableUri == TilesModel::Tiles::CONTENT_URI) {
+        using namespace TilesModel::Tiles;
+        return {_ID,
+                TILE_ID,
+                TILE_SECTION_RAW_ID,
+                TILE_TYPE,
+                TILE_TITLE,
+                TILE_SUBTITLE,
+                TILE_DISPLAY_FROM,
+                TILE_DISPLAY_UNTIL,
+                TILE_ACTION_PLAY,
+                TILE_ACTION_CLICK,
+                TILE_ACTION_TYPE,
+                TILE_ACTION_DETAILS,
+                TILE_IMAGE_URL,
+                TILE_IMAGE_PATH,
+                TILE_IMAGE_WIDTH,
+                TILE_IMAGE_HEIGHT,
+                TILE_IMAGE_RATIO,
+                TILE_SOURCE_ICON,
+                TILE_SOURCE_ICON_PATH,
+                TILE_ACTION_PRE_PLAY,
+                TILE_ACTION_POST_PLAY,
+                TILE_PLAYABLE,
+                TILE_PROGRESS,
+                TILE_NOTIFICATION,
+                TILE_FAVORITE,
+                TILE_POSITION,
+                TILE_EXTRA_APP_ID};
+    }
+    return {};
 }

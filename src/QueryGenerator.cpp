@@ -1,6 +1,7 @@
 #include "QueryGenerator.h"
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -22,59 +23,38 @@ std::string CQueryGenerator::GetAcceleratorsFilter(std::string packageId)
 
 std::string CQueryGenerator::GetSectionsFilter(std::string packageId)
 {
-    CContentDbConnection* connection = m_pDbHelper != nullptr ? m_pDbHelper->GetConnection() : nullptr;
-    if (connection == nullptr) {
-        LOGE("database is null");
-        return "1 = 0";
-    }
-
-    std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Accelerators::CONTENT_URI);
-    std::vector<std::string> projection = {"_id"};
-    std::shared_ptr<ISQLiteCursor> cursor =
-        connection->SelectRequest(table, projection, GetAcceleratorsFilter(packageId), "");
-    if (cursor == nullptr) {
-        LOGE("cursor is null");
-        return "1 = 0";
-    }
-
-    std::string filter = std::string(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID) + " IN (";
-    char buffer[100];
-    if (cursor->Step() == 0) {
-        int id = 0;
-        cursor->GetInt(0, id);
-        snprintf(buffer, sizeof buffer, "%d", id);
-        filter += buffer;
-        while (cursor->Step() == 0) {
-            id = 0;
-            cursor->GetInt(0, id);
-            snprintf(buffer, sizeof buffer, "%d", id);
-            filter += ",";
-            filter += buffer;
-            LOGI("sections filter = %s", filter.c_str());
-        }
-    }
-    filter += ")";
-    return filter;
+    return IdListFilter(__func__, TilesModel::Accelerators::CONTENT_URI,
+                        [&] { return GetAcceleratorsFilter(packageId); },
+                        TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, "sections");
 }
 
 std::string CQueryGenerator::GetTilesFilter(std::string packageId)
 {
+    return IdListFilter(__func__, TilesModel::Sections::CONTENT_URI, [&] { return GetSectionsFilter(packageId); },
+                        TilesModel::Tiles::TILE_SECTION_RAW_ID, "tiles");
+}
+
+/* "<column> IN (ids)" with the ids of the parent table's rows that
+ * `parentFilter` selects. The filter is logged from the second id on. */
+std::string CQueryGenerator::IdListFilter(const char* func, const char* parentUri,
+                                          const std::function<std::string()>& parentFilter, const char* column,
+                                          const char* name)
+{
     CContentDbConnection* connection = m_pDbHelper != nullptr ? m_pDbHelper->GetConnection() : nullptr;
     if (connection == nullptr) {
-        LOGE("database is null");
+        LOGE_AS(func, "database is null");
         return "1 = 0";
     }
 
-    std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Sections::CONTENT_URI);
+    std::string table = CContentHelper::GetTableNameFromUri(parentUri);
     std::vector<std::string> projection = {"_id"};
-    std::shared_ptr<ISQLiteCursor> cursor =
-        connection->SelectRequest(table, projection, GetSectionsFilter(packageId), "");
+    std::shared_ptr<ISQLiteCursor> cursor = connection->SelectRequest(table, projection, parentFilter(), "");
     if (cursor == nullptr) {
-        LOGE("cursor is null");
+        LOGE_AS(func, "cursor is null");
         return "1 = 0";
     }
 
-    std::string filter = std::string(TilesModel::Tiles::TILE_SECTION_RAW_ID) + " IN (";
+    std::string filter = std::string(column) + " IN (";
     char buffer[100];
     if (cursor->Step() == 0) {
         int id = 0;
@@ -87,7 +67,7 @@ std::string CQueryGenerator::GetTilesFilter(std::string packageId)
             snprintf(buffer, sizeof buffer, "%d", id);
             filter += ",";
             filter += buffer;
-            LOGI("tiles filter = %s", filter.c_str());
+            LOGI_AS(func, "%s filter = %s", name, filter.c_str());
         }
     }
     filter += ")";

@@ -81,14 +81,11 @@ void CTilesProvider::ReleaseInstance()
 
 CTilesProvider::CTilesProvider()
     : m_pAppSectionChangeManager(nullptr)
-    , m_pPermissionHelper(nullptr)
-    , m_pDbHelper(nullptr)
-    , m_pDbLock(nullptr)
     , m_pSyncEventHelper(nullptr)
     , m_bDbCorrupted(false)
     , m_bPowerOffSubscribed(false)
 {
-    m_pDbLock = new CDBLock(DB_LOCK_NAME);
+    m_pDbLock.reset(new CDBLock(DB_LOCK_NAME));
 
     std::string directory = DatabaseDirectory();
     std::string path = directory + DB_FILE_NAME;
@@ -96,7 +93,7 @@ CTilesProvider::CTilesProvider()
     // Only waits (and logs) while the file is missing; the helper creates it.
     isDBFileExist(path);
 
-    m_pDbHelper = new CDbHelper(directory, DB_FILE_NAME, DB_VERSION);
+    m_pDbHelper.reset(new CDbHelper(directory, DB_FILE_NAME, DB_VERSION));
 
     // Not initialised until the rest of the service is up.
     m_pSyncEventHelper = new CMessageHelper(PREVIEW_EVENT_PORT_NAME);
@@ -116,9 +113,9 @@ CTilesProvider::CTilesProvider()
         m_pDbHelper->OnCreate(pConnection);
     }
 
-    m_pAppSectionChangeManager = new CAppSectionChangeManager(m_pDbHelper);
+    m_pAppSectionChangeManager = new CAppSectionChangeManager(m_pDbHelper.get());
 
-    m_pPermissionHelper = new CPermissionHelper();
+    m_pPermissionHelper.reset(new CPermissionHelper());
 
     if (m_pAppSectionChangeManager != nullptr) {
         m_pAppSectionChangeManager->RefreshLauncherItemFromBackup();
@@ -137,18 +134,16 @@ CTilesProvider::CTilesProvider()
     }
 }
 
-/* The message helper is not deleted: it lives, with its port, until the
- * process exits. */
+/* Taken down in this order: the change manager, the permission helper, the
+ * database, the callbacks, the power-off watch, the lock. The message helper
+ * is not deleted: it lives, with its port, until the process exits. */
 CTilesProvider::~CTilesProvider()
 {
     delete m_pAppSectionChangeManager;
     m_pAppSectionChangeManager = nullptr;
 
-    delete m_pPermissionHelper;
-    m_pPermissionHelper = nullptr;
-
-    delete m_pDbHelper;
-    m_pDbHelper = nullptr;
+    m_pPermissionHelper.reset();
+    m_pDbHelper.reset();
 
     unregisterDatabaseCB();
     DeinitializeDatacontrolProvider();
@@ -161,8 +156,7 @@ CTilesProvider::~CTilesProvider()
     m_bDbCorrupted = false;
     m_packageIdCache.clear();
 
-    delete m_pDbLock;
-    m_pDbLock = nullptr;
+    m_pDbLock.reset();
 }
 
 bool CTilesProvider::isDBFileExist(std::string path)
@@ -254,7 +248,7 @@ std::string CTilesProvider::GetPackageId(std::string appId)
         return cached->second;
     }
 
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     std::string packageId = appId;
     char* pPackageId = nullptr;
     if (package_manager_get_package_id_by_app_id(appId.c_str(), &pPackageId) == PACKAGE_MANAGER_ERROR_NONE &&
@@ -322,29 +316,40 @@ bool IsWritableUri(const std::string& uri)
     return uri == TilesModel::Sections::CONTENT_URI || uri == TilesModel::Tiles::CONTENT_URI;
 }
 
+/* One kind of the content library's callbacks: how to register it for a
+ * table and how to remove it, and the words its failures are logged with. */
+struct DatabaseCallbackKind
+{
+    std::function<bool(const std::string& uri, void* pUserData)> Register;
+    std::function<bool(const std::string& uri)> Unregister;
+    const char* registerWords;
+    const char* unregisterWords;
+};
+
+template <typename Callback>
+DatabaseCallbackKind Kind(bool (*doRegister)(std::string, Callback, void*), Callback callback,
+                          bool (*doUnregister)(std::string), const char* registerWords, const char* unregisterWords)
+{
+    return DatabaseCallbackKind{[=](const std::string& uri, void* pUserData) { return doRegister(uri, callback, pUserData); },
+                                [=](const std::string& uri) { return doUnregister(uri); }, registerWords,
+                                unregisterWords};
+}
+
 /* One (kind, table) pair of the content library's callbacks, with its texts. */
 struct DatabaseCallbackRegistration
 {
     std::function<bool()> Register;
     std::function<bool()> Unregister;
-    const char* registerFailure;
-    const char* unregisterFailure;
+    std::string registerFailure;
+    std::string unregisterFailure;
 };
 
-/* The 21 registrations in their order: kinds insert, insert bulk, delete,
- * select, update, update bulk, get id; within a kind Accelerators, Sections,
- * Tiles. The bulk-insert removals report with the plain insert texts, and the
- * removal texts say "get ID" where registration says "get id  "; both kept. */
-std::vector<DatabaseCallbackRegistration> DatabaseCallbackRegistrations(CTilesProvider* pProvider)
+/* The kinds in their order: insert, insert bulk, delete, select, update,
+ * update bulk, get id. The bulk-insert removals report with the plain insert
+ * words, and the removals say "get ID" where registration says "get id " (so
+ * its line has two blanks); both kept. */
+std::vector<DatabaseCallbackKind> DatabaseCallbackKinds()
 {
-    const std::string accelerators = TilesModel::Accelerators::CONTENT_URI;
-    const std::string sections = TilesModel::Sections::CONTENT_URI;
-    const std::string tiles = TilesModel::Tiles::CONTENT_URI;
-
-    auto entry = [](std::function<bool()> doRegister, std::function<bool()> doUnregister, const char* registerFailure,
-                    const char* unregisterFailure) {
-        return DatabaseCallbackRegistration{doRegister, doUnregister, registerFailure, unregisterFailure};
-    };
     ContentInsertCallback insertCB = &CTilesProvider::InsertRequestCB;
     ContentBulkInsertCallback bulkInsertCB = &CTilesProvider::InsertRequestCB;
     ContentDeleteCallback deleteCB = &CTilesProvider::DeleteRequestCB;
@@ -352,100 +357,39 @@ std::vector<DatabaseCallbackRegistration> DatabaseCallbackRegistrations(CTilesPr
     ContentUpdateCallback updateCB = &CTilesProvider::UpdateRequestCB;
     ContentBulkUpdateCallback bulkUpdateCB = &CTilesProvider::UpdateRequestCB;
     ContentGetIdCallback getIdCB = &CTilesProvider::GetRowIDRequestCB;
-    void* pUserData = pProvider;
-
     return {
-        entry([=] { return register_insert_db_callback(std::string(accelerators), insertCB, pUserData); },
-              [=] { return unregister_insert_db_callback(std::string(accelerators)); },
-              "failed to register insert callback for Accelerators table",
-              "failed to unregister insert callback for Accelerators table"),
-        entry([=] { return register_insert_db_callback(std::string(sections), insertCB, pUserData); },
-              [=] { return unregister_insert_db_callback(std::string(sections)); },
-              "failed to register insert callback for Sections table",
-              "failed to unregister insert callback for Sections table"),
-        entry([=] { return register_insert_db_callback(std::string(tiles), insertCB, pUserData); },
-              [=] { return unregister_insert_db_callback(std::string(tiles)); },
-              "failed to register insert callback for Tiles table",
-              "failed to unregister insert callback for Tiles table"),
-
-        entry([=] { return register_insert_db_callback_for_bulkdata(std::string(accelerators), bulkInsertCB, pUserData); },
-              [=] { return unregister_insert_db_callback_for_bulkdata(std::string(accelerators)); },
-              "failed to register insert bulk data callback for Accelerators table",
-              "failed to unregister insert callback for Accelerators table"),
-        entry([=] { return register_insert_db_callback_for_bulkdata(std::string(sections), bulkInsertCB, pUserData); },
-              [=] { return unregister_insert_db_callback_for_bulkdata(std::string(sections)); },
-              "failed to register insert bulk data callback for Sections table",
-              "failed to unregister insert callback for Sections table"),
-        entry([=] { return register_insert_db_callback_for_bulkdata(std::string(tiles), bulkInsertCB, pUserData); },
-              [=] { return unregister_insert_db_callback_for_bulkdata(std::string(tiles)); },
-              "failed to register insert bulk data callback for Tiles table",
-              "failed to unregister insert callback for Tiles table"),
-
-        entry([=] { return register_delete_db_callback(std::string(accelerators), deleteCB, pUserData); },
-              [=] { return unregister_delete_db_callback(std::string(accelerators)); },
-              "failed to register delete callback for Accelerators table",
-              "failed to unregister delete callback for Accelerators table"),
-        entry([=] { return register_delete_db_callback(std::string(sections), deleteCB, pUserData); },
-              [=] { return unregister_delete_db_callback(std::string(sections)); },
-              "failed to register delete callback for Sections table",
-              "failed to unregister delete callback for Sections table"),
-        entry([=] { return register_delete_db_callback(std::string(tiles), deleteCB, pUserData); },
-              [=] { return unregister_delete_db_callback(std::string(tiles)); },
-              "failed to register delete callback for Tiles table",
-              "failed to unregister delete callback for Tiles table"),
-
-        entry([=] { return register_select_db_callback(std::string(accelerators), selectCB, pUserData); },
-              [=] { return unregister_select_db_callback(std::string(accelerators)); },
-              "failed to register select callback for Accelerators table",
-              "failed to unregister select callback for Accelerators table"),
-        entry([=] { return register_select_db_callback(std::string(sections), selectCB, pUserData); },
-              [=] { return unregister_select_db_callback(std::string(sections)); },
-              "failed to register select callback for Sections table",
-              "failed to unregister select callback for Sections table"),
-        entry([=] { return register_select_db_callback(std::string(tiles), selectCB, pUserData); },
-              [=] { return unregister_select_db_callback(std::string(tiles)); },
-              "failed to register select callback for Tiles table",
-              "failed to unregister select callback for Tiles table"),
-
-        entry([=] { return register_update_db_callback(std::string(accelerators), updateCB, pUserData); },
-              [=] { return unregister_update_db_callback(std::string(accelerators)); },
-              "failed to register update callback for Accelerators table",
-              "failed to unregister update callback for Accelerators table"),
-        entry([=] { return register_update_db_callback(std::string(sections), updateCB, pUserData); },
-              [=] { return unregister_update_db_callback(std::string(sections)); },
-              "failed to register update callback for Sections table",
-              "failed to unregister update callback for Sections table"),
-        entry([=] { return register_update_db_callback(std::string(tiles), updateCB, pUserData); },
-              [=] { return unregister_update_db_callback(std::string(tiles)); },
-              "failed to register update callback for Tiles table",
-              "failed to unregister update callback for Tiles table"),
-
-        entry([=] { return register_update_db_callback_for_bulkdata(std::string(accelerators), bulkUpdateCB, pUserData); },
-              [=] { return unregister_update_db_callback_for_bulkdata(std::string(accelerators)); },
-              "failed to register update bulk data callback for Accelerators table",
-              "failed to unregister update bulk data callback for Accelerators table"),
-        entry([=] { return register_update_db_callback_for_bulkdata(std::string(sections), bulkUpdateCB, pUserData); },
-              [=] { return unregister_update_db_callback_for_bulkdata(std::string(sections)); },
-              "failed to register update bulk data callback for Sections table",
-              "failed to unregister update bulk data callback for Sections table"),
-        entry([=] { return register_update_db_callback_for_bulkdata(std::string(tiles), bulkUpdateCB, pUserData); },
-              [=] { return unregister_update_db_callback_for_bulkdata(std::string(tiles)); },
-              "failed to register update bulk data callback for Tiles table",
-              "failed to unregister update bulk data callback for Tiles table"),
-
-        entry([=] { return register_get_id_db_callback(std::string(accelerators), getIdCB, pUserData); },
-              [=] { return unregister_get_id_db_callback(std::string(accelerators)); },
-              "failed to register get id  callback for Accelerators table",
-              "failed to unregister get ID callback for Accelerators table"),
-        entry([=] { return register_get_id_db_callback(std::string(sections), getIdCB, pUserData); },
-              [=] { return unregister_get_id_db_callback(std::string(sections)); },
-              "failed to register get id  callback for Sections table",
-              "failed to unregister get ID callback for Sections table"),
-        entry([=] { return register_get_id_db_callback(std::string(tiles), getIdCB, pUserData); },
-              [=] { return unregister_get_id_db_callback(std::string(tiles)); },
-              "failed to register get id  callback for Tiles table",
-              "failed to unregister get ID callback for Tiles table"),
+        Kind(register_insert_db_callback, insertCB, unregister_insert_db_callback, "insert", "insert"),
+        Kind(register_insert_db_callback_for_bulkdata, bulkInsertCB, unregister_insert_db_callback_for_bulkdata,
+             "insert bulk data", "insert"),
+        Kind(register_delete_db_callback, deleteCB, unregister_delete_db_callback, "delete", "delete"),
+        Kind(register_select_db_callback, selectCB, unregister_select_db_callback, "select", "select"),
+        Kind(register_update_db_callback, updateCB, unregister_update_db_callback, "update", "update"),
+        Kind(register_update_db_callback_for_bulkdata, bulkUpdateCB, unregister_update_db_callback_for_bulkdata,
+             "update bulk data", "update bulk data"),
+        Kind(register_get_id_db_callback, getIdCB, unregister_get_id_db_callback, "get id ", "get ID"),
     };
+}
+
+/* The 21 registrations: every kind for Accelerators, Sections and Tiles, in that order. */
+std::vector<DatabaseCallbackRegistration> DatabaseCallbackRegistrations(CTilesProvider* pProvider)
+{
+    const std::pair<const char*, const char*> tables[] = {
+        {TilesModel::Accelerators::CONTENT_URI, "Accelerators"},
+        {TilesModel::Sections::CONTENT_URI, "Sections"},
+        {TilesModel::Tiles::CONTENT_URI, "Tiles"},
+    };
+    std::vector<DatabaseCallbackRegistration> registrations;
+    for (const DatabaseCallbackKind& kind : DatabaseCallbackKinds()) {
+        for (const auto& table : tables) {
+            std::string uri = table.first;
+            std::string tableWords = std::string(" callback for ") + table.second + " table";
+            void* pUserData = pProvider;
+            registrations.push_back({[=] { return kind.Register(uri, pUserData); }, [=] { return kind.Unregister(uri); },
+                                     "failed to register " + std::string(kind.registerWords) + tableWords,
+                                     "failed to unregister " + std::string(kind.unregisterWords) + tableWords});
+        }
+    }
+    return registrations;
 }
 
 }  // namespace
@@ -476,7 +420,7 @@ void CTilesProvider::registerDatabaseCB()
     for (size_t i = 1; i < registrations.size(); ++i) {
         DatabaseCallbackRegistration& registration = registrations[i];
         if (!registration.Register()) {
-            LOGI("%s", registration.registerFailure);
+            LOGI("%s", registration.registerFailure.c_str());
             registration.Unregister();
             registration.Register();
         }
@@ -487,14 +431,14 @@ void CTilesProvider::unregisterDatabaseCB()
 {
     for (DatabaseCallbackRegistration& registration : DatabaseCallbackRegistrations(this)) {
         if (!registration.Unregister()) {
-            LOGI("%s", registration.unregisterFailure);
+            LOGI("%s", registration.unregisterFailure.c_str());
         }
     }
 }
 
 void CTilesProvider::InitializeDatacontrolProvider()
 {
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
 
     data_control_provider_sql_cb callbacks = {};
     callbacks.insert_cb = InsertRequestCB;
@@ -512,7 +456,7 @@ void CTilesProvider::InitializeDatacontrolProvider()
 
 void CTilesProvider::DeinitializeDatacontrolProvider()
 {
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
 
     int result = data_control_provider_sql_unregister_cb();
     if (result != DATA_CONTROL_ERROR_NONE) {
@@ -522,24 +466,17 @@ void CTilesProvider::DeinitializeDatacontrolProvider()
     }
 }
 
-CPermissionHelper::PermissionLevel CTilesProvider::LockedWritePermissionLevel(const std::string& appId,
-                                                                             const std::string& packageId)
+CPermissionHelper::PermissionLevel CTilesProvider::LockedPermissionLevel(Access access, const std::string& appId,
+                                                                         const std::string& packageId)
 {
     if (m_pPermissionHelper == nullptr) {
         return CPermissionHelper::PERMISSION_LEVEL_NONE;
     }
-    CDBLocalScopedLock lock(m_pDbLock);
-    return m_pPermissionHelper->GetWritePermissionLevel(appId, packageId, m_pDbHelper);
-}
-
-CPermissionHelper::PermissionLevel CTilesProvider::LockedReadPermissionLevel(const std::string& appId,
-                                                                            const std::string& packageId)
-{
-    if (m_pPermissionHelper == nullptr) {
-        return CPermissionHelper::PERMISSION_LEVEL_NONE;
+    CDBLocalScopedLock lock(m_pDbLock.get());
+    if (access == Access::WRITE) {
+        return m_pPermissionHelper->GetWritePermissionLevel(appId, packageId, m_pDbHelper.get());
     }
-    CDBLocalScopedLock lock(m_pDbLock);
-    return m_pPermissionHelper->GetReadPermissionLevel(appId, packageId, m_pDbHelper);
+    return m_pPermissionHelper->GetReadPermissionLevel(appId, packageId, m_pDbHelper.get());
 }
 
 CContentDbConnection* CTilesProvider::Connection()
@@ -547,69 +484,95 @@ CContentDbConnection* CTilesProvider::Connection()
     return (m_pDbHelper != nullptr) ? m_pDbHelper->GetConnection() : nullptr;
 }
 
-int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
+/* The opening of every request handler, logging in the handler's name `func`:
+ * a write must name the sections or tiles table; the caller's package and its
+ * read or write level; a level below public is refused; then the connection.
+ * RESULT_SUCCESS with `scope` filled, or the handler's result code. */
+int CTilesProvider::OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
+                                RequestScope& scope)
 {
-    out.nRowId = -1;
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
+    if (access == Access::WRITE && !IsWritableUri(uri)) {
+        LOGI_AS(func, "failed by invalid URI");
         return RESULT_INVALID_URI;
     }
 
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
+    scope.packageId = GetPackageId(appId);
+    LOGD_AS(func, "AppId = %s\tPackageId = %s", appId.c_str(), scope.packageId.c_str());
 
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
+    scope.level = LockedPermissionLevel(access, appId, scope.packageId);
+    LOGD_AS(func, "%s permission level = %d", access == Access::WRITE ? "write" : "read", scope.level);
+    if (scope.level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
+        LOGI_AS(func, "failed by permission");
         return RESULT_PERMISSION_DENIED;
     }
 
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
+    scope.pConnection = Connection();
+    return (scope.pConnection == nullptr) ? RESULT_FAILED : RESULT_SUCCESS;
+}
+
+/* The client's where clause confined to the caller's own rows of `table`. */
+std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& table, const std::string& where,
+                                          const RequestScope& scope)
+{
+    CQueryGenerator queryGenerator(m_pDbHelper.get());
+    std::string confined = queryGenerator.GenerateQuery(table, where, scope.packageId, scope.level);
+    LOGD_AS(func, "generated query = %s", confined.c_str());
+    return confined;
+}
+
+/* Opens a bulk's transaction and runs `body`, which says how the bulk ended
+ * (its result and whether to commit); an empty bulk and an exception roll back. */
+int CTilesProvider::InBulkTransaction(const char* func, CContentDbConnection* pConnection, bool bEmpty,
+                                      const std::function<BulkOutcome()>& body)
+{
+    pConnection->BeginTransaction();
+    if (bEmpty) {
+        pConnection->EndTransaction(false);
         return RESULT_FAILED;
+    }
+    try {
+        BulkOutcome outcome = body();
+        pConnection->EndTransaction(outcome.bCommit);
+        return outcome.result;
+    } catch (...) {
+        LOGI_AS(func, "failed by exception");
+        pConnection->EndTransaction(false);
+        return RESULT_FAILED;
+    }
+}
+
+int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
+{
+    out.nRowId = -1;
+    RequestScope scope;
+    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
     }
 
     // The row is written as the client sent it: no column check.
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    int result = pConnection->InsertRequest(table, in.pValues);
+    int result = scope.pConnection->InsertRequest(table, in.pValues);
     if (result == 0) {
-        out.nRowId = pConnection->GetLastInsertRowID();
+        out.nRowId = scope.pConnection->GetLastInsertRowID();
     }
     return result;
 }
 
+/* All rows or none: the first failure rolls the bulk back. */
 int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
     out.nRowId = -1;
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
+    RequestScope scope;
+    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
     }
 
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    pConnection->BeginTransaction();
-    if (in.vecValues.empty()) {
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
-
-    try {
+    CContentDbConnection* pConnection = scope.pConnection;
+    const char* const func = __func__;
+    return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
         int result = 0;
         for (bundle* pValues : in.vecValues) {
             std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
@@ -619,62 +582,42 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
             }
             out.nRowId = pConnection->GetLastInsertRowID();
         }
-
         if (result == 0) {
-            pConnection->EndTransaction(true);
-            return RESULT_SUCCESS;
+            return {RESULT_SUCCESS, true};
         }
-        LOGI("failed to InsertRequest for bulk");
+        LOGI_AS(func, "failed to InsertRequest for bulk");
         out.nRowId = -1;
-        pConnection->EndTransaction(false);
-        return result;
-    } catch (...) {
-        LOGI("failed by exception");
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
+        return {result, false};
+    });
 }
 
 bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
 {
     out.nRequestId = -1;
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedReadPermissionLevel(in.strAppId, packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return false;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
+    RequestScope scope;
+    if (OpenRequest(__func__, Access::READ, in.strAppId, in.strUri, scope) != RESULT_SUCCESS) {
         return false;
     }
 
     std::vector<std::string> projection;
     if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, level);
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
     }
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
+    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
     if (in.vecWhereArgs.size() == 1) {
         LOGD(" %s", in.vecWhereArgs[0].c_str());
     }
 
     std::shared_ptr<ISQLiteCursor> cursor =
-        pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+        scope.pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
     if (cursor == nullptr) {
         LOGI("failed to get cursor");
         return false;
     }
 
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     CSharedQueryObject::StoreCursor(cursor, table, out.strSharedName, out.nColumnCount);
     out.nRequestId = CSharedQueryObject::GetRequestID();
     return true;
@@ -682,32 +625,15 @@ bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_
 
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& /*out*/)
 {
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
-    }
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
+    RequestScope scope;
+    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
     }
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-
-    return pConnection->UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
+    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
+    return scope.pConnection->UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
 }
 
 /* Each bundle names its row by id. The rows are not confined to the caller's
@@ -716,106 +642,54 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_U
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& /*out*/)
 {
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
+    RequestScope scope;
+    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
     }
 
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
-    }
-
-    pConnection->BeginTransaction();
-    if (in.vecValues.empty()) {
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
-
-    int lastResult = RESULT_FAILED;
-    try {
+    CContentDbConnection* pConnection = scope.pConnection;
+    const char* const func = __func__;
+    return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
+        int lastResult = RESULT_FAILED;
         for (bundle* pValues : in.vecValues) {
             const char* pRowId = bundle_get_val(pValues, BULK_UPDATE_ROW_ID_KEY);
             std::vector<std::string> whereArgs = {(pRowId != nullptr) ? pRowId : ""};
 
             if (bundle_del(pValues, BULK_UPDATE_ROW_ID_KEY) != BUNDLE_ERROR_NONE) {
                 // Commits what an earlier bundle of this bulk updated, if any.
-                LOGI("failed to delete row ID bundle for bulk");
-                pConnection->EndTransaction(lastResult == 0);
-                return lastResult;
+                LOGI_AS(func, "failed to delete row ID bundle for bulk");
+                return {lastResult, lastResult == 0};
             }
 
             std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
             lastResult = pConnection->UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
             if (lastResult != 0) {
-                LOGI("failed to UpdateRequest for bulk");
-                pConnection->EndTransaction(false);
-                return lastResult;
+                LOGI_AS(func, "failed to UpdateRequest for bulk");
+                return {lastResult, false};
             }
         }
-        pConnection->EndTransaction(true);
-        return RESULT_SUCCESS;
-    } catch (...) {
-        LOGI("failed by exception");
-        pConnection->EndTransaction(false);
-        return RESULT_FAILED;
-    }
+        return {RESULT_SUCCESS, true};
+    });
 }
 
 int CTilesProvider::DeleteRequest(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    if (!IsWritableUri(in.strUri)) {
-        LOGI("failed by invalid URI");
-        return RESULT_INVALID_URI;
-    }
-
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedWritePermissionLevel(in.strAppId, packageId);
-    LOGD("write permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return RESULT_PERMISSION_DENIED;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
-        return RESULT_FAILED;
+    RequestScope scope;
+    int opened = OpenRequest(__func__, Access::WRITE, in.strAppId, in.strUri, scope);
+    if (opened != RESULT_SUCCESS) {
+        return opened;
     }
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-
-    return pConnection->DeleteRequest(table, where, in.vecWhereArgs);
+    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
+    return scope.pConnection->DeleteRequest(table, where, in.vecWhereArgs);
 }
 
 bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
 {
-    std::string packageId = GetPackageId(in.strAppId);
-    LOGD("AppId = %s\tPackageId = %s", in.strAppId.c_str(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = LockedReadPermissionLevel(in.strAppId, packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        LOGI("failed by permission");
-        return false;
-    }
-
-    CContentDbConnection* pConnection = Connection();
-    if (pConnection == nullptr) {
+    RequestScope scope;
+    if (OpenRequest(__func__, Access::READ, in.strAppId, in.strUri, scope) != RESULT_SUCCESS) {
         return false;
     }
 
@@ -823,16 +697,13 @@ bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDE
     in.vecProjection = {TilesModel::BaseColumnsID};
     std::vector<std::string> projection = in.vecProjection;
     if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, level);
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
     }
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    CQueryGenerator queryGenerator(m_pDbHelper);
-    std::string where = queryGenerator.GenerateQuery(table, in.strWhere, packageId, level);
-    LOGD("generated query = %s", where.c_str());
-
+    std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
     std::shared_ptr<ISQLiteCursor> cursor =
-        pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
+        scope.pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
     if (cursor == nullptr) {
         LOGI("failed to get cursor");
         return false;
@@ -851,13 +722,32 @@ bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDE
     return true;
 }
 
-/* ---- content-library road --------------------------------------------------- */
+/* ---- content-library interface -------------------------------------------------- */
+
+/* The provider a content-library request carries; null (logged in the
+ * handler's name) when it carries none. */
+CTilesProvider* CTilesProvider::ContentRequestProvider(const char* func, void* pUserData)
+{
+    CTilesProvider* pProvider = static_cast<CTilesProvider*>(pUserData);
+    if (pProvider == nullptr) {
+        LOGI_AS(func, "failed by NULL user_data");
+    }
+    return pProvider;
+}
+
+void CTilesProvider::LogSyncEventResult(const char* func, int sendResult)
+{
+    if (sendResult == 0) {
+        LOGI_AS(func, "success to send sync event");
+    } else {
+        LOGI_AS(func, "failed to send event : %d", sendResult);
+    }
+}
 
 int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return RESULT_FAILED;
     }
 
@@ -871,13 +761,8 @@ int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER
     if (event == TILES_EVENT_SYNC_END) {
         // The end of a client's batch: relayed as an event, nothing is written.
         const char* pSectionRawId = bundle_get_val(in.pValues, TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        int sendResult = pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, in.strAppId.c_str(),
-                                                  pSectionRawId, false);
-        if (sendResult == 0) {
-            LOGI("success to send sync event");
-        } else {
-            LOGI("failed to send event : %d", sendResult);
-        }
+        LogSyncEventResult(__func__, pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
+                                                              in.strAppId.c_str(), pSectionRawId, false));
         // The client reads a sync mark as not inserted, success included.
         return RESULT_FAILED;
     }
@@ -888,9 +773,8 @@ int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER
 int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                     PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return RESULT_FAILED;
     }
 
@@ -901,22 +785,16 @@ int CTilesProvider::InsertRequestCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in
         const char* pSectionRawId = in.vecValues.empty()
                                         ? nullptr
                                         : bundle_get_val(in.vecValues.back(), TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        int sendResult = pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, in.strAppId.c_str(),
-                                                  pSectionRawId, true);
-        if (sendResult == 0) {
-            LOGI("success to send sync event");
-        } else {
-            LOGI("failed to send event : %d", sendResult);
-        }
+        LogSyncEventResult(__func__, pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT,
+                                                              in.strAppId.c_str(), pSectionRawId, true));
     }
     return result;
 }
 
 bool CTilesProvider::SelectRequestCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return false;
     }
 
@@ -931,9 +809,8 @@ bool CTilesProvider::SelectRequestCB(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDE
 
 int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return RESULT_FAILED;
     }
 
@@ -942,12 +819,12 @@ int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER
     return result;
 }
 
+/* A bulk update sends no synchronisation event. */
 int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                     PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return RESULT_FAILED;
     }
 
@@ -958,9 +835,8 @@ int CTilesProvider::UpdateRequestCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in
 
 int CTilesProvider::DeleteRequestCB(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return RESULT_FAILED;
     }
 
@@ -968,22 +844,16 @@ int CTilesProvider::DeleteRequestCB(PT_PROVIDER_DELETE_IN_PARAM& in)
     LOGI("DELETE result = %d", result);
 
     if (result == 0) {
-        int sendResult =
-            pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_DELETE, in.strAppId.c_str(), "delete", true);
-        if (sendResult == 0) {
-            LOGI("success to send sync event");
-        } else {
-            LOGI("failed to send event : %d", sendResult);
-        }
+        LogSyncEventResult(__func__, pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_DELETE,
+                                                              in.strAppId.c_str(), "delete", true));
     }
     return result;
 }
 
 bool CTilesProvider::GetRowIDRequestCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
 {
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(in.pUserData);
+    CTilesProvider* pProvider = ContentRequestProvider(__func__, in.pUserData);
     if (pProvider == nullptr) {
-        LOGI("failed by NULL user_data");
         return false;
     }
 
@@ -992,13 +862,13 @@ bool CTilesProvider::GetRowIDRequestCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVI
     return result;
 }
 
-/* ---- data-control road -------------------------------------------------------- */
+/* ---- data-control interface ----------------------------------------------------- */
 
 /* The caller's application id, fetched under the lock; null when it cannot be had. */
 CTilesProvider::PlatformTextHolder CTilesProvider::FetchClientAppId(int requestId)
 {
     char* pAppId = nullptr;
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     int result = data_control_provider_get_client_appid(requestId, &pAppId);
     if (result != DATA_CONTROL_ERROR_NONE) {
         LOGI("failed to datacontrol_provider_get_client_appid : %d", result);
@@ -1011,7 +881,7 @@ void CTilesProvider::FetchProviderAndDataId(data_control_s* provider, PlatformTe
 {
     char* pProviderId = nullptr;
     char* pDataId = nullptr;
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     int result = data_control_sql_get_provider_id(provider, &pProviderId);
     if (result != DATA_CONTROL_ERROR_NONE) {
         LOGI("failed to data_control_sql_get_provider_id : %d", result);
@@ -1024,43 +894,75 @@ void CTilesProvider::FetchProviderAndDataId(data_control_s* provider, PlatformTe
     dataId.reset(pDataId);
 }
 
+/* The provider a data-control request carries. When it (or the request's
+ * data) is missing the request is answered with `errorText` and null comes
+ * back; the lines are written in the handler's name. */
+CTilesProvider* CTilesProvider::DataControlRequestProvider(const char* func, int requestId, void* userData,
+                                                           bool bDataPresent, const char* errorText,
+                                                           const char* logText)
+{
+    LOGD_AS(func, "request_id = %d", requestId);
+    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
+    if (pProvider == nullptr || !bDataPresent) {
+        data_control_provider_send_error(requestId, errorText);
+        LOGI_AS(func, "%s", logText);
+        return nullptr;
+    }
+    return pProvider;
+}
+
+/* The request's provider id and data id; false (logged in the handler's
+ * name) when they or the caller's id cannot be had. */
+bool CTilesProvider::FetchRequestUri(const char* func, data_control_s* provider, const PlatformTextHolder& appId,
+                                     PlatformTextHolder& providerId, PlatformTextHolder& dataId)
+{
+    FetchProviderAndDataId(provider, providerId, dataId);
+    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
+        LOGI_AS(func, "failed by invalid URI");
+        return false;
+    }
+    return true;
+}
+
+/* A client's end of batch is relayed as an event; its start is dropped.
+ * True when `insertData` was such a mark. */
+bool CTilesProvider::RelaySyncMark(const char* func, bundle* insertData, const PlatformTextHolder& appId)
+{
+    TilesEvent event = GetSyncEvent(insertData);
+    if (event == TILES_EVENT_SYNC_END) {
+        const char* pSectionRawId = bundle_get_val(insertData, TilesModel::Tiles::TILE_SECTION_RAW_ID);
+        if (appId == nullptr) {
+            LOGI_AS(func, "pAppId is NULL");
+            return true;
+        }
+        int sendResult = SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, appId.get(), pSectionRawId, false);
+        if (sendResult == 0) {
+            LOGI_AS(func, "success to send sync event : %s", appId.get());
+        } else {
+            LOGI_AS(func, "failed to send event : %d", sendResult);
+        }
+        return true;
+    }
+    return event == TILES_EVENT_SYNC_START;
+}
+
 void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _bundle_t* insertData, void* userData)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
-    if (pProvider == nullptr || insertData == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data or insert_data");
-        LOGI("failed by NULL user_data or insert_data");
+    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, insertData != nullptr,
+                                                           "failed by NULL user_data or insert_data",
+                                                           "failed by NULL user_data or insert_data");
+    if (pProvider == nullptr) {
         return;
     }
 
     PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-
-    TilesEvent event = pProvider->GetSyncEvent(insertData);
-    if (event == TILES_EVENT_SYNC_END) {
-        const char* pSectionRawId = bundle_get_val(insertData, TilesModel::Tiles::TILE_SECTION_RAW_ID);
-        if (appId == nullptr) {
-            LOGI("pAppId is NULL");
-            return;
-        }
-        int sendResult = pProvider->SendSyncEvent(TILES_EVENT_SYNC_END, DB_OPERATION_INSERT, appId.get(),
-                                                  pSectionRawId, false);
-        if (sendResult == 0) {
-            LOGI("success to send sync event : %s", appId.get());
-        } else {
-            LOGI("failed to send event : %d", sendResult);
-        }
-        return;
-    }
-    if (event == TILES_EVENT_SYNC_START) {
+    if (pProvider->RelaySyncMark(__func__, insertData, appId)) {
         return;
     }
 
     PlatformTextHolder providerId = NoText();
     PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
+    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
         return;
     }
 
@@ -1073,7 +975,7 @@ void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _b
     int result = pProvider->InsertRequest(in, out);
 
     if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
+        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
         int sendResult = data_control_provider_send_insert_result(requestId, out.nRowId);
         if (sendResult != DATA_CONTROL_ERROR_NONE) {
             LOGI("failed to data_control_provider_send_insert_result failed : %d", sendResult);
@@ -1082,77 +984,48 @@ void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _b
     LOGI("[%s] INSERT row id = %lld", appId.get(), static_cast<long long>(out.nRowId));
 }
 
-void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
-                                     char const* where, char const* order, void* userData)
+/* The requested columns that `level` may read, in the requested order. */
+std::vector<std::string> CTilesProvider::ReadableColumns(const std::string& uri, char const** columns,
+                                                         int columnCount, CPermissionHelper::PermissionLevel level)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
-    if (pProvider == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data");
-        LOGI("failed SELECT by NULL user_data");
-        return;
-    }
-
-    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
-    PlatformTextHolder providerId = NoText();
-    PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
-        return;
-    }
-
-    std::string packageId = pProvider->GetPackageId(appId.get());
-    LOGD("AppId = %s\tPackageId = %s", appId.get(), packageId.c_str());
-
-    CPermissionHelper::PermissionLevel level = pProvider->LockedReadPermissionLevel(appId.get(), packageId);
-    LOGD("read permission level = %d", level);
-    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
-        data_control_provider_send_error(requestId, "failed SELECT by permission");
-        LOGI("failed SELECT by permission");
-        return;
-    }
-
-    std::string uri = std::string(providerId.get()) + "/" + dataId.get();
     std::vector<std::string> projection;
     for (int i = 0; i < columnCount && columns != nullptr; ++i) {
         if (columns[i] != nullptr) {
             projection.push_back(columns[i]);
         }
     }
-    if (pProvider->m_pPermissionHelper != nullptr) {
-        projection = pProvider->m_pPermissionHelper->GetAllowedProjectionForPermission(uri, projection, level);
+    if (m_pPermissionHelper != nullptr) {
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(uri, projection, level);
     }
-    std::vector<const char*> allowedColumns;
-    for (const std::string& column : projection) {
-        allowedColumns.push_back(column.c_str());
+    return projection;
+}
+
+/* Builds the platform's statement for the request and answers with its
+ * rows. The lock is held until the statement is finalised: the platform
+ * reads the rows while no other request uses the connection. */
+void CTilesProvider::AnswerSelect(const char* func, int requestId, data_control_s* provider,
+                                  const std::vector<std::string>& columns, const std::string& where, char const* order)
+{
+    std::vector<const char*> columnNames;
+    for (const std::string& column : columns) {
+        columnNames.push_back(column.c_str());
     }
 
-    // On this road the data id is the table's name.
-    CQueryGenerator queryGenerator(pProvider->m_pDbHelper);
-    std::string generatedWhere =
-        queryGenerator.GenerateQuery(dataId.get(), (where != nullptr) ? where : "", packageId, level);
-    LOGD("generated query = %s", generatedWhere.c_str());
-
-    // Held until the statement is finalised: the platform reads its rows
-    // while no other request uses the connection.
-    CDBLocalScopedLock lock(pProvider->m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
     PlatformTextHolder statementText(
-        data_control_provider_create_select_statement(provider, allowedColumns.data(),
-                                                      static_cast<int>(allowedColumns.size()),
-                                                      generatedWhere.c_str(), order),
+        data_control_provider_create_select_statement(provider, columnNames.data(), static_cast<int>(columnNames.size()),
+                                                      where.c_str(), order),
         &free);
     if (statementText == nullptr) {
         data_control_provider_send_error(requestId, "failed SELECT by statement");
-        LOGI("failed SELECT by statement");
+        LOGI_AS(func, "failed SELECT by statement");
         return;
     }
 
-    CContentDbConnection* pConnection = pProvider->Connection();
+    CContentDbConnection* pConnection = Connection();
     if (pConnection == nullptr) {
         data_control_provider_send_error(requestId, "failed SELECT by connection");
-        LOGI("failed SELECT by connection");
+        LOGI_AS(func, "failed SELECT by connection");
         return;
     }
 
@@ -1161,31 +1034,65 @@ void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, ch
     if (pConnection->PrepareCMD(statementText.get(), &pStatement, nullptr, error) == 0) {
         int sendResult = data_control_provider_send_select_result(requestId, pStatement);
         if (sendResult != DATA_CONTROL_ERROR_NONE) {
-            LOGI("failed to data_control_provider_send_select_result : %d", sendResult);
+            LOGI_AS(func, "failed to data_control_provider_send_select_result : %d", sendResult);
         } else {
-            LOGI("success SELECT");
+            LOGI_AS(func, "success SELECT");
         }
     }
     sqlite3_finalize(pStatement);
 }
 
-void CTilesProvider::UpdateRequestCB(int requestId, data_control_s* provider, _bundle_t* updateData,
-                                     char const* where, void* userData)
+void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, char const** columns, int columnCount,
+                                     char const* where, char const* order, void* userData)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
-    if (pProvider == nullptr || updateData == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data or update_data");
-        LOGI("failed by NULL user_data or update_data");
+    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, true,
+                                                           "failed by NULL user_data", "failed SELECT by NULL user_data");
+    if (pProvider == nullptr) {
         return;
     }
 
     PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
     PlatformTextHolder providerId = NoText();
     PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
+    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
+        return;
+    }
+
+    std::string packageId = pProvider->GetPackageId(appId.get());
+    LOGD("AppId = %s\tPackageId = %s", appId.get(), packageId.c_str());
+
+    CPermissionHelper::PermissionLevel level = pProvider->LockedPermissionLevel(Access::READ, appId.get(), packageId);
+    LOGD("read permission level = %d", level);
+    if (level < CPermissionHelper::PERMISSION_LEVEL_PUBLIC) {
+        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
+        data_control_provider_send_error(requestId, "failed SELECT by permission");
+        LOGI("failed SELECT by permission");
+        return;
+    }
+
+    std::string uri = std::string(providerId.get()) + "/" + dataId.get();
+    std::vector<std::string> allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, level);
+
+    // On this interface the data id is the table's name.
+    RequestScope scope{packageId, level, nullptr};
+    std::string generatedWhere = pProvider->ConfinedWhere(__func__, dataId.get(), (where != nullptr) ? where : "", scope);
+    pProvider->AnswerSelect(__func__, requestId, provider, allowedColumns, generatedWhere, order);
+}
+
+void CTilesProvider::UpdateRequestCB(int requestId, data_control_s* provider, _bundle_t* updateData,
+                                     char const* where, void* userData)
+{
+    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, updateData != nullptr,
+                                                           "failed by NULL user_data or update_data",
+                                                           "failed by NULL user_data or update_data");
+    if (pProvider == nullptr) {
+        return;
+    }
+
+    PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
+    PlatformTextHolder providerId = NoText();
+    PlatformTextHolder dataId = NoText();
+    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
         return;
     }
 
@@ -1199,7 +1106,7 @@ void CTilesProvider::UpdateRequestCB(int requestId, data_control_s* provider, _b
     int result = pProvider->UpdateRequest(in, out);
 
     if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
+        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
         int sendResult = data_control_provider_send_update_result(requestId);
         if (sendResult != DATA_CONTROL_ERROR_NONE) {
             // The bracketed word is printed as it stands.
@@ -1211,20 +1118,16 @@ void CTilesProvider::UpdateRequestCB(int requestId, data_control_s* provider, _b
 
 void CTilesProvider::DeleteRequestCB(int requestId, data_control_s* provider, char const* where, void* userData)
 {
-    LOGD("request_id = %d", requestId);
-    CTilesProvider* pProvider = static_cast<CTilesProvider*>(userData);
+    CTilesProvider* pProvider = DataControlRequestProvider(__func__, requestId, userData, true,
+                                                           "failed by NULL user_data", "failed by NULL user_data");
     if (pProvider == nullptr) {
-        data_control_provider_send_error(requestId, "failed by NULL user_data");
-        LOGI("failed by NULL user_data");
         return;
     }
 
     PlatformTextHolder appId = pProvider->FetchClientAppId(requestId);
     PlatformTextHolder providerId = NoText();
     PlatformTextHolder dataId = NoText();
-    pProvider->FetchProviderAndDataId(provider, providerId, dataId);
-    if (appId == nullptr || providerId == nullptr || dataId == nullptr) {
-        LOGI("failed by invalid URI");
+    if (!pProvider->FetchRequestUri(__func__, provider, appId, providerId, dataId)) {
         return;
     }
 
@@ -1236,7 +1139,7 @@ void CTilesProvider::DeleteRequestCB(int requestId, data_control_s* provider, ch
     int result = pProvider->DeleteRequest(in);
 
     if (result == 0) {
-        CDBLocalScopedLock lock(pProvider->m_pDbLock);
+        CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
         int sendResult = data_control_provider_send_delete_result(requestId);
         if (sendResult != DATA_CONTROL_ERROR_NONE) {
             LOGI("[%s] data_control_provider_send_delete_result failed : %d", appId.get(), sendResult);
@@ -1290,7 +1193,7 @@ void CTilesProvider::ClearAllSectionsAndTiles(CContentDbConnection* pConnection)
 
 void CTilesProvider::FactoryResetChecker()
 {
-    CDBLocalScopedLock lock(m_pDbLock);
+    CDBLocalScopedLock lock(m_pDbLock.get());
 
     int factoryReset = 0;
     vconf_get_int(FACTORY_RESET_KEY, &factoryReset);
@@ -1331,7 +1234,7 @@ int CTilesProvider::PowerOffCB(int type, void* userData)
         return 0;
     }
 
-    CDBLocalScopedLock lock(pProvider->m_pDbLock);
+    CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
     if (pProvider->m_pDbHelper == nullptr) {
         LOGE("Error : pDbHelper is NULL");
         return -1;
@@ -1355,7 +1258,7 @@ void CTilesProvider::HalcyonResetCB(keynode_t* node, void* userData)
         return;
     }
 
-    CDBLocalScopedLock lock(pProvider->m_pDbLock);
+    CDBLocalScopedLock lock(pProvider->m_pDbLock.get());
     if (pProvider->m_pDbHelper == nullptr) {
         LOGE("Error : pDbHelper is NULL");
         return;

@@ -15,7 +15,7 @@ class CTilesProviderTestAccess
 {
 public:
     static CMessageHelper*& SyncEventHelper(CTilesProvider* provider) { return provider->m_pSyncEventHelper; }
-    static CPermissionHelper* PermissionHelper(CTilesProvider* provider) { return provider->m_pPermissionHelper; }
+    static CPermissionHelper* PermissionHelper(CTilesProvider* provider) { return provider->m_pPermissionHelper.get(); }
     static const std::map<std::string, std::string>& PackageIdCache(CTilesProvider* provider)
     {
         return provider->m_packageIdCache;

@@ -409,6 +409,28 @@ TEST_F(ChangeManagerTest, WithoutAMainHelperClearingLogsOncePerName)
     EXPECT_EQ(CountLines(kTag, "m_pDbHelper is NULL !!"), 3);
 }
 
+TEST_F(ChangeManagerTest, WithAHelperThatCannotConnectClearingLogsOncePerName)
+{
+    // The helper's database would lie under a regular file: it never opens.
+    tilvane::test::TempDir elsewhere;
+    tilvane::test::WriteFile(elsewhere.File("not-a-directory"), "");
+    CDbHelper unopenable(elsewhere.File("not-a-directory") + "/", ".preview.db", 15);
+    ASSERT_EQ(unopenable.GetConnection(), nullptr);
+    m_manager.reset(new CAppSectionChangeManager(&unopenable));
+    tilvane::host::ClearCapturedLog();
+
+    m_manager->ClearTiles({"a", "b", "c"});
+
+    std::vector<tilvane::host::LogLine> lines = tilvane::test::LinesContaining(kTag, "pConnection is NULL !!");
+    ASSERT_EQ(lines.size(), 3u);
+    for (const tilvane::host::LogLine& line : lines) {
+        EXPECT_EQ(line.priority, DLOG_ERROR);
+    }
+    EXPECT_EQ(CountLines(kTag, "m_pDbHelper is NULL !!"), 0);
+    EXPECT_EQ(CountLines(kTag, "ClearTiles Request"), 1);
+    m_manager.reset();
+}
+
 TEST_F(ChangeManagerTest, RecoveryFromInstalledPackagesTakesOnlyLauncherPackages)
 {
     Build();

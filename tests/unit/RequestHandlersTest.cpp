@@ -520,6 +520,26 @@ TEST_F(RequestHandlersTest, BulkUpdateNamesRowsByIdEvenOtherApplicationsRows)
     EXPECT_EQ(bundle_get_val(rows[0], "bulk_update_row_id_key"), nullptr);
 }
 
+TEST_F(RequestHandlersTest, BulkUpdateSendsNoSynchronisationEvent)
+{
+    SubscribeListener();
+    std::vector<bundle*> rows = {
+        m_bundles.Add({{TilesModel::Tiles::TILE_TITLE, "first"}, {"bulk_update_row_id_key", "100"}}),
+        m_bundles.Add({{TilesModel::Tiles::TILE_TITLE, "second"}, {"bulk_update_row_id_key", "101"}}),
+    };
+
+    EXPECT_EQ(BulkUpdate(kNewsApp, TilesModel::Tiles::CONTENT_URI, rows), 0);
+
+    EXPECT_EQ(Column("SELECT tile_title FROM tiles WHERE _id IN (100, 101) ORDER BY _id"),
+              (std::vector<std::string>{"first", "second"}));
+    EXPECT_TRUE(Events().empty());
+    EXPECT_EQ(CountLines("tilvane", "Try to Send sync event"), 0);
+
+    // The listener does hear a change that sends one.
+    EXPECT_EQ(Delete(kNewsApp, TilesModel::Tiles::CONTENT_URI, "tile_id = 'n1'"), 0);
+    EXPECT_EQ(Events().size(), 1u);
+}
+
 TEST_F(RequestHandlersTest, BulkUpdateWhoseSecondKeyRemovalFailsCommitsTheFirstRowAndSucceeds)
 {
     std::vector<bundle*> rows = {
