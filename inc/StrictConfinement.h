@@ -27,7 +27,8 @@ public:
     static bool AppliesTo(CPermissionHelper::PermissionLevel level);
 
     /* The caller's where clause must be one expression over the columns of
-     * `table` with nothing after it: "SELECT 1 FROM table WHERE (clause)"
+     * `table` with nothing after it: its parentheses must pair up within it
+     * (outside quotes and comments), and "SELECT 1 FROM table WHERE (clause)"
      * must prepare on its own and leave no second statement. An empty clause
      * passes. */
     static bool CheckWhereClause(CContentDbConnection* pConnection, const std::string& table,
@@ -47,6 +48,17 @@ public:
      * is refused. `table` is "sections" or "tiles"; other tables pass. */
     static bool CheckInsertOwner(CContentDbConnection* pConnection, const std::string& table, bundle* pValues,
                                  const std::string& packageId);
+    /* The rows a request writes: for an insert, each must belong to the
+     * caller's package (CheckInsertOwner) and the package stays within its
+     * limits; for an update, a row that names a new owner must name one of
+     * the caller's. */
+    static bool CheckWrittenRows(CContentDbConnection* pConnection, const std::string& table,
+                                 const std::vector<bundle*>& rows, const std::string& packageId, bool bInsert);
+
+    /* The filter of the caller's own rows of `table`, from row ids looked up
+     * with the package id bound; `bKnown` false (and "") for another table. */
+    static std::string RowFilter(CContentDbConnection* pConnection, const std::string& table,
+                                 const std::string& packageId, bool& bKnown);
 
     /* The package may hold at most the configured number of sections and of
      * tiles; `adding` rows are about to be inserted into `table`. */

@@ -156,6 +156,8 @@ private:
         std::string packageId;
         CPermissionHelper::PermissionLevel level = CPermissionHelper::PERMISSION_LEVEL_NONE;
         CContentDbConnection* pConnection = nullptr;
+        /* Strict confinement refused the request (the refusal is reported). */
+        bool bRefused = false;
     };
     /* How a bulk ended: its result, and whether its transaction commits. */
     struct BulkOutcome
@@ -175,7 +177,13 @@ private:
     int OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
                     RequestScope& scope);
     std::string ConfinedWhere(const char* func, const std::string& table, const std::string& where,
-                              const RequestScope& scope);
+                              RequestScope& scope);
+    /* Strict confinement's checks of a request's projection and written rows;
+     * true when the request may go on (always in the default mode). */
+    bool StrictProjection(const std::string& uri, const std::vector<std::string>& requested, RequestScope& scope,
+                          std::vector<std::string>& projection);
+    bool StrictWrittenRows(const std::string& table, const std::vector<bundle*>& rows, RequestScope& scope,
+                           bool bInsert);
     int InBulkTransaction(const char* func, CContentDbConnection* pConnection, bool bEmpty,
                           const std::function<BulkOutcome()>& body);
     static CTilesProvider* ContentRequestProvider(const char* func, void* pUserData);

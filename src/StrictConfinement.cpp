@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 
 #include <bundle.h>
@@ -55,6 +56,54 @@ std::string TableOf(const char* uri)
     return CContentHelper::GetTableNameFromUri(uri);
 }
 
+/* The index just after the quoted text, comment or bracketed name that starts
+ * at `at`, or npos when it runs to the end unclosed. */
+std::string::size_type SkipQuoted(const std::string& text, std::string::size_type at)
+{
+    const char open = text[at];
+    if (open == '-' || open == '/') {
+        const std::string close = open == '-' ? "\n" : "*/";
+        const std::string::size_type end = text.find(close, at + 2);
+        return end == std::string::npos ? text.size() : end + close.size(); /* a comment may end the text */
+    }
+    const char close = open == '[' ? ']' : open;
+    for (std::string::size_type i = at + 1; i < text.size(); ++i) {
+        if (text[i] == close) {
+            if (close != ']' && i + 1 < text.size() && text[i + 1] == close) {
+                ++i; /* a doubled quote stands for itself */
+                continue;
+            }
+            return i + 1;
+        }
+    }
+    return std::string::npos;
+}
+
+/* True when every ")" of the clause closes a "(" of the clause itself, and
+ * every "(" is closed: the clause cannot close the parentheses it is put in. */
+bool KeepsItsParentheses(const std::string& clause)
+{
+    int depth = 0;
+    for (std::string::size_type i = 0; i < clause.size();) {
+        const char c = clause[i];
+        const char next = i + 1 < clause.size() ? clause[i + 1] : '\0';
+        if (c == '\'' || c == '"' || c == '`' || c == '[' || (c == '-' && next == '-') || (c == '/' && next == '*')) {
+            i = SkipQuoted(clause, i);
+            if (i == std::string::npos) {
+                return false;
+            }
+            continue;
+        }
+        if (c == '(') {
+            ++depth;
+        } else if (c == ')' && --depth < 0) {
+            return false;
+        }
+        ++i;
+    }
+    return depth == 0;
+}
+
 }  // namespace
 
 bool CStrictConfinement::AppliesTo(CPermissionHelper::PermissionLevel level)
@@ -70,6 +119,10 @@ bool CStrictConfinement::CheckWhereClause(CContentDbConnection* pConnection, con
     }
     if (pConnection == nullptr) {
         return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause cannot be checked");
+    }
+    if (!KeepsItsParentheses(where)) {
+        return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause closes a parenthesis it did not open, or "
+                                                     "leaves one open");
     }
     const std::string probe = "SELECT 1 FROM \"" + table + "\" WHERE (" + where + ")";
     sqlite3_stmt* pStatement = nullptr;
@@ -149,6 +202,41 @@ bool CStrictConfinement::CheckInsertOwner(CContentDbConnection* pConnection, con
                       std::string(pOwnerColumn) + " " + pOwner + " does not belong to package " + packageId);
     }
     return true;
+}
+
+bool CStrictConfinement::CheckWrittenRows(CContentDbConnection* pConnection, const std::string& table,
+                                          const std::vector<bundle*>& rows, const std::string& packageId, bool bInsert)
+{
+    if (bInsert && !CheckPackageLimits(pConnection, table, packageId, rows.size())) {
+        return false;
+    }
+    const char* pOwnerColumn = table == TableOf(TilesModel::Sections::CONTENT_URI)
+                                   ? TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID
+                                   : TilesModel::Tiles::TILE_SECTION_RAW_ID;
+    for (bundle* pValues : rows) {
+        const bool namesOwner = pValues != nullptr && bundle_get_val(pValues, pOwnerColumn) != nullptr;
+        if ((bInsert || namesOwner) && !CheckInsertOwner(pConnection, table, pValues, packageId)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string CStrictConfinement::RowFilter(CContentDbConnection* pConnection, const std::string& table,
+                                          const std::string& packageId, bool& bKnown)
+{
+    bKnown = true;
+    if (table == TableOf(TilesModel::Accelerators::CONTENT_URI)) {
+        return IdFilter(TilesModel::BaseColumnsID, AcceleratorIds(pConnection, packageId));
+    }
+    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
+        return IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId));
+    }
+    if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
+        return IdFilter(TilesModel::Tiles::TILE_SECTION_RAW_ID, SectionIds(pConnection, packageId));
+    }
+    bKnown = false;
+    return "";
 }
 
 bool CStrictConfinement::CheckPackageLimits(CContentDbConnection* pConnection, const std::string& table,

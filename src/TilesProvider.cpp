@@ -13,6 +13,7 @@
 
 #include <sqlite3.h>
 
+#include <confinement_policy.h>
 #include <data_control.h>
 #include <message_port.h>
 #include <package_manager.h>
@@ -27,6 +28,7 @@
 #include "PermissionHelper.h"
 #include "QueryGenerator.h"
 #include "SharedQueryObject.h"
+#include "StrictConfinement.h"
 #include "TilesModel.h"
 #include "TilvaneLog.h"
 
@@ -512,12 +514,48 @@ int CTilesProvider::OpenRequest(const char* func, Access access, const std::stri
 
 /* The client's where clause confined to the caller's own rows of `table`. */
 std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& table, const std::string& where,
-                                          const RequestScope& scope)
+                                          RequestScope& scope)
 {
+    if (CStrictConfinement::AppliesTo(scope.level) &&
+        !CStrictConfinement::CheckWhereClause(scope.pConnection != nullptr ? scope.pConnection : Connection(), table,
+                                              where)) {
+        scope.bRefused = true;
+        return "1 = 0";
+    }
     CQueryGenerator queryGenerator(m_pDbHelper.get());
     std::string confined = queryGenerator.GenerateQuery(table, where, scope.packageId, scope.level);
     LOGD_AS(func, "generated query = %s", confined.c_str());
     return confined;
+}
+
+/* Under strict confinement, a caller below the internal level names only
+ * columns it may read; `projection` is then what runs. False when refused. */
+bool CTilesProvider::StrictProjection(const std::string& uri, const std::vector<std::string>& requested,
+                                      RequestScope& scope, std::vector<std::string>& projection)
+{
+    if (!CStrictConfinement::AppliesTo(scope.level) || m_pPermissionHelper == nullptr) {
+        return true;
+    }
+    if (!CStrictConfinement::CheckProjection(*m_pPermissionHelper, uri, requested, scope.level, projection)) {
+        scope.bRefused = true;
+        return false;
+    }
+    return true;
+}
+
+/* Under strict confinement, the rows a caller below the internal level writes
+ * stay its own and within its package's limits. False when refused. */
+bool CTilesProvider::StrictWrittenRows(const std::string& table, const std::vector<bundle*>& rows,
+                                       RequestScope& scope, bool bInsert)
+{
+    if (!CStrictConfinement::AppliesTo(scope.level)) {
+        return true;
+    }
+    if (!CStrictConfinement::CheckWrittenRows(scope.pConnection, table, rows, scope.packageId, bInsert)) {
+        scope.bRefused = true;
+        return false;
+    }
+    return true;
 }
 
 /* Opens a bulk's transaction and runs `body`, which says how the bulk ended
@@ -552,6 +590,9 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
 
     // The row is written as the client sent it: no column check.
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
+    if (!StrictWrittenRows(table, {in.pValues}, scope, true)) {
+        return CONFINEMENT_POLICY_REFUSED;
+    }
     int result = scope.pConnection->InsertRequest(table, in.pValues);
     if (result == 0) {
         out.nRowId = scope.pConnection->GetLastInsertRowID();
@@ -570,6 +611,9 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
         return opened;
     }
 
+    if (!StrictWrittenRows(CContentHelper::GetTableNameFromUri(in.strUri), in.vecValues, scope, true)) {
+        return CONFINEMENT_POLICY_REFUSED;
+    }
     CContentDbConnection* pConnection = scope.pConnection;
     const char* const func = __func__;
     return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
@@ -600,12 +644,19 @@ bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_
     }
 
     std::vector<std::string> projection;
-    if (m_pPermissionHelper != nullptr) {
+    if (CStrictConfinement::AppliesTo(scope.level)) {
+        if (!StrictProjection(in.strUri, in.vecProjection, scope, projection)) {
+            return false;
+        }
+    } else if (m_pPermissionHelper != nullptr) {
         projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
     }
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
     std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
+    if (scope.bRefused) {
+        return false;
+    }
     if (in.vecWhereArgs.size() == 1) {
         LOGD(" %s", in.vecWhereArgs[0].c_str());
     }
@@ -633,12 +684,16 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_U
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
     std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
+    if (scope.bRefused || !StrictWrittenRows(table, {in.pValues}, scope, false)) {
+        return CONFINEMENT_POLICY_REFUSED;
+    }
     return scope.pConnection->UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
 }
 
 /* Each bundle names its row by id. The rows are not confined to the caller's
  * own: a bulk update reaches any row of the table it names, guarded only by
- * the write level. */
+ * the write level. Strict confinement adds the caller's row filter, as for a
+ * single update. */
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& /*out*/)
 {
@@ -648,6 +703,14 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
         return opened;
     }
 
+    std::string rowWhere = BULK_UPDATE_WHERE;
+    if (CStrictConfinement::AppliesTo(scope.level)) {
+        const std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
+        rowWhere = ConfinedWhere(__func__, table, BULK_UPDATE_WHERE, scope);
+        if (scope.bRefused || !StrictWrittenRows(table, in.vecValues, scope, false)) {
+            return CONFINEMENT_POLICY_REFUSED;
+        }
+    }
     CContentDbConnection* pConnection = scope.pConnection;
     const char* const func = __func__;
     return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
@@ -663,7 +726,7 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
             }
 
             std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-            lastResult = pConnection->UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
+            lastResult = pConnection->UpdateRequest(table, pValues, rowWhere, whereArgs);
             if (lastResult != 0) {
                 LOGI_AS(func, "failed to UpdateRequest for bulk");
                 return {lastResult, false};
@@ -683,6 +746,9 @@ int CTilesProvider::DeleteRequest(PT_PROVIDER_DELETE_IN_PARAM& in)
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
     std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
+    if (scope.bRefused) {
+        return CONFINEMENT_POLICY_REFUSED;
+    }
     return scope.pConnection->DeleteRequest(table, where, in.vecWhereArgs);
 }
 
@@ -702,6 +768,9 @@ bool CTilesProvider::GetRowIDRequest(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDE
 
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
     std::string where = ConfinedWhere(__func__, table, in.strWhere, scope);
+    if (scope.bRefused) {
+        return false;
+    }
     std::shared_ptr<ISQLiteCursor> cursor =
         scope.pConnection->SelectRequest(table, projection, where, in.vecWhereArgs, in.strOrderBy, in.strLimit);
     if (cursor == nullptr) {
@@ -984,16 +1053,26 @@ void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _b
     LOGI("[%s] INSERT row id = %lld", appId.get(), static_cast<long long>(out.nRowId));
 }
 
+namespace {
+
+std::vector<std::string> RequestedColumns(char const** columns, int columnCount)
+{
+    std::vector<std::string> requested;
+    for (int i = 0; i < columnCount && columns != nullptr; ++i) {
+        if (columns[i] != nullptr) {
+            requested.push_back(columns[i]);
+        }
+    }
+    return requested;
+}
+
+}  // namespace
+
 /* The requested columns that `level` may read, in the requested order. */
 std::vector<std::string> CTilesProvider::ReadableColumns(const std::string& uri, char const** columns,
                                                          int columnCount, CPermissionHelper::PermissionLevel level)
 {
-    std::vector<std::string> projection;
-    for (int i = 0; i < columnCount && columns != nullptr; ++i) {
-        if (columns[i] != nullptr) {
-            projection.push_back(columns[i]);
-        }
-    }
+    std::vector<std::string> projection = RequestedColumns(columns, columnCount);
     if (m_pPermissionHelper != nullptr) {
         projection = m_pPermissionHelper->GetAllowedProjectionForPermission(uri, projection, level);
     }
@@ -1071,11 +1150,22 @@ void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, ch
     }
 
     std::string uri = std::string(providerId.get()) + "/" + dataId.get();
-    std::vector<std::string> allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, level);
-
     // On this interface the data id is the table's name.
     RequestScope scope{packageId, level, nullptr};
+    std::vector<std::string> allowedColumns;
+    if (CStrictConfinement::AppliesTo(level)) {
+        // A refusal is answered by the platform with its reason.
+        if (!pProvider->StrictProjection(uri, RequestedColumns(columns, columnCount), scope, allowedColumns)) {
+            return;
+        }
+    } else {
+        allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, level);
+    }
+
     std::string generatedWhere = pProvider->ConfinedWhere(__func__, dataId.get(), (where != nullptr) ? where : "", scope);
+    if (scope.bRefused) {
+        return;
+    }
     pProvider->AnswerSelect(__func__, requestId, provider, allowedColumns, generatedWhere, order);
 }
 

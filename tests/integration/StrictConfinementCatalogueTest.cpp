@@ -297,6 +297,9 @@ const std::vector<HostileRequest>& Requests()
          }},
         {"WhereThatClosesTheFilter",
          [](Catalogue& c) { return SelectTiles(c, "1) OR (1=1"); }, ExpectNoResult, "where-clause", nullptr},
+        {"WhereWithParenthesisInAString",
+         [](Catalogue& c) { return SelectTiles(c, "tile_title = ')' OR (1=1)"); }, ExpectReadsOtherPackages,
+         nullptr, ExpectOwnTilesOnly},
         {"WhereWithUnion",
          [](Catalogue& c) {
              return SelectTiles(c, "1=0 UNION SELECT accelerator_app_pkg_name FROM accelerators");
