@@ -25,7 +25,6 @@ namespace host {
 namespace {
 
 #define PLATFORM_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
-#define PLATFORM_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
 #define PLATFORM_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 struct EventHandler {
@@ -283,8 +282,9 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         s.exitRequested = false;
     };
 
-    /* The integrator's choice, stated once before the service sets up anything. */
-    PLATFORM_LOGI(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
+    /* The integrator's choice, stated once before the service sets up anything
+     * (at debug priority, as every line of the application's life). */
+    PLATFORM_LOGD(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
     if (!callback->create(user_data)) {
         PLATFORM_LOGE("service application create callback failed");
         detach();
