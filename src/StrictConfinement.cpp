@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
+#include <set>
 
 #include <bundle.h>
 #include <confinement_policy.h>
@@ -104,6 +106,46 @@ bool KeepsItsParentheses(const std::string& clause)
     return depth == 0;
 }
 
+/* The last clauses that passed the check, per table: a client repeats its
+ * few clauses with new arguments, and whether a clause passes depends only
+ * on its text and the table's schema, which is fixed while the service runs. */
+class CCheckedClauses
+{
+public:
+    bool Knows(const std::string& table, const std::string& clause)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_clauses.count(Key(table, clause)) != 0;
+    }
+
+    void Remember(const std::string& table, const std::string& clause)
+    {
+        if (clause.size() > MAX_CLAUSE_BYTES) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_clauses.size() >= MAX_CLAUSES) {
+            m_clauses.clear();
+        }
+        m_clauses.insert(Key(table, clause));
+    }
+
+private:
+    static const size_t MAX_CLAUSES = 64;
+    static const size_t MAX_CLAUSE_BYTES = 1024;
+
+    static std::string Key(const std::string& table, const std::string& clause) { return table + '\n' + clause; }
+
+    std::mutex m_mutex;
+    std::set<std::string> m_clauses;
+};
+
+CCheckedClauses& CheckedClauses()
+{
+    static CCheckedClauses* pClauses = new CCheckedClauses();
+    return *pClauses;
+}
+
 }  // namespace
 
 bool CStrictConfinement::AppliesTo(CPermissionHelper::PermissionLevel level)
@@ -119,6 +161,9 @@ bool CStrictConfinement::CheckWhereClause(CContentDbConnection* pConnection, con
     }
     if (pConnection == nullptr) {
         return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause cannot be checked");
+    }
+    if (CheckedClauses().Knows(table, where)) {
+        return true;
     }
     if (!KeepsItsParentheses(where)) {
         return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause closes a parenthesis it did not open, or "
@@ -145,6 +190,7 @@ bool CStrictConfinement::CheckWhereClause(CContentDbConnection* pConnection, con
     if (secondStatement) {
         return Refuse(CONFINEMENT_RULE_WHERE_CLAUSE, "the where clause holds a second statement");
     }
+    CheckedClauses().Remember(table, where);
     return true;
 }
 
@@ -176,46 +222,109 @@ bool CStrictConfinement::CheckProjection(CPermissionHelper& permissionHelper, co
     return true;
 }
 
-bool CStrictConfinement::CheckInsertOwner(CContentDbConnection* pConnection, const std::string& table,
-                                          bundle* pValues, const std::string& packageId)
+namespace {
+
+/* Who owns the rows of a table, for one package: the column that names a
+ * row's owner, the owners that belong to the package, and the package's limit. */
+struct Ownership
 {
-    const char* pOwnerColumn = nullptr;
+    const char* column = nullptr;
     std::vector<int64_t> owners;
+    int64_t limit = 0;
+};
+
+/* False for a table whose rows have no owner column. */
+bool OwnershipOf(CContentDbConnection* pConnection, const std::string& table, const std::string& packageId,
+                 Ownership& ownership)
+{
     if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
-        pOwnerColumn = TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID;
-        owners = AcceleratorIds(pConnection, packageId);
-    } else if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
-        pOwnerColumn = TilesModel::Tiles::TILE_SECTION_RAW_ID;
-        owners = SectionIds(pConnection, packageId);
-    } else {
+        ownership.column = TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID;
+        ownership.owners = CStrictConfinement::AcceleratorIds(pConnection, packageId);
+        ownership.limit = confinement_policy_max_sections_per_package();
         return true;
     }
-    const char* pOwner = pValues != nullptr ? bundle_get_val(pValues, pOwnerColumn) : nullptr;
+    if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
+        ownership.column = TilesModel::Tiles::TILE_SECTION_RAW_ID;
+        ownership.owners = CStrictConfinement::SectionIds(pConnection, packageId);
+        ownership.limit = confinement_policy_max_tiles_per_package();
+        return true;
+    }
+    return false;
+}
+
+/* True when a row names the owner column of `table`. */
+bool NamesOwner(const std::string& table, const std::vector<bundle*>& rows)
+{
+    const char* pColumn = table == TableOf(TilesModel::Sections::CONTENT_URI) ? TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID
+                          : table == TableOf(TilesModel::Tiles::CONTENT_URI)  ? TilesModel::Tiles::TILE_SECTION_RAW_ID
+                                                                               : nullptr;
+    for (bundle* pValues : rows) {
+        if (pColumn != nullptr && pValues != nullptr && bundle_get_val(pValues, pColumn) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool OwnedRow(const Ownership& ownership, bundle* pValues, const std::string& packageId)
+{
+    const char* pOwner = pValues != nullptr ? bundle_get_val(pValues, ownership.column) : nullptr;
     if (pOwner == nullptr || *pOwner == '\0') {
         return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
-                      "the row names no " + std::string(pOwnerColumn) + ": it would belong to nobody");
+                      "the row names no " + std::string(ownership.column) + ": it would belong to nobody");
     }
     char* pEnd = nullptr;
     const long long owner = std::strtoll(pOwner, &pEnd, 10);
-    if (pEnd == pOwner || *pEnd != '\0' || std::find(owners.begin(), owners.end(), owner) == owners.end()) {
+    if (pEnd == pOwner || *pEnd != '\0' ||
+        std::find(ownership.owners.begin(), ownership.owners.end(), owner) == ownership.owners.end()) {
         return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
-                      std::string(pOwnerColumn) + " " + pOwner + " does not belong to package " + packageId);
+                      std::string(ownership.column) + " " + pOwner + " does not belong to package " + packageId);
     }
     return true;
+}
+
+bool WithinLimit(CContentDbConnection* pConnection, const std::string& table, const Ownership& ownership,
+                 const std::string& packageId, size_t adding)
+{
+    const int64_t count =
+        pConnection != nullptr ? CountOf(pConnection, table, CStrictConfinement::IdFilter(ownership.column, ownership.owners))
+                               : -1;
+    if (count < 0) {
+        return Refuse(CONFINEMENT_RULE_LIMITS, "the package's rows cannot be counted");
+    }
+    if (count + static_cast<int64_t>(adding) > ownership.limit) {
+        return Refuse(CONFINEMENT_RULE_LIMITS, "package " + packageId + " has " + std::to_string(count) + " rows in " +
+                                                   table + "; " + std::to_string(adding) + " more exceed the limit of " +
+                                                   std::to_string(ownership.limit));
+    }
+    return true;
+}
+
+}  // namespace
+
+bool CStrictConfinement::CheckInsertOwner(CContentDbConnection* pConnection, const std::string& table,
+                                          bundle* pValues, const std::string& packageId)
+{
+    Ownership ownership;
+    return !OwnershipOf(pConnection, table, packageId, ownership) || OwnedRow(ownership, pValues, packageId);
 }
 
 bool CStrictConfinement::CheckWrittenRows(CContentDbConnection* pConnection, const std::string& table,
                                           const std::vector<bundle*>& rows, const std::string& packageId, bool bInsert)
 {
-    if (bInsert && !CheckPackageLimits(pConnection, table, packageId, rows.size())) {
+    if (!bInsert && !NamesOwner(table, rows)) {
+        return true; /* an update that moves no row */
+    }
+    Ownership ownership;
+    if (!OwnershipOf(pConnection, table, packageId, ownership)) {
+        return true;
+    }
+    if (bInsert && !WithinLimit(pConnection, table, ownership, packageId, rows.size())) {
         return false;
     }
-    const char* pOwnerColumn = table == TableOf(TilesModel::Sections::CONTENT_URI)
-                                   ? TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID
-                                   : TilesModel::Tiles::TILE_SECTION_RAW_ID;
     for (bundle* pValues : rows) {
-        const bool namesOwner = pValues != nullptr && bundle_get_val(pValues, pOwnerColumn) != nullptr;
-        if ((bInsert || namesOwner) && !CheckInsertOwner(pConnection, table, pValues, packageId)) {
+        const bool namesOwner = pValues != nullptr && bundle_get_val(pValues, ownership.column) != nullptr;
+        if ((bInsert || namesOwner) && !OwnedRow(ownership, pValues, packageId)) {
             return false;
         }
     }
@@ -229,11 +338,9 @@ std::string CStrictConfinement::RowFilter(CContentDbConnection* pConnection, con
     if (table == TableOf(TilesModel::Accelerators::CONTENT_URI)) {
         return IdFilter(TilesModel::BaseColumnsID, AcceleratorIds(pConnection, packageId));
     }
-    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
-        return IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId));
-    }
-    if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
-        return IdFilter(TilesModel::Tiles::TILE_SECTION_RAW_ID, SectionIds(pConnection, packageId));
+    Ownership ownership;
+    if (OwnershipOf(pConnection, table, packageId, ownership)) {
+        return IdFilter(ownership.column, ownership.owners);
     }
     bKnown = false;
     return "";
@@ -242,30 +349,9 @@ std::string CStrictConfinement::RowFilter(CContentDbConnection* pConnection, con
 bool CStrictConfinement::CheckPackageLimits(CContentDbConnection* pConnection, const std::string& table,
                                             const std::string& packageId, size_t adding)
 {
-    int64_t limit = 0;
-    std::string filter;
-    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
-        limit = confinement_policy_max_sections_per_package();
-        filter = IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId));
-    } else if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
-        limit = confinement_policy_max_tiles_per_package();
-        filter = IdFilter(TilesModel::Tiles::TILE_SECTION_RAW_ID, SectionIds(pConnection, packageId));
-    } else {
-        return true;
-    }
-    if (pConnection == nullptr) {
-        return Refuse(CONFINEMENT_RULE_LIMITS, "the package's rows cannot be counted");
-    }
-    const int64_t count = CountOf(pConnection, table, filter);
-    if (count < 0) {
-        return Refuse(CONFINEMENT_RULE_LIMITS, "the package's rows cannot be counted");
-    }
-    if (count + static_cast<int64_t>(adding) > limit) {
-        return Refuse(CONFINEMENT_RULE_LIMITS, "package " + packageId + " has " + std::to_string(count) + " rows in " +
-                                                   table + "; " + std::to_string(adding) + " more exceed the limit of " +
-                                                   std::to_string(limit));
-    }
-    return true;
+    Ownership ownership;
+    return !OwnershipOf(pConnection, table, packageId, ownership) ||
+           WithinLimit(pConnection, table, ownership, packageId, adding);
 }
 
 std::vector<int64_t> CStrictConfinement::AcceleratorIds(CContentDbConnection* pConnection, const std::string& packageId)
