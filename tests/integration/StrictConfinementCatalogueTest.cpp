@@ -557,3 +557,29 @@ INSTANTIATE_TEST_SUITE_P(StrictConfinement, Catalogue,
                          EntryName);
 
 }  // namespace
+
+namespace {
+
+/* The senders the integrator trusts keep both ports under strict confinement. */
+class TrustedSender : public Catalogue
+{
+};
+
+TEST_P(TrustedSender, LauncherStillUninstallsAndHidesUnderStrictConfinement)
+{
+    tilvane::host::SetOwnAppId("org.example.launcher");
+    EXPECT_EQ(SendToPort("launcher_event_port",
+                         {{"visibility", "hidden"}, {"accelerator_app_pkg_name", "org.example.films"}})
+                  .code,
+              0);
+    EXPECT_TRUE(WaitForScalar("SELECT accelerator_enabled FROM accelerators WHERE _id = 300", "0"));
+    EXPECT_EQ(SendToPort("accelerator_port", {{"action", "1"}, {"accelerator_app_pkg_name", "org.example.sports"}}).code,
+              0);
+    EXPECT_TRUE(WaitForScalar("SELECT count(*) FROM tiles WHERE tile_section_raw_id = 20", "0"));
+    EXPECT_EQ(ServiceLog().find("strict confinement refused"), std::string::npos) << ServiceLog();
+}
+
+INSTANTIATE_TEST_SUITE_P(StrictConfinement, TrustedSender,
+                         ::testing::Values(std::make_tuple(size_t{0}, Mode::Strict)));
+
+}  // namespace
