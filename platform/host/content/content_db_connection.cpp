@@ -34,7 +34,7 @@ int AcquireRequestStatement(Database& database, sqlite3* handle, const std::stri
     if (request == nullptr) {
         return database.Statements().Acquire(handle, sql, lease);
     }
-    tilvane::content::ScopedStatementAuthorizer authorizer(handle, table, database.ForeignKeys());
+    tilvane::content::ScopedStatementAuthorizer authorizer(database, table);
     const int rc = database.Statements().Acquire(handle, sql, "\x01confined:" + table + "\x01" + sql, lease);
     if (!authorizer.Refusal().empty()) {
         CONTENT_LOGE("statement on %s refused by the authorizer: %s", table.c_str(), authorizer.Refusal().c_str());
@@ -593,8 +593,7 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
     tilvane::host::confinement::RequestContext* request = tilvane::host::confinement::CurrentRequest();
     std::unique_ptr<tilvane::content::ScopedStatementAuthorizer> authorizer;
     if (request != nullptr) {
-        authorizer.reset(
-            new tilvane::content::ScopedStatementAuthorizer(db.handle(), request->table, db->ForeignKeys()));
+        authorizer.reset(new tilvane::content::ScopedStatementAuthorizer(*db.shared(), request->table));
     }
     int rc = tilvane::content::PrepareStatement(db.handle(), sql.c_str(), static_cast<int>(sql.size() + 1), statement,
                                                 tail);

@@ -3,6 +3,8 @@
  */
 #include "content/statement_authorizer.h"
 
+#include "content/database.h"
+
 #include <strings.h>
 
 #include <cctype>
@@ -76,20 +78,33 @@ std::vector<ForeignKeyLink> ReadForeignKeyLinks(sqlite3* db)
     return links;
 }
 
-ScopedStatementAuthorizer::ScopedStatementAuthorizer(sqlite3* db, std::string table,
-                                                     const std::vector<ForeignKeyLink>& links)
-    : m_db(db), m_table(std::move(table)), m_links(links)
+ScopedStatementAuthorizer::ScopedStatementAuthorizer(Database& database, std::string table)
+    : m_database(database), m_table(std::move(table)), m_pLinks(&database.ForeignKeys())
 {
+    /* The links are read before this confinement is active: reading them
+     * prepares statements of its own. */
+    m_database.SetActiveAuthorizer(this);
+}
+
+ScopedStatementAuthorizer::~ScopedStatementAuthorizer()
+{
+    m_database.SetActiveAuthorizer(nullptr);
+}
+
+void ScopedStatementAuthorizer::LearnCascade()
+{
+    if (!m_cascade.empty()) {
+        return;
+    }
     m_cascade.insert(Lower(m_table));
     for (bool grew = true; grew;) {
         grew = false;
-        for (const ForeignKeyLink& link : m_links) {
+        for (const ForeignKeyLink& link : *m_pLinks) {
             if (m_cascade.count(Lower(link.parent)) != 0 && m_cascade.insert(Lower(link.child)).second) {
                 grew = true;
             }
         }
     }
-    sqlite3_set_authorizer(m_db, AuthorizeCB, this);
 }
 
 bool ScopedStatementAuthorizer::IsCascadeTable(const char* table) const
@@ -102,7 +117,7 @@ bool ScopedStatementAuthorizer::IsKeyColumn(const char* table, const char* colum
     if (table == nullptr || column == nullptr) {
         return false;
     }
-    for (const ForeignKeyLink& link : m_links) {
+    for (const ForeignKeyLink& link : *m_pLinks) {
         if (!IsCascadeTable(link.child.c_str())) {
             continue;
         }
@@ -115,17 +130,6 @@ bool ScopedStatementAuthorizer::IsKeyColumn(const char* table, const char* colum
         }
     }
     return false;
-}
-
-ScopedStatementAuthorizer::~ScopedStatementAuthorizer()
-{
-    sqlite3_set_authorizer(m_db, nullptr, nullptr);
-}
-
-int ScopedStatementAuthorizer::AuthorizeCB(void* userData, int action, const char* first, const char* second,
-                                           const char* /*database*/, const char* trigger)
-{
-    return static_cast<ScopedStatementAuthorizer*>(userData)->Authorize(action, first, second, trigger);
 }
 
 int ScopedStatementAuthorizer::Refuse(const char* what, const char* object)
@@ -141,6 +145,7 @@ int ScopedStatementAuthorizer::Authorize(int action, const char* first, const ch
     if (trigger != nullptr) {
         return SQLITE_OK; /* the schema's own trigger */
     }
+    LearnCascade();
     if (m_statementKind < 0) {
         m_statementKind = action; /* SQLite names the statement's kind first */
     }

@@ -37,12 +37,17 @@ struct ForeignKeyLink
 /* Every foreign key of the main schema of `db`. */
 std::vector<ForeignKeyLink> ReadForeignKeyLinks(sqlite3* db);
 
+class Database;
+
 class ScopedStatementAuthorizer
 {
 public:
-    /* Installs the authorizer on `db` for statements confined to `table`;
-     * removes it again at destruction. */
-    ScopedStatementAuthorizer(sqlite3* db, std::string table, const std::vector<ForeignKeyLink>& links);
+    /* Confines the statements that `database` prepares, until destruction, to
+     * `table`. The database keeps one SQLite authorizer installed from its
+     * first confined statement on (installing one expires every prepared
+     * statement, so it is done once) and forwards to the active confinement;
+     * with none active it allows everything. */
+    ScopedStatementAuthorizer(Database& database, std::string table);
     ~ScopedStatementAuthorizer();
     ScopedStatementAuthorizer(const ScopedStatementAuthorizer&) = delete;
     ScopedStatementAuthorizer& operator=(const ScopedStatementAuthorizer&) = delete;
@@ -50,19 +55,21 @@ public:
     /* The first refusal, as "<action> <object>", or "" when nothing was refused. */
     const std::string& Refusal() const { return m_refusal; }
 
-    static int AuthorizeCB(void* userData, int action, const char* first, const char* second, const char* database,
-                           const char* trigger);
+    int Authorize(int action, const char* first, const char* second, const char* trigger);
 
 private:
-    int Authorize(int action, const char* first, const char* second, const char* trigger);
     int Refuse(const char* what, const char* object);
 
     bool IsKeyColumn(const char* table, const char* column) const;
     bool IsCascadeTable(const char* table) const;
 
-    sqlite3* m_db;
+    /* Fills m_cascade on the first question (most statements are cached and
+     * never ask). */
+    void LearnCascade();
+
+    Database& m_database;
     std::string m_table;
-    const std::vector<ForeignKeyLink>& m_links;
+    const std::vector<ForeignKeyLink>* m_pLinks;
     /* The table and every table its deletions cascade to, in lower case. */
     std::set<std::string> m_cascade;
     /* The action SQLite reported first: the kind of statement (-1: none yet).
