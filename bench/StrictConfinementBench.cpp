@@ -185,7 +185,15 @@ void BM_StrictConfinement_InsertTile(benchmark::State& state)
         PT_PROVIDER_INSERT_OUT_PARAM out;
         int result = -1;
         return tilvane::content::DispatchInsert(in, out, result) && result == 0;
-    }, [&service] { service.Exec("DELETE FROM tiles WHERE tile_id = 'new'"); });
+    }, [] {
+        /* Through the provider's own connection, so that its page cache stays warm. */
+        PT_PROVIDER_DELETE_IN_PARAM in;
+        in.strAppId = kAppId;
+        in.strUri = TilesModel::Tiles::CONTENT_URI;
+        in.strWhere = "tile_id = 'new'";
+        int result = -1;
+        tilvane::content::DispatchDelete(in, result);
+    });
     bundle_free(values);
 }
 

@@ -590,14 +590,24 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
 
     // The row is written as the client sent it: no column check.
     std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
-    if (!StrictWrittenRows(table, {in.pValues}, scope, true)) {
-        return CONFINEMENT_POLICY_REFUSED;
+    auto insertRow = [&]() -> int {
+        int result = scope.pConnection->InsertRequest(table, in.pValues);
+        if (result == 0) {
+            out.nRowId = scope.pConnection->GetLastInsertRowID();
+        }
+        return result;
+    };
+    if (!CStrictConfinement::AppliesTo(scope.level)) {
+        return insertRow();
     }
-    int result = scope.pConnection->InsertRequest(table, in.pValues);
-    if (result == 0) {
-        out.nRowId = scope.pConnection->GetLastInsertRowID();
-    }
-    return result;
+    // Checked and written in one transaction: the row joins the count its limit saw.
+    return InBulkTransaction(__func__, scope.pConnection, false, [&]() -> BulkOutcome {
+        if (!StrictWrittenRows(table, {in.pValues}, scope, true)) {
+            return {CONFINEMENT_POLICY_REFUSED, false};
+        }
+        int result = insertRow();
+        return {result, result == 0};
+    });
 }
 
 /* All rows or none: the first failure rolls the bulk back. */
@@ -611,12 +621,12 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
         return opened;
     }
 
-    if (!StrictWrittenRows(CContentHelper::GetTableNameFromUri(in.strUri), in.vecValues, scope, true)) {
-        return CONFINEMENT_POLICY_REFUSED;
-    }
     CContentDbConnection* pConnection = scope.pConnection;
     const char* const func = __func__;
     return InBulkTransaction(func, pConnection, in.vecValues.empty(), [&]() -> BulkOutcome {
+        if (!StrictWrittenRows(CContentHelper::GetTableNameFromUri(in.strUri), in.vecValues, scope, true)) {
+            return {CONFINEMENT_POLICY_REFUSED, false};
+        }
         int result = 0;
         for (bundle* pValues : in.vecValues) {
             std::string table = CContentHelper::GetTableNameFromUri(in.strUri);
