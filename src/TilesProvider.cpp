@@ -597,17 +597,12 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
         }
         return result;
     };
-    if (!CStrictConfinement::AppliesTo(scope.level)) {
-        return insertRow();
+    // Requests run one at a time on the main loop: nothing is written between
+    // the checks and the row.
+    if (!StrictWrittenRows(table, {in.pValues}, scope, true)) {
+        return CONFINEMENT_POLICY_REFUSED;
     }
-    // Checked and written in one transaction: the row joins the count its limit saw.
-    return InBulkTransaction(__func__, scope.pConnection, false, [&]() -> BulkOutcome {
-        if (!StrictWrittenRows(table, {in.pValues}, scope, true)) {
-            return {CONFINEMENT_POLICY_REFUSED, false};
-        }
-        int result = insertRow();
-        return {result, result == 0};
-    });
+    return insertRow();
 }
 
 /* All rows or none: the first failure rolls the bulk back. */
