@@ -25,6 +25,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -39,6 +40,8 @@
 #include "app_identity.h"
 #include "bundle_limits.h"
 #include "bus_connection.h"
+#include "confinement_policy.h"
+#include "request_confinement.h"
 #include "glib_ptr.h"
 #include "host_state.h"
 #include "idle_trim.h"
@@ -79,6 +82,7 @@ constexpr char kErrorNotServed[] = "org.tilvane.Request.Error.NotServed";
 constexpr char kErrorProviderError[] = "org.tilvane.Request.Error.ProviderError";
 constexpr char kErrorNotAuthorized[] = "org.tilvane.Request.Error.NotAuthorized";
 constexpr char kErrorInvalidRequest[] = "org.tilvane.Request.Error.InvalidRequest";
+constexpr char kErrorRefused[] = "org.tilvane.Request.Error.Refused";
 constexpr int kBusCallTimeoutMs = 10000;
 constexpr guint32 kNameFlagDoNotQueue = 0x4;
 constexpr guint32 kNamePrimaryOwner = 1;
@@ -312,6 +316,61 @@ std::string NoResultText(const RequestReport& report, const char* fallback)
     return reason.empty() ? std::string(fallback) : reason;
 }
 
+/* ---- strict confinement's limits on what a request carries ---------------- */
+
+struct OversizedValue {
+    const char* key = nullptr;
+    size_t bytes = 0;
+};
+
+void FindOversizedValueCB(const char* key, const char* value, void* data)
+{
+    OversizedValue* found = static_cast<OversizedValue*>(data);
+    const size_t bytes = value != nullptr ? std::strlen(value) : 0;
+    if (found->key == nullptr && bytes > static_cast<size_t>(confinement_policy_max_value_bytes())) {
+        found->key = key;
+        found->bytes = bytes;
+    }
+}
+
+/* Under strict confinement: false, with the refusal recorded, when a value of
+ * a row or the where clause is larger than the integrator allows. */
+bool WithinRequestLimits(const std::vector<bundle*>& rows, const char* where)
+{
+    if (confinement::CurrentRequest() == nullptr) {
+        return true;
+    }
+    if (where != nullptr && std::strlen(where) > static_cast<size_t>(confinement_policy_max_where_bytes())) {
+        const std::string reason = "the where clause has " + std::to_string(std::strlen(where)) +
+                                   " bytes, more than the " + std::to_string(confinement_policy_max_where_bytes()) +
+                                   " allowed";
+        confinement_policy_refuse(CONFINEMENT_RULE_LIMITS, reason.c_str());
+        return false;
+    }
+    for (bundle* row : rows) {
+        OversizedValue found;
+        bundle_iterate(row, FindOversizedValueCB, &found);
+        if (found.key != nullptr) {
+            const std::string reason = "the value of " + std::string(found.key) + " has " +
+                                       std::to_string(found.bytes) + " bytes, more than the " +
+                                       std::to_string(confinement_policy_max_value_bytes()) + " allowed";
+            confinement_policy_refuse(CONFINEMENT_RULE_LIMITS, reason.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+/* True (and the caller answered) when strict confinement refused the request. */
+bool AnsweredRefusal(const confinement::RequestScope& scope, GDBusMethodInvocation* invocation)
+{
+    if (!scope.Refused()) {
+        return false;
+    }
+    ReturnError(invocation, kErrorRefused, scope.RefusalText().c_str());
+    return true;
+}
+
 /* ---- data control ---------------------------------------------------------- */
 
 void RunDataControl(Job& job)
@@ -349,6 +408,7 @@ void RunDataControl(Job& job)
     }
     data_control_s handle{requestedProvider, dataId};
     RequestReportScope reportScope;
+    confinement::RequestScope scope(dataId, job.clientApp);
     bool served = true;
     bool readable = true;
     std::string syncMark;
@@ -359,6 +419,7 @@ void RunDataControl(Job& job)
         bundle* data = DecodeBundle(values, &refused);
         if (data == nullptr) {
             readable = false;
+        } else if (!WithinRequestLimits({data}, nullptr)) {
         } else if (callbacks.insert_cb == nullptr) {
             served = false;
         } else {
@@ -378,7 +439,8 @@ void RunDataControl(Job& job)
             pointers.push_back(column.c_str());
         }
         pointers.push_back(nullptr);
-        if (callbacks.select_cb == nullptr) {
+        if (!WithinRequestLimits({}, where)) {
+        } else if (callbacks.select_cb == nullptr) {
             served = false;
         } else {
             callbacks.select_cb(request.id, &handle, pointers.data(), static_cast<int>(columns.size()),
@@ -392,6 +454,7 @@ void RunDataControl(Job& job)
         bundle* data = DecodeBundle(values, &refused);
         if (data == nullptr) {
             readable = false;
+        } else if (!WithinRequestLimits({data}, where)) {
         } else if (callbacks.update_cb == nullptr) {
             served = false;
         } else {
@@ -401,7 +464,8 @@ void RunDataControl(Job& job)
     } else if (job.method == "Delete") {
         const gchar* where = nullptr;
         g_variant_get_child(p, 3, "&s", &where);
-        if (callbacks.delete_cb == nullptr) {
+        if (!WithinRequestLimits({}, where)) {
+        } else if (callbacks.delete_cb == nullptr) {
             served = false;
         } else {
             callbacks.delete_cb(request.id, &handle, *where != '\0' ? where : nullptr, userData);
@@ -417,6 +481,9 @@ void RunDataControl(Job& job)
     }
     if (!served) {
         ReturnError(job.invocation, kErrorNotServed, "the provider has no callback for this kind of request");
+        return;
+    }
+    if (AnsweredRefusal(scope, job.invocation)) {
         return;
     }
     switch (request.answer) {
@@ -455,8 +522,28 @@ void RunDataControl(Job& job)
 
 /* ---- content library's road ---------------------------------------------- */
 
+/* True (and the caller answered) when strict confinement refused the request
+ * in progress; `value`, the answer that is not sent, is dropped. */
+bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value)
+{
+    confinement::RequestContext* request = confinement::CurrentRequest();
+    if (request == nullptr || !request->refused) {
+        return false;
+    }
+    if (value != nullptr) {
+        g_variant_unref(g_variant_ref_sink(value));
+    }
+    const std::string text = request->reason + " (strict confinement, rule " + request->rule + ", result " +
+                             std::to_string(CONFINEMENT_POLICY_REFUSED) + ")";
+    ReturnError(invocation, kErrorRefused, text.c_str());
+    return true;
+}
+
 void ReturnResult(GDBusMethodInvocation* invocation, bool found, GVariant* value)
 {
+    if (AnsweredCurrentRefusal(invocation, value)) {
+        return;
+    }
     if (!found) {
         if (value != nullptr) {
             g_variant_unref(g_variant_ref_sink(value));
@@ -528,6 +615,7 @@ void RunContent(Job& job)
     GVariant* p = job.parameters;
     const gchar* uri = nullptr;
     g_variant_get_child(p, 1, "&s", &uri);
+    confinement::RequestScope scope(confinement::TableOfUri(uri), job.clientApp);
     int result = 0;
     RequestReportScope reportScope;
     const RequestReport& report = reportScope.Report();
@@ -544,6 +632,11 @@ void RunContent(Job& job)
             ReturnError(job.invocation, kErrorInvalidRequest, ValuesRefusal(refused));
             return;
         }
+        if (!WithinRequestLimits({in.pValues}, nullptr)) {
+            bundle_free(in.pValues);
+            AnsweredCurrentRefusal(job.invocation, nullptr);
+            return;
+        }
         const bool found = DispatchInsert(in, out, result);
         const std::string mark = SyncMarkOf(in.pValues);
         const std::string reason = !mark.empty() ? mark : ReasonForCode(result, report);
@@ -558,6 +651,11 @@ void RunContent(Job& job)
             ReturnError(job.invocation, kErrorInvalidRequest,
                         refused == BundleRefusal::OverLimits ? "the rows are over the bulk or bundle limits"
                                                              : "a row is not a bundle");
+            return;
+        }
+        if (!WithinRequestLimits(bundles, nullptr)) {
+            FreeBundles(bundles);
+            AnsweredCurrentRefusal(job.invocation, nullptr);
             return;
         }
         if (job.method == "BulkInsert") {
@@ -599,6 +697,11 @@ void RunContent(Job& job)
             ReturnError(job.invocation, kErrorInvalidRequest, ValuesRefusal(refused));
             return;
         }
+        if (!WithinRequestLimits({in.pValues}, where)) {
+            bundle_free(in.pValues);
+            AnsweredCurrentRefusal(job.invocation, nullptr);
+            return;
+        }
         const bool found = DispatchUpdate(in, out, result);
         bundle_free(in.pValues);
         ReturnResult(job.invocation, found, ChangeReply(result, report));
@@ -611,6 +714,10 @@ void RunContent(Job& job)
         in.strUri = uri;
         in.strWhere = where;
         in.vecWhereArgs = StringsOf(args.get());
+        if (!WithinRequestLimits({}, where)) {
+            AnsweredCurrentRefusal(job.invocation, nullptr);
+            return;
+        }
         const bool found = DispatchDelete(in, result);
         ReturnResult(job.invocation, found, ChangeReply(result, report));
     } else if (job.method == "Select" || job.method == "GetRowIds") {
@@ -633,8 +740,16 @@ void RunContent(Job& job)
             in.strWhere = where;
             PT_PROVIDER_SELECT_OUT_PARAM out;
             bool answered = false;
+            if (!WithinRequestLimits({}, where)) {
+                AnsweredCurrentRefusal(job.invocation, nullptr);
+                return;
+            }
             if (!DispatchSelect(in, out, answered)) {
                 ReturnResult(job.invocation, false, nullptr);
+                return;
+            }
+            if (AnsweredCurrentRefusal(job.invocation, nullptr)) {
+                CSharedQueryObject::TakeCursor(out.nRequestId);
                 return;
             }
             if (!answered) {
@@ -657,8 +772,15 @@ void RunContent(Job& job)
             in.vecWhereArgs = StringsOf(args.get());
             PT_PROVIDER_GET_ID_OUT_PARAM out;
             bool answered = false;
+            if (!WithinRequestLimits({}, where)) {
+                AnsweredCurrentRefusal(job.invocation, nullptr);
+                return;
+            }
             if (!DispatchGetId(in, out, answered)) {
                 ReturnResult(job.invocation, false, nullptr);
+                return;
+            }
+            if (AnsweredCurrentRefusal(job.invocation, nullptr)) {
                 return;
             }
             if (!answered) {
@@ -874,6 +996,40 @@ int WithActiveRequest(int requestId, Fn record)
     return record(*it->second);
 }
 
+bool IsPlainColumnName(const char* name)
+{
+    if (name == nullptr || !(std::isalpha(static_cast<unsigned char>(*name)) || *name == '_')) {
+        return false;
+    }
+    for (const char* c = name; *c != '\0'; ++c) {
+        if (!(std::isalnum(static_cast<unsigned char>(*c)) || *c == '_')) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Strict confinement's rule for the columns of a data-control select: at
+ * least one, each a plain column name (no expression, no subquery, no "*").
+ * Whether the level may read the column is the provider's decision. */
+bool ConfinedProjection(const char** columns, int count)
+{
+    if (count == 0) {
+        confinement_policy_refuse(CONFINEMENT_RULE_PROJECTION,
+                                  "no column is left to select; an empty projection is not widened to every column");
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (!IsPlainColumnName(columns[i])) {
+            const std::string reason = std::string("projection entry \"") + (columns[i] != nullptr ? columns[i] : "") +
+                                       "\" is not a column name";
+            confinement_policy_refuse(CONFINEMENT_RULE_PROJECTION, reason.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
 char* CopyString(const std::string& text)
 {
     char* copy = static_cast<char*>(std::malloc(text.size() + 1));
@@ -1002,6 +1158,9 @@ extern "C" char* data_control_provider_create_select_statement(data_control_h pr
         return nullptr;
     }
     if (provider == nullptr || column_count < 0 || (column_count > 0 && column_list == nullptr)) {
+        return nullptr;
+    }
+    if (confinement::CurrentRequest() != nullptr && !ConfinedProjection(column_list, column_count)) {
         return nullptr;
     }
     std::string statement = "SELECT ";
