@@ -71,6 +71,9 @@ void SendLogTo(const std::string& path)
 
 }  // namespace
 
+/* bench/StrictConfinementBench.cpp: strict confinement against the default mode. */
+void PrintStrictConfinementRatios();
+
 int main(int argc, char** argv)
 {
     if (argc == 4 && std::string(argv[1]) == "--bare-server") {
@@ -108,6 +111,7 @@ int main(int argc, char** argv)
     } else {
         std::printf("figures could not be saved to %s\n", figuresPath.c_str());
     }
+    PrintStrictConfinementRatios();
     benchmark::Shutdown();
     return 0;
 }

@@ -159,6 +159,8 @@ private:
         std::string packageId;
         CPermissionHelper::PermissionLevel level = CPermissionHelper::PERMISSION_LEVEL_NONE;
         CContentDbConnection* pConnection = nullptr;
+        /* Strict confinement refused the request (the refusal is reported). */
+        bool bRefused = false;
     };
     /* How a bulk ended: its result, and whether its transaction commits. */
     struct BulkOutcome
@@ -169,8 +171,8 @@ private:
     /* Writes the confined rows of a table: (connection, table, where) -> result. */
     using ConfinedWriteBody =
         std::function<int(CContentDbConnection& connection, const std::string& table, const std::string& where)>;
-    /* Writes a bulk's rows to a table: (connection, table) -> how the bulk ended. */
-    using BulkWriteBody = std::function<BulkOutcome(CContentDbConnection& connection, const std::string& table)>;
+    /* Writes a bulk's rows to the opened scope's table -> how the bulk ended. */
+    using BulkWriteBody = std::function<BulkOutcome(RequestScope& scope)>;
     /* A data-control request: its id, the caller's id and the URI's two parts. */
     struct DataControlRequest
     {
@@ -205,9 +207,19 @@ private:
                     RequestScope& scope, const std::function<void()>& refuse);
     int OpenRequest(const char* func, Access access, const std::string& appId, const std::string& uri,
                     RequestScope& scope);
-    std::string ConfinedWhere(const char* func, const std::string& where, const RequestScope& scope);
+    std::string ConfinedWhere(const char* func, const std::string& where, RequestScope& scope);
+    /* Strict confinement's checks of a request's projection and written rows
+     * (of the scope's table); true when the request may go on (always in the
+     * default mode). */
+    bool StrictProjection(const std::string& uri, const std::vector<std::string>& requested, RequestScope& scope,
+                          std::vector<std::string>& projection);
+    bool StrictWrittenRows(const std::vector<bundle*>& rows, RequestScope& scope, bool bInsert);
+    bool StrictBulkRowWhere(const char* func, const std::vector<bundle*>& rows, RequestScope& scope,
+                            std::string& rowWhere);
+    std::vector<std::string> SelectProjection(const std::string& uri, std::vector<std::string> requested,
+                                              RequestScope& scope);
     int ConfinedWrite(const char* func, const std::string& appId, const std::string& uri, const std::string& where,
-                      const ConfinedWriteBody& write);
+                      const std::vector<bundle*>& rows, const ConfinedWriteBody& write);
     std::shared_ptr<ISQLiteCursor> ConfinedSelect(const char* func, PT_PROVIDER_SELECT_IN_PARAM& in, bool bIdsOnly,
                                                   std::string& table);
     int BulkWrite(const char* func, const std::string& appId, const std::string& uri, bool bEmpty,
@@ -229,8 +241,6 @@ private:
     bool FetchRequestUri(const char* func, data_control_s* provider, DataControlRequest& request);
     bool RelaySyncMark(const char* func, bundle* insertData, const PlatformTextHolder& appId);
     int SendWriteResult(int result, const std::function<int()>& send);
-    std::vector<std::string> ReadableColumns(const std::string& uri, char const** columns, int columnCount,
-                                             CPermissionHelper::PermissionLevel level);
     void AnswerSelect(const char* func, int requestId, data_control_s* provider,
                       const std::vector<std::string>& columns, const std::string& where, char const* order);
 

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include <bundle_ptr.h>
+#include <confinement_policy.h>
 #include <message_port.h>
 #include <qeb_app_list.h>
 #include <system_info.h>
@@ -144,6 +145,23 @@ CAppSectionChangeManager::~CAppSectionChangeManager()
     m_pBackupDbHelper = nullptr;
 }
 
+namespace {
+
+/* Under strict confinement, uninstall and visibility messages are acted on only
+ * for the senders the integrator trusts; the default mode acts for anyone. */
+bool ActsForSender(const char* remoteAppId, const char* messageKind)
+{
+    if (!confinement_policy_is_strict() || confinement_policy_is_trusted_sender(remoteAppId)) {
+        return true;
+    }
+    std::string reason = std::string(messageKind) + " message from " +
+                         (remoteAppId != nullptr ? remoteAppId : "(unknown)") + " dropped: not a trusted sender";
+    confinement_policy_refuse(CONFINEMENT_RULE_TRUSTED_SENDER, reason.c_str());
+    return false;
+}
+
+}  // namespace
+
 void CAppSectionChangeManager::MessagePortCB(int localPortId, const char* remoteAppId, const char* remotePort,
                                              bool trustedRemotePort, bundle* message, void* userData)
 {
@@ -194,12 +212,15 @@ void CAppSectionChangeManager::HandleAcceleratorEvent(int /*localPortId*/, const
             LOGI("failed to message_port_send_message : %d", result);
         }
     } else if (action == 1) {
+        if (!ActsForSender(remoteAppId, "uninstall")) {
+            return;
+        }
         LOGI("uninstall app");
         HandleAppUninstall(message);
     }
 }
 
-void CAppSectionChangeManager::HandleLauncherEvent(int /*localPortId*/, const char* /*remoteAppId*/,
+void CAppSectionChangeManager::HandleLauncherEvent(int /*localPortId*/, const char* remoteAppId,
                                                    const char* /*remotePort*/, bool /*trustedRemotePort*/,
                                                    bundle* message, void* /*userData*/)
 {
@@ -214,6 +235,9 @@ void CAppSectionChangeManager::HandleLauncherEvent(int /*localPortId*/, const ch
     }
     std::string visibility = pVisibility;
     if (visibility != "visible" && visibility != "hidden") {
+        return;
+    }
+    if (!ActsForSender(remoteAppId, "visibility")) {
         return;
     }
 

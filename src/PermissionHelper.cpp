@@ -2,6 +2,7 @@
 
 #include <app_info.h>
 #include <bundle_ptr.h>
+#include <confinement_policy.h>
 
 #include <memory>
 
@@ -221,9 +222,16 @@ bool CPermissionHelper::HasAcceleratorRow(const std::string& packageId, CContent
     }
     std::string table = CContentHelper::GetTableNameFromUri(TilesModel::Accelerators::CONTENT_URI);
     std::vector<std::string> projection = {TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME};
-    std::string where =
-        std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + "='" + packageId + "'";
-    std::shared_ptr<ISQLiteCursor> cursor = connection->SelectRequest(table, projection, where, "");
+    std::shared_ptr<ISQLiteCursor> cursor;
+    if (confinement_policy_is_strict()) {
+        /* Strict confinement binds the package id. */
+        std::string where = std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + " = ?";
+        cursor = connection->SelectRequest(table, projection, where, {packageId}, "", "");
+    } else {
+        std::string where =
+            std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + "='" + packageId + "'";
+        cursor = connection->SelectRequest(table, projection, where, "");
+    }
     std::string pkgName;
     return cursor != nullptr && cursor->Step() == 0 && cursor->GetString(0, pkgName) && pkgName == packageId;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "SQLiteCursor.h"
+#include "StrictConfinement.h"
 #include "TilesModel.h"
 #include "TilvaneLog.h"
 
@@ -77,6 +78,15 @@ std::string CQueryGenerator::IdListFilter(const char* func, const char* parentUr
 std::string CQueryGenerator::GenerateQuery(std::string tableName, std::string where, std::string packageId,
                                            CPermissionHelper::PermissionLevel level)
 {
+    if (CStrictConfinement::AppliesTo(level)) {
+        /* The clause was checked to be one expression: it is kept whole, in
+         * parentheses, behind a filter built without pasting the package id. */
+        CContentDbConnection* connection = m_pDbHelper != nullptr ? m_pDbHelper->GetConnection() : nullptr;
+        bool known = false;
+        std::string filter = CStrictConfinement::RowFilter(connection, tableName, packageId, known);
+        return known ? CStrictConfinement::JoinFilter(filter, where) : "";
+    }
+
     std::string query;
 
     /* Nothing from the first semicolon on reaches the database, so a second

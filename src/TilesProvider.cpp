@@ -14,6 +14,7 @@
 #include <sqlite3.h>
 
 #include <bundle_ptr.h>
+#include <confinement_policy.h>
 #include <data_control.h>
 #include <message_port.h>
 #include <package_manager.h>
@@ -28,6 +29,7 @@
 #include "PermissionHelper.h"
 #include "QueryGenerator.h"
 #include "SharedQueryObject.h"
+#include "StrictConfinement.h"
 #include "TilesModel.h"
 #include "TilvaneLog.h"
 
@@ -525,25 +527,82 @@ int CTilesProvider::OpenRequest(const char* func, Access access, const std::stri
     return (scope.pConnection == nullptr) ? RESULT_FAILED : RESULT_SUCCESS;
 }
 
-/* The client's where clause confined to the caller's own rows of the scope's table. */
-std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& where, const RequestScope& scope)
+/* The client's where clause confined to the caller's own rows of the scope's
+ * table. Under strict confinement a clause it refuses marks the scope refused. */
+std::string CTilesProvider::ConfinedWhere(const char* func, const std::string& where, RequestScope& scope)
 {
+    if (CStrictConfinement::AppliesTo(scope.level) &&
+        !CStrictConfinement::CheckWhereClause(scope.pConnection != nullptr ? scope.pConnection : Connection(),
+                                              scope.table, where)) {
+        scope.bRefused = true;
+        return "1 = 0";
+    }
     CQueryGenerator queryGenerator(m_pDbHelper.get());
     std::string confined = queryGenerator.GenerateQuery(scope.table, where, scope.packageId, scope.level);
     LOGD_AS(func, "generated query = %s", confined.c_str());
     return confined;
 }
 
-/* An update or delete of the caller's own rows: opened, confined, then `write`. */
+/* Under strict confinement, a caller below the internal level names only
+ * columns it may read; `projection` is then what runs. False when refused. */
+bool CTilesProvider::StrictProjection(const std::string& uri, const std::vector<std::string>& requested,
+                                      RequestScope& scope, std::vector<std::string>& projection)
+{
+    if (!CStrictConfinement::AppliesTo(scope.level) || m_pPermissionHelper == nullptr) {
+        return true;
+    }
+    if (!CStrictConfinement::CheckProjection(*m_pPermissionHelper, uri, requested, scope.level, projection)) {
+        scope.bRefused = true;
+        return false;
+    }
+    return true;
+}
+
+/* Under strict confinement, the rows a caller below the internal level writes
+ * stay its own and within its package's limits. False when refused. */
+bool CTilesProvider::StrictWrittenRows(const std::vector<bundle*>& rows, RequestScope& scope, bool bInsert)
+{
+    if (!CStrictConfinement::AppliesTo(scope.level)) {
+        return true;
+    }
+    if (!CStrictConfinement::CheckWrittenRows(scope.pConnection, scope.table, rows, scope.packageId, bInsert)) {
+        scope.bRefused = true;
+        return false;
+    }
+    return true;
+}
+
+/* An update or delete of the caller's own rows: opened, confined, then
+ * `write`. Strict confinement checks `rows`, the values an update writes. */
 int CTilesProvider::ConfinedWrite(const char* func, const std::string& appId, const std::string& uri,
-                                  const std::string& where, const ConfinedWriteBody& write)
+                                  const std::string& where, const std::vector<bundle*>& rows,
+                                  const ConfinedWriteBody& write)
 {
     RequestScope scope;
     int opened = OpenRequest(func, Access::WRITE, appId, uri, scope);
     if (opened != RESULT_SUCCESS) {
         return opened;
     }
-    return write(*scope.pConnection, scope.table, ConfinedWhere(func, where, scope));
+    std::string confined = ConfinedWhere(func, where, scope);
+    if (scope.bRefused || (!rows.empty() && !StrictWrittenRows(rows, scope, false))) {
+        return CONFINEMENT_POLICY_REFUSED;
+    }
+    return write(*scope.pConnection, scope.table, confined);
+}
+
+/* The columns a select runs with: under strict confinement only columns the
+ * caller may read (else the scope is refused), otherwise those of the
+ * requested ones its level may read. */
+std::vector<std::string> CTilesProvider::SelectProjection(const std::string& uri, std::vector<std::string> requested,
+                                                          RequestScope& scope)
+{
+    std::vector<std::string> projection;
+    if (CStrictConfinement::AppliesTo(scope.level)) {
+        StrictProjection(uri, requested, scope, projection);
+    } else if (m_pPermissionHelper != nullptr) {
+        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(uri, requested, scope.level);
+    }
+    return projection;
 }
 
 /* A read of the caller's own rows, of the columns its level may read; with
@@ -562,12 +621,21 @@ std::shared_ptr<ISQLiteCursor> CTilesProvider::ConfinedSelect(const char* func, 
     if (bIdsOnly) {
         in.vecProjection = {TilesModel::BaseColumnsID};
         projection = in.vecProjection;
+        if (m_pPermissionHelper != nullptr) {
+            projection =
+                m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
+        }
+    } else {
+        projection = SelectProjection(in.strUri, in.vecProjection, scope);
     }
-    if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(in.strUri, in.vecProjection, scope.level);
+    if (scope.bRefused) {
+        return nullptr;
     }
 
     std::string where = ConfinedWhere(func, in.strWhere, scope);
+    if (scope.bRefused) {
+        return nullptr;
+    }
     if (!bIdsOnly && in.vecWhereArgs.size() == 1) {
         LOGD_AS(func, " %s", in.vecWhereArgs[0].c_str());
     }
@@ -601,7 +669,7 @@ int CTilesProvider::BulkWrite(const char* func, const std::string& appId, const 
         return RESULT_FAILED;
     }
     try {
-        BulkOutcome outcome = body(*pConnection, scope.table);
+        BulkOutcome outcome = body(scope);
         const int ended = pConnection->EndTransaction(outcome.bCommit);
         // A commit that fails stores no row of the bulk: its code is the answer.
         return (outcome.bCommit && ended != 0) ? ended : outcome.result;
@@ -621,6 +689,11 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
         return opened;
     }
 
+    // Requests run one at a time on the main loop: nothing is written between
+    // strict confinement's checks and the row.
+    if (!StrictWrittenRows({in.pValues}, scope, true)) {
+        return CONFINEMENT_POLICY_REFUSED;
+    }
     // The row is written as the client sent it: no column check.
     int result = scope.pConnection->InsertRequest(scope.table, in.pValues);
     if (result == 0) {
@@ -629,16 +702,21 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
     return result;
 }
 
-/* All rows or none: the first failure rolls the bulk back. */
+/* All rows or none: the first failure rolls the bulk back. Strict
+ * confinement checks the rows in the transaction that writes them. */
 int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out)
 {
     out.nRowId = -1;
     const char* const func = __func__;
-    auto insertAll = [&](CContentDbConnection& connection, const std::string& table) -> BulkOutcome {
+    auto insertAll = [&](RequestScope& scope) -> BulkOutcome {
+        if (!StrictWrittenRows(in.vecValues, scope, true)) {
+            return {CONFINEMENT_POLICY_REFUSED, false};
+        }
+        CContentDbConnection& connection = *scope.pConnection;
         int result = 0;
         for (bundle* pValues : in.vecValues) {
-            result = connection.InsertRequest(table, pValues);
+            result = connection.InsertRequest(scope.table, pValues);
             if (result != 0) {
                 break;
             }
@@ -675,20 +753,39 @@ bool CTilesProvider::SelectRequest(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_
 
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& /*out*/)
 {
-    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere,
+    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere, {in.pValues},
                          [&](CContentDbConnection& connection, const std::string& table, const std::string& where) {
                              return connection.UpdateRequest(table, in.pValues, where, in.vecWhereArgs);
                          });
 }
 
+/* The where clause that names a bulk update's row: under strict confinement
+ * confined to the caller's own rows, whose values are checked as for a single
+ * update. False when refused. */
+bool CTilesProvider::StrictBulkRowWhere(const char* func, const std::vector<bundle*>& rows, RequestScope& scope,
+                                        std::string& rowWhere)
+{
+    rowWhere = BULK_UPDATE_WHERE;
+    if (!CStrictConfinement::AppliesTo(scope.level)) {
+        return true;
+    }
+    rowWhere = ConfinedWhere(func, BULK_UPDATE_WHERE, scope);
+    return !scope.bRefused && StrictWrittenRows(rows, scope, false);
+}
+
 /* Each bundle names its row by id. The rows are not confined to the caller's
  * own: a bulk update reaches any row of the table it names, guarded only by
- * the write level. */
+ * the write level. Strict confinement adds the caller's row filter, as for a
+ * single update. */
 int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                                   PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& /*out*/)
 {
     const char* const func = __func__;
-    auto updateEach = [&](CContentDbConnection& connection, const std::string& table) -> BulkOutcome {
+    auto updateEach = [&](RequestScope& scope) -> BulkOutcome {
+        std::string rowWhere;
+        if (!StrictBulkRowWhere(func, in.vecValues, scope, rowWhere)) {
+            return {CONFINEMENT_POLICY_REFUSED, false};
+        }
         int lastResult = RESULT_FAILED;
         for (bundle* pValues : in.vecValues) {
             const char* pRowId = bundle_get_val(pValues, BULK_UPDATE_ROW_ID_KEY);
@@ -700,7 +797,7 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
                 return {lastResult, lastResult == 0};
             }
 
-            lastResult = connection.UpdateRequest(table, pValues, BULK_UPDATE_WHERE, whereArgs);
+            lastResult = scope.pConnection->UpdateRequest(scope.table, pValues, rowWhere, whereArgs);
             if (lastResult != 0) {
                 LOGI_AS(func, "failed to UpdateRequest for bulk");
                 return {lastResult, false};
@@ -713,7 +810,7 @@ int CTilesProvider::UpdateRequest(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in,
 
 int CTilesProvider::DeleteRequest(PT_PROVIDER_DELETE_IN_PARAM& in)
 {
-    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere,
+    return ConfinedWrite(__func__, in.strAppId, in.strUri, in.strWhere, {},
                          [&](CContentDbConnection& connection, const std::string& table, const std::string& where) {
                              return connection.DeleteRequest(table, where, in.vecWhereArgs);
                          });
@@ -1020,21 +1117,20 @@ void CTilesProvider::InsertRequestCB(int requestId, data_control_s* provider, _b
     LOGI("[%s] INSERT row id = %lld", request.appId.get(), static_cast<long long>(out.nRowId));
 }
 
-/* The requested columns that `level` may read, in the requested order. */
-std::vector<std::string> CTilesProvider::ReadableColumns(const std::string& uri, char const** columns,
-                                                         int columnCount, CPermissionHelper::PermissionLevel level)
+namespace {
+
+std::vector<std::string> RequestedColumns(char const** columns, int columnCount)
 {
-    std::vector<std::string> projection;
+    std::vector<std::string> requested;
     for (int i = 0; i < columnCount && columns != nullptr; ++i) {
         if (columns[i] != nullptr) {
-            projection.push_back(columns[i]);
+            requested.push_back(columns[i]);
         }
     }
-    if (m_pPermissionHelper != nullptr) {
-        projection = m_pPermissionHelper->GetAllowedProjectionForPermission(uri, projection, level);
-    }
-    return projection;
+    return requested;
 }
+
+}  // namespace
 
 /* Builds the platform's statement for the request and answers with its
  * rows. The lock is held until the statement is finalised: the platform
@@ -1100,10 +1196,17 @@ void CTilesProvider::SelectRequestCB(int requestId, data_control_s* provider, ch
         return;
     }
 
-    std::vector<std::string> allowedColumns = pProvider->ReadableColumns(uri, columns, columnCount, scope.level);
     // On this interface the data id is the table's name.
     scope.table = request.dataId.get();
-    std::string generatedWhere = pProvider->ConfinedWhere(func, (where != nullptr) ? where : "", scope);
+    std::vector<std::string> allowedColumns =
+        pProvider->SelectProjection(uri, RequestedColumns(columns, columnCount), scope);
+    std::string generatedWhere;
+    if (!scope.bRefused) {
+        generatedWhere = pProvider->ConfinedWhere(func, (where != nullptr) ? where : "", scope);
+    }
+    if (scope.bRefused) {
+        return;  // the platform answers a refusal with its reason
+    }
     pProvider->AnswerSelect(func, requestId, provider, allowedColumns, generatedWhere, order);
 }
 

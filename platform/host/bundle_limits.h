@@ -26,7 +26,7 @@ constexpr size_t kBundleMaxBytes = 1024 * 1024;
  * above (base64 of the header, the lengths and kBundleMaxBytes of content). */
 constexpr size_t kBundleMaxEncodedBytes = 4 * ((8 + 8 * kBundleMaxKeys + kBundleMaxBytes + 2) / 3);
 
-/* One bulk request of the content library's road. */
+/* One bulk request of the content-library interface. */
 constexpr size_t kBulkMaxRows = 4096;
 /* All encoded rows of one bulk together. */
 constexpr size_t kBulkMaxBytes = 16 * 1024 * 1024;

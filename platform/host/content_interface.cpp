@@ -24,6 +24,9 @@ namespace {
 
 void ReturnResult(GDBusMethodInvocation* invocation, bool found, GVariant* value)
 {
+    if (AnsweredCurrentRefusal(invocation, value)) {
+        return;
+    }
     if (!found) {
         if (value != nullptr) {
             g_variant_unref(g_variant_ref_sink(value));
@@ -93,6 +96,17 @@ std::vector<bundle*> Borrowed(const std::vector<BundlePtr>& bundles)
     return pointers;
 }
 
+/* True (and the call answered) when the request carries more than strict
+ * confinement allows. */
+bool RefusedForLimits(Job& job, const std::vector<bundle*>& rows, const char* where)
+{
+    if (WithinRequestLimits(rows, where)) {
+        return false;
+    }
+    AnsweredCurrentRefusal(job.invocation.get(), nullptr);
+    return true;
+}
+
 /* A content request's record of the caller and the URI. */
 template <typename Record>
 Record ContentRecord(const Job& job)
@@ -111,6 +125,9 @@ void ContentInsert(Job& job, const RequestReport& report)
     BundlePtr values = DecodeBundle(StringArg(job.parameters.get(), 2), &refused);
     if (values == nullptr) {
         ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(refused));
+        return;
+    }
+    if (RefusedForLimits(job, {values.get()}, nullptr)) {
         return;
     }
     in.pValues = values.get();
@@ -149,6 +166,9 @@ void ContentBulk(Job& job, const RequestReport& report, Dispatch dispatch, Answe
     }
     auto in = ContentRecord<In>(job);
     in.vecValues = Borrowed(bundles);
+    if (RefusedForLimits(job, in.vecValues, nullptr)) {
+        return;
+    }
     Out out;
     int result = 0;
     const bool found = dispatch(in, out, result);
@@ -189,6 +209,9 @@ void ContentUpdate(Job& job, const RequestReport& report)
         ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(refused));
         return;
     }
+    if (RefusedForLimits(job, {values.get()}, in.strWhere.c_str())) {
+        return;
+    }
     in.pValues = values.get();
     PT_PROVIDER_UPDATE_OUT_PARAM out;
     int result = 0;
@@ -204,6 +227,9 @@ void ContentDelete(Job& job, const RequestReport& report)
     auto in = ContentRecord<PT_PROVIDER_DELETE_IN_PARAM>(job);
     in.strWhere = StringArg(p, 2);
     in.vecWhereArgs = StringsArg(p, 3);
+    if (RefusedForLimits(job, {}, in.strWhere.c_str())) {
+        return;
+    }
     int result = 0;
     const bool found = DispatchDelete(in, result);
     ReturnResult(job.invocation.get(), found, ChangeReply(result, report));
@@ -215,6 +241,9 @@ bool SelectAnswered(Job& job, const RequestReport& report, bool found, bool answ
 {
     if (!found) {
         ReturnResult(job.invocation.get(), false, nullptr);
+        return false;
+    }
+    if (AnsweredCurrentRefusal(job.invocation.get(), nullptr)) {
         return false;
     }
     if (!answered) {
@@ -234,10 +263,16 @@ void ContentSelect(Job& job, const RequestReport& report)
     in.strOrderBy = StringArg(p, 5);
     in.strLimit = StringArg(p, 6);
     in.strWhere = StringArg(p, 3);
+    if (RefusedForLimits(job, {}, in.strWhere.c_str())) {
+        return;
+    }
     PT_PROVIDER_SELECT_OUT_PARAM out;
     bool answered = false;
     const bool found = DispatchSelect(in, out, answered);
     if (!SelectAnswered(job, report, found, answered, "the provider's select failed")) {
+        if (answered) {
+            CSharedQueryObject::TakeCursor(out.nRequestId);  // the refused request's cursor goes unread
+        }
         return;
     }
     std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
@@ -256,6 +291,9 @@ void ContentGetRowIds(Job& job, const RequestReport& report)
     auto in = ContentRecord<PT_PROVIDER_SELECT_IN_PARAM>(job);
     in.strWhere = StringArg(p, 2);
     in.vecWhereArgs = StringsArg(p, 3);
+    if (RefusedForLimits(job, {}, in.strWhere.c_str())) {
+        return;
+    }
     PT_PROVIDER_GET_ID_OUT_PARAM out;
     bool answered = false;
     const bool found = DispatchGetId(in, out, answered);
@@ -278,6 +316,7 @@ void RunContent(Job& job)
     };
     auto method = methods.find(job.method);
     if (method != methods.end()) {
+        confinement::RequestScope scope(confinement::TableOfUri(StringArg(job.parameters.get(), 1)), job.clientApp);
         RequestReportScope reportScope;
         method->second(job, reportScope.Report());
     }

@@ -5,11 +5,13 @@
  */
 #include <sqlite3.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
 #include "bus_connection.h"
+#include "confinement_policy.h"
 #include "host_control.h"
 #include "request_glue.h"
 #include "row_codec.h"
@@ -31,7 +33,7 @@ struct DcProvider {
 };
 
 /* What became of handing a request to the provider's callback. */
-enum class DcHanded { Handed, NotServed, Unreadable };
+enum class DcHanded { Handed, NotServed, Unreadable, Refused };
 
 /* What a method learnt on the way: why its values were refused, what the
  * sync mark of an insert did. */
@@ -51,6 +53,9 @@ DcHanded DcInsert(const DcProvider& provider, int id, data_control_s& handle, GV
     if (data == nullptr) {
         return DcHanded::Unreadable;
     }
+    if (!WithinRequestLimits({data.get()}, nullptr)) {
+        return DcHanded::Refused;
+    }
     if (provider.callbacks.insert_cb == nullptr) {
         return DcHanded::NotServed;
     }
@@ -69,6 +74,9 @@ DcHanded DcSelect(const DcProvider& provider, int id, data_control_s& handle, GV
         pointers.push_back(column.c_str());
     }
     pointers.push_back(nullptr);
+    if (!WithinRequestLimits({}, where)) {
+        return DcHanded::Refused;
+    }
     if (provider.callbacks.select_cb == nullptr) {
         return DcHanded::NotServed;
     }
@@ -84,6 +92,9 @@ DcHanded DcUpdate(const DcProvider& provider, int id, data_control_s& handle, GV
     if (data == nullptr) {
         return DcHanded::Unreadable;
     }
+    if (!WithinRequestLimits({data.get()}, where)) {
+        return DcHanded::Refused;
+    }
     if (provider.callbacks.update_cb == nullptr) {
         return DcHanded::NotServed;
     }
@@ -94,6 +105,9 @@ DcHanded DcUpdate(const DcProvider& provider, int id, data_control_s& handle, GV
 DcHanded DcDelete(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& /*notes*/)
 {
     const gchar* where = StringArg(p, 3);
+    if (!WithinRequestLimits({}, where)) {
+        return DcHanded::Refused;
+    }
     if (provider.callbacks.delete_cb == nullptr) {
         return DcHanded::NotServed;
     }
@@ -199,6 +213,7 @@ void RunDataControl(Job& job)
     request.clientApp = job.clientApp;
     BeginDcRequest(request);
     data_control_s handle{requestedProvider, dataId};
+    confinement::RequestScope scope(dataId, job.clientApp);
     RequestReportScope reportScope;
     DcNotes notes;
     // The bus lets only the interface's methods through; any other would get no result.
@@ -212,6 +227,9 @@ void RunDataControl(Job& job)
     }
     if (handed == DcHanded::NotServed) {
         ReturnError(job.invocation.get(), kErrorNotServed, "the provider has no callback for this kind of request");
+        return;
+    }
+    if (AnsweredRefusal(scope, job.invocation.get())) {
         return;
     }
     ReturnDcAnswer(job, request, known ? method->second.completion : DcRequest::Answer::None, notes,
@@ -240,6 +258,40 @@ int WithActiveRequest(int requestId, Fn record)
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
     return record(*it->second);
+}
+
+bool IsPlainColumnName(const char* name)
+{
+    if (name == nullptr || !(std::isalpha(static_cast<unsigned char>(*name)) || *name == '_')) {
+        return false;
+    }
+    for (const char* c = name; *c != '\0'; ++c) {
+        if (!(std::isalnum(static_cast<unsigned char>(*c)) || *c == '_')) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Strict confinement's rule for the columns of a data-control select: at
+ * least one, each a plain column name (no expression, no subquery, no "*").
+ * Whether the level may read the column is the provider's decision. */
+bool ConfinedProjection(const char** columns, int count)
+{
+    if (count == 0) {
+        confinement_policy_refuse(CONFINEMENT_RULE_PROJECTION,
+                                  "no column is left to select; an empty projection is not widened to every column");
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (!IsPlainColumnName(columns[i])) {
+            const std::string reason = std::string("projection entry \"") + (columns[i] != nullptr ? columns[i] : "") +
+                                       "\" is not a column name";
+            confinement_policy_refuse(CONFINEMENT_RULE_PROJECTION, reason.c_str());
+            return false;
+        }
+    }
+    return true;
 }
 
 char* CopyString(const std::string& text)
@@ -373,6 +425,9 @@ extern "C" char* data_control_provider_create_select_statement(data_control_h pr
         return nullptr;
     }
     if (provider == nullptr || column_count < 0 || (column_count > 0 && column_list == nullptr)) {
+        return nullptr;
+    }
+    if (confinement::CurrentRequest() != nullptr && !ConfinedProjection(column_list, column_count)) {
         return nullptr;
     }
     std::string statement = "SELECT ";

@@ -30,6 +30,7 @@
 
 #include "app_identity.h"
 #include "bus_connection.h"
+#include "confinement_policy.h"
 #include "host_control.h"
 #include "idle_trim.h"
 #include "TilesModel.h"
@@ -239,6 +240,93 @@ const gchar* OrNull(const gchar* text)
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message)
 {
     g_dbus_method_invocation_return_dbus_error(invocation, name, message);
+}
+
+/* ---- strict confinement's limits on what a request carries ---------------- */
+
+namespace {
+
+struct OversizedValue {
+    const char* key = nullptr;
+    size_t bytes = 0;
+};
+
+void FindOversizedValueCB(const char* key, const char* value, void* data)
+{
+    OversizedValue* found = static_cast<OversizedValue*>(data);
+    const size_t bytes = value != nullptr ? std::strlen(value) : 0;
+    if (found->key == nullptr && bytes > static_cast<size_t>(confinement_policy_max_value_bytes())) {
+        found->key = key;
+        found->bytes = bytes;
+    }
+}
+
+bool WhereWithinLimits(const char* where)
+{
+    if (where == nullptr || std::strlen(where) <= static_cast<size_t>(confinement_policy_max_where_bytes())) {
+        return true;
+    }
+    const std::string reason = "the where clause has " + std::to_string(std::strlen(where)) +
+                               " bytes, more than the " + std::to_string(confinement_policy_max_where_bytes()) +
+                               " allowed";
+    confinement_policy_refuse(CONFINEMENT_RULE_LIMITS, reason.c_str());
+    return false;
+}
+
+bool ValuesWithinLimits(bundle* row)
+{
+    OversizedValue found;
+    bundle_iterate(row, FindOversizedValueCB, &found);
+    if (found.key == nullptr) {
+        return true;
+    }
+    const std::string reason = "the value of " + std::string(found.key) + " has " + std::to_string(found.bytes) +
+                               " bytes, more than the " + std::to_string(confinement_policy_max_value_bytes()) +
+                               " allowed";
+    confinement_policy_refuse(CONFINEMENT_RULE_LIMITS, reason.c_str());
+    return false;
+}
+
+}  // namespace
+
+bool WithinRequestLimits(const std::vector<bundle*>& rows, const char* where)
+{
+    if (confinement::CurrentRequest() == nullptr) {
+        return true;
+    }
+    if (!WhereWithinLimits(where)) {
+        return false;
+    }
+    for (bundle* row : rows) {
+        if (!ValuesWithinLimits(row)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AnsweredRefusal(const confinement::RequestScope& scope, GDBusMethodInvocation* invocation)
+{
+    if (!scope.Refused()) {
+        return false;
+    }
+    ReturnError(invocation, kErrorRefused, scope.RefusalText().c_str());
+    return true;
+}
+
+bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value)
+{
+    confinement::RequestContext* request = confinement::CurrentRequest();
+    if (request == nullptr || !request->refused) {
+        return false;
+    }
+    if (value != nullptr) {
+        g_variant_unref(g_variant_ref_sink(value));
+    }
+    const std::string text = request->reason + " (strict confinement, rule " + request->rule + ", result " +
+                             std::to_string(CONFINEMENT_POLICY_REFUSED) + ")";
+    ReturnError(invocation, kErrorRefused, text.c_str());
+    return true;
 }
 
 namespace {

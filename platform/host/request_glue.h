@@ -25,6 +25,7 @@
 #include "dlog.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "request_confinement.h"
 #include "request_report.h"
 
 struct data_control_s {
@@ -51,6 +52,7 @@ inline constexpr char kErrorNotServed[] = "org.tilvane.Request.Error.NotServed";
 inline constexpr char kErrorProviderError[] = "org.tilvane.Request.Error.ProviderError";
 inline constexpr char kErrorNotAuthorized[] = "org.tilvane.Request.Error.NotAuthorized";
 inline constexpr char kErrorInvalidRequest[] = "org.tilvane.Request.Error.InvalidRequest";
+inline constexpr char kErrorRefused[] = "org.tilvane.Request.Error.Refused";
 inline constexpr int kBusCallTimeoutMs = 10000;
 inline constexpr guint32 kNameFlagDoNotQueue = 0x4;
 inline constexpr guint32 kNamePrimaryOwner = 1;
@@ -129,6 +131,16 @@ struct Job {
 };
 
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message);
+
+/* Under strict confinement: false, with the refusal recorded, when a value of
+ * a row or the where clause is larger than the integrator allows. */
+bool WithinRequestLimits(const std::vector<bundle*>& rows, const char* where);
+/* True (and the caller answered) when strict confinement refused the request
+ * of `scope`. */
+bool AnsweredRefusal(const confinement::RequestScope& scope, GDBusMethodInvocation* invocation);
+/* True (and the caller answered) when strict confinement refused the request
+ * in progress; `value`, the answer that is not sent, is dropped. */
+bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value);
 
 /* The interfaces' method tables, run on the default main context. */
 void RunDataControl(Job& job);

@@ -1,8 +1,8 @@
 /*
- * What happened while one request of a request road ran: the reasons a client
+ * What happened while one request of a request interface ran: the reasons a client
  * is told beside the provider's result code, and the rows a change touched.
  *
- * The road opens a RequestReportScope on the thread that runs the provider's
+ * The interface opens a RequestReportScope on the thread that runs the provider's
  * callback; while it is open the content library records the message of every
  * statement that fails and the rows every update and delete changed, and the
  * platform log hands over the provider's own lines. The provider's result

@@ -18,6 +18,7 @@
 
 #include "app_identity.h"
 #include "bus_connection.h"
+#include "confinement_policy.h"
 #include "host_state.h"
 #include "dlog.h"
 #include "host_control.h"
@@ -391,6 +392,9 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         s.exitRequested = false;
     };
 
+    /* The integrator's choice, stated once before the service sets up anything
+     * (at debug priority, as every line of the application's life). */
+    PLATFORM_LOGD(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
     if (!callback->create(user_data)) {
         PLATFORM_LOGE("service application create callback failed");
         detach();

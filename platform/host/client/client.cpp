@@ -85,7 +85,7 @@ void SetCallError(const GError* error, Result& result)
     }
     if (name == "org.tilvane.Request.Error.NoResult") {
         result.outcome = Outcome::NoResult;
-    } else if (name == "org.tilvane.Request.Error.ProviderError") {
+    } else if (name == "org.tilvane.Request.Error.ProviderError" || name == "org.tilvane.Request.Error.Refused") {
         result.outcome = Outcome::ProviderError;
     } else if (name == "org.tilvane.Request.Error.NotServed" || name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
                name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||

@@ -8,12 +8,15 @@
 #include <utility>
 
 #include <bundle.h>
+#include <confinement_policy.h>
 #include <host_control.h>
 
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/sqlite_statement_cursor.h"
+#include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
+#include "request_confinement.h"
 #include "request_report.h"
 
 using tilvane::content::Database;
@@ -21,6 +24,27 @@ using tilvane::content::QuoteIdentifier;
 using tilvane::content::StatementLease;
 
 namespace {
+
+/* A request statement on `table`. While strict confinement has a request in
+ * progress, the statement is prepared under the authorizer that keeps it to
+ * its own table, and is cached apart from statements prepared without it. */
+int AcquireRequestStatement(Database& database, sqlite3* handle, const std::string& table, const std::string& sql,
+                            StatementLease& lease)
+{
+    tilvane::host::confinement::RequestContext* request = tilvane::host::confinement::CurrentRequest();
+    if (request == nullptr) {
+        return database.Statements().Acquire(handle, sql, lease);
+    }
+    tilvane::content::ScopedStatementAuthorizer authorizer(database, table);
+    const int rc = database.Statements().Acquire(handle, sql, "\x01confined:" + table + "\x01" + sql, lease);
+    if (!authorizer.Refusal().empty()) {
+        CONTENT_LOGE("statement on %s refused by the authorizer: %s", table.c_str(), authorizer.Refusal().c_str());
+        confinement_policy_refuse(CONFINEMENT_RULE_STATEMENT,
+                                  ("the statement may use only table " + table + ", not " + authorizer.Refusal())
+                                      .c_str());
+    }
+    return rc;
+}
 
 std::string JoinPath(const std::string& directory, const std::string& fileName)
 {
@@ -296,7 +320,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
     }
 
     StatementLease statement;
-    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
@@ -354,7 +378,7 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
     }
 
     StatementLease statement;
-    int rc = db->Statements().Acquire(db.handle(), UpdateSql(table, entries, where), statement);
+    int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, UpdateSql(table, entries, where), statement);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
@@ -398,7 +422,7 @@ int CContentDbConnection::DeleteRequest(const std::string& table, const std::str
         sql += " WHERE " + where;
     }
     StatementLease statement;
-    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
@@ -463,7 +487,7 @@ std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::st
     }
 
     StatementLease statement;
-    int rc = db->Statements().Acquire(db.handle(), sql, statement);
+    int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("select from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
@@ -581,8 +605,21 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
         errorMessage = "no statement to fill";
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
+    /* Under strict confinement, the statement of a request keeps to the
+     * request's own table. */
+    tilvane::host::confinement::RequestContext* request = tilvane::host::confinement::CurrentRequest();
+    std::unique_ptr<tilvane::content::ScopedStatementAuthorizer> authorizer;
+    if (request != nullptr) {
+        authorizer.reset(new tilvane::content::ScopedStatementAuthorizer(*db.shared(), request->table));
+    }
     int rc = tilvane::content::PrepareStatement(db.handle(), sql.c_str(), static_cast<int>(sql.size() + 1), statement,
                                                 tail);
+    if (authorizer && !authorizer->Refusal().empty()) {
+        confinement_policy_refuse(CONFINEMENT_RULE_STATEMENT, ("the statement may use only table " + request->table +
+                                                               ", not " + authorizer->Refusal())
+                                                                  .c_str());
+    }
+    authorizer.reset();
     if (rc != SQLITE_OK) {
         errorMessage = db->ErrorMessage();
         tilvane::host::RecordStatementError(errorMessage.c_str());

@@ -11,6 +11,7 @@
 
 #include "ContentProviderParam.h"
 #include "content/content_log.h"
+#include "request_confinement.h"
 #include "bus_connection.h"
 
 namespace tilvane {
@@ -172,6 +173,7 @@ bool DispatchInsert(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARA
     if (!Lookup(RequestKind::Insert, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in, out);
     return true;
 }
@@ -183,6 +185,7 @@ bool DispatchBulkInsert(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDE
     if (!Lookup(RequestKind::BulkInsert, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in, out);
     return true;
 }
@@ -193,6 +196,7 @@ bool DispatchDelete(PT_PROVIDER_DELETE_IN_PARAM& in, int& result)
     if (!Lookup(RequestKind::Delete, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in);
     return true;
 }
@@ -203,6 +207,7 @@ bool DispatchSelect(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARA
     if (!Lookup(RequestKind::Select, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in, out);
     return true;
 }
@@ -213,6 +218,7 @@ bool DispatchUpdate(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARA
     if (!Lookup(RequestKind::Update, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in, out);
     return true;
 }
@@ -224,6 +230,7 @@ bool DispatchBulkUpdate(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDE
     if (!Lookup(RequestKind::BulkUpdate, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in, out);
     return true;
 }
@@ -234,6 +241,7 @@ bool DispatchGetId(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM
     if (!Lookup(RequestKind::GetId, in.strUri, callback, in.pUserData)) {
         return false;
     }
+    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
     result = callback(in, out);
     return true;
 }

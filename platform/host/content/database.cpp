@@ -86,6 +86,32 @@ int Database::Configure()
     return SQLITE_OK;
 }
 
+const std::vector<ForeignKeyLink>& Database::ForeignKeys()
+{
+    if (!m_bForeignKeysRead) {
+        m_foreignKeys = ReadForeignKeyLinks(m_handle.get());
+        m_bForeignKeysRead = true;
+    }
+    return m_foreignKeys;
+}
+
+void Database::SetActiveAuthorizer(ScopedStatementAuthorizer* pAuthorizer)
+{
+    if (pAuthorizer != nullptr && !m_bAuthorizerInstalled) {
+        sqlite3_set_authorizer(m_handle.get(), AuthorizeCB, this);
+        m_bAuthorizerInstalled = true;
+    }
+    m_pActiveAuthorizer = pAuthorizer;
+}
+
+int Database::AuthorizeCB(void* userData, int action, const char* first, const char* second,
+                          const char* /*database*/, const char* trigger)
+{
+    Database* self = static_cast<Database*>(userData);
+    return self->m_pActiveAuthorizer != nullptr ? self->m_pActiveAuthorizer->Authorize(action, first, second, trigger)
+                                                : SQLITE_OK;
+}
+
 int Database::Exec(const std::string& sql, std::string* errorMessage)
 {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);

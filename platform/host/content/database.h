@@ -20,6 +20,7 @@
 
 #include <sqlite3.h>
 
+#include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
 
 namespace tilvane {
@@ -69,6 +70,13 @@ public:
 
     const char* ErrorMessage() const;
 
+    /* The schema's foreign keys, read at the first call (the service sets its
+     * schema up before it serves requests). Under the mutex. */
+    const std::vector<ForeignKeyLink>& ForeignKeys();
+    /* The confinement of the statements prepared now, or null for none; the
+     * first non-null one installs the database's SQLite authorizer. */
+    void SetActiveAuthorizer(ScopedStatementAuthorizer* pAuthorizer);
+
     /* Nesting of CContentDbConnection's transactions. */
     int m_nTransactionDepth = 0;
     bool m_bTransactionFailed = false;
@@ -81,6 +89,13 @@ private:
     SQLiteHandle m_handle;
     // Declared after the handle: statements are finalised before it closes.
     StatementCache m_statements;
+    static int AuthorizeCB(void* userData, int action, const char* first, const char* second,
+                           const char* database, const char* trigger);
+
+    bool m_bForeignKeysRead = false;
+    bool m_bAuthorizerInstalled = false;
+    ScopedStatementAuthorizer* m_pActiveAuthorizer = nullptr;
+    std::vector<ForeignKeyLink> m_foreignKeys;
 };
 
 /* "name" with inner double quotes doubled: an SQL identifier. */

@@ -98,9 +98,14 @@ StatementCache::~StatementCache()
 
 int StatementCache::Acquire(sqlite3* db, const std::string& sql, StatementLease& lease)
 {
+    return Acquire(db, sql, sql, lease);
+}
+
+int StatementCache::Acquire(sqlite3* db, const std::string& sql, const std::string& key, StatementLease& lease)
+{
     lease.Release();
 
-    auto found = m_entries.find(sql);
+    auto found = m_entries.find(key);
     if (found != m_entries.end() && !found->second.lent) {
         CachedStatement& entry = found->second;
         entry.lent = true;
@@ -131,7 +136,7 @@ int StatementCache::Acquire(sqlite3* db, const std::string& sql, StatementLease&
         return SQLITE_OK;
     }
 
-    CachedStatement& entry = m_entries[sql];
+    CachedStatement& entry = m_entries[key];
     entry.statement = std::move(statement);
     entry.lent = true;
     entry.lastUse = ++m_nClock;

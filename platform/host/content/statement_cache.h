@@ -97,6 +97,9 @@ public:
     /* Lends the statement of `sql`, preparing it when the cache has none that
      * is free. On failure returns the SQLite result code and an empty lease. */
     int Acquire(sqlite3* db, const std::string& sql, StatementLease& lease);
+    /* The same, the statement kept under `key` instead of its text (for
+     * statements whose preparation depended on more than their text). */
+    int Acquire(sqlite3* db, const std::string& sql, const std::string& key, StatementLease& lease);
 
     /* Finalises every statement that is not lent out. */
     void Clear();

@@ -1,0 +1,214 @@
+/*
+ * The request path with strict confinement on against the same path in the
+ * default mode, interleaved in one run: every iteration makes the request once
+ * in each mode (the integrator's switch is flipped between them, untimed), so
+ * that both see the same database, caches and machine load. The provider's
+ * handlers are reached in process through the content library's dispatch, as
+ * in bench/HandlerBench.cpp; the caller is a public-level application with 20
+ * tiles.
+ */
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include <bundle.h>
+#include <content_provider_dispatch.h>
+#include <host_control.h>
+#include <tzplatform_config.h>
+
+#include "SharedQueryObject.h"
+#include "TilesModel.h"
+#include "TilesProvider.h"
+
+namespace {
+
+const char kAppId[] = "org.example.strictbench.app";
+const char kPackage[] = "org.example.strictbench";
+const char kDefaultMode[] = "[strict]\nconfinement = false\n";
+const char kStrictMode[] = "[strict]\nconfinement = true\ntiles-per-package = 1000000\n";
+
+/* Per-iteration times of the last run of each benchmark, for main's summary. */
+std::map<std::string, std::pair<double, double>>& Results()
+{
+    static std::map<std::string, std::pair<double, double>> results;
+    return results;
+}
+
+class StrictBenchService
+{
+public:
+    StrictBenchService()
+    {
+        char pattern[] = "/tmp/tilvane-strict-bench-XXXXXX";
+        const char* made = mkdtemp(pattern);
+        m_root = made != nullptr ? made : "/tmp";
+        tilvane::host::SetPlatformRoot(m_root);
+        tilvane::host::UseVirtualClock(true);
+        tilvane::host::RegisteredPackage package;
+        package.packageId = kPackage;
+        package.applications.push_back({kAppId, {}});
+        tilvane::host::InstallPackage(package);
+        CTilesProvider::GetInstance();
+        Exec("INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (1001, 'org.example.strictbench');"
+             "INSERT INTO sections (_id, section_accelerator_raw_id) VALUES (1, 1001);");
+        for (int i = 0; i < 20; ++i) {
+            Exec("INSERT INTO tiles (tile_id, tile_title, tile_section_raw_id) VALUES ('t" + std::to_string(i) +
+                 "', 'Title', 1)");
+        }
+    }
+
+    ~StrictBenchService()
+    {
+        CTilesProvider::ReleaseInstance();
+        tilvane::host::Reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(m_root, ignored);
+    }
+
+    void Exec(const std::string& sql)
+    {
+        sqlite3* db = nullptr;
+        sqlite3_open((std::string(tzplatform_getenv(TZ_SYS_DB)) + "/.preview.db").c_str(), &db);
+        sqlite3_busy_timeout(db, 5000);
+        sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+        sqlite3_close(db);
+    }
+
+private:
+    std::string m_root;
+};
+
+/* Runs `request` once per mode per iteration; `request` returns false when
+ * the provider did not serve it. `undo` (untimed) puts the database back after
+ * each request, so that both modes always see the same 20 tiles. */
+void Interleave(benchmark::State& state, const std::string& name, const std::function<bool()>& request,
+                const std::function<void()>& undo = [] {})
+{
+    using Clock = std::chrono::steady_clock;
+    double defaultSeconds = 0;
+    double strictSeconds = 0;
+    int64_t iterations = 0;
+    for (auto _ : state) {
+        tilvane::host::SetConfigurationText(kDefaultMode);
+        Clock::time_point start = Clock::now();
+        const bool servedDefault = request();
+        defaultSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+        undo();
+        tilvane::host::SetConfigurationText(kStrictMode);
+        start = Clock::now();
+        const bool servedStrict = request();
+        strictSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+        undo();
+        if (!servedDefault || !servedStrict) {
+            state.SkipWithError(servedDefault ? "refused in strict mode" : "refused in the default mode");
+            return;
+        }
+        ++iterations;
+    }
+    if (iterations == 0) {
+        return;
+    }
+    const double perDefault = defaultSeconds / static_cast<double>(iterations);
+    const double perStrict = strictSeconds / static_cast<double>(iterations);
+    state.counters["default_us"] = perDefault * 1e6;
+    state.counters["strict_us"] = perStrict * 1e6;
+    state.counters["strict/default"] = perStrict / perDefault;
+    Results()[name] = {perStrict, perDefault};
+}
+
+void BM_StrictConfinement_SelectWithWhere(benchmark::State& state)
+{
+    StrictBenchService service;
+    Interleave(state, "read 20 tiles with a where clause", [] {
+        PT_PROVIDER_SELECT_IN_PARAM in;
+        in.strAppId = kAppId;
+        in.strUri = TilesModel::Tiles::CONTENT_URI;
+        in.vecProjection = {TilesModel::Tiles::_ID, TilesModel::Tiles::TILE_ID, TilesModel::Tiles::TILE_TITLE};
+        in.strWhere = "tile_title = ? OR tile_id = 'none'";
+        in.vecWhereArgs = {"Title"};
+        PT_PROVIDER_SELECT_OUT_PARAM out;
+        bool result = false;
+        tilvane::content::DispatchSelect(in, out, result);
+        std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
+        if (!result || cursor == nullptr) {
+            return false;
+        }
+        int rows = 0;
+        std::string text;
+        while (cursor->Step() == ISQLiteCursor::STEP_ROW) {
+            cursor->GetString(1, text);
+            ++rows;
+        }
+        benchmark::DoNotOptimize(rows);
+        return rows == 20;
+    });
+}
+
+void BM_StrictConfinement_UpdateWithWhere(benchmark::State& state)
+{
+    StrictBenchService service;
+    bundle* values = bundle_create();
+    bundle_add_str(values, TilesModel::Tiles::TILE_SUBTITLE, "seen");
+    Interleave(state, "update a tile by its id", [values] {
+        PT_PROVIDER_UPDATE_IN_PARAM in;
+        in.strAppId = kAppId;
+        in.strUri = TilesModel::Tiles::CONTENT_URI;
+        in.pValues = values;
+        in.strWhere = "tile_id = ?";
+        in.vecWhereArgs = {"t7"};
+        PT_PROVIDER_UPDATE_OUT_PARAM out;
+        int result = -1;
+        return tilvane::content::DispatchUpdate(in, out, result) && result == 0;
+    });
+    bundle_free(values);
+}
+
+void BM_StrictConfinement_InsertTile(benchmark::State& state)
+{
+    StrictBenchService service;
+    bundle* values = bundle_create();
+    bundle_add_str(values, TilesModel::Tiles::TILE_ID, "new");
+    bundle_add_str(values, TilesModel::Tiles::TILE_SECTION_RAW_ID, "1");
+    Interleave(state, "insert one tile", [values] {
+        PT_PROVIDER_INSERT_IN_PARAM in;
+        in.strAppId = kAppId;
+        in.strUri = TilesModel::Tiles::CONTENT_URI;
+        in.pValues = values;
+        PT_PROVIDER_INSERT_OUT_PARAM out;
+        int result = -1;
+        return tilvane::content::DispatchInsert(in, out, result) && result == 0;
+    }, [] {
+        /* Through the provider's own connection, so that its page cache stays warm. */
+        PT_PROVIDER_DELETE_IN_PARAM in;
+        in.strAppId = kAppId;
+        in.strUri = TilesModel::Tiles::CONTENT_URI;
+        in.strWhere = "tile_id = 'new'";
+        int result = -1;
+        tilvane::content::DispatchDelete(in, result);
+    });
+    bundle_free(values);
+}
+
+BENCHMARK(BM_StrictConfinement_SelectWithWhere)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StrictConfinement_UpdateWithWhere)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StrictConfinement_InsertTile)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+/* Called by main after the run: one line per request kind that ran. */
+void PrintStrictConfinementRatios()
+{
+    for (const auto& entry : Results()) {
+        std::printf("ratio strict confinement: %-30s = %5.2f  (%.1f us strict vs %.1f us default per request)\n",
+                    entry.first.c_str(), entry.second.first / entry.second.second, entry.second.first * 1e6,
+                    entry.second.second * 1e6);
+    }
+}
