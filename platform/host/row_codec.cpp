@@ -152,6 +152,42 @@ bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded)
     return true;
 }
 
+namespace {
+
+/* One cell of a cursor's current row, by its type; `text` and `blob` are
+ * scratch buffers kept across cells. */
+void EncodeCursorCell(ISQLiteCursor& cursor, int i, RowEncoder& encoder, std::string& text,
+                      std::vector<unsigned char>& blob)
+{
+    switch (cursor.GetColumnType(i)) {
+    case SQLITE_INTEGER: {
+        int64_t value = 0;
+        cursor.GetInt64(i, value);
+        encoder.Integer(value);
+        break;
+    }
+    case SQLITE_FLOAT: {
+        double value = 0.0;
+        cursor.GetDouble(i, value);
+        encoder.Real(value);
+        break;
+    }
+    case SQLITE_TEXT:
+        cursor.GetString(i, text);
+        encoder.Text(text.data(), text.size());
+        break;
+    case SQLITE_BLOB:
+        cursor.GetBlob(i, blob);
+        encoder.Blob(blob.data(), blob.size());
+        break;
+    default:
+        encoder.Null();
+        break;
+    }
+}
+
+}  // namespace
+
 bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
 {
     const int count = cursor.GetColumnCount();
@@ -183,31 +219,7 @@ bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
             return false;
         }
         for (int i = 0; i < count; ++i) {
-            switch (cursor.GetColumnType(i)) {
-            case SQLITE_INTEGER: {
-                int64_t value = 0;
-                cursor.GetInt64(i, value);
-                encoder.Integer(value);
-                break;
-            }
-            case SQLITE_FLOAT: {
-                double value = 0.0;
-                cursor.GetDouble(i, value);
-                encoder.Real(value);
-                break;
-            }
-            case SQLITE_TEXT:
-                cursor.GetString(i, text);
-                encoder.Text(text.data(), text.size());
-                break;
-            case SQLITE_BLOB:
-                cursor.GetBlob(i, blob);
-                encoder.Blob(blob.data(), blob.size());
-                break;
-            default:
-                encoder.Null();
-                break;
-            }
+            EncodeCursorCell(cursor, i, encoder, text, blob);
         }
         encoder.EndRow();
     }
