@@ -177,7 +177,8 @@ TEST_F(InstallTest, AProgramBuildsAgainstTheInstalledPkgConfigFileAndTalksToTheI
                              "    return argc == 2 && result.Ok() ? 0 : 1;\n"
                              "}\n");
     flags.output.erase(flags.output.find_last_not_of("\n") + 1);
-    Shell build = RunShell(environment + " c++ -std=c++17 -o " + Quoted(work.File("reader")) + " " + Quoted(source) +
+    Shell build = RunShell(environment + " c++ -std=c++17 " TILVANE_TEST_PROGRAM_FLAGS " -o " + Quoted(work.File("reader")) +
+                           " " + Quoted(source) +
                            " $(" + environment + " pkg-config --cflags --libs tilvane-client)");
     ASSERT_EQ(build.exitCode, 0) << build.output;
 
