@@ -69,6 +69,10 @@ public:
 
     const char* ErrorMessage() const;
 
+    /* Frees what SQLite caches for every open database that no thread is
+     * using (page cache): the service calls it when it falls idle. */
+    static void ReleaseCachedMemoryOfAll();
+
     /* Nesting of CContentDbConnection's transactions. */
     int m_nTransactionDepth = 0;
     bool m_bTransactionFailed = false;
