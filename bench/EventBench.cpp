@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -154,7 +155,8 @@ void BM_EventSend(benchmark::State& state)
     }
     bundle* event = NewEvent();
     RunInterleaved(
-        state, "event to " + std::to_string(subscribers) + " subscriber(s)", 0, Pairs(200, 20),
+        state, "event to " + std::to_string(subscribers) + " subscriber(s)", 0,
+        Pairs(std::max(10, 2000 / subscribers), std::max(2, 200 / subscribers)),
         [&] { return helper.Send(event, false) == 0; },
         [&] {
             for (const std::string& port : ports) {

@@ -2,8 +2,10 @@
  * Giving memory back when the service falls idle: a request's buffers (a
  * select of 1,000 tiles is half a megabyte, several times over between SQLite,
  * the encoder and the bus) stay in the allocator's free lists after they are
- * freed. A second after the last request the free memory of every malloc
- * arena goes back to the system (malloc_trim). Internal to the host platform.
+ * freed, and SQLite keeps up to 2 MiB of pages per connection. A second after
+ * the last request the page caches are released and the free memory of every
+ * malloc arena goes back to the system (malloc_trim). Internal to the host
+ * platform.
  */
 #ifndef TILVANE_PLATFORM_IDLE_TRIM_H
 #define TILVANE_PLATFORM_IDLE_TRIM_H

@@ -126,6 +126,18 @@ TEST_F(InstallTest, LaysOutProgramsLibraryUnitsBusFilesManPagesAndExamples)
     Shell completion = RunShell("bash -n " + Quoted(Installed(TILVANE_INSTALL_DATADIR
                                                                "/bash-completion/completions/tilvanectl")));
     EXPECT_EQ(completion.exitCode, 0) << completion.output;
+    /* The completion completes groups, commands, options and tables. */
+    const std::string script = Installed(TILVANE_INSTALL_DATADIR "/bash-completion/completions/tilvanectl");
+    auto complete = [&](const std::string& words, int current) {
+        return RunShell("bash -c " + Quoted("source " + script + "; COMP_WORDS=(" + words + "); COMP_CWORD=" +
+                                            std::to_string(current) + "; _tilvanectl; echo \"${COMPREPLY[*]}\""))
+            .output;
+    };
+    EXPECT_EQ(complete("tilvanectl pu", 1), "publish\n");
+    EXPECT_EQ(complete("tilvanectl data se", 2), "select\n");
+    EXPECT_EQ(complete("tilvanectl data select ti", 3), "tiles\n");
+    EXPECT_EQ(complete("tilvanectl data select tiles --inter", 4), "--interface\n");
+    EXPECT_EQ(complete("tilvanectl data select tiles --interface d", 5), "data-control\n");
 }
 
 TEST_F(InstallTest, SystemdAcceptsTheUnits)
@@ -177,7 +189,8 @@ TEST_F(InstallTest, AProgramBuildsAgainstTheInstalledPkgConfigFileAndTalksToTheI
                              "    return argc == 2 && result.Ok() ? 0 : 1;\n"
                              "}\n");
     flags.output.erase(flags.output.find_last_not_of("\n") + 1);
-    Shell build = RunShell(environment + " c++ -std=c++17 -o " + Quoted(work.File("reader")) + " " + Quoted(source) +
+    Shell build = RunShell(environment + " c++ -std=c++17 " TILVANE_TEST_PROGRAM_FLAGS " -o " + Quoted(work.File("reader")) +
+                           " " + Quoted(source) +
                            " $(" + environment + " pkg-config --cflags --libs tilvane-client)");
     ASSERT_EQ(build.exitCode, 0) << build.output;
 

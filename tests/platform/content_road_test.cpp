@@ -416,11 +416,19 @@ TEST_F(ContentRoadTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest)
     ASSERT_EQ(m_client.GetRowIds(kTiles, "", {}).outcome, Outcome::Answered);
     // Nothing right after the requests.
     EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before);
+    int cacheBefore = 0;
+    int highwater = 0;
+    ASSERT_EQ(SQLITE_OK, sqlite3_db_status(g_db->GetHandle(), SQLITE_DBSTATUS_CACHE_USED, &cacheBefore, &highwater, 0));
+    EXPECT_GT(cacheBefore, 0);
 
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(tilvane::test::IterateMainContextUntil(
         [&] { return tilvane::host::CallCount("malloc_trim") > before; }, 5000));
     EXPECT_GE(MillisecondsSince(start), 500);
+    // The connection's page cache went back too.
+    int cacheAfter = 0;
+    ASSERT_EQ(SQLITE_OK, sqlite3_db_status(g_db->GetHandle(), SQLITE_DBSTATUS_CACHE_USED, &cacheAfter, &highwater, 0));
+    EXPECT_LT(cacheAfter, cacheBefore);
     // Once for both requests.
     tilvane::test::IterateMainContextUntil([] { return false; }, 1500);
     EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before + 1);

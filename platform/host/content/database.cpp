@@ -1,5 +1,7 @@
 #include "content/database.h"
 
+#include <mutex>
+#include <set>
 #include <utility>
 
 #include "content/clean_close.h"
@@ -7,6 +9,22 @@
 
 namespace tilvane {
 namespace content {
+namespace {
+
+/* Every Database alive, for ReleaseCachedMemoryOfAll. */
+struct OpenDatabases
+{
+    std::mutex mutex;
+    std::set<Database*> all;
+};
+
+OpenDatabases& TheOpenDatabases()
+{
+    static OpenDatabases* open = new OpenDatabases();
+    return *open;
+}
+
+}  // namespace
 
 std::shared_ptr<Database> Database::Open(const std::string& path, int& rc)
 {
@@ -27,10 +45,33 @@ std::shared_ptr<Database> Database::Open(const std::string& path, int& rc)
     return std::shared_ptr<Database>(new Database(path, std::move(handle)));
 }
 
-Database::Database(std::string path, SQLiteHandle handle) : m_strPath(std::move(path)), m_handle(std::move(handle)) {}
+Database::Database(std::string path, SQLiteHandle handle) : m_strPath(std::move(path)), m_handle(std::move(handle))
+{
+    OpenDatabases& open = TheOpenDatabases();
+    std::lock_guard<std::mutex> lock(open.mutex);
+    open.all.insert(this);
+}
+
+void Database::ReleaseCachedMemoryOfAll()
+{
+    OpenDatabases& open = TheOpenDatabases();
+    std::lock_guard<std::mutex> lock(open.mutex);
+    for (Database* database : open.all) {
+        // A database in use is left alone: no waiting under the list's lock.
+        std::unique_lock<std::recursive_mutex> own(database->m_mutex, std::try_to_lock);
+        if (own.owns_lock() && database->m_handle) {
+            sqlite3_db_release_memory(database->m_handle.get());
+        }
+    }
+}
 
 Database::~Database()
 {
+    {
+        OpenDatabases& open = TheOpenDatabases();
+        std::lock_guard<std::mutex> lock(open.mutex);
+        open.all.erase(this);
+    }
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (m_nTransactionDepth > 0 && m_handle && sqlite3_get_autocommit(m_handle.get()) == 0) {
         CONTENT_LOGW("closing %s inside a transaction; it is rolled back", m_strPath.c_str());

@@ -76,6 +76,9 @@ public:
     /* The confinement of the statements prepared now, or null for none; the
      * first non-null one installs the database's SQLite authorizer. */
     void SetActiveAuthorizer(ScopedStatementAuthorizer* pAuthorizer);
+    /* Frees what SQLite caches for every open database that no thread is
+     * using (page cache): the service calls it when it falls idle. */
+    static void ReleaseCachedMemoryOfAll();
 
     /* Nesting of CContentDbConnection's transactions. */
     int m_nTransactionDepth = 0;

@@ -326,7 +326,8 @@ function render() {
   sections.replaceChildren(...state.sections.map(renderSection));
   const empty = document.getElementById("empty");
   empty.hidden = state.entries.length > 0 && state.sections.length > 0;
-  empty.textContent = state.entries.length === 0 ? "No launcher entry yet." : "This entry has no section.";
+  empty.textContent = state.entries.length === 0 ? "No launcher entry yet." :
+    (state.signature === "" ? "Reading the sections\u2026" : "This entry has no section.");
   const focused = document.querySelector(".tile.focused, .entry.focused");
   if (focused) focused.scrollIntoView({ block: "nearest", inline: "nearest" });
   state.renders += 1;
