@@ -52,6 +52,9 @@ int RunRoadBenchProvider(int readyFd, const char* directory);
 
 int main(int argc, char** argv)
 {
+    // Every benchmark process runs as one user: the development identity mode,
+    // unless the caller names a configuration of its own.
+    setenv("TILVANE_CONFIG", TILVANE_DEVELOPMENT_CONFIG, 0);
     if (argc == 4 && std::string(argv[1]) == "--road-bench-provider") {
         return RunRoadBenchProvider(std::atoi(argv[2]), argv[3]);
     }

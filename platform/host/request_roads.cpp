@@ -24,6 +24,7 @@
 #include <gio/gio.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,7 @@
 #include "bus_connection.h"
 #include "glib_ptr.h"
 #include "host_state.h"
+#include "platform_config.h"
 #include "RequestRoadsXml.h"
 #include "row_codec.h"
 #include "SQLiteCursor.h"
@@ -231,6 +233,38 @@ void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char
 
 /* ---- data control ---------------------------------------------------------- */
 
+/* The tables the provider declares; a request for anything else never
+ * reaches a callback. Compared exactly: SQLite would read "TILES" as tiles. */
+bool ServesDataId(const std::string& dataId)
+{
+    std::vector<std::string> declared = config::StringList("data-control", "data-ids");
+    if (declared.empty()) {
+        declared = {"accelerators", "sections", "tiles"};
+    }
+    return std::find(declared.begin(), declared.end(), dataId) != declared.end();
+}
+
+/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id, else the
+ * service's provider id. */
+std::string ConfiguredProviderId()
+{
+    const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
+    if (fromEnvironment != nullptr) {
+        return fromEnvironment;
+    }
+    return config::String("data-control", "provider-id", "content://com.quillon.px.tiles");
+}
+
+/* `name` as an SQL identifier: in double quotes, a quote inside doubled. */
+std::string QuotedIdentifier(const std::string& name)
+{
+    std::string quoted = "\"";
+    for (char c : name) {
+        quoted += c == '"' ? "\"\"" : std::string(1, c);
+    }
+    return quoted + "\"";
+}
+
 void RunDataControl(Job& job)
 {
     RoadState& s = TheRoadState();
@@ -252,6 +286,12 @@ void RunDataControl(Job& job)
     g_variant_get_child(p, 2, "&s", &dataId);
     if (!registered || providerId != requestedProvider) {
         ReturnError(job.invocation, kErrorNotServed, "no data-control provider for this provider id here");
+        return;
+    }
+    if (!ServesDataId(dataId)) {
+        ROAD_LOGE("data-control request %s of %s refused: the provider serves no data id \"%s\"", job.method.c_str(),
+                  job.clientApp.c_str(), dataId);
+        ReturnError(job.invocation, kErrorNotServed, "the provider serves no such data id");
         return;
     }
     DcRequest request;
@@ -561,9 +601,9 @@ void OnRoadMethodCallCB(GDBusConnection* connection, const gchar* sender, const 
 {
     const gchar* clientApp = nullptr;
     g_variant_get_child(parameters, 0, "&s", &clientApp);
-    if (!SenderIsApp(connection, sender, clientApp)) {
-        ROAD_LOGE("request %s.%s refused: sender %s does not own the name of application %s", interfaceName,
-                  methodName, sender != nullptr ? sender : "(none)", clientApp);
+    std::string reason;
+    if (!SenderIsApp(connection, sender, clientApp, reason)) {
+        ROAD_LOGE("request %s.%s refused: %s", interfaceName, methodName, reason.c_str());
         ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
         return;
     }
@@ -776,8 +816,7 @@ extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_c
     if (callback == nullptr) {
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
-    const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
-    const std::string providerId = fromEnvironment != nullptr ? fromEnvironment : "";
+    const std::string providerId = ConfiguredProviderId();
     const std::string busName = providerId.empty() ? std::string() : DataControlBusName(AuthorityOf(providerId));
     RoadState& s = TheRoadState();
     std::string previousName;
@@ -789,8 +828,7 @@ extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_c
         ReleaseName(previousName);
     }
     if (busName.empty()) {
-        ROAD_LOGI("TILVANE_DATA_CONTROL_PROVIDER_ID names no provider id: data-control requests cannot reach this "
-                  "process");
+        ROAD_LOGI("no data-control provider id is configured: data-control requests cannot reach this process");
     } else if (BusConfigured() && !OwnsRoadBusName(busName) && !OwnName(busName)) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
@@ -887,7 +925,7 @@ extern "C" char* data_control_provider_create_select_statement(data_control_h pr
         statement += column_list[i];
     }
     statement += " FROM ";
-    statement += provider->dataId;
+    statement += QuotedIdentifier(provider->dataId);
     if (where != nullptr && *where != '\0') {
         statement += " WHERE ";
         statement += where;

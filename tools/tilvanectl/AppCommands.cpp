@@ -8,11 +8,19 @@
  *   # a comment
  *   package = org.example.news
  *   webapp = NewsStore01
+ *   user = 5001
  *   app = org.example.news.main
  *   metadata = http://developer.quillon.com/tv/metadata/use.preview true
  *
+ * Package and application ids must have the platform's id syntax (letters,
+ * digits, '.', '_', '-', a letter first, at most 128 bytes). `user` names the
+ * operating-system user (a number or a user name) the package's applications
+ * run as; without it the registry allocates one.
+ *
  * A manifest with a mistake is refused as a whole, naming the file and line.
  */
+#include <pwd.h>
+
 #include <cstdio>
 #include <fstream>
 #include <set>
@@ -46,6 +54,25 @@ bool IsOneWord(const std::string& text)
     return !text.empty() && text.find_first_of(kBlanks) == std::string::npos;
 }
 
+/* A user id given as a number or a user name. */
+bool ParseUser(const std::string& text, int64_t& userId)
+{
+    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos && text.size() <= 10) {
+        const unsigned long long number = std::stoull(text);
+        if (number < 0xFFFFFFFFull) {
+            userId = static_cast<int64_t>(number);
+            return true;
+        }
+        return false;
+    }
+    struct passwd* entry = text.empty() ? nullptr : getpwnam(text.c_str());
+    if (entry == nullptr) {
+        return false;
+    }
+    userId = static_cast<int64_t>(entry->pw_uid);
+    return true;
+}
+
 /* Reads a manifest. On a mistake, `error` holds "<file>:<line>: <what>". */
 bool ParseManifest(const std::string& path, RegisteredPackage& package, std::string& error)
 {
@@ -56,6 +83,7 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
     }
     bool havePackage = false;
     bool haveWebApp = false;
+    bool haveUser = false;
     std::set<std::string> appIds;
     std::set<std::string> keysOfLastApp;
     std::string line;
@@ -72,7 +100,7 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
         }
         std::string::size_type equals = text.find('=');
         if (equals == std::string::npos) {
-            return fail("expected 'NAME = VALUE' (package, webapp, app or metadata)");
+            return fail("expected 'NAME = VALUE' (package, webapp, user, app or metadata)");
         }
         std::string name = Trim(text.substr(0, equals));
         std::string value = Trim(text.substr(equals + 1));
@@ -82,6 +110,10 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
             }
             if (!IsOneWord(value)) {
                 return fail("'package' needs one package id without blanks");
+            }
+            std::string rule;
+            if (!tilvane::host::IsValidPlatformId(value, &rule)) {
+                return fail("package id '" + value + "' is refused: " + rule);
             }
             package.packageId = value;
             havePackage = true;
@@ -94,9 +126,21 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
             }
             package.webAppId = value;
             haveWebApp = true;
+        } else if (name == "user") {
+            if (haveUser) {
+                return fail("'user' is given a second time");
+            }
+            if (!ParseUser(value, package.userId)) {
+                return fail("'user' needs a user id (a number) or the name of a user");
+            }
+            haveUser = true;
         } else if (name == "app") {
             if (!IsOneWord(value)) {
                 return fail("'app' needs one application id without blanks");
+            }
+            std::string rule;
+            if (!tilvane::host::IsValidPlatformId(value, &rule)) {
+                return fail("application id '" + value + "' is refused: " + rule);
             }
             if (!appIds.insert(value).second) {
                 return fail("application '" + value + "' is given a second time");
@@ -119,7 +163,7 @@ bool ParseManifest(const std::string& path, RegisteredPackage& package, std::str
             }
             package.applications.back().metadata.emplace_back(key, metadataValue);
         } else {
-            return fail("unknown name '" + name + "' (expected package, webapp, app or metadata)");
+            return fail("unknown name '" + name + "' (expected package, webapp, user, app or metadata)");
         }
     }
     if (in.bad()) {
@@ -215,9 +259,12 @@ void PrintAppHelp()
         "Manifest lines ('#' starts a comment line):\n"
         "  package = PACKAGE_ID          once\n"
         "  webapp = WEB_APP_ID           at most once: the web-application store's id\n"
+        "  user = UID_OR_NAME            at most once: the user the applications run as\n"
+        "                                (allocated by the registry when not given)\n"
         "  app = APP_ID                  one line per application\n"
         "  metadata = KEY [VALUE]        for the application of the last 'app' line;\n"
         "                                the key ends at the first blank, the value is the rest\n"
+        "Ids: letters, digits, '.', '_', '-', a letter first, at most 128 bytes.\n"
         "The registry lives under $TILVANE_PLATFORM_ROOT; see docs/tools.md.\n");
 }
 
