@@ -16,11 +16,13 @@ const char kOpenConfig[] =
     " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
     "<busconfig>\n"
     "  <type>session</type>\n"
+    "  <listen>@LISTEN@</listen>\n"
     "  <auth>EXTERNAL</auth>\n"
     "  <policy context=\"default\">\n"
     "    <allow user=\"*\"/>\n"
     "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
     "    <allow eavesdrop=\"true\"/>\n"
+    "    <allow receive_sender=\"*\"/>\n"
     "    <allow own=\"*\"/>\n"
     "  </policy>\n"
     "</busconfig>\n";
@@ -36,9 +38,13 @@ MultiUserBus::MultiUserBus(const std::string& configFile)
     std::string config = configFile;
     if (config.empty()) {
         config = m_dir.File("bus.conf");
-        WriteFile(config, kOpenConfig);
     }
     const std::string listen = "unix:path=" + m_dir.File("bus");
+    if (configFile.empty()) {
+        std::string text = kOpenConfig;
+        text.replace(text.find("@LISTEN@"), 8, listen);
+        WriteFile(config, text);
+    }
     int fds[2];
     if (pipe(fds) != 0) {
         return;
