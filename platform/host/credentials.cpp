@@ -24,7 +24,6 @@
 #include "platform_config.h"
 
 #define IDENTITY_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
-#define IDENTITY_LOGW(...) __dlog_print(LOG_ID_MAIN, DLOG_WARN, kPlatformLogTag, __VA_ARGS__)
 #define IDENTITY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 namespace tilvane {
@@ -110,7 +109,7 @@ void LogModeOnce()
         IDENTITY_LOGE("unknown identity mode \"%s\"; identities are verified", mode.c_str());
     }
     if (CurrentMode() == Mode::Development) {
-        IDENTITY_LOGW("development mode: identities are not verified; every process is believed to be the "
+        IDENTITY_LOGI("development mode: identities are not verified; every process is believed to be the "
                       "application it claims");
         return;
     }

@@ -32,7 +32,8 @@ enum class Mode { Verified, Development };
 
 /* The mode the configuration chooses (verified when it names none). */
 Mode CurrentMode();
-/* Writes the mode's start-up line to the platform log, once per process. */
+/* Writes the mode's start-up line to the platform log (info), once per
+ * process: when it first connects to the bus. */
 void LogModeOnce();
 
 /* The users the configuration trusts as the platform ([identity]

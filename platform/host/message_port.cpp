@@ -382,6 +382,7 @@ std::unique_ptr<Bus> OpenBus()
         PORT_LOGE("no message bus: DBUS_SESSION_BUS_ADDRESS is not set");
         return nullptr;
     }
+    identity::LogModeOnce();
     std::unique_ptr<Bus> bus(new Bus());
     bus->appId = CurrentAppId();
     bus->busName = BusNameForAppId(bus->appId);

@@ -15,7 +15,6 @@
 #include <mutex>
 #include <vector>
 
-#include "credentials.h"
 #include "host_state.h"
 #include "dlog.h"
 #include "host_control.h"
@@ -263,7 +262,6 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         return APP_ERROR_INVALID_PARAMETER;
     }
 
-    identity::LogModeOnce();
     LoopRun run;
     {
         AppState& s = TheAppState();

@@ -233,12 +233,18 @@ TEST_F(IdentityTest, AnotherUserCannotActAsAnInstalledApplicationOrAPlatformId)
             EXPECT_NE((read.out + read.err).find("not authorized"), std::string::npos) << read.out << read.err;
         }
     }
+    /* A message-port message under the news application's id is dropped too. */
+    Ctl(kSportsUser, kNewsApp, {"launcher", "hidden", "org.example.news"});
+    ASSERT_TRUE(m_service->WaitFor("message for port launcher_event_port dropped: sender", true, 10000))
+        << ServiceLog();
+    EXPECT_EQ(CountInLog("message for port launcher_event_port dropped: sender"), 1);
+
     /* Nothing changed, and each refusal is one log line naming both users. */
     EXPECT_EQ(Count("SELECT COUNT(*) FROM tiles"), 4);
     EXPECT_EQ(Count("SELECT COUNT(*) FROM sections"), 2);
     EXPECT_EQ(CountInLog("runs as user " + kSports + ", application DownloadManager is bound to user 0"), 4) << ServiceLog();
     EXPECT_EQ(CountInLog("runs as user " + kSports + ", application ContentServiceManager is bound to user 0"), 4);
-    EXPECT_EQ(CountInLog("runs as user " + kSports + ", application org.example.news.ui is bound to user " + kNews), 4);
+    EXPECT_EQ(CountInLog("runs as user " + kSports + ", application org.example.news.ui is bound to user " + kNews), 5);
     EXPECT_EQ(CountInLog("runs as user " + kSports + ", application org.example.news is bound to user " + kNews), 4);
 }
 
