@@ -233,9 +233,6 @@ int List(const std::vector<std::string>& args)
         if (!package.webAppId.empty()) {
             std::printf("  webapp %s\n", package.webAppId.c_str());
         }
-        if (package.userId >= 0) {
-            std::printf("  user %lld\n", static_cast<long long>(package.userId));
-        }
         for (const RegisteredApplication& app : package.applications) {
             std::printf("  app %s\n", app.appId.c_str());
             for (const auto& entry : app.metadata) {
