@@ -76,6 +76,9 @@ void PrintStrictConfinementRatios();
 
 int main(int argc, char** argv)
 {
+    // Every benchmark process runs as one user: the development identity mode,
+    // unless the caller names a configuration of its own.
+    setenv("TILVANE_CONFIG", TILVANE_DEVELOPMENT_CONFIG, 0);
     if (argc == 4 && std::string(argv[1]) == "--bare-server") {
         return RunBareServer(std::atoi(argv[2]), argv[3]);
     }

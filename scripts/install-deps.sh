@@ -7,7 +7,7 @@ PACKAGES=(
     g++ cmake ninja-build pkg-config
     libsqlite3-dev libglib2.0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    dbus-daemon dbus-bin
+    dbus-daemon dbus-bin util-linux
     libsoup-3.0-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core
     systemd

@@ -20,6 +20,15 @@ export TILVANE_LOG_LEVEL="${TILVANE_LOG_LEVEL:-D}"
 export TILVANE_APP_ID="${TILVANE_APP_ID:-com.quillon.px.tilvane}"
 mkdir -p "$TILVANE_PLATFORM_ROOT"
 
+# A workstation runs every process as one user: the development identity mode,
+# chosen explicitly (no security boundary; docs/security.md). An existing
+# configuration of the data folder is left as it is.
+if [ -z "${TILVANE_CONFIG:-}" ] && [ ! -e "$TILVANE_PLATFORM_ROOT/etc/tilvane.conf" ]; then
+    mkdir -p "$TILVANE_PLATFORM_ROOT/etc"
+    cp "$top/data/tilvane-development.conf" "$TILVANE_PLATFORM_ROOT/etc/tilvane.conf"
+    echo "Identity mode: development (written to $TILVANE_PLATFORM_ROOT/etc/tilvane.conf)."
+fi
+
 # The sample setup: the example applications, installed in the platform's
 # registry (installing again replaces them).
 for manifest in "$top"/examples/apps/*.manifest; do

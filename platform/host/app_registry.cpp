@@ -14,7 +14,10 @@
 
 #include <set>
 
+#include "bus_policy.h"
+#include "credentials.h"
 #include "host_state.h"
+#include "platform_config.h"
 #include "shared_database_file.h"
 #include "dlog.h"
 #include "qeb_app_list.h"
@@ -28,11 +31,14 @@ namespace registry {
 namespace {
 
 const char kRegistryFile[] = ".tilvane-app-registry.db";
+constexpr int64_t kDefaultFirstAppUser = 5000;
+constexpr int64_t kDefaultLastAppUser = 59999;
 
 const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS packages ("
     "  seq INTEGER PRIMARY KEY AUTOINCREMENT,"
-    "  package_id TEXT NOT NULL UNIQUE);"
+    "  package_id TEXT NOT NULL UNIQUE,"
+    "  user_id INTEGER);"
     "CREATE TABLE IF NOT EXISTS applications ("
     "  app_id TEXT PRIMARY KEY,"
     "  package_id TEXT NOT NULL REFERENCES packages(package_id) ON DELETE CASCADE,"
@@ -52,7 +58,23 @@ const char kSchema[] =
 class Connection : public SharedDatabaseFile
 {
 public:
-    Connection() : SharedDatabaseFile(kRegistryFile, kSchema, "app registry") {}
+    Connection() : SharedDatabaseFile(kRegistryFile, kSchema, "app registry") { AddUserColumn(); }
+
+private:
+    /* A registry written before packages had users gets the column. */
+    void AddUserColumn()
+    {
+        sqlite3_stmt* probe = nullptr;
+        if (Handle() == nullptr) {
+            return;
+        }
+        const bool present = sqlite3_prepare_v2(Handle(), "SELECT user_id FROM packages LIMIT 0", -1, &probe,
+                                                nullptr) == SQLITE_OK;
+        sqlite3_finalize(probe);
+        if (!present) {
+            Exec("ALTER TABLE packages ADD COLUMN user_id INTEGER");
+        }
+    }
 };
 
 /* A prepared statement with bound texts, finalised on destruction. */
@@ -98,6 +120,11 @@ public:
             REGISTRY_LOGE("app registry: %s", sqlite3_errmsg(m_db));
         }
         return rc;
+    }
+    int64_t Int(int column, int64_t nullValue) const
+    {
+        return sqlite3_column_type(m_statement, column) == SQLITE_NULL ? nullValue
+                                                                       : sqlite3_column_int64(m_statement, column);
     }
     std::string Text(int column) const
     {
@@ -154,11 +181,46 @@ bool FitsStoreRecord(const std::string& text)
     return text.size() <= static_cast<size_t>(QEB_APP_RECORD_TEXT_MAX) && text.find('\0') == std::string::npos;
 }
 
+/* In the verified identity mode, ids and the user follow the platform's rules. */
+bool ValidateIdentity(const RegisteredPackage& package, std::string* error)
+{
+    if (identity::CurrentMode() != identity::Mode::Verified) {
+        return true;
+    }
+    std::string rule;
+    if (!IsValidPlatformId(package.packageId, &rule)) {
+        SetError(error, "the package id '" + package.packageId + "' is refused: " + rule);
+        return false;
+    }
+    for (const RegisteredApplication& app : package.applications) {
+        if (!IsValidPlatformId(app.appId, &rule)) {
+            SetError(error, "the application id '" + app.appId + "' is refused: " + rule);
+            return false;
+        }
+        if (identity::IsPlatformAppId(app.appId)) {
+            SetError(error, "the application id '" + app.appId + "' is one of the platform's own ids");
+            return false;
+        }
+    }
+    if (package.userId >= 0 && identity::IsPlatformUser(static_cast<uid_t>(package.userId))) {
+        SetError(error, "user " + std::to_string(package.userId) + " is a platform user, not an application's");
+        return false;
+    }
+    return true;
+}
+
 /* Checks a package before anything is written; the reason goes to `error`. */
 bool ValidatePackage(const RegisteredPackage& package, std::string* error)
 {
     if (package.packageId.empty()) {
         SetError(error, "the package id is empty");
+        return false;
+    }
+    if (!ValidateIdentity(package, error)) {
+        return false;
+    }
+    if (package.userId > static_cast<int64_t>(0xFFFFFFFEll)) {
+        SetError(error, "user " + std::to_string(package.userId) + " is not a user id");
         return false;
     }
     if (!FitsStoreRecord(package.packageId)) {
@@ -194,6 +256,51 @@ bool ValidatePackage(const RegisteredPackage& package, std::string* error)
     return true;
 }
 
+/* The package's user: the one asked for (refused when another package has
+ * it), else the one it had, else the lowest free one of the configured range. */
+bool ChooseUser(Connection& connection, const std::string& packageId, int64_t& userId, std::string* error)
+{
+    if (userId >= 0) {
+        Statement taken(connection, "SELECT package_id FROM packages WHERE user_id = ? AND package_id <> ?");
+        taken.Bind(1, userId).Bind(2, packageId);
+        const int rc = taken.Step();
+        if (rc == SQLITE_ROW) {
+            SetError(error, "user " + std::to_string(userId) + " belongs to the package '" + taken.Text(0) + "'");
+            return false;
+        }
+        if (rc != SQLITE_DONE) {
+            SetError(error, "the application registry cannot be read");
+            return false;
+        }
+        return true;
+    }
+    Statement previous(connection, "SELECT user_id FROM packages WHERE package_id = ? AND user_id IS NOT NULL");
+    previous.Bind(1, packageId);
+    if (previous.Step() == SQLITE_ROW) {
+        userId = previous.Int(0, -1);
+        return true;
+    }
+    const int64_t first = config::Integer("identity", "first-app-user", kDefaultFirstAppUser);
+    const int64_t last = config::Integer("identity", "last-app-user", kDefaultLastAppUser);
+    Statement used(connection, "SELECT user_id FROM packages WHERE user_id BETWEEN ? AND ? ORDER BY user_id");
+    used.Bind(1, first).Bind(2, last);
+    int64_t candidate = first;
+    while (used.Step() == SQLITE_ROW) {
+        const int64_t taken = used.Int(0, -1);
+        if (taken == candidate) {
+            ++candidate;
+        } else if (taken > candidate) {
+            break;
+        }
+    }
+    if (candidate > last || candidate < 0) {
+        SetError(error, "no free user is left in " + std::to_string(first) + ".." + std::to_string(last));
+        return false;
+    }
+    userId = candidate;
+    return true;
+}
+
 }  // namespace
 
 Result ReadPackages(std::vector<RegisteredPackage>& packages)
@@ -205,14 +312,16 @@ Result ReadPackages(std::vector<RegisteredPackage>& packages)
     }
     Transaction transaction(connection, false);
     Statement listPackages(connection,
-                           "SELECT p.package_id, COALESCE(w.web_app_id, '') FROM packages p "
+                           "SELECT p.package_id, COALESCE(w.web_app_id, ''), p.user_id FROM packages p "
                            "LEFT JOIN web_apps w ON w.package_id = p.package_id ORDER BY p.seq");
     if (!transaction.IsActive() || !listPackages.IsValid()) {
         return Result::Failed;
     }
     int rc;
     while ((rc = listPackages.Step()) == SQLITE_ROW) {
-        packages.push_back(RegisteredPackage{listPackages.Text(0), {}, listPackages.Text(1)});
+        RegisteredPackage package{listPackages.Text(0), {}, listPackages.Text(1)};
+        package.userId = listPackages.Int(2, -1);
+        packages.push_back(std::move(package));
     }
     if (rc != SQLITE_DONE) {
         packages.clear();
@@ -290,6 +399,24 @@ Result ReadApplication(const std::string& appId, std::string& packageId,
     return Result::Ok;
 }
 
+Result FindUserOfId(const std::string& id, int64_t& userId)
+{
+    Connection connection;
+    if (!connection.IsOpen()) {
+        return Result::Failed;
+    }
+    Statement find(connection,
+                   "SELECT p.user_id FROM packages p WHERE p.package_id = "
+                   "COALESCE((SELECT a.package_id FROM applications a WHERE a.app_id = ?1), ?1)");
+    find.Bind(1, id);
+    const int rc = find.Step();
+    if (rc == SQLITE_ROW) {
+        userId = find.Int(0, -1);
+        return Result::Ok;
+    }
+    return rc == SQLITE_DONE ? Result::NotFound : Result::Failed;
+}
+
 Result ReadWebApps(std::vector<std::pair<std::string, std::string>>& webAppIdAndPackage)
 {
     webAppIdAndPackage.clear();
@@ -351,14 +478,14 @@ bool WriteApplication(Connection& connection, const std::string& packageId, cons
 }
 
 /* Installing again replaces the package and everything under it. */
-bool WritePackage(Connection& connection, const RegisteredPackage& package)
+bool WritePackage(Connection& connection, const RegisteredPackage& package, int64_t userId)
 {
     Statement remove(connection, "DELETE FROM packages WHERE package_id = ?");
     remove.Bind(1, package.packageId);
     bool ok = remove.Step() == SQLITE_DONE;
 
-    Statement addPackage(connection, "INSERT INTO packages (package_id) VALUES (?)");
-    addPackage.Bind(1, package.packageId);
+    Statement addPackage(connection, "INSERT INTO packages (package_id, user_id) VALUES (?, ?)");
+    addPackage.Bind(1, package.packageId).Bind(2, userId);
     ok = ok && addPackage.Step() == SQLITE_DONE;
 
     int64_t appPosition = 0;
@@ -397,13 +524,18 @@ bool InstallPackage(const RegisteredPackage& package, std::string* error)
     if (!ApplicationsAreFree(connection, package, error)) {
         return false;
     }
-    bool ok = WritePackage(connection, package);
+    int64_t userId = package.userId;
+    if (!ChooseUser(connection, package.packageId, userId, error)) {
+        return false;
+    }
+    bool ok = WritePackage(connection, package, userId);
     if (!ok || !transaction.Commit()) {
         SetError(error, "the application registry cannot be written");
         return false;
     }
-    REGISTRY_LOGD("app registry: installed %s (%zu applications)", package.packageId.c_str(),
-                  package.applications.size());
+    REGISTRY_LOGD("app registry: installed %s (%zu applications, user %lld)", package.packageId.c_str(),
+                  package.applications.size(), static_cast<long long>(userId));
+    UpdateBusPolicy();
     return true;
 }
 
@@ -426,6 +558,7 @@ bool RemovePackage(const std::string& packageId, std::string* error)
         return false;
     }
     REGISTRY_LOGD("app registry: removed %s", packageId.c_str());
+    UpdateBusPolicy();
     return true;
 }
 

@@ -5,6 +5,7 @@
 #ifndef TILVANE_PLATFORM_APP_REGISTRY_H
 #define TILVANE_PLATFORM_APP_REGISTRY_H
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,6 +29,9 @@ Result FindPackageOfApp(const std::string& appId, std::string& packageId);
 Result ReadApplication(const std::string& appId, std::string& packageId,
                        std::vector<std::pair<std::string, std::string>>& metadata);
 Result ReadWebApps(std::vector<std::pair<std::string, std::string>>& webAppIdAndPackage);
+/* The user bound to `id`: the user of the package that holds `id` as an
+ * application, else of the package whose id is `id`. */
+Result FindUserOfId(const std::string& id, int64_t& userId);
 
 }  // namespace registry
 }  // namespace host

@@ -23,8 +23,10 @@ namespace host {
 GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult);
 
 /* True when the connection `sender` (a unique name) owns the bus name of the
- * application `appId`; answers are cached as the message ports cache them. */
-bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId);
+ * application `appId` and, in the verified identity mode, runs as a user bound
+ * to it (credentials.h); answers are cached as the message ports cache them.
+ * Otherwise `reason` says why not. */
+bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId, std::string& reason);
 
 /* Owned by request_glue.cpp: called by message_port.cpp on the bus thread's
  * context while the connection is opened, and before it is closed. */

@@ -5,6 +5,7 @@
  */
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +13,9 @@
 
 #include "bus_connection.h"
 #include "confinement_policy.h"
+#include "content/database.h"
 #include "host_control.h"
+#include "platform_config.h"
 #include "request_glue.h"
 #include "row_codec.h"
 
@@ -197,6 +200,17 @@ void ReturnDcAnswer(Job& job, DcRequest& request, DcRequest::Answer completion, 
     }
 }
 
+/* The tables the provider declares; a request for anything else never
+ * reaches a callback. Compared exactly: SQLite would read "TILES" as tiles. */
+bool ServesDataId(const std::string& dataId)
+{
+    std::vector<std::string> declared = config::StringList("data-control", "data-ids");
+    if (declared.empty()) {
+        declared = {"accelerators", "sections", "tiles"};
+    }
+    return std::find(declared.begin(), declared.end(), dataId) != declared.end();
+}
+
 }  // namespace
 
 void RunDataControl(Job& job)
@@ -207,6 +221,12 @@ void RunDataControl(Job& job)
     const gchar* dataId = StringArg(p, 2);
     if (!provider.registered || provider.providerId != requestedProvider) {
         ReturnError(job.invocation.get(), kErrorNotServed, "no data-control provider for this provider id here");
+        return;
+    }
+    if (!ServesDataId(dataId)) {
+        REQUEST_LOGE("data-control request %s of %s refused: the provider serves no data id \"%s\"",
+                     job.method.c_str(), job.clientApp.c_str(), dataId);
+        ReturnError(job.invocation.get(), kErrorNotServed, "the provider serves no such data id");
         return;
     }
     DcRequest request;
@@ -319,6 +339,21 @@ int Answer(int requestId, DcRequest::Answer answer, int64_t rowId, std::string r
 
 }  // namespace
 
+namespace {
+
+/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id, else the
+ * service's provider id. */
+std::string ConfiguredProviderId()
+{
+    const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
+    if (fromEnvironment != nullptr) {
+        return fromEnvironment;
+    }
+    return config::String("data-control", "provider-id", "content://com.quillon.px.tiles");
+}
+
+}  // namespace
+
 extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_cb* callback, void* user_data)
 {
     if (ShouldFail("data_control_provider_sql_register_cb")) {
@@ -327,8 +362,7 @@ extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_c
     if (callback == nullptr) {
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
-    const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
-    const std::string providerId = fromEnvironment != nullptr ? fromEnvironment : "content://com.quillon.px.tiles";
+    const std::string providerId = ConfiguredProviderId();
     const std::string busName = providerId.empty() ? std::string() : DataControlBusName(AuthorityOf(providerId));
     RequestState& s = TheRequestState();
     std::string previousName;
@@ -340,8 +374,7 @@ extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_c
         ReleaseName(previousName);
     }
     if (busName.empty()) {
-        REQUEST_LOGI("TILVANE_DATA_CONTROL_PROVIDER_ID names no provider id: data-control requests cannot reach this "
-                  "process");
+        REQUEST_LOGI("no data-control provider id is configured: data-control requests cannot reach this process");
     } else if (BusConfigured() && !OwnsRequestBusName(busName) && !OwnName(busName)) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
@@ -444,7 +477,7 @@ extern "C" char* data_control_provider_create_select_statement(data_control_h pr
         statement += column_list[i];
     }
     statement += " FROM ";
-    statement += provider->dataId;
+    statement += tilvane::content::QuoteIdentifier(provider->dataId);
     if (where != nullptr && *where != '\0') {
         statement += " WHERE ";
         statement += where;

@@ -51,6 +51,7 @@
 #include "bundle_ptr.h"
 #include "bus_connection.h"
 #include "port_delivery.h"
+#include "credentials.h"
 #include "glib_ptr.h"
 #include "host_state.h"
 #include "message_port_xml.h"
@@ -201,9 +202,14 @@ void PostDelivery(const std::string& port, const std::string& senderApp, const c
 
 /* ---- answering calls (the bus thread) -------------------------------------- */
 
-/* True when the connection `sender` owns the bus name of `claimedApp`. */
-bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp)
+/* True when the connection `sender` owns the bus name of `claimedApp` and, in
+ * the verified identity mode, runs as a user bound to it. Otherwise `reason`
+ * says why not, for the refusal's one log line. */
+bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp,
+                   std::string& reason)
 {
+    reason = "sender " + std::string(sender != nullptr ? sender : "(none)") +
+             " does not own the name of application " + claimedApp;
     if (sender == nullptr) {
         return false;
     }
@@ -232,6 +238,9 @@ bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::s
     if (std::strcmp(owner, sender) != 0) {
         return false;
     }
+    if (!identity::SenderMayActAs(connection, sender, claimedApp, reason)) {
+        return false;
+    }
     std::lock_guard<std::mutex> lock(s.mutex);
     s.verifiedSenders[sender] = claimedApp;
     return true;
@@ -246,9 +255,9 @@ void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* param
     const gchar* encoded = nullptr;
     g_variant_get(parameters, "(&s&s&s&s)", &port, &senderApp, &senderPort, &encoded);
 
-    if (!SenderOwnsApp(connection, sender, senderApp)) {
-        PORT_LOGE("message for port %s dropped: sender %s does not own the name of application %s", port,
-                  sender != nullptr ? sender : "(none)", senderApp);
+    std::string reason;
+    if (!SenderOwnsApp(connection, sender, senderApp, reason)) {
+        PORT_LOGE("message for port %s dropped: %s", port, reason.c_str());
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
                                                    "the sender does not own the name of the application it claims");
         return;
@@ -293,7 +302,7 @@ void OnMethodCallCB(GDBusConnection* connection, const gchar* sender, const gcha
 }
 
 /* A connection that loses an application name is no longer that application. */
-void OnNameOwnerChangedCB(GDBusConnection* /*connection*/, const gchar* /*senderName*/, const gchar* /*objectPath*/,
+void OnNameOwnerChangedCB(GDBusConnection* connection, const gchar* /*senderName*/, const gchar* /*objectPath*/,
                           const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters,
                           gpointer /*userData*/)
 {
@@ -304,6 +313,7 @@ void OnNameOwnerChangedCB(GDBusConnection* /*connection*/, const gchar* /*sender
     if (*oldOwner == '\0') {
         return;
     }
+    identity::ForgetConnection(connection, oldOwner);
     PortState& s = ThePortState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.verifiedSenders.erase(oldOwner);
@@ -366,6 +376,7 @@ std::unique_ptr<Bus> OpenBus()
         PORT_LOGE("no message bus: DBUS_SESSION_BUS_ADDRESS is not set");
         return nullptr;
     }
+    identity::LogModeOnce();
     std::unique_ptr<Bus> bus(new Bus());
     bus->appId = CurrentAppId();
     bus->busName = BusNameForAppId(bus->appId);
@@ -569,9 +580,9 @@ GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
     return Connection(needAppName, messagePortResult);
 }
 
-bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId)
+bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId, std::string& reason)
 {
-    return SenderOwnsApp(connection, sender, appId);
+    return SenderOwnsApp(connection, sender, appId, reason);
 }
 
 void ResetMessagePorts()
@@ -590,6 +601,7 @@ void ResetMessagePorts()
         s.sent.clear();
         s.verifiedSenders.clear();
     }
+    identity::ForgetAllConnections();
     ClearOwnAppIdOverride();
 }
 

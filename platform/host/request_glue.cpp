@@ -355,9 +355,9 @@ void OnRequestMethodCallCB(GDBusConnection* connection, const gchar* sender, con
 {
     const gchar* clientApp = nullptr;
     g_variant_get_child(parameters, 0, "&s", &clientApp);
-    if (!SenderIsApp(connection, sender, clientApp)) {
-        REQUEST_LOGE("request %s.%s refused: sender %s does not own the name of application %s", interfaceName,
-                  methodName, sender != nullptr ? sender : "(none)", clientApp);
+    std::string reason;
+    if (!SenderIsApp(connection, sender, clientApp, reason)) {
+        REQUEST_LOGE("request %s.%s refused: %s", interfaceName, methodName, reason.c_str());
         ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
         return;
     }

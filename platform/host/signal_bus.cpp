@@ -1,5 +1,6 @@
 #include "signal_bus.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -7,7 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "credentials.h"
 #include "glib_ptr.h"
+#include "platform_config.h"
 #include "host_state.h"
 #include "dlog.h"
 
@@ -62,8 +65,8 @@ GDBusConnection* ConnectionLocked(SignalState& s)
     return s.connection.get();
 }
 
-void OnSignalCB(GDBusConnection* /*connection*/, const gchar* senderName, const gchar* /*objectPath*/,
-                const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters, gpointer userData)
+void OnSignalCB(GDBusConnection* connection, const gchar* senderName, const gchar* /*objectPath*/,
+                const gchar* interfaceName, const gchar* signalName, GVariant* parameters, gpointer userData)
 {
     SignalState& s = TheSignalState();
     {
@@ -72,7 +75,27 @@ void OnSignalCB(GDBusConnection* /*connection*/, const gchar* senderName, const 
             return; /* our own: already handled in the process */
         }
     }
+    /* Platform events count only when the platform raised them. */
+    std::string reason;
+    if (!identity::SenderIsPlatform(connection, senderName != nullptr ? senderName : "", reason)) {
+        SIGNAL_LOGE("%s.%s ignored: %s", interfaceName, signalName, reason.c_str());
+        return;
+    }
     reinterpret_cast<SignalHandler>(userData)(parameters);
+}
+
+/* In the verified mode a receiver asks the bus for the emitter's user when the
+ * signal reaches it: an emitter that ends at once would be gone by then and
+ * its signal ignored. It stays on the bus a little while for them. */
+void LingerForReceivers()
+{
+    if (identity::CurrentMode() != identity::Mode::Verified) {
+        return;
+    }
+    const int64_t lingerMs = config::Integer("identity", "signal-linger-ms", 200);
+    if (lingerMs > 0) {
+        g_usleep(static_cast<gulong>(std::min<int64_t>(lingerMs, 10000)) * 1000);
+    }
 }
 
 }  // namespace
@@ -121,6 +144,7 @@ bool Emit(const char* interface, const char* member, GVariant* parameters)
         SIGNAL_LOGE("cannot emit %s.%s: %s", interface, member, error.Message());
         return false;
     }
+    LingerForReceivers();
     return true;
 }
 

@@ -107,13 +107,28 @@ struct RegisteredPackage {
     std::vector<RegisteredApplication> applications;
     /* The web-application store's id of the package; empty when it has none. */
     std::string webAppId;
+    /* The operating-system user the package's applications run as; -1 lets
+     * InstallPackage keep the package's previous user or allocate a free one
+     * from [identity] first-app-user .. last-app-user. */
+    int64_t userId = -1;
 };
+
+/* The longest package or application id the platform issues. */
+constexpr size_t kMaxPlatformIdLength = 128;
+/* True when `id` has the platform's id syntax: 1 to kMaxPlatformIdLength
+ * letters, digits, '.', '_' or '-', a letter first. Otherwise `rule` (when
+ * given) states the rule it breaks. */
+bool IsValidPlatformId(const std::string& id, std::string* rule = nullptr);
 
 /* Installs `package`, replacing a package of the same id. Refused (false, with
  * the reason in `error`) when the package id is empty, an application id is
  * empty, repeated or held by another package, a metadata key is empty or
  * repeated within one application, or a text is too long for the store's list
- * (1023 bytes). Nothing is written when it is refused. */
+ * (1023 bytes); in the verified identity mode also when a package or
+ * application id breaks the platform's id syntax or the user is a platform
+ * user; in every mode when the user is another package's. Nothing is written
+ * when it is refused. In the verified mode the bus policy of the installed
+ * packages is written again (<platform root>/etc/dbus/tilvane-bus.d). */
 bool InstallPackage(const RegisteredPackage& package, std::string* error = nullptr);
 /* Removes the package with its applications, metadata and store entry. False
  * when no such package is installed or the registry cannot be written. */

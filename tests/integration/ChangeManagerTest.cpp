@@ -65,7 +65,7 @@ protected:
     std::string BackupPath() const { return m_root.Path() + "/opt/dbspace/.preview.db.sqlite"; }
 
     PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_logs;
     std::vector<std::unique_ptr<Process>> m_processes;
 };

@@ -61,7 +61,7 @@ protected:
     }
 
     PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_logs;
     std::vector<std::unique_ptr<Process>> m_processes;
 };

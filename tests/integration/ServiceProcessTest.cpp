@@ -111,7 +111,7 @@ class ServiceProcessTest : public ::testing::Test
 protected:
     // Every service process of a test runs on this bus.
     tilvane::test::PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_logs;
 
     std::string DatabasePath() const { return m_root.Path() + "/opt/dbspace/.preview.db"; }

@@ -80,7 +80,7 @@ protected:
 
     static std::string Example(const std::string& name) { return std::string(TILVANE_EXAMPLES_DIR) + "/apps/" + name; }
 
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_scratch;
 };
 

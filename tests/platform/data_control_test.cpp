@@ -346,8 +346,9 @@ TEST_F(DataControlTest, TheSelectStatementIsBuiltFromTheDataId)
     ASSERT_EQ(data_control_provider_sql_register_cb(&callbacks, nullptr), 0);
     m_client.Select("sections", {"_id", "section_title"}, "_id = 1", "_id ASC");
     ASSERT_EQ(statements.size(), 2u);
-    EXPECT_EQ(statements[0], "SELECT _id, section_title FROM sections WHERE _id = 1 ORDER BY _id ASC");
-    EXPECT_EQ(statements[1], "SELECT * FROM sections");
+    /* The table is an SQL identifier in quotes: a data id is never SQL text. */
+    EXPECT_EQ(statements[0], "SELECT _id, section_title FROM \"sections\" WHERE _id = 1 ORDER BY _id ASC");
+    EXPECT_EQ(statements[1], "SELECT * FROM \"sections\"");
 }
 
 TEST_F(DataControlTest, WithoutAProviderTheClientIsToldAtOnceThatNobodyServes)

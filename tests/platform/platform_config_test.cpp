@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "../../platform/host/platform_config.h"
@@ -14,6 +15,13 @@ namespace {
 class PlatformConfigTest : public ::testing::Test
 {
 protected:
+    void SetUp() override
+    {
+        /* These tests start from a platform root without a configuration file
+         * (the sandbox writes one that chooses the development identity mode). */
+        std::remove((m_sandbox.Root() + "/etc/tilvane.conf").c_str());
+        config::Forget();
+    }
     void TearDown() override
     {
         unsetenv("TILVANE_CONFIG");

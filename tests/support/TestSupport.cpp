@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <tzplatform_config.h>
 
@@ -190,9 +191,25 @@ int IndexOfExactLine(const std::string& text)
     return -1;
 }
 
+void UseDevelopmentIdentities(const std::string& root)
+{
+    const std::string directory = root + "/etc";
+    const std::string path = directory + "/tilvane.conf";
+    std::filesystem::create_directories(directory);
+    std::ifstream in(path);
+    std::stringstream existing;
+    existing << in.rdbuf();
+    if (existing.str().find("[identity]") != std::string::npos) {
+        return;
+    }
+    std::ofstream out(path, std::ios::app);
+    out << "\n[identity]\nmode = development\n";
+}
+
 PlatformSandbox::PlatformSandbox()
 {
     host::Reset();
+    UseDevelopmentIdentities(m_root.Path());
     host::SetPlatformRoot(m_root.Path());
     host::StartLogCapture();
 }

@@ -34,6 +34,19 @@ private:
     std::string m_path;
 };
 
+/* Makes the platform under `root` run in the development identity mode (every
+ * process one user, nothing checked), as the tests that run every process as
+ * one user need: writes "[identity] mode = development" to
+ * <root>/etc/tilvane.conf, keeping what the file already says. */
+void UseDevelopmentIdentities(const std::string& root);
+
+/* A TempDir used as a platform root in the development identity mode. */
+class DevelopmentRoot : public TempDir
+{
+public:
+    DevelopmentRoot() { UseDevelopmentIdentities(Path()); }
+};
+
 /* One column as PRAGMA table_info reports it. */
 struct ColumnInfo
 {

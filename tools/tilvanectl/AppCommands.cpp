@@ -8,11 +8,19 @@
  *   # a comment
  *   package = org.example.news
  *   webapp = NewsStore01
+ *   user = 5001
  *   app = org.example.news.main
  *   metadata = http://developer.quillon.com/tv/metadata/use.preview true
  *
+ * Package and application ids must have the platform's id syntax (letters,
+ * digits, '.', '_', '-', a letter first, at most 128 bytes). `user` names the
+ * operating-system user (a number or a user name) the package's applications
+ * run as; without it the registry allocates one.
+ *
  * A manifest with a mistake is refused as a whole, naming the file and line.
  */
+#include <pwd.h>
+
 #include <cstdio>
 #include <fstream>
 #include <set>
@@ -151,9 +159,12 @@ void PrintAppHelp()
         "Manifest lines ('#' starts a comment line):\n"
         "  package = PACKAGE_ID          once\n"
         "  webapp = WEB_APP_ID           at most once: the web-application store's id\n"
+        "  user = UID_OR_NAME            at most once: the user the applications run as\n"
+        "                                (allocated by the registry when not given)\n"
         "  app = APP_ID                  one line per application\n"
         "  metadata = KEY [VALUE]        for the application of the last 'app' line;\n"
         "                                the key ends at the first blank, the value is the rest\n"
+        "Ids: letters, digits, '.', '_', '-', a letter first, at most 128 bytes.\n"
         "The registry lives under $TILVANE_PLATFORM_ROOT; see docs/tools.md.\n");
 }
 

@@ -1,8 +1,10 @@
 /*
  * The manifest of `tilvanectl app install` (docs/tools.md): one package, its
- * applications and their metadata, one "NAME = VALUE" line each.
+ * user, its applications and their metadata, one "NAME = VALUE" line each.
  */
 #include "Manifest.h"
+
+#include <pwd.h>
 
 #include <istream>
 #include <set>
@@ -33,14 +35,152 @@ bool IsOneWord(const std::string& text)
     return !text.empty() && text.find_first_of(kBlanks) == std::string::npos;
 }
 
+/* A user id given as a number or a user name. */
+bool ParseUser(const std::string& text, int64_t& userId)
+{
+    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos && text.size() <= 10) {
+        const unsigned long long number = std::stoull(text);
+        if (number < 0xFFFFFFFFull) {
+            userId = static_cast<int64_t>(number);
+            return true;
+        }
+        return false;
+    }
+    struct passwd* entry = text.empty() ? nullptr : getpwnam(text.c_str());
+    if (entry == nullptr) {
+        return false;
+    }
+    userId = static_cast<int64_t>(entry->pw_uid);
+    return true;
+}
+
+/* An id the platform would issue; otherwise the mistake naming its rule. */
+std::string PlatformIdMistake(const std::string& what, const std::string& id)
+{
+    std::string rule;
+    if (tilvane::host::IsValidPlatformId(id, &rule)) {
+        return "";
+    }
+    return what + " '" + id + "' is refused: " + rule;
+}
+
+/* What a manifest has given so far, and how each of its statements adds to it. */
+class ManifestReader
+{
+public:
+    explicit ManifestReader(RegisteredPackage& package) : m_package(package) {}
+
+    /* Takes one "NAME = VALUE" statement: its mistake, or "" when it is taken. */
+    std::string Take(const std::string& name, const std::string& value)
+    {
+        if (name == "package") {
+            std::string mistake = TakeId(value, m_havePackage, "package", "package id", m_package.packageId);
+            return mistake.empty() ? PlatformIdMistake("package id", value) : mistake;
+        }
+        if (name == "webapp") {
+            return TakeId(value, m_haveWebApp, "webapp", "web application id", m_package.webAppId);
+        }
+        if (name == "user") {
+            return TakeUser(value);
+        }
+        if (name == "app") {
+            return TakeApp(value);
+        }
+        if (name == "metadata") {
+            return TakeMetadata(value);
+        }
+        return "unknown name '" + name + "' (expected package, webapp, user, app or metadata)";
+    }
+
+    /* The mistake of a manifest that ends here, or "". */
+    std::string Finish() const
+    {
+        if (!m_havePackage) {
+            return "no 'package' line";
+        }
+        if (m_package.applications.empty()) {
+            return "no 'app' line";
+        }
+        return "";
+    }
+
+private:
+    /* A statement that may be given once, with one word. */
+    static std::string TakeId(const std::string& value, bool& given, const std::string& name,
+                              const std::string& what, std::string& id)
+    {
+        if (given) {
+            return "'" + name + "' is given a second time";
+        }
+        if (!IsOneWord(value)) {
+            return "'" + name + "' needs one " + what + " without blanks";
+        }
+        id = value;
+        given = true;
+        return "";
+    }
+
+    std::string TakeUser(const std::string& value)
+    {
+        if (m_haveUser) {
+            return "'user' is given a second time";
+        }
+        if (!ParseUser(value, m_package.userId)) {
+            return "'user' needs a user id (a number) or the name of a user";
+        }
+        m_haveUser = true;
+        return "";
+    }
+
+    std::string TakeApp(const std::string& value)
+    {
+        if (!IsOneWord(value)) {
+            return "'app' needs one application id without blanks";
+        }
+        std::string mistake = PlatformIdMistake("application id", value);
+        if (!mistake.empty()) {
+            return mistake;
+        }
+        if (!m_appIds.insert(value).second) {
+            return "application '" + value + "' is given a second time";
+        }
+        m_package.applications.push_back(RegisteredApplication{value, {}});
+        m_keysOfLastApp.clear();
+        return "";
+    }
+
+    std::string TakeMetadata(const std::string& value)
+    {
+        if (m_package.applications.empty()) {
+            return "'metadata' before any 'app' line";
+        }
+        if (value.empty()) {
+            return "'metadata' needs a key";
+        }
+        std::string::size_type blank = value.find_first_of(kBlanks);
+        std::string key = value.substr(0, blank);
+        std::string metadataValue = blank == std::string::npos ? std::string() : Trim(value.substr(blank));
+        if (!m_keysOfLastApp.insert(key).second) {
+            return "metadata key '" + key + "' is given a second time for application '" +
+                   m_package.applications.back().appId + "'";
+        }
+        m_package.applications.back().metadata.emplace_back(key, metadataValue);
+        return "";
+    }
+
+    RegisteredPackage& m_package;
+    bool m_havePackage = false;
+    bool m_haveWebApp = false;
+    bool m_haveUser = false;
+    std::set<std::string> m_appIds;
+    std::set<std::string> m_keysOfLastApp;
+};
+
 }  // namespace
 
 bool ParseManifestStream(std::istream& in, const std::string& path, RegisteredPackage& package, std::string& error)
 {
-    bool havePackage = false;
-    bool haveWebApp = false;
-    std::set<std::string> appIds;
-    std::set<std::string> keysOfLastApp;
+    ManifestReader reader(package);
     std::string line;
     int number = 0;
     auto fail = [&](const std::string& what) {
@@ -55,69 +195,19 @@ bool ParseManifestStream(std::istream& in, const std::string& path, RegisteredPa
         }
         std::string::size_type equals = text.find('=');
         if (equals == std::string::npos) {
-            return fail("expected 'NAME = VALUE' (package, webapp, app or metadata)");
+            return fail("expected 'NAME = VALUE' (package, webapp, user, app or metadata)");
         }
-        std::string name = Trim(text.substr(0, equals));
-        std::string value = Trim(text.substr(equals + 1));
-        if (name == "package") {
-            if (havePackage) {
-                return fail("'package' is given a second time");
-            }
-            if (!IsOneWord(value)) {
-                return fail("'package' needs one package id without blanks");
-            }
-            package.packageId = value;
-            havePackage = true;
-        } else if (name == "webapp") {
-            if (haveWebApp) {
-                return fail("'webapp' is given a second time");
-            }
-            if (!IsOneWord(value)) {
-                return fail("'webapp' needs one web application id without blanks");
-            }
-            package.webAppId = value;
-            haveWebApp = true;
-        } else if (name == "app") {
-            if (!IsOneWord(value)) {
-                return fail("'app' needs one application id without blanks");
-            }
-            if (!appIds.insert(value).second) {
-                return fail("application '" + value + "' is given a second time");
-            }
-            package.applications.push_back(RegisteredApplication{value, {}});
-            keysOfLastApp.clear();
-        } else if (name == "metadata") {
-            if (package.applications.empty()) {
-                return fail("'metadata' before any 'app' line");
-            }
-            if (value.empty()) {
-                return fail("'metadata' needs a key");
-            }
-            std::string::size_type blank = value.find_first_of(kBlanks);
-            std::string key = value.substr(0, blank);
-            std::string metadataValue = blank == std::string::npos ? std::string() : Trim(value.substr(blank));
-            if (!keysOfLastApp.insert(key).second) {
-                return fail("metadata key '" + key + "' is given a second time for application '" +
-                            package.applications.back().appId + "'");
-            }
-            package.applications.back().metadata.emplace_back(key, metadataValue);
-        } else {
-            return fail("unknown name '" + name + "' (expected package, webapp, app or metadata)");
+        std::string mistake = reader.Take(Trim(text.substr(0, equals)), Trim(text.substr(equals + 1)));
+        if (!mistake.empty()) {
+            return fail(mistake);
         }
     }
     if (in.bad()) {
         error = path + ": cannot be read";
         return false;
     }
-    if (!havePackage) {
-        error = path + ":" + std::to_string(number) + ": no 'package' line";
-        return false;
-    }
-    if (package.applications.empty()) {
-        error = path + ":" + std::to_string(number) + ": no 'app' line";
-        return false;
-    }
-    return true;
+    std::string mistake = reader.Finish();
+    return mistake.empty() || fail(mistake);
 }
 
 }  // namespace tilvanectl

@@ -1,0 +1,75 @@
+/*
+ * Who a caller on the message bus is: the operating-system user that the bus
+ * daemon reports for its connection, and the user each application id is
+ * bound to. Internal to the host platform.
+ *
+ * Two identity modes, chosen by the integrator's configuration ([identity]
+ * mode):
+ *   verified     (the default) an application id is believed only from a
+ *                connection of the user it is bound to: the user of its
+ *                package in the application registry, or, for the platform's
+ *                own ids, the users the configuration names. Configuration
+ *                key changes and power-off signals count only from platform
+ *                users.
+ *   development  every process runs as one user and is believed to be the
+ *                application it claims; nothing is checked. No security
+ *                boundary.
+ */
+#ifndef TILVANE_PLATFORM_CREDENTIALS_H
+#define TILVANE_PLATFORM_CREDENTIALS_H
+
+#include <gio/gio.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace tilvane {
+namespace host {
+namespace identity {
+
+enum class Mode { Verified, Development };
+
+/* The mode the configuration chooses (verified when it names none). */
+Mode CurrentMode();
+/* Writes the mode's start-up line to the platform log (info), once per
+ * process: when it first connects to the bus. */
+void LogModeOnce();
+
+/* The users the configuration trusts as the platform ([identity]
+ * platform-users; root when unset). */
+std::vector<uid_t> PlatformUsers();
+bool IsPlatformUser(uid_t uid);
+
+/* True when `id` is one of the platform's own application ids. */
+bool IsPlatformAppId(const std::string& id);
+
+/* The users that may act as `appId`; false when the id is bound to nobody
+ * (not installed, not a platform id) or the registry cannot be read. */
+bool BoundUsers(const std::string& appId, std::vector<uid_t>& users);
+
+/* The user of the connection `uniqueName` as the bus reports it, cached per
+ * unique name; false when the bus does not know the name (gone). */
+bool ConnectionUser(GDBusConnection* connection, const std::string& uniqueName, uid_t& uid);
+/* Drops the cached user of a connection that left the bus. */
+void ForgetConnection(GDBusConnection* connection, const std::string& uniqueName);
+void ForgetAllConnections();
+
+/* In verified mode: true when the connection `sender` runs as a user bound
+ * to `appId`; otherwise `reason` says why not, for the one log line of the
+ * refusal. Always true in development mode. */
+bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, const std::string& appId,
+                    std::string& reason);
+
+/* In verified mode: true when the connection `sender` runs as a platform
+ * user; `reason` as above. Always true in development mode. */
+bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, std::string& reason);
+
+/* A user given as a number or a name; false when it is neither. */
+bool ParseUser(const std::string& text, uid_t& uid);
+
+}  // namespace identity
+}  // namespace host
+}  // namespace tilvane
+
+#endif
