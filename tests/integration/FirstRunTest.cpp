@@ -139,7 +139,7 @@ protected:
     }
 
     PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_logs;
     std::vector<std::unique_ptr<Process>> m_services;
     int m_runs = 0;

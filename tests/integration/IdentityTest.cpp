@@ -182,7 +182,7 @@ protected:
         ASSERT_EQ(section.status, 0) << section.out << section.err;
         const std::string sectionId = InsertedRowId(section);
         for (const char* road : {"content", "data-control"}) {
-            Outcome tile = Ctl(uid, appId, {"data", "insert", "tiles", "--road", road,
+            Outcome tile = Ctl(uid, appId, {"data", "insert", "tiles", "--interface", road,
                                             "tile_id=" + prefix + "-" + road, "tile_section_raw_id=" + sectionId});
             ASSERT_EQ(tile.status, 0) << tile.out << tile.err;
         }
@@ -191,7 +191,7 @@ protected:
     /* The tile ids a caller reads on one road, as "a,b". */
     std::string TileIds(int uid, const std::string& appId, const std::string& road, Outcome* outcome = nullptr)
     {
-        Outcome read = Ctl(uid, appId, {"data", "select", "tiles", "--road", road, "--columns", "tile_id",
+        Outcome read = Ctl(uid, appId, {"data", "select", "tiles", "--interface", road, "--columns", "tile_id",
                                         "--order", "tile_id", "--json"});
         if (outcome != nullptr) {
             *outcome = read;
@@ -225,7 +225,7 @@ TEST_F(IdentityTest, AnotherUserCannotActAsAnInstalledApplicationOrAPlatformId)
     for (const std::string& claimed : {std::string(kNewsApp), std::string("org.example.news"),
                                       std::string("DownloadManager"), std::string("ContentServiceManager")}) {
         for (const char* road : {"content", "data-control"}) {
-            Outcome removal = Ctl(kSportsUser, claimed, {"data", "delete", "tiles", "--road", road});
+            Outcome removal = Ctl(kSportsUser, claimed, {"data", "delete", "tiles", "--all", "--interface", road});
             EXPECT_EQ(removal.status, 1) << claimed << " " << road << ": " << removal.out;
             EXPECT_NE((removal.out + removal.err).find("not authorized"), std::string::npos) << removal.out << removal.err;
             Outcome read;

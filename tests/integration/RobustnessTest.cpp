@@ -177,7 +177,7 @@ protected:
     }
 
     tilvane::test::PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_logs;
     std::unique_ptr<Process> m_service;
     int m_starts = 0;

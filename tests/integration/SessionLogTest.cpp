@@ -176,7 +176,7 @@ protected:
     void RunEventsAndResets();
 
     tilvane::test::PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_logs;
     std::unique_ptr<Process> m_service;
     std::unique_ptr<Process> m_listener;
