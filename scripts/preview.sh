@@ -25,6 +25,12 @@ if [ -z "${TILVANE_PLATFORM_ROOT:-}" ]; then
     export TILVANE_PLATFORM_ROOT="$work/root"
 fi
 mkdir -p "$TILVANE_PLATFORM_ROOT"
+# One user runs every process here: the development identity mode, chosen
+# explicitly (no security boundary; docs/security.md).
+if [ -z "${TILVANE_CONFIG:-}" ] && [ ! -e "$TILVANE_PLATFORM_ROOT/etc/tilvane.conf" ]; then
+    mkdir -p "$TILVANE_PLATFORM_ROOT/etc"
+    cp "$top/data/tilvane-development.conf" "$TILVANE_PLATFORM_ROOT/etc/tilvane.conf"
+fi
 service_pid=""
 stop_all() {
     if [ -n "$service_pid" ]; then

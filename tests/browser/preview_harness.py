@@ -46,7 +46,11 @@ class Stack:
         self.preview = required_env("TILVANE_PREVIEW_BINARY")
         self.dir = tempfile.mkdtemp(prefix="tilvane-preview-test-")
         self.root = os.path.join(self.dir, "root")
-        os.makedirs(self.root)
+        # Every process of the test runs as one user: the development
+        # identity mode, chosen explicitly in the platform's configuration.
+        os.makedirs(os.path.join(self.root, "etc"))
+        with open(os.path.join(self.root, "etc", "tilvane.conf"), "w") as conf:
+            conf.write("[identity]\nmode = development\n")
         self.processes = []
         self.names = []
         self.bus_pid = None
