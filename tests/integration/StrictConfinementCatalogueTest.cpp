@@ -190,7 +190,8 @@ protected:
         tilvane::host::SetPlatformRoot(m_root.Path());
         const bool strict = std::get<1>(GetParam()) == Mode::Strict;
         tilvane::test::WriteFile(m_config.File("tilvane.conf"),
-                                 std::string("[strict]\nconfinement = ") + (strict ? "true" : "false") +
+                                 std::string("[identity]\nmode = development\n[strict]\nconfinement = ") +
+                                     (strict ? "true" : "false") +
                                      "\ntrusted-senders = org.example.launcher\nsections-per-package = 3\n"
                                      "tiles-per-package = 6\nvalue-bytes = 4096\nwhere-bytes = 65536\n");
         InstallApplication("org.example.news", kHostile);
@@ -237,7 +238,7 @@ protected:
     }
 
     tilvane::test::PrivateBus m_bus;
-    TempDir m_root;
+    tilvane::test::DevelopmentRoot m_root;
     TempDir m_config;
     TempDir m_logs;
     std::unique_ptr<Process> m_service;
