@@ -2,6 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
+#include <thread>
+
 #include "host_state.h"
 #include "dlog.h"
 #include "tzplatform_config.h"
@@ -12,6 +15,17 @@ namespace {
 
 const int kBusyTimeoutMs = 5000;
 const char kSettings[] = "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;";
+/* Processes that create the file at the same moment can find it locked while
+ * one of them switches it to WAL, without SQLite waiting for the lock: such a
+ * start is tried again, this many times, this far apart. */
+const int kSetupAttempts = 50;
+const auto kSetupRetryInterval = std::chrono::milliseconds(20);
+
+bool IsBusy(sqlite3* db)
+{
+    const int code = sqlite3_errcode(db) & 0xff;
+    return code == SQLITE_BUSY || code == SQLITE_LOCKED;
+}
 
 }  // namespace
 
@@ -31,9 +45,16 @@ SharedDatabaseFile::SharedDatabaseFile(const char* fileName, const char* schema,
         return;
     }
     sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-    if (!Exec(kSettings) || !Exec(schema)) {
-        Close();
+    for (int attempt = 1; attempt <= kSetupAttempts; ++attempt) {
+        if (Exec(kSettings) && Exec(schema)) {
+            return;
+        }
+        if (!IsBusy(m_db)) {
+            break;
+        }
+        std::this_thread::sleep_for(kSetupRetryInterval);
     }
+    Close();
 }
 
 SharedDatabaseFile::~SharedDatabaseFile()
