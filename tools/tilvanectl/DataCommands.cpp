@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -193,92 +194,141 @@ void WarnAboutLooseSection(const Options& o, const Values& values)
 
 /* ---- the commands ----------------------------------------------------------- */
 
-int Run(const Options& o)
-{
-    const bool dataControl = o.interface == "data-control";
-    const std::string uri = o.provider + "/" + o.table;
-    tilvane::client::DataControlClient dc(o.provider);
+/* The two clients a command may use, and the URI of its table. */
+struct Requester {
+    explicit Requester(const Options& options)
+        : o(options), dataControl(options.interface == "data-control"), uri(options.provider + "/" + options.table),
+          dc(options.provider)
+    {
+    }
+    const Options& o;
+    const bool dataControl;
+    const std::string uri;
+    tilvane::client::DataControlClient dc;
     tilvane::client::ContentClient content;
+};
 
-    if (o.command == "insert") {
-        if (!o.bulkFile.empty()) {
-            std::vector<Values> rows;
-            if (!ReadBulk(o.bulkFile, rows)) {
-                return EXIT_FAILED;
-            }
-            for (const Values& row : rows) {
-                WarnAboutLooseSection(o, row);
-            }
-            Result result = content.BulkInsert(uri, rows);
-            if (!result.Ok()) {
-                return Refused(o, result);
-            }
-            std::cout << "inserted " << CountOf(static_cast<long long>(rows.size()), "row", "rows")
-                      << ", last row id " << result.rowId << "\n";
-            return EXIT_OK;
-        }
-        Result result = dataControl ? dc.Insert(o.table, o.values) : content.Insert(uri, o.values);
-        if (SyncMarkSent(result)) {
-            std::cout << "sync end mark sent\n";
-            return EXIT_OK;
-        }
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        WarnAboutLooseSection(o, o.values);
-        std::cout << "inserted row " << result.rowId << "\n";
+/* The rows of the bulk file; false when it cannot be read. */
+bool BulkRows(const Options& o, std::vector<Values>& rows)
+{
+    return ReadBulk(o.bulkFile, rows);
+}
+
+int RunBulkInsert(Requester& r)
+{
+    std::vector<Values> rows;
+    if (!BulkRows(r.o, rows)) {
+        return EXIT_FAILED;
+    }
+    for (const Values& row : rows) {
+        WarnAboutLooseSection(r.o, row);
+    }
+    Result result = r.content.BulkInsert(r.uri, rows);
+    if (!result.Ok()) {
+        return Refused(r.o, result);
+    }
+    std::cout << "inserted " << CountOf(static_cast<long long>(rows.size()), "row", "rows") << ", last row id "
+              << result.rowId << "\n";
+    return EXIT_OK;
+}
+
+int RunInsert(Requester& r)
+{
+    if (!r.o.bulkFile.empty()) {
+        return RunBulkInsert(r);
+    }
+    Result result = r.dataControl ? r.dc.Insert(r.o.table, r.o.values) : r.content.Insert(r.uri, r.o.values);
+    if (SyncMarkSent(result)) {
+        std::cout << "sync end mark sent\n";
         return EXIT_OK;
     }
-    if (o.command == "select") {
-        const std::vector<std::string> columns = SplitColumns(o.columns);
-        Result result = dataControl ? dc.Select(o.table, columns, o.where, o.order)
-                                    : content.Select(uri, columns, o.where, o.whereArgs, o.order, o.limit);
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        PrintRows(result.rows, o.json);
-        return EXIT_OK;
+    if (!result.Ok()) {
+        return Refused(r.o, result);
     }
-    if (o.command == "update") {
-        if (!o.bulkFile.empty()) {
-            std::vector<Values> rows;
-            if (!ReadBulk(o.bulkFile, rows)) {
-                return EXIT_FAILED;
-            }
-            Result result = content.BulkUpdate(uri, rows);
-            if (!result.Ok()) {
-                return Refused(o, result);
-            }
-            std::cout << Changed("updated", result) << " (" << CountOf(static_cast<long long>(rows.size()),
-                                                                       "row sent", "rows sent")
-                      << ")\n";
-            return EXIT_OK;
-        }
-        Result result = dataControl ? dc.Update(o.table, o.values, o.where)
-                                    : content.Update(uri, o.values, o.where, o.whereArgs);
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        std::cout << Changed("updated", result) << "\n";
-        return EXIT_OK;
-    }
-    if (o.command == "delete") {
-        Result result = dataControl ? dc.Delete(o.table, o.where) : content.Delete(uri, o.where, o.whereArgs);
-        if (!result.Ok()) {
-            return Refused(o, result);
-        }
-        std::cout << Changed("deleted", result) << "\n";
-        return EXIT_OK;
-    }
-    /* ids */
-    Result result = content.GetRowIds(uri, o.where, o.whereArgs);
+    WarnAboutLooseSection(r.o, r.o.values);
+    std::cout << "inserted row " << result.rowId << "\n";
+    return EXIT_OK;
+}
+
+int RunSelect(Requester& r)
+{
+    const Options& o = r.o;
+    const std::vector<std::string> columns = SplitColumns(o.columns);
+    Result result = r.dataControl ? r.dc.Select(o.table, columns, o.where, o.order)
+                                  : r.content.Select(r.uri, columns, o.where, o.whereArgs, o.order, o.limit);
     if (!result.Ok()) {
         return Refused(o, result);
+    }
+    PrintRows(result.rows, o.json);
+    return EXIT_OK;
+}
+
+int RunBulkUpdate(Requester& r)
+{
+    std::vector<Values> rows;
+    if (!BulkRows(r.o, rows)) {
+        return EXIT_FAILED;
+    }
+    Result result = r.content.BulkUpdate(r.uri, rows);
+    if (!result.Ok()) {
+        return Refused(r.o, result);
+    }
+    std::cout << Changed("updated", result) << " ("
+              << CountOf(static_cast<long long>(rows.size()), "row sent", "rows sent") << ")\n";
+    return EXIT_OK;
+}
+
+int RunUpdate(Requester& r)
+{
+    if (!r.o.bulkFile.empty()) {
+        return RunBulkUpdate(r);
+    }
+    const Options& o = r.o;
+    Result result = r.dataControl ? r.dc.Update(o.table, o.values, o.where)
+                                  : r.content.Update(r.uri, o.values, o.where, o.whereArgs);
+    if (!result.Ok()) {
+        return Refused(o, result);
+    }
+    std::cout << Changed("updated", result) << "\n";
+    return EXIT_OK;
+}
+
+int RunDelete(Requester& r)
+{
+    const Options& o = r.o;
+    Result result = r.dataControl ? r.dc.Delete(o.table, o.where) : r.content.Delete(r.uri, o.where, o.whereArgs);
+    if (!result.Ok()) {
+        return Refused(o, result);
+    }
+    std::cout << Changed("deleted", result) << "\n";
+    return EXIT_OK;
+}
+
+int RunIds(Requester& r)
+{
+    Result result = r.content.GetRowIds(r.uri, r.o.where, r.o.whereArgs);
+    if (!result.Ok()) {
+        return Refused(r.o, result);
     }
     for (int64_t id : result.rowIds) {
         std::cout << id << "\n";
     }
     return EXIT_OK;
+}
+
+/* The data commands by name. */
+const std::map<std::string, int (*)(Requester&)>& DataCommandTable()
+{
+    static const std::map<std::string, int (*)(Requester&)> commands = {
+        {"insert", RunInsert}, {"select", RunSelect}, {"update", RunUpdate}, {"delete", RunDelete}, {"ids", RunIds},
+    };
+    return commands;
+}
+
+int Run(const Options& o)
+{
+    Requester requester(o);
+    return DataCommandTable().at(o.command)(requester);
 }
 
 }  // namespace
@@ -333,121 +383,148 @@ void PrintDataHelp()
                  "  --json           select: print a JSON array of objects\n";
 }
 
+namespace {
+
+/* Takes one option word (and its value) into `o`; "" when taken, else the
+ * mistake. `i` moves past a value. */
+std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options& o)
+{
+    const std::string& word = args[i];
+    auto value = [&](std::string& out) {
+        if (i + 1 >= args.size()) {
+            return false;
+        }
+        out = args[++i];
+        return true;
+    };
+    bool ok = true;
+    if (word == "--interface") {
+        ok = value(o.interface);
+    } else if (word == "--road") {
+        std::cerr << "tilvanectl data: --road is deprecated, use --interface\n";
+        ok = value(o.interface);
+    } else if (word == "--provider") {
+        ok = value(o.provider);
+    } else if (word == "--where") {
+        ok = value(o.where);
+        o.hasWhere = true;
+    } else if (word == "--arg") {
+        std::string arg;
+        ok = value(arg);
+        o.whereArgs.push_back(arg);
+    } else if (word == "--order") {
+        ok = value(o.order);
+    } else if (word == "--limit") {
+        ok = value(o.limit);
+        if (ok && (o.limit.empty() || o.limit.find_first_not_of("0123456789") != std::string::npos)) {
+            return "--limit takes a number of rows";
+        }
+    } else if (word == "--columns") {
+        ok = value(o.columns);
+    } else if (word == "--bulk") {
+        ok = value(o.bulkFile);
+    } else if (word == "--json") {
+        o.json = true;
+    } else if (word == "--all") {
+        o.all = true;
+    } else {
+        return "unknown option " + word;
+    }
+    return ok ? "" : word + " needs a value";
+}
+
+/* The command, table and key=value words; "" or the mistake. */
+std::string TakeWords(const std::vector<std::string>& words, Options& o)
+{
+    if (words.empty()) {
+        return "no command";
+    }
+    o.command = words[0];
+    if (DataCommandTable().count(o.command) == 0) {
+        return "unknown command " + o.command;
+    }
+    if (words.size() < 2 || !ValidTable(words[1])) {
+        return "TABLE must be accelerators, sections or tiles";
+    }
+    o.table = words[1];
+    for (size_t i = 2; i < words.size(); ++i) {
+        const size_t equals = words[i].find('=');
+        if (equals == std::string::npos || equals == 0) {
+            return "expected key=value, got " + words[i];
+        }
+        o.values.emplace_back(words[i].substr(0, equals), words[i].substr(equals + 1));
+    }
+    return "";
+}
+
+/* What a bulk may not be combined with; "" or the mistake. */
+std::string BulkMistake(const Options& o, bool content)
+{
+    if (o.command != "insert" && o.command != "update") {
+        return "--bulk is for insert and update";
+    }
+    if (!content) {
+        return "--bulk works on the content interface only";
+    }
+    if (!o.values.empty()) {
+        return "--bulk takes its rows from the file, not key=value words";
+    }
+    return "";
+}
+
+/* The rules a whole command line must keep; "" or the first one it breaks. */
+std::string CommandLineMistake(const Options& o)
+{
+    if (o.interface != "content" && o.interface != "data-control") {
+        return "--interface must be data-control or content";
+    }
+    const bool content = o.interface == "content";
+    const bool bulk = !o.bulkFile.empty();
+    const bool writes = o.command == "insert" || o.command == "update";
+    const std::vector<std::pair<bool, std::string>> rules = {
+        {bulk, BulkMistake(o, content)},
+        {writes && !bulk && o.values.empty(), o.command + " needs key=value words"},
+        {o.command == "update" && !bulk && o.where.empty(), "update needs --where (use --where '1 = 1' for every row)"},
+        {!writes && !o.values.empty(), o.command + " takes no key=value words"},
+        {o.command == "ids" && !content, "ids works on the content interface only"},
+        {!o.whereArgs.empty() && !content, "--arg works on the content interface only"},
+        {!o.whereArgs.empty() && !o.hasWhere, "--arg gives values to the ? of --where"},
+        {!o.limit.empty() && (o.command != "select" || !content), "--limit is for select on the content interface"},
+        {o.all && o.command != "delete", "--all is for delete"},
+        {o.command == "delete" && o.hasWhere && o.all, "delete takes --where or --all, not both"},
+        {o.command == "delete" && !o.hasWhere && !o.all,
+         "delete needs --where W, or --all to delete every row this application may delete"},
+    };
+    for (const auto& rule : rules) {
+        if (rule.first && !rule.second.empty()) {
+            return rule.second;
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
 int RunDataCommand(const std::vector<std::string>& args)
 {
     Options o;
     o.provider = DefaultProviderId();
     std::vector<std::string> words;
     for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& word = args[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= args.size()) {
-                return false;
+        if (args[i].size() > 1 && args[i][0] == '-') {
+            const std::string mistake = TakeOption(args, i, o);
+            if (!mistake.empty()) {
+                return Usage(mistake);
             }
-            out = args[++i];
-            return true;
-        };
-        bool ok = true;
-        if (word == "--interface") {
-            ok = value(o.interface);
-        } else if (word == "--road") {
-            std::cerr << "tilvanectl data: --road is deprecated, use --interface\n";
-            ok = value(o.interface);
-        } else if (word == "--provider") {
-            ok = value(o.provider);
-        } else if (word == "--where") {
-            ok = value(o.where);
-            o.hasWhere = true;
-        } else if (word == "--arg") {
-            std::string arg;
-            ok = value(arg);
-            o.whereArgs.push_back(arg);
-        } else if (word == "--order") {
-            ok = value(o.order);
-        } else if (word == "--limit") {
-            ok = value(o.limit);
-            if (ok && (o.limit.empty() || o.limit.find_first_not_of("0123456789") != std::string::npos)) {
-                return Usage("--limit takes a number of rows");
-            }
-        } else if (word == "--columns") {
-            ok = value(o.columns);
-        } else if (word == "--bulk") {
-            ok = value(o.bulkFile);
-        } else if (word == "--json") {
-            o.json = true;
-        } else if (word == "--all") {
-            o.all = true;
-        } else if (word.size() > 1 && word[0] == '-') {
-            return Usage("unknown option " + word);
         } else {
-            words.push_back(word);
-        }
-        if (!ok) {
-            return Usage(word + " needs a value");
+            words.push_back(args[i]);
         }
     }
-    if (words.empty()) {
-        return Usage("no command");
+    std::string mistake = TakeWords(words, o);
+    if (mistake.empty()) {
+        mistake = CommandLineMistake(o);
     }
-    o.command = words[0];
-    if (o.command != "insert" && o.command != "select" && o.command != "update" && o.command != "delete" &&
-        o.command != "ids") {
-        return Usage("unknown command " + o.command);
-    }
-    if (words.size() < 2 || !ValidTable(words[1])) {
-        return Usage("TABLE must be accelerators, sections or tiles");
-    }
-    o.table = words[1];
-    if (o.interface != "content" && o.interface != "data-control") {
-        return Usage("--interface must be data-control or content");
-    }
-    const bool content = o.interface == "content";
-    for (size_t i = 2; i < words.size(); ++i) {
-        const size_t equals = words[i].find('=');
-        if (equals == std::string::npos || equals == 0) {
-            return Usage("expected key=value, got " + words[i]);
-        }
-        o.values.emplace_back(words[i].substr(0, equals), words[i].substr(equals + 1));
-    }
-    const bool bulk = !o.bulkFile.empty();
-    if (bulk && (o.command != "insert" && o.command != "update")) {
-        return Usage("--bulk is for insert and update");
-    }
-    if (bulk && !content) {
-        return Usage("--bulk works on the content interface only");
-    }
-    if (bulk && !o.values.empty()) {
-        return Usage("--bulk takes its rows from the file, not key=value words");
-    }
-    if ((o.command == "insert" || o.command == "update") && !bulk && o.values.empty()) {
-        return Usage(o.command + " needs key=value words");
-    }
-    if (o.command == "update" && !bulk && o.where.empty()) {
-        return Usage("update needs --where (use --where '1 = 1' for every row)");
-    }
-    if ((o.command == "select" || o.command == "delete" || o.command == "ids") && !o.values.empty()) {
-        return Usage(o.command + " takes no key=value words");
-    }
-    if (o.command == "ids" && !content) {
-        return Usage("ids works on the content interface only");
-    }
-    if (!o.whereArgs.empty() && !content) {
-        return Usage("--arg works on the content interface only");
-    }
-    if (!o.whereArgs.empty() && !o.hasWhere) {
-        return Usage("--arg gives values to the ? of --where");
-    }
-    if (!o.limit.empty() && (o.command != "select" || !content)) {
-        return Usage("--limit is for select on the content interface");
-    }
-    if (o.all && o.command != "delete") {
-        return Usage("--all is for delete");
-    }
-    if (o.command == "delete" && o.hasWhere == o.all) {
-        return Usage(o.all ? "delete takes --where or --all, not both"
-                           : "delete needs --where W, or --all to delete every row this application may delete");
-    }
-    return Run(o);
+    return mistake.empty() ? Run(o) : Usage(mistake);
 }
 
 }  // namespace tilvanectl

@@ -153,6 +153,33 @@ bool FindLauncherEntry(const ContentClient& content, const std::string& provider
     return true;
 }
 
+/* Inserts one section under the launcher entry and bulk inserts its tiles
+ * into it; `sectionId` receives the new section's row id. */
+int PublishSection(ContentClient& content, const std::string& provider, const std::string& acceleratorId,
+                   const SectionToPublish& section, std::string& sectionId)
+{
+    Values values = section.values;
+    values.emplace_back(Sections::SECTION_ACCELERATOR_RAW_ID, acceleratorId);
+    Result inserted = content.Insert(provider + "/sections", values);
+    if (!inserted.Ok()) {
+        return ReportFailure("publish: inserting section \"" + section.title + "\"", inserted);
+    }
+    sectionId = std::to_string(inserted.rowId);
+    if (!section.tiles.empty()) {
+        std::vector<Values> tiles = section.tiles;
+        for (Values& tile : tiles) {
+            tile.emplace_back(Tiles::TILE_SECTION_RAW_ID, sectionId);
+        }
+        Result bulk = content.BulkInsert(provider + "/tiles", tiles);
+        if (!bulk.Ok()) {
+            return ReportFailure("publish: inserting the tiles of section \"" + section.title + "\"", bulk);
+        }
+    }
+    std::cout << "section " << sectionId << " \"" << section.title << "\": "
+              << CountOf(static_cast<long long>(section.tiles.size()), "tile", "tiles") << "\n";
+    return EXIT_OK;
+}
+
 int Publish(const std::string& path, bool replace)
 {
     std::vector<SectionToPublish> sections;
@@ -185,26 +212,11 @@ int Publish(const std::string& path, bool replace)
     size_t tileCount = 0;
     std::string lastSectionId;
     for (const SectionToPublish& section : sections) {
-        Values values = section.values;
-        values.emplace_back(Sections::SECTION_ACCELERATOR_RAW_ID, acceleratorId);
-        Result inserted = content.Insert(sectionsUri, values);
-        if (!inserted.Ok()) {
-            return ReportFailure("publish: inserting section \"" + section.title + "\"", inserted);
+        const int published = PublishSection(content, provider, acceleratorId, section, lastSectionId);
+        if (published != EXIT_OK) {
+            return published;
         }
-        lastSectionId = std::to_string(inserted.rowId);
-        if (!section.tiles.empty()) {
-            std::vector<Values> tiles = section.tiles;
-            for (Values& tile : tiles) {
-                tile.emplace_back(Tiles::TILE_SECTION_RAW_ID, lastSectionId);
-            }
-            Result bulk = content.BulkInsert(tilesUri, tiles);
-            if (!bulk.Ok()) {
-                return ReportFailure("publish: inserting the tiles of section \"" + section.title + "\"", bulk);
-            }
-            tileCount += tiles.size();
-        }
-        std::cout << "section " << lastSectionId << " \"" << section.title << "\": "
-                  << CountOf(static_cast<long long>(section.tiles.size()), "tile", "tiles") << "\n";
+        tileCount += section.tiles.size();
     }
 
     Result mark = content.Insert(tilesUri, {{TilesModel::EVENT_TILES_SYNC_KEY, TilesModel::EVENT_TILES_SYNC_STATUS_END},

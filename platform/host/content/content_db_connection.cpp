@@ -159,6 +159,33 @@ int StepToDone(const LockedDatabase& db, sqlite3_stmt* statement, const char* wh
     return CContentDbConnection::CONNECTION_OK;
 }
 
+/* SELECT projection (every column when empty) FROM table [WHERE] [ORDER BY] [LIMIT]. */
+std::string SelectSql(const std::string& table, const std::vector<std::string>& projection, const std::string& where,
+                      const std::string& orderBy, const std::string& limit)
+{
+    std::string sql = "SELECT ";
+    if (projection.empty()) {
+        sql += '*';
+    }
+    for (size_t i = 0; i < projection.size(); ++i) {
+        if (i > 0) {
+            sql += ", ";
+        }
+        sql += projection[i];
+    }
+    sql += " FROM " + QuoteIdentifier(table);
+    if (!where.empty()) {
+        sql += " WHERE " + where;
+    }
+    if (!orderBy.empty()) {
+        sql += " ORDER BY " + orderBy;
+    }
+    if (!limit.empty()) {
+        sql += " LIMIT " + limit;
+    }
+    return sql;
+}
+
 std::string UpdateSql(const std::string& table, const Values& entries, const std::string& where)
 {
     std::string sql = "UPDATE " + QuoteIdentifier(table) + " SET ";
@@ -464,43 +491,16 @@ std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::st
         return nullptr;
     }
 
-    std::string sql = "SELECT ";
-    if (projection.empty()) {
-        sql += '*';
-    } else {
-        for (size_t i = 0; i < projection.size(); ++i) {
-            if (i > 0) {
-                sql += ", ";
-            }
-            sql += projection[i];
-        }
-    }
-    sql += " FROM " + QuoteIdentifier(table);
-    if (!where.empty()) {
-        sql += " WHERE " + where;
-    }
-    if (!orderBy.empty()) {
-        sql += " ORDER BY " + orderBy;
-    }
-    if (!limit.empty()) {
-        sql += " LIMIT " + limit;
-    }
-
     StatementLease statement;
-    int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
+    int rc = AcquireRequestStatement(*db.shared(), db.handle(), table,
+                                     SelectSql(table, projection, where, orderBy, limit), statement);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(db->ErrorMessage());
         CONTENT_LOGE("select from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return nullptr;
     }
-    int index = 1;
-    for (const auto& arg : whereArgs) {
-        rc = BindText(statement.get(), index++, arg);
-        if (rc != SQLITE_OK) {
-            CONTENT_LOGE("select from %s: binding where argument %d: %s (%d)", table.c_str(), index - 1,
-                         db->ErrorMessage(), rc);
-            return nullptr;
-        }
+    if (BindWhereArgs(db, statement.get(), 1, whereArgs, "select from", table) != SQLITE_OK) {
+        return nullptr;
     }
     return std::make_shared<CSQLiteStatementCursor>(db.shared(), std::move(statement));
 }
