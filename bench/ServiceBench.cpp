@@ -62,7 +62,7 @@ constexpr int kClientTiles = 1000;
 constexpr char kBareName[] = "org.tilvane.BenchBare";
 constexpr char kBarePath[] = "/org/tilvane/Content";
 constexpr char kContentInterface[] = "org.tilvane.Content";
-/* The content road's methods as the service publishes them. */
+/* The content interface's methods as the service publishes them. */
 constexpr char kBareXml[] =
     "<node><interface name='org.tilvane.Content'>"
     "<method name='Insert'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
@@ -115,7 +115,7 @@ void BareCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, cons
 }  // namespace
 
 /* Entry of the bare server process: tilvane_bench --bare-server FD DIRECTORY.
- * Answers each method of the content road with the reply kept in
+ * Answers each method of the content interface with the reply kept in
  * DIRECTORY/<method>.reply, loaded once at start. */
 int RunBareServer(int readyFd, const char* directory)
 {

@@ -4,7 +4,7 @@
  * iteration times one delete without it, subscribes it, times one delete
  * with it, and unsubscribes it. The service is the real `tilvane` binary,
  * started on the benchmarks' bus with a platform root of its own; the deletes
- * come from this process through the content road, as an application with
+ * come from this process through the content interface, as an application with
  * the public privileges (installed there under this process's own id). The never-answering subscriber is a hand-made bus
  * connection that owns its application's and port's names and queues every
  * call it gets on a main context that nobody runs.
@@ -217,7 +217,7 @@ private:
 pid_t StallBenchSetup::s_servicePid = -1;
 std::string StallBenchSetup::s_root;
 
-/* One delete through the content road (it posts a preview event); seconds. */
+/* One delete through the content interface (it posts a preview event); seconds. */
 double TimedDelete(const tilvane::client::ContentClient& client, bool* ok)
 {
     const auto start = std::chrono::steady_clock::now();

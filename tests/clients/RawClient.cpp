@@ -17,11 +17,11 @@
 int main(int argc, char** argv)
 {
     using namespace tilvane::client;
-    const std::string road = argc > 1 ? argv[1] : "";
+    const std::string interface = argc > 1 ? argv[1] : "";
     Result result;
-    if (road == "data-control" && argc == 4) {
+    if (interface == "data-control" && argc == 4) {
         result = DataControlClient(argv[2]).Select(argv[3], {}, "", "");
-    } else if (road == "content" && argc == 3) {
+    } else if (interface == "content" && argc == 3) {
         result = ContentClient().Select(argv[2], {}, "", {}, "", "");
     } else {
         std::fprintf(stderr, "usage: tilvane_raw_client data-control PROVIDER_ID DATA_ID | content URI\n");

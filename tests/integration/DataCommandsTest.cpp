@@ -1,6 +1,6 @@
 /*
- * tilvanectl data against a test provider in a forked child: the content road
- * by default, data control with --road, refusals with their code and exit 1,
+ * tilvanectl data against a test provider in a forked child: the content interface
+ * by default, data control with --interface, refusals with their code and exit 1,
  * usage errors with exit 2.
  */
 #include <data_control.h>
@@ -80,7 +80,7 @@ CliRun Tilvanectl(const std::string& arguments)
 
 }  // namespace
 
-TEST(DataCommandsTest, InsertsSelectsAndRefusalsThroughBothRoads)
+TEST(DataCommandsTest, InsertsSelectsAndRefusalsThroughBothInterfaces)
 {
     PrivateBus bus;
     ASSERT_TRUE(bus.IsRunning());
@@ -133,22 +133,22 @@ TEST(DataCommandsTest, InsertsSelectsAndRefusalsThroughBothRoads)
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("rows.jsonl:1:"), std::string::npos) << run.out;
 
-    /* The data-control road: the provider answers the select with an error text. */
-    run = Tilvanectl("select tiles --road data-control --where \"_id = 4\"");
+    /* The data-control interface: the provider answers the select with an error text. */
+    run = Tilvanectl("select tiles --interface data-control --where \"_id = 4\"");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("the provider refused: _id = 4"), std::string::npos) << run.out;
-    run = Tilvanectl("insert tiles --road data-control title=x");
+    run = Tilvanectl("insert tiles --interface data-control title=x");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("not served"), std::string::npos) << run.out;
 
-    /* Nobody serves selects on the content road here. */
+    /* Nobody serves selects on the content interface here. */
     run = Tilvanectl("select tiles");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("not served"), std::string::npos) << run.out;
 
     EXPECT_EQ(Tilvanectl("insert nowhere a=b").exitCode, 2);
     EXPECT_EQ(Tilvanectl("update tiles a=b").exitCode, 2);
-    EXPECT_EQ(Tilvanectl("insert tiles --road data-control --bulk " + bulk).exitCode, 2);
-    EXPECT_EQ(Tilvanectl("select tiles --road sideways").exitCode, 2);
+    EXPECT_EQ(Tilvanectl("insert tiles --interface data-control --bulk " + bulk).exitCode, 2);
+    EXPECT_EQ(Tilvanectl("select tiles --interface sideways").exitCode, 2);
     unsetenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
 }

@@ -170,7 +170,7 @@ protected:
     }
 
     /* The application, as its own user, makes its launcher entry, a section
-     * and a tile on each road. */
+     * and a tile on each interface. */
     void PublishContent(int uid, const std::string& appId, const std::string& prefix)
     {
         Outcome read = Ctl(uid, appId, {"data", "select", "accelerators", "--columns", "_id", "--json"});
@@ -181,17 +181,17 @@ protected:
                                            "section_accelerator_raw_id=" + match[1].str()});
         ASSERT_EQ(section.status, 0) << section.out << section.err;
         const std::string sectionId = InsertedRowId(section);
-        for (const char* road : {"content", "data-control"}) {
-            Outcome tile = Ctl(uid, appId, {"data", "insert", "tiles", "--interface", road,
-                                            "tile_id=" + prefix + "-" + road, "tile_section_raw_id=" + sectionId});
+        for (const char* interface : {"content", "data-control"}) {
+            Outcome tile = Ctl(uid, appId, {"data", "insert", "tiles", "--interface", interface,
+                                            "tile_id=" + prefix + "-" + interface, "tile_section_raw_id=" + sectionId});
             ASSERT_EQ(tile.status, 0) << tile.out << tile.err;
         }
     }
 
-    /* The tile ids a caller reads on one road, as "a,b". */
-    std::string TileIds(int uid, const std::string& appId, const std::string& road, Outcome* outcome = nullptr)
+    /* The tile ids a caller reads on one interface, as "a,b". */
+    std::string TileIds(int uid, const std::string& appId, const std::string& interface, Outcome* outcome = nullptr)
     {
-        Outcome read = Ctl(uid, appId, {"data", "select", "tiles", "--interface", road, "--columns", "tile_id",
+        Outcome read = Ctl(uid, appId, {"data", "select", "tiles", "--interface", interface, "--columns", "tile_id",
                                         "--order", "tile_id", "--json"});
         if (outcome != nullptr) {
             *outcome = read;
@@ -224,12 +224,12 @@ TEST_F(IdentityTest, AnotherUserCannotActAsAnInstalledApplicationOrAPlatformId)
      * not), the bare news package id and the two white-listed services. */
     for (const std::string& claimed : {std::string(kNewsApp), std::string("org.example.news"),
                                       std::string("DownloadManager"), std::string("ContentServiceManager")}) {
-        for (const char* road : {"content", "data-control"}) {
-            Outcome removal = Ctl(kSportsUser, claimed, {"data", "delete", "tiles", "--all", "--interface", road});
-            EXPECT_EQ(removal.status, 1) << claimed << " " << road << ": " << removal.out;
+        for (const char* interface : {"content", "data-control"}) {
+            Outcome removal = Ctl(kSportsUser, claimed, {"data", "delete", "tiles", "--all", "--interface", interface});
+            EXPECT_EQ(removal.status, 1) << claimed << " " << interface << ": " << removal.out;
             EXPECT_NE((removal.out + removal.err).find("not authorized"), std::string::npos) << removal.out << removal.err;
             Outcome read;
-            EXPECT_EQ(TileIds(kSportsUser, claimed, road, &read), "") << claimed;
+            EXPECT_EQ(TileIds(kSportsUser, claimed, interface, &read), "") << claimed;
             EXPECT_NE((read.out + read.err).find("not authorized"), std::string::npos) << read.out << read.err;
         }
     }
@@ -253,13 +253,13 @@ TEST_F(IdentityTest, TheBoundUserGetsItsLevelAndOnlyItsRows)
     StartService();
     PublishContent(kNewsUser, kNewsApp, "news");
     PublishContent(kSportsUser, kSportsApp, "sports");
-    for (const char* road : {"content", "data-control"}) {
-        EXPECT_EQ(TileIds(kNewsUser, kNewsApp, road), "news-content,news-data-control") << road;
-        EXPECT_EQ(TileIds(kSportsUser, kSportsApp, road), "sports-content,sports-data-control") << road;
+    for (const char* interface : {"content", "data-control"}) {
+        EXPECT_EQ(TileIds(kNewsUser, kNewsApp, interface), "news-content,news-data-control") << interface;
+        EXPECT_EQ(TileIds(kSportsUser, kSportsApp, interface), "sports-content,sports-data-control") << interface;
         /* A platform user is the white-listed service: level 4, every row. */
-        EXPECT_EQ(TileIds(kRoot, "DownloadManager", road),
+        EXPECT_EQ(TileIds(kRoot, "DownloadManager", interface),
                   "news-content,news-data-control,sports-content,sports-data-control")
-            << road;
+            << interface;
     }
     /* The platform user is not the news application either. */
     Outcome read;
@@ -268,7 +268,7 @@ TEST_F(IdentityTest, TheBoundUserGetsItsLevelAndOnlyItsRows)
     EXPECT_EQ(CountInLog("runs as user 0, application org.example.news.ui is bound to user " + kNews), 1) << ServiceLog();
 }
 
-TEST_F(IdentityTest, OnlyTheDeclaredDataIdsAreServedOnBothRoads)
+TEST_F(IdentityTest, OnlyTheDeclaredDataIdsAreServedOnBothInterfaces)
 {
     StartService();
     PublishContent(kNewsUser, kNewsApp, "news");

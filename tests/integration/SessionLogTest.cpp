@@ -206,7 +206,7 @@ void SessionLogTest::RunDataSession()
     EXPECT_EQ(Ctl(kNews, {"data", "delete", "tiles", "--where", "tile_id = 'news3'"}), 0);
 
     // Data control: insert, select, update, delete.
-    const std::vector<std::string> dataControl = {"--road", "data-control"};
+    const std::vector<std::string> dataControl = {"--interface", "data-control"};
     auto viaDataControl = [&](std::vector<std::string> words) {
         words.insert(words.begin() + 3, dataControl.begin(), dataControl.end());
         return words;

@@ -138,7 +138,7 @@ protected:
         return resident * sysconf(_SC_PAGESIZE);
     }
 
-    /* A delete through the content road, which posts a preview event; its time in ms. */
+    /* A delete through the content interface, which posts a preview event; its time in ms. */
     int64_t TimedDelete()
     {
         const auto start = std::chrono::steady_clock::now();

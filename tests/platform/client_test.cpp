@@ -1,6 +1,6 @@
 /*
  * The client library's descriptions of results, and the published interface
- * description of the request roads against the objects a process exports.
+ * description of the request request interfaces against the objects a process exports.
  */
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -91,7 +91,7 @@ TEST(ClientInterfaces, ThePublishedDescriptionIsWhatAProcessExports)
     ASSERT_GT(message_port_register_local_port("any", NoteCB, nullptr), 0); /* opens the connection */
 
     gchar* published = nullptr;
-    ASSERT_TRUE(g_file_get_contents(TILVANE_REQUEST_ROADS_XML, &published, nullptr, nullptr));
+    ASSERT_TRUE(g_file_get_contents(TILVANE_REQUEST_INTERFACES_XML, &published, nullptr, nullptr));
     GDBusNodeInfo* file = g_dbus_node_info_new_for_xml(published, nullptr);
     g_free(published);
     ASSERT_NE(file, nullptr);

@@ -1,6 +1,6 @@
 /*
  * A client application for the robustness tests: makes requests to the
- * service through the content library's road (tilvane_client.h) and writes
+ * service through the content library's interface (tilvane_client.h) and writes
  * one line per request that the service answered with success ("ack ...") or
  * not ("fail ..."), flushed at once, so that a test can compare what was
  * acknowledged with what the database holds.

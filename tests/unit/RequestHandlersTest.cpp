@@ -1,5 +1,5 @@
 /*
- * The request handlers on the content library's road: each request goes
+ * The request handlers on the content library's interface: each request goes
  * through the callback the provider registered for its (kind, URI), as the
  * library's clients' requests do, and the outcome is read back from the
  * database, the result codes, the log and the events sent.

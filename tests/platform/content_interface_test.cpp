@@ -1,5 +1,5 @@
 /*
- * The content library's request road over the bus: requests sent with the
+ * The content library's request interface over the bus: requests sent with the
  * client library reach the callbacks registered for (kind, URI) as filled
  * request records, and the callbacks' results come back, rows of a select
  * from the cursor the callback stored.
@@ -139,7 +139,7 @@ bool GetIdCB(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out)
     return g_answer;
 }
 
-class ContentRoadTest : public ::testing::Test
+class ContentInterfaceTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -149,7 +149,7 @@ protected:
         g_seen.clear();
         g_result = 0;
         g_answer = true;
-        g_db.reset(new CContentDbConnection(m_sandbox.Root(), "road.db"));
+        g_db.reset(new CContentDbConnection(m_sandbox.Root(), "interface.db"));
         ASSERT_TRUE(g_db->OpenOperation());
         std::string error;
         ASSERT_EQ(0, g_db->ExcuteSQL("CREATE TABLE tiles (_id INTEGER PRIMARY KEY, title TEXT, score REAL, "
@@ -189,7 +189,7 @@ long long MillisecondsSince(std::chrono::steady_clock::time_point start)
 
 }  // namespace
 
-TEST_F(ContentRoadTest, InsertFillsTheRecordAndReturnsTheCodeAndRowId)
+TEST_F(ContentInterfaceTest, InsertFillsTheRecordAndReturnsTheCodeAndRowId)
 {
     RegisterAll(kTiles);
     Result result = m_client.Insert(kTiles, {{"title", "news"}, {"tile_section_id", "2"}});
@@ -204,7 +204,7 @@ TEST_F(ContentRoadTest, InsertFillsTheRecordAndReturnsTheCodeAndRowId)
     EXPECT_EQ(g_seen[0].thread, std::this_thread::get_id());
 }
 
-TEST_F(ContentRoadTest, ResultCodesOfTheCallbackReachTheClient)
+TEST_F(ContentInterfaceTest, ResultCodesOfTheCallbackReachTheClient)
 {
     RegisterAll(kTiles);
     for (int code : {-22, -13, static_cast<int>(0xC0000000)}) {
@@ -224,7 +224,7 @@ TEST_F(ContentRoadTest, ResultCodesOfTheCallbackReachTheClient)
     EXPECT_EQ(g_seen[0].args, (std::vector<std::string>{"4"}));
 }
 
-TEST_F(ContentRoadTest, BulkRecordsCarryEveryRowInOrder)
+TEST_F(ContentInterfaceTest, BulkRecordsCarryEveryRowInOrder)
 {
     RegisterAll(kSections);
     std::vector<Values> rows;
@@ -246,7 +246,7 @@ TEST_F(ContentRoadTest, BulkRecordsCarryEveryRowInOrder)
               (std::vector<Entries>{{{"section_title", "x"}, {"bulk_update_row_id_key", "3"}}, {{"a", "b"}}}));
 }
 
-TEST_F(ContentRoadTest, SelectReturnsTheStoredCursorsRowsWithTypesAndNames)
+TEST_F(ContentInterfaceTest, SelectReturnsTheStoredCursorsRowsWithTypesAndNames)
 {
     RegisterAll(kTiles);
     Result result = m_client.Select(kTiles, {"_id", "title", "score", "art", "note"}, "_id <= ?", {"2"}, "_id ASC", "5");
@@ -267,10 +267,10 @@ TEST_F(ContentRoadTest, SelectReturnsTheStoredCursorsRowsWithTypesAndNames)
     EXPECT_EQ(g_seen[0].order, "_id ASC");
     EXPECT_EQ(g_seen[0].limit, "5");
     EXPECT_EQ(g_seen[0].args, (std::vector<std::string>{"2"}));
-    EXPECT_EQ(CSharedQueryObject::GetStoredCount(), 0u) << "the road takes the cursor it sends";
+    EXPECT_EQ(CSharedQueryObject::GetStoredCount(), 0u) << "the interface takes the cursor it sends";
 }
 
-TEST_F(ContentRoadTest, AThousandRowSelectArrivesWhole)
+TEST_F(ContentInterfaceTest, AThousandRowSelectArrivesWhole)
 {
     RegisterAll(kTiles);
     Result result = m_client.Select(kTiles, {}, "", {}, "_id", "");
@@ -279,7 +279,7 @@ TEST_F(ContentRoadTest, AThousandRowSelectArrivesWhole)
     EXPECT_EQ(result.rows.rows[999][1].text, "tile 1000");
 }
 
-TEST_F(ContentRoadTest, RowIdsComeBackInOrder)
+TEST_F(ContentInterfaceTest, RowIdsComeBackInOrder)
 {
     RegisterAll(kTiles);
     Result result = m_client.GetRowIds(kTiles, "title = ?", {"x"});
@@ -288,7 +288,7 @@ TEST_F(ContentRoadTest, RowIdsComeBackInOrder)
     EXPECT_EQ(g_seen[0].kind, "get id");
 }
 
-TEST_F(ContentRoadTest, ASelectOrLookupThatFailsGivesNoResultAtOnce)
+TEST_F(ContentInterfaceTest, ASelectOrLookupThatFailsGivesNoResultAtOnce)
 {
     RegisterAll(kTiles);
     g_answer = false;
@@ -298,7 +298,7 @@ TEST_F(ContentRoadTest, ASelectOrLookupThatFailsGivesNoResultAtOnce)
     EXPECT_LT(MillisecondsSince(start), 500);
 }
 
-TEST_F(ContentRoadTest, AKindOrUriWithoutACallbackIsNotServed)
+TEST_F(ContentInterfaceTest, AKindOrUriWithoutACallbackIsNotServed)
 {
     ASSERT_TRUE(register_insert_db_callback(kTiles, InsertCB, nullptr));
     const auto start = std::chrono::steady_clock::now();
@@ -315,7 +315,7 @@ TEST_F(ContentRoadTest, AKindOrUriWithoutACallbackIsNotServed)
     EXPECT_TRUE(g_seen.empty());
 }
 
-TEST_F(ContentRoadTest, TheCallerIdOfAnotherProcessComesFromTheBus)
+TEST_F(ContentInterfaceTest, TheCallerIdOfAnotherProcessComesFromTheBus)
 {
     ChildProcess client([](int) {
         tilvane::host::SetOwnAppId("org.example.viewer");
@@ -383,7 +383,7 @@ bool SelectOwnCursorCB(PT_PROVIDER_SELECT_IN_PARAM&, PT_PROVIDER_SELECT_OUT_PARA
 
 }  // namespace
 
-TEST_F(ContentRoadTest, ACursorTheProviderAlreadySteppedSendsTheRowsAfterIt)
+TEST_F(ContentInterfaceTest, ACursorTheProviderAlreadySteppedSendsTheRowsAfterIt)
 {
     ASSERT_TRUE(register_select_db_callback(kTiles, SelectAfterFirstRowCB, &g_userData));
     Result result = m_client.Select(kTiles, {"_id", "title"}, "_id <= ?", {"3"}, "_id", "");
@@ -393,7 +393,7 @@ TEST_F(ContentRoadTest, ACursorTheProviderAlreadySteppedSendsTheRowsAfterIt)
     EXPECT_EQ(result.rows.rows[1][1].text, "tile 3");
 }
 
-TEST_F(ContentRoadTest, ACursorOfTheProvidersOwnIsSentThroughItsTypedReads)
+TEST_F(ContentInterfaceTest, ACursorOfTheProvidersOwnIsSentThroughItsTypedReads)
 {
     ASSERT_TRUE(register_select_db_callback(kTiles, SelectOwnCursorCB, &g_userData));
     Result result = m_client.Select(kTiles, {}, "", {}, "", "");
@@ -408,7 +408,7 @@ TEST_F(ContentRoadTest, ACursorOfTheProvidersOwnIsSentThroughItsTypedReads)
     EXPECT_EQ(result.rows.rows[1][2].type, Cell::Type::Null);
 }
 
-TEST_F(ContentRoadTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest)
+TEST_F(ContentInterfaceTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest)
 {
     RegisterAll(kTiles);
     const int before = tilvane::host::CallCount("malloc_trim");

@@ -1,6 +1,6 @@
 /*
  * The real service on a private bus, used by three client processes (two
- * applications and the launcher) through tilvanectl on both request roads.
+ * applications and the launcher) through tilvanectl on both request request interfaces.
  */
 #include <gtest/gtest.h>
 
@@ -114,7 +114,7 @@ struct Outcome
     std::string output;
 };
 
-class RequestRoadsTest : public ::testing::Test
+class RequestInterfacesTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -194,10 +194,10 @@ protected:
         return match.size() > 1 ? match[1].str() : "";
     }
 
-    /* The tile ids a caller reads, on one road, as "a,b,c". */
-    std::string TileIds(const std::string& appId, const std::string& road)
+    /* The tile ids a caller reads, on one interface, as "a,b,c". */
+    std::string TileIds(const std::string& appId, const std::string& interface)
     {
-        Outcome read = Ctl(appId, {"data", "select", "tiles", "--road", road, "--columns", "tile_id", "--order",
+        Outcome read = Ctl(appId, {"data", "select", "tiles", "--interface", interface, "--columns", "tile_id", "--order",
                                    "tile_id", "--json"});
         EXPECT_EQ(read.status, 0) << read.output;
         std::string ids;
@@ -209,7 +209,7 @@ protected:
         return ids;
     }
 
-    /* Gives an application a section and two tiles, one per road. */
+    /* Gives an application a section and two tiles, one per interface. */
     void PublishContent(const std::string& appId, const std::string& prefix)
     {
         std::string accelerator = OwnAcceleratorId(appId);
@@ -220,10 +220,10 @@ protected:
         std::string sectionId = InsertedRowId(section);
         m_sections[appId] = sectionId;
 
-        Outcome viaContent = Ctl(appId, {"data", "insert", "tiles", "--road", "content", "tile_id=" + prefix + "1",
+        Outcome viaContent = Ctl(appId, {"data", "insert", "tiles", "--interface", "content", "tile_id=" + prefix + "1",
                                          "tile_section_raw_id=" + sectionId});
         ASSERT_EQ(viaContent.status, 0) << viaContent.output;
-        Outcome viaDataControl = Ctl(appId, {"data", "insert", "tiles", "--road", "data-control",
+        Outcome viaDataControl = Ctl(appId, {"data", "insert", "tiles", "--interface", "data-control",
                                              "tile_id=" + prefix + "2", "tile_section_raw_id=" + sectionId});
         ASSERT_EQ(viaDataControl.status, 0) << viaDataControl.output;
     }
@@ -237,26 +237,26 @@ protected:
     int m_tools = 0;
 };
 
-TEST_F(RequestRoadsTest, ApplicationsLauncherAndStrangersOnBothRoads)
+TEST_F(RequestInterfacesTest, ApplicationsLauncherAndStrangersOnBothInterfaces)
 {
     PublishContent("org.example.news.ui", "news");
     PublishContent("org.example.sports.ui", "sports");
 
-    // Each application reads only its own rows, on both roads.
-    for (const char* road : {"content", "data-control"}) {
-        EXPECT_EQ(TileIds("org.example.news.ui", road), "news1,news2") << road;
-        EXPECT_EQ(TileIds("org.example.sports.ui", road), "sports1,sports2") << road;
+    // Each application reads only its own rows, on both request interfaces.
+    for (const char* interface : {"content", "data-control"}) {
+        EXPECT_EQ(TileIds("org.example.news.ui", interface), "news1,news2") << interface;
+        EXPECT_EQ(TileIds("org.example.sports.ui", interface), "sports1,sports2") << interface;
         // The launcher reads everything.
-        EXPECT_EQ(TileIds("ContentServiceManager", road), "news1,news2,sports1,sports2") << road;
+        EXPECT_EQ(TileIds("ContentServiceManager", interface), "news1,news2,sports1,sports2") << interface;
     }
 
     // A caller without privileges is refused: a write with -13; a select, which
-    // answers only yes or no (no result on the content road, the refusal's text
-    // on the data-control road), with the same reason on both.
+    // answers only yes or no (no result on the content interface, the refusal's text
+    // on the data-control interface), with the same reason on both.
     Outcome stranger = Ctl("org.example.nobody.ui", {"data", "select", "tiles"});
     EXPECT_EQ(stranger.status, 1);
     EXPECT_NE(stranger.output.find("refused: permission level too low"), std::string::npos) << stranger.output;
-    Outcome strangerDataControl = Ctl("org.example.nobody.ui", {"data", "select", "tiles", "--road", "data-control"});
+    Outcome strangerDataControl = Ctl("org.example.nobody.ui", {"data", "select", "tiles", "--interface", "data-control"});
     EXPECT_EQ(strangerDataControl.status, 1);
     EXPECT_NE(strangerDataControl.output.find("refused: permission level too low"), std::string::npos)
         << strangerDataControl.output;
@@ -271,7 +271,7 @@ TEST_F(RequestRoadsTest, ApplicationsLauncherAndStrangersOnBothRoads)
     EXPECT_NE(accelerator.output.find("invalid URI (-22)"), std::string::npos) << accelerator.output;
 }
 
-TEST_F(RequestRoadsTest, ABulkWhoseThirdRowFailsLeavesNoRow)
+TEST_F(RequestInterfacesTest, ABulkWhoseThirdRowFailsLeavesNoRow)
 {
     PublishContent("org.example.news.ui", "news");
     std::string section = m_sections["org.example.news.ui"];
@@ -291,7 +291,7 @@ TEST_F(RequestRoadsTest, ABulkWhoseThirdRowFailsLeavesNoRow)
     EXPECT_EQ(TileIds("org.example.news.ui", "content"), "news1,news2");
 }
 
-TEST_F(RequestRoadsTest, AContentBulkInsertMakesASubscriberPrintOneSyncEvent)
+TEST_F(RequestInterfacesTest, AContentBulkInsertMakesASubscriberPrintOneSyncEvent)
 {
     PublishContent("org.example.news.ui", "news");
     std::string section = m_sections["org.example.news.ui"];
@@ -320,7 +320,7 @@ TEST_F(RequestRoadsTest, AContentBulkInsertMakesASubscriberPrintOneSyncEvent)
         << output;
 }
 
-TEST_F(RequestRoadsTest, DataWrittenBeforeARestartIsReadBackAfterIt)
+TEST_F(RequestInterfacesTest, DataWrittenBeforeARestartIsReadBackAfterIt)
 {
     PublishContent("org.example.news.ui", "news");
 

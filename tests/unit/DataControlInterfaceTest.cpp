@@ -1,6 +1,6 @@
 /*
  * The provider's data-control callbacks, reached through the platform's
- * data-control road by a client in the same process.
+ * data-control interface by a client in the same process.
  */
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ void IgnoreMessage(int, const char*, const char*, bool, bundle*, void*)
 {
 }
 
-class DataControlRoadTest : public ::testing::Test
+class DataControlInterfaceTest : public ::testing::Test
 {
 protected:
     void SetUp() override
@@ -93,7 +93,7 @@ protected:
     DataControlClient m_client{TilesModel::PROVIDER_ID};
 };
 
-TEST_F(DataControlRoadTest, InsertIsAnsweredWithTheNewRowId)
+TEST_F(DataControlInterfaceTest, InsertIsAnsweredWithTheNewRowId)
 {
     Result result = m_client.Insert("tiles", {{"tile_id", "new"}, {"tile_section_raw_id", "10"}});
 
@@ -104,7 +104,7 @@ TEST_F(DataControlRoadTest, InsertIsAnsweredWithTheNewRowId)
               1);
 }
 
-TEST_F(DataControlRoadTest, InsertWhoseClientIdCannotBeFetchedIsNotAnswered)
+TEST_F(DataControlInterfaceTest, InsertWhoseClientIdCannotBeFetchedIsNotAnswered)
 {
     tilvane::host::FailNextCalls("data_control_provider_get_client_appid", 1);
 
@@ -116,7 +116,7 @@ TEST_F(DataControlRoadTest, InsertWhoseClientIdCannotBeFetchedIsNotAnswered)
     EXPECT_TRUE(Column("SELECT _id FROM tiles WHERE tile_id = 'lost'").empty());
 }
 
-TEST_F(DataControlRoadTest, EndMarkSendsOneEventAndIsNotAnswered)
+TEST_F(DataControlInterfaceTest, EndMarkSendsOneEventAndIsNotAnswered)
 {
     SubscribeListener();
 
@@ -128,7 +128,7 @@ TEST_F(DataControlRoadTest, EndMarkSendsOneEventAndIsNotAnswered)
     EXPECT_EQ(Column("SELECT COUNT(*) FROM tiles")[0], "2");
 }
 
-TEST_F(DataControlRoadTest, RefusedInsertIsNotAnswered)
+TEST_F(DataControlInterfaceTest, RefusedInsertIsNotAnswered)
 {
     Result result = m_client.Insert("accelerators", {{"accelerator_title", "x"}});
 
@@ -136,7 +136,7 @@ TEST_F(DataControlRoadTest, RefusedInsertIsNotAnswered)
     EXPECT_EQ(CountLines("tilvane", "failed by invalid URI"), 1);
 }
 
-TEST_F(DataControlRoadTest, SelectIsConfinedToTheCallersRows)
+TEST_F(DataControlInterfaceTest, SelectIsConfinedToTheCallersRows)
 {
     Result result = m_client.Select("tiles", {"tile_id"}, "", "");
 
@@ -147,7 +147,7 @@ TEST_F(DataControlRoadTest, SelectIsConfinedToTheCallersRows)
     EXPECT_EQ(CountLines("tilvane", "generated query = tile_section_raw_id IN (10)"), 1);
 }
 
-TEST_F(DataControlRoadTest, SelectBelowLevelOneIsAnsweredWithTheRefusal)
+TEST_F(DataControlInterfaceTest, SelectBelowLevelOneIsAnsweredWithTheRefusal)
 {
     tilvane::host::RemovePackage("org.example.news");
     RawDatabase(m_sandbox.DatabaseDirectory() + ".preview.db").Exec("DELETE FROM accelerators WHERE _id = 101");
@@ -158,7 +158,7 @@ TEST_F(DataControlRoadTest, SelectBelowLevelOneIsAnsweredWithTheRefusal)
     EXPECT_EQ(result.message, "failed SELECT by permission");
 }
 
-TEST_F(DataControlRoadTest, UpdateIsAnsweredAndSendsNoEvent)
+TEST_F(DataControlInterfaceTest, UpdateIsAnsweredAndSendsNoEvent)
 {
     SubscribeListener();
 
@@ -170,7 +170,7 @@ TEST_F(DataControlRoadTest, UpdateIsAnsweredAndSendsNoEvent)
     EXPECT_EQ(CountLines("tilvane", std::string("[") + kAppId + "] UPDATE result = 0"), 1);
 }
 
-TEST_F(DataControlRoadTest, DeleteIsAnsweredConfinedAndSendsNoEvent)
+TEST_F(DataControlInterfaceTest, DeleteIsAnsweredConfinedAndSendsNoEvent)
 {
     SubscribeListener();
 
@@ -182,7 +182,7 @@ TEST_F(DataControlRoadTest, DeleteIsAnsweredConfinedAndSendsNoEvent)
     EXPECT_EQ(CountLines("tilvane", std::string("[") + kAppId + "] DELETE result = 0"), 1);
 }
 
-TEST_F(DataControlRoadTest, CallbacksWithoutAProviderOrInputAnswerWithAnError)
+TEST_F(DataControlInterfaceTest, CallbacksWithoutAProviderOrInputAnswerWithAnError)
 {
     CTilesProvider::InsertRequestCB(1, nullptr, nullptr, m_provider);
     CTilesProvider::UpdateRequestCB(2, nullptr, nullptr, "", m_provider);
