@@ -226,8 +226,14 @@ TEST_F(StallTest, SelectsNamingTensOfThousandsOfUnknownColumnsLeaveMemoryBounded
     const long after = ResidentBytes();
     std::printf("service resident memory: %ld kB after 5 selects, %ld kB after 50 (+%ld kB)\n", before / 1024,
                 after / 1024, (after - before) / 1024);
-    /* 900,000 distinct names kept in the column tables took over 100 MB. */
+#if defined(__SANITIZE_ADDRESS__)
+    /* AddressSanitizer's quarantine keeps freed memory resident: the figure
+     * says nothing about the service there. */
+    std::printf("resident memory not compared under AddressSanitizer\n");
+#else
+    /* 900,000 distinct names kept in the column tables took over 70 MB. */
     EXPECT_LT(after - before, 16L * 1024 * 1024);
+#endif
 
     tilvane::client::Result normal =
         m_client.Select(TilesModel::Tiles::CONTENT_URI, {TilesModel::Tiles::TILE_ID}, "", {}, "", "");
@@ -324,12 +330,22 @@ void ExpectOrderlyShutdownAfterSigtermDuringRetries(Process& service, const std:
     EXPECT_EQ(log.find("main loop running"), std::string::npos) << "the loop must never have been entered";
 }
 
+/* The preview-event helper is never deleted (it lives until the process ends);
+ * when its port could not be registered, nothing refers to it at exit, which
+ * LeakSanitizer would report. */
+std::vector<std::string> KeepsThePreviewEventHelper(const TempDir& dir)
+{
+    const std::string file = dir.File("lsan.supp");
+    tilvane::test::WriteFile(file, "leak:CTilesProvider::CTilesProvider\n");
+    return {"LSAN_OPTIONS=suppressions=" + file};
+}
+
 TEST_F(StallTest, SigtermWhileTheChangeManagerRetriesItsPortEndsTheServiceInOrder)
 {
     ASSERT_TRUE(m_bus.IsRunning());
     PortSquatter squatter("accelerator_port");
     ASSERT_TRUE(squatter.Start());
-    StartService();
+    StartService(KeepsThePreviewEventHelper(m_logs));
     ExpectOrderlyShutdownAfterSigtermDuringRetries(*m_service,
                                                    "failed to message_port_register_local_port(accelerator_port)",
                                                    m_root.Path() + "/opt/dbspace/.preview.db");
@@ -341,7 +357,7 @@ TEST_F(StallTest, SigtermWhileThePreviewEventPortIsRetriedEndsTheServiceInOrder)
     ASSERT_TRUE(m_bus.IsRunning());
     PortSquatter squatter("preview-event-receiver");
     ASSERT_TRUE(squatter.Start());
-    StartService();
+    StartService(KeepsThePreviewEventHelper(m_logs));
     ExpectOrderlyShutdownAfterSigtermDuringRetries(*m_service, "failed to message_port_register_local_port : ",
                                                    m_root.Path() + "/opt/dbspace/.preview.db");
     m_service.reset();
