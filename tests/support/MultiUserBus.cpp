@@ -27,72 +27,29 @@ const char kOpenConfig[] =
     "  </policy>\n"
     "</busconfig>\n";
 
-}  // namespace
-
-MultiUserBus::MultiUserBus(const std::string& configFile)
+/* The daemon's options: `configFile`, or an open configuration written into
+ * `dir`, listening on a socket in `dir`, which everyone may reach. */
+std::vector<std::string> MultiUserDaemonOptions(const TempDir& dir, const std::string& configFile)
 {
-    const char* previous = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    m_hadAddress = previous != nullptr;
-    m_previousAddress = previous != nullptr ? previous : "";
-    chmod(m_dir.Path().c_str(), 0755);
+    chmod(dir.Path().c_str(), 0755);
+    const std::string listen = "unix:path=" + dir.File("bus");
     std::string config = configFile;
     if (config.empty()) {
-        config = m_dir.File("bus.conf");
-    }
-    const std::string listen = "unix:path=" + m_dir.File("bus");
-    if (configFile.empty()) {
+        config = dir.File("bus.conf");
         std::string text = kOpenConfig;
         text.replace(text.find("@LISTEN@"), 8, listen);
         WriteFile(config, text);
     }
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return;
-    }
-    const std::string configArg = "--config-file=" + config;
-    const std::string addressArg = "--address=" + listen;
-    const std::string printAddress = "--print-address=" + std::to_string(fds[1]);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
-        execlp("dbus-daemon", "dbus-daemon", configArg.c_str(), addressArg.c_str(), "--nofork", "--nopidfile",
-               printAddress.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    if (pid < 0) {
-        close(fds[0]);
-        return;
-    }
-    m_pid = pid;
-    std::string address;
-    char c = 0;
-    while (read(fds[0], &c, 1) == 1 && c != '\n') {
-        address.push_back(c);
-    }
-    close(fds[0]);
-    if (address.empty()) {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-        return;
-    }
-    m_address = address;
-    setenv("DBUS_SESSION_BUS_ADDRESS", m_address.c_str(), 1);
+    return {"--config-file=" + config, "--address=" + listen};
 }
 
-MultiUserBus::~MultiUserBus()
+}  // namespace
+
+MultiUserBus::MultiUserBus(const std::string& configFile) : m_bus(MultiUserDaemonOptions(m_dir, configFile))
 {
-    if (m_pid > 0) {
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-    }
-    if (m_hadAddress) {
-        setenv("DBUS_SESSION_BUS_ADDRESS", m_previousAddress.c_str(), 1);
-    } else {
-        unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    }
 }
+
+MultiUserBus::~MultiUserBus() = default;
 
 bool CanSwitchUsers()
 {

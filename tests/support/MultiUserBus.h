@@ -2,7 +2,7 @@
  * A dbus-daemon of its own for one test that processes of other users may
  * use too: its socket lies in a folder everyone can reach. Started by the
  * constructor, which points DBUS_SESSION_BUS_ADDRESS at it; the destructor
- * stops it and puts the variable back.
+ * stops it and puts the variable back (a PrivateBus with its own options).
  */
 #ifndef TILVANE_TEST_MULTI_USER_BUS_H
 #define TILVANE_TEST_MULTI_USER_BUS_H
@@ -25,15 +25,12 @@ public:
     MultiUserBus(const MultiUserBus&) = delete;
     MultiUserBus& operator=(const MultiUserBus&) = delete;
 
-    bool IsRunning() const { return !m_address.empty(); }
-    const std::string& Address() const { return m_address; }
+    bool IsRunning() const { return m_bus.IsRunning(); }
+    const std::string& Address() const { return m_bus.Address(); }
 
 private:
     TempDir m_dir;
-    int m_pid = -1;
-    std::string m_address;
-    bool m_hadAddress = false;
-    std::string m_previousAddress;
+    PrivateBus m_bus;
 };
 
 /* True when this process may run others as any user (CI runs as root). */

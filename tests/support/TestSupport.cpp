@@ -226,7 +226,11 @@ std::string PlatformSandbox::DatabaseDirectory() const
 
 /* ---- message bus ----------------------------------------------------------- */
 
-PrivateBus::PrivateBus() : m_pid(-1), m_hadAddress(false)
+PrivateBus::PrivateBus() : PrivateBus(std::vector<std::string>{"--session"})
+{
+}
+
+PrivateBus::PrivateBus(const std::vector<std::string>& daemonOptions) : m_pid(-1), m_hadAddress(false)
 {
     const char* previous = std::getenv("DBUS_SESSION_BUS_ADDRESS");
     m_hadAddress = previous != nullptr;
@@ -236,12 +240,21 @@ PrivateBus::PrivateBus() : m_pid(-1), m_hadAddress(false)
     if (pipe(fds) != 0) {
         return;
     }
+    /* Everything the child needs is prepared before fork: it only execs. */
+    std::vector<std::string> args = {"dbus-daemon"};
+    args.insert(args.end(), daemonOptions.begin(), daemonOptions.end());
+    args.push_back("--nofork");
+    args.push_back("--nopidfile");
+    args.push_back("--print-address=" + std::to_string(fds[1]));
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+        argv.push_back(&arg[0]);
+    }
+    argv.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
         close(fds[0]);
-        std::string printAddress = "--print-address=" + std::to_string(fds[1]);
-        execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", printAddress.c_str(),
-               static_cast<char*>(nullptr));
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     close(fds[1]);

@@ -121,6 +121,8 @@ class PrivateBus
 {
 public:
     PrivateBus();
+    /* A dbus-daemon started with `daemonOptions` instead of "--session". */
+    explicit PrivateBus(const std::vector<std::string>& daemonOptions);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
