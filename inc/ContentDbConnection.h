@@ -94,6 +94,12 @@ public:
     int EndTransaction(bool commit);
     bool InTransaction() const;
 
+    /* Runs one of the service's own statements (fixed text, never a client's)
+     * with `args` bound as text, and reads the integers of its first row into
+     * `row` (empty when there is no row). The statement is kept prepared; it
+     * is not a request statement, so no request confinement applies to it. */
+    int QueryIntegers(const std::string& sql, const std::vector<std::string>& args, std::vector<int64_t>& row);
+
     /* Prepares `sql` on this connection; the caller finalises the statement
      * with sqlite3_finalize. */
     int PrepareCMD(const std::string& sql, sqlite3_stmt** statement, const char** tail, std::string& errorMessage);

@@ -43,15 +43,13 @@ public:
                                 std::vector<std::string> requested, CPermissionHelper::PermissionLevel level,
                                 std::vector<std::string>& allowed);
 
-    /* A section may name only an accelerator of the caller's package, a tile
-     * only a section under one; a row that names none belongs to nobody and
-     * is refused. `table` is "sections" or "tiles"; other tables pass. */
-    static bool CheckInsertOwner(CContentDbConnection* pConnection, const std::string& table, bundle* pValues,
-                                 const std::string& packageId);
-    /* The rows a request writes: for an insert, each must belong to the
-     * caller's package (CheckInsertOwner) and the package stays within its
-     * limits; for an update, a row that names a new owner must name one of
-     * the caller's. */
+    /* The rows a request writes into "sections" or "tiles" (other tables
+     * pass). For an insert, each must name an owner of the caller's package (a
+     * section an accelerator of it, a tile a section under one; a row that
+     * names none would belong to nobody) and the package must stay within its
+     * limit of rows in the table; for an update, a row that names a new owner
+     * must name one of the caller's. Owners and package ids are bound, never
+     * pasted. */
     static bool CheckWrittenRows(CContentDbConnection* pConnection, const std::string& table,
                                  const std::vector<bundle*>& rows, const std::string& packageId, bool bInsert);
 
@@ -59,11 +57,6 @@ public:
      * with the package id bound; `bKnown` false (and "") for another table. */
     static std::string RowFilter(CContentDbConnection* pConnection, const std::string& table,
                                  const std::string& packageId, bool& bKnown);
-
-    /* The package may hold at most the configured number of sections and of
-     * tiles; `adding` rows are about to be inserted into `table`. */
-    static bool CheckPackageLimits(CContentDbConnection* pConnection, const std::string& table,
-                                   const std::string& packageId, size_t adding);
 
     /* The row ids of the package's accelerators and of the sections under
      * them, looked up with the package id bound, never pasted. */

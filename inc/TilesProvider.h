@@ -214,6 +214,7 @@ private:
     bool StrictProjection(const std::string& uri, const std::vector<std::string>& requested, RequestScope& scope,
                           std::vector<std::string>& projection);
     bool StrictWrittenRows(const std::vector<bundle*>& rows, RequestScope& scope, bool bInsert);
+    int StrictInsert(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out, RequestScope& scope);
     bool StrictBulkRowWhere(const char* func, const std::vector<bundle*>& rows, RequestScope& scope,
                             std::string& rowWhere);
     std::vector<std::string> SelectProjection(const std::string& uri, std::vector<std::string> requested,

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -34,17 +35,6 @@ std::vector<int64_t> IdsOf(CContentDbConnection* pConnection, const std::string&
         }
     }
     return ids;
-}
-
-int64_t CountOf(CContentDbConnection* pConnection, const std::string& table, const std::string& where)
-{
-    std::vector<std::string> projection = {"count(*)"};
-    std::shared_ptr<ISQLiteCursor> pCursor = pConnection->SelectRequest(table, projection, where, "");
-    int64_t count = 0;
-    if (pCursor == nullptr || pCursor->Step() != ISQLiteCursor::STEP_ROW || !pCursor->GetInt64(0, count)) {
-        return -1;
-    }
-    return count;
 }
 
 bool Refuse(const char* rule, const std::string& reason)
@@ -224,90 +214,179 @@ bool CStrictConfinement::CheckProjection(CPermissionHelper& permissionHelper, co
 
 namespace {
 
-/* Who owns the rows of a table, for one package: the column that names a
- * row's owner, the owners that belong to the package, and the package's limit. */
-struct Ownership
+/* The sections under the given accelerators. */
+std::vector<int64_t> SectionIdsOf(CContentDbConnection* pConnection, const std::vector<int64_t>& acceleratorIds)
 {
-    const char* column = nullptr;
-    std::vector<int64_t> owners;
-    int64_t limit = 0;
+    return IdsOf(pConnection, TableOf(TilesModel::Sections::CONTENT_URI),
+                 CStrictConfinement::IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, acceleratorIds), {});
+}
+
+/* Who owns the rows of a table that a package may write: the column that
+ * names a row's owner, the statements that tell whether an owner is the
+ * package's and, in one step with it, how many rows the package holds (owner
+ * and package id bound as ?1 and ?2), and the package's limit. */
+struct OwnerRule
+{
+    std::string column;
+    std::string ownedSql;
+    std::string ownedAndCountSql;
+    int (*limit)();
 };
 
-/* False for a table whose rows have no owner column. */
-bool OwnershipOf(CContentDbConnection* pConnection, const std::string& table, const std::string& packageId,
-                 Ownership& ownership)
+std::string Quoted(const std::string& name)
 {
-    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
-        ownership.column = TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID;
-        ownership.owners = CStrictConfinement::AcceleratorIds(pConnection, packageId);
-        ownership.limit = confinement_policy_max_sections_per_package();
-        return true;
+    return "\"" + name + "\"";
+}
+
+/* "t"."c" */
+std::string ColumnOf(const std::string& table, const std::string& column)
+{
+    return Quoted(table) + "." + column;
+}
+
+/* The package's accelerators joined, with `join`, to the rows of
+ * `ownerTable` that they own (the accelerators alone when they are the owners). */
+std::string OwnersJoin(const std::string& ownerTable, const char* join)
+{
+    const std::string accelerators = TableOf(TilesModel::Accelerators::CONTENT_URI);
+    if (ownerTable == accelerators) {
+        return Quoted(accelerators);
     }
-    if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
-        ownership.column = TilesModel::Tiles::TILE_SECTION_RAW_ID;
-        ownership.owners = CStrictConfinement::SectionIds(pConnection, packageId);
-        ownership.limit = confinement_policy_max_tiles_per_package();
-        return true;
-    }
-    return false;
+    return Quoted(accelerators) + " " + join + " " + Quoted(ownerTable) + " ON " +
+           ColumnOf(ownerTable, TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID) + " = " +
+           ColumnOf(accelerators, TilesModel::BaseColumnsID);
+}
+
+/* The rule of `table`, whose `column` names a row of `ownerTable`. Whether
+ * one owner is the package's is looked up from the owner's row id; the
+ * package's rows are counted from its accelerators down, in that order (a
+ * CROSS JOIN fixes it), through the indexes of the owner columns, so that the
+ * cost follows the package's rows, not the table's. */
+OwnerRule RuleOf(const std::string& table, const char* column, const std::string& ownerTable, int (*limit)())
+{
+    const std::string package =
+        ColumnOf(TableOf(TilesModel::Accelerators::CONTENT_URI), TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME);
+    const std::string ownerId = ColumnOf(ownerTable, TilesModel::BaseColumnsID);
+    const std::string owned = "EXISTS (SELECT 1 FROM " + OwnersJoin(ownerTable, "JOIN") + " WHERE " + ownerId +
+                              " = ?1 AND " + package + " = ?2)";
+    const std::string count = "SELECT count(*) FROM " + OwnersJoin(ownerTable, "CROSS JOIN") + " CROSS JOIN " +
+                              Quoted(table) + " ON " + ColumnOf(table, column) + " = " + ownerId + " WHERE " + package +
+                              " = ?2";
+    return {column, "SELECT " + owned, "SELECT " + owned + ", (" + count + ")", limit};
+}
+
+/* Null for a table whose rows have no owner column. */
+const OwnerRule* OwnerRuleOf(const std::string& table)
+{
+    static const std::string acceleratorsTable = TableOf(TilesModel::Accelerators::CONTENT_URI);
+    static const std::string sectionsTable = TableOf(TilesModel::Sections::CONTENT_URI);
+    static const std::string tilesTable = TableOf(TilesModel::Tiles::CONTENT_URI);
+    static const OwnerRule sections = RuleOf(sectionsTable, TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID,
+                                             acceleratorsTable, confinement_policy_max_sections_per_package);
+    static const OwnerRule tiles = RuleOf(tilesTable, TilesModel::Tiles::TILE_SECTION_RAW_ID, sectionsTable,
+                                          confinement_policy_max_tiles_per_package);
+    return table == sectionsTable ? &sections : table == tilesTable ? &tiles : nullptr;
 }
 
 /* True when a row names the owner column of `table`. */
 bool NamesOwner(const std::string& table, const std::vector<bundle*>& rows)
 {
-    const char* pColumn = table == TableOf(TilesModel::Sections::CONTENT_URI) ? TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID
-                          : table == TableOf(TilesModel::Tiles::CONTENT_URI)  ? TilesModel::Tiles::TILE_SECTION_RAW_ID
-                                                                               : nullptr;
+    const OwnerRule* pRule = OwnerRuleOf(table);
     for (bundle* pValues : rows) {
-        if (pColumn != nullptr && pValues != nullptr && bundle_get_val(pValues, pColumn) != nullptr) {
+        if (pRule != nullptr && pValues != nullptr && bundle_get_val(pValues, pRule->column.c_str()) != nullptr) {
             return true;
         }
     }
     return false;
 }
 
-bool OwnedRow(const Ownership& ownership, bundle* pValues, const std::string& packageId)
+/* The owner that a row names: false when it names none, or not as a row id. */
+bool OwnerOf(const OwnerRule& rule, bundle* pValues, long long& owner)
 {
-    const char* pOwner = pValues != nullptr ? bundle_get_val(pValues, ownership.column) : nullptr;
-    if (pOwner == nullptr || *pOwner == '\0') {
-        return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
-                      "the row names no " + std::string(ownership.column) + ": it would belong to nobody");
-    }
+    const char* pOwner = pValues != nullptr ? bundle_get_val(pValues, rule.column.c_str()) : nullptr;
     char* pEnd = nullptr;
-    const long long owner = std::strtoll(pOwner, &pEnd, 10);
-    if (pEnd == pOwner || *pEnd != '\0' ||
-        std::find(ownership.owners.begin(), ownership.owners.end(), owner) == ownership.owners.end()) {
-        return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
-                      std::string(ownership.column) + " " + pOwner + " does not belong to package " + packageId);
-    }
-    return true;
+    owner = pOwner != nullptr ? std::strtoll(pOwner, &pEnd, 10) : 0;
+    return pOwner != nullptr && pEnd != pOwner && *pEnd == '\0';
 }
 
-bool WithinLimit(CContentDbConnection* pConnection, const std::string& table, const Ownership& ownership,
-                 const std::string& packageId, size_t adding)
+/* Whether the owners that rows name belong to one package, each owner
+ * looked up once per request; and how many rows the package holds, looked up
+ * in the same step as the first owner. */
+class COwnerCheck
 {
-    const int64_t count =
-        pConnection != nullptr ? CountOf(pConnection, table, CStrictConfinement::IdFilter(ownership.column, ownership.owners))
-                               : -1;
+public:
+    COwnerCheck(CContentDbConnection& connection, const OwnerRule& rule, const std::string& packageId)
+        : m_connection(connection), m_rule(rule), m_packageId(packageId)
+    {
+    }
+
+    /* The package's rows of the rule's table, -1 when they cannot be counted. */
+    int64_t PackageRows(bundle* pFirstRow)
+    {
+        long long owner = 0;
+        OwnerOf(m_rule, pFirstRow, owner);
+        std::vector<int64_t> row;
+        if (m_connection.QueryIntegers(m_rule.ownedAndCountSql, {std::to_string(owner), m_packageId}, row) != 0 ||
+            row.size() != 2) {
+            return -1;
+        }
+        m_owned.emplace(owner, row[0] == 1);
+        return row[1];
+    }
+
+    bool OwnedRow(bundle* pValues)
+    {
+        const char* pOwner = pValues != nullptr ? bundle_get_val(pValues, m_rule.column.c_str()) : nullptr;
+        if (pOwner == nullptr || *pOwner == '\0') {
+            return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
+                          "the row names no " + m_rule.column + ": it would belong to nobody");
+        }
+        long long owner = 0;
+        if (!OwnerOf(m_rule, pValues, owner) || !IsOwned(owner)) {
+            return Refuse(CONFINEMENT_RULE_INSERT_OWNER,
+                          m_rule.column + " " + pOwner + " does not belong to package " + m_packageId);
+        }
+        return true;
+    }
+
+private:
+    bool IsOwned(long long owner)
+    {
+        auto known = m_owned.find(owner);
+        if (known != m_owned.end()) {
+            return known->second;
+        }
+        std::vector<int64_t> row;
+        const bool owned = m_connection.QueryIntegers(m_rule.ownedSql, {std::to_string(owner), m_packageId}, row) == 0 &&
+                           !row.empty() && row[0] == 1;
+        m_owned.emplace(owner, owned);
+        return owned;
+    }
+
+    CContentDbConnection& m_connection;
+    const OwnerRule& m_rule;
+    const std::string& m_packageId;
+    std::map<long long, bool> m_owned;
+};
+
+bool WithinLimit(COwnerCheck& owners, const std::string& table, const OwnerRule& rule, const std::string& packageId,
+                 const std::vector<bundle*>& rows)
+{
+    const int64_t count = owners.PackageRows(rows.empty() ? nullptr : rows.front());
     if (count < 0) {
         return Refuse(CONFINEMENT_RULE_LIMITS, "the package's rows cannot be counted");
     }
-    if (count + static_cast<int64_t>(adding) > ownership.limit) {
+    const int64_t limit = rule.limit();
+    const size_t adding = rows.size();
+    if (count + static_cast<int64_t>(adding) > limit) {
         return Refuse(CONFINEMENT_RULE_LIMITS, "package " + packageId + " has " + std::to_string(count) + " rows in " +
                                                    table + "; " + std::to_string(adding) + " more exceed the limit of " +
-                                                   std::to_string(ownership.limit));
+                                                   std::to_string(limit));
     }
     return true;
 }
 
 }  // namespace
-
-bool CStrictConfinement::CheckInsertOwner(CContentDbConnection* pConnection, const std::string& table,
-                                          bundle* pValues, const std::string& packageId)
-{
-    Ownership ownership;
-    return !OwnershipOf(pConnection, table, packageId, ownership) || OwnedRow(ownership, pValues, packageId);
-}
 
 bool CStrictConfinement::CheckWrittenRows(CContentDbConnection* pConnection, const std::string& table,
                                           const std::vector<bundle*>& rows, const std::string& packageId, bool bInsert)
@@ -315,16 +394,20 @@ bool CStrictConfinement::CheckWrittenRows(CContentDbConnection* pConnection, con
     if (!bInsert && !NamesOwner(table, rows)) {
         return true; /* an update that moves no row */
     }
-    Ownership ownership;
-    if (!OwnershipOf(pConnection, table, packageId, ownership)) {
+    const OwnerRule* pRule = OwnerRuleOf(table);
+    if (pRule == nullptr) {
         return true;
     }
-    if (bInsert && !WithinLimit(pConnection, table, ownership, packageId, rows.size())) {
+    if (pConnection == nullptr) {
+        return Refuse(CONFINEMENT_RULE_INSERT_OWNER, "the rows' owners cannot be looked up");
+    }
+    COwnerCheck owners(*pConnection, *pRule, packageId);
+    if (bInsert && !WithinLimit(owners, table, *pRule, packageId, rows)) {
         return false;
     }
     for (bundle* pValues : rows) {
-        const bool namesOwner = pValues != nullptr && bundle_get_val(pValues, ownership.column) != nullptr;
-        if ((bInsert || namesOwner) && !OwnedRow(ownership, pValues, packageId)) {
+        const bool namesOwner = pValues != nullptr && bundle_get_val(pValues, pRule->column.c_str()) != nullptr;
+        if ((bInsert || namesOwner) && !owners.OwnedRow(pValues)) {
             return false;
         }
     }
@@ -338,20 +421,14 @@ std::string CStrictConfinement::RowFilter(CContentDbConnection* pConnection, con
     if (table == TableOf(TilesModel::Accelerators::CONTENT_URI)) {
         return IdFilter(TilesModel::BaseColumnsID, AcceleratorIds(pConnection, packageId));
     }
-    Ownership ownership;
-    if (OwnershipOf(pConnection, table, packageId, ownership)) {
-        return IdFilter(ownership.column, ownership.owners);
+    if (table == TableOf(TilesModel::Sections::CONTENT_URI)) {
+        return IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId));
+    }
+    if (table == TableOf(TilesModel::Tiles::CONTENT_URI)) {
+        return IdFilter(TilesModel::Tiles::TILE_SECTION_RAW_ID, SectionIds(pConnection, packageId));
     }
     bKnown = false;
     return "";
-}
-
-bool CStrictConfinement::CheckPackageLimits(CContentDbConnection* pConnection, const std::string& table,
-                                            const std::string& packageId, size_t adding)
-{
-    Ownership ownership;
-    return !OwnershipOf(pConnection, table, packageId, ownership) ||
-           WithinLimit(pConnection, table, ownership, packageId, adding);
 }
 
 std::vector<int64_t> CStrictConfinement::AcceleratorIds(CContentDbConnection* pConnection, const std::string& packageId)
@@ -362,9 +439,7 @@ std::vector<int64_t> CStrictConfinement::AcceleratorIds(CContentDbConnection* pC
 
 std::vector<int64_t> CStrictConfinement::SectionIds(CContentDbConnection* pConnection, const std::string& packageId)
 {
-    return IdsOf(pConnection, TableOf(TilesModel::Sections::CONTENT_URI),
-                 IdFilter(TilesModel::Sections::SECTION_ACCELERATOR_RAW_ID, AcceleratorIds(pConnection, packageId)),
-                 {});
+    return SectionIdsOf(pConnection, AcceleratorIds(pConnection, packageId));
 }
 
 std::string CStrictConfinement::IdFilter(const std::string& column, const std::vector<int64_t>& ids)

@@ -689,15 +689,40 @@ int CTilesProvider::InsertRequest(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_I
         return opened;
     }
 
-    // Requests run one at a time on the main loop: nothing is written between
-    // strict confinement's checks and the row.
-    if (!StrictWrittenRows({in.pValues}, scope, true)) {
-        return CONFINEMENT_POLICY_REFUSED;
+    if (CStrictConfinement::AppliesTo(scope.level)) {
+        return StrictInsert(in, out, scope);
     }
     // The row is written as the client sent it: no column check.
     int result = scope.pConnection->InsertRequest(scope.table, in.pValues);
     if (result == 0) {
         out.nRowId = scope.pConnection->GetLastInsertRowID();
+    }
+    return result;
+}
+
+/* Strict confinement's checks and the row in one transaction: the lookups
+ * share the write's lock instead of each taking its own, and nothing is
+ * written between them and the row. */
+int CTilesProvider::StrictInsert(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out,
+                                 RequestScope& scope)
+{
+    CContentDbConnection& connection = *scope.pConnection;
+    const int begun = connection.BeginTransaction();
+    if (begun != 0) {
+        return begun;
+    }
+    if (!StrictWrittenRows({in.pValues}, scope, true)) {
+        connection.EndTransaction(false);
+        return CONFINEMENT_POLICY_REFUSED;
+    }
+    int result = connection.InsertRequest(scope.table, in.pValues);
+    const int64_t rowId = connection.GetLastInsertRowID();
+    const int ended = connection.EndTransaction(result == 0);
+    if (result == 0 && ended != 0) {
+        result = ended;  // a commit that fails stores no row
+    }
+    if (result == 0) {
+        out.nRowId = rowId;
     }
     return result;
 }

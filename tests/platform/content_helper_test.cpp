@@ -256,6 +256,47 @@ TEST_F(ContentHelperTest, ChildColumnOfAForeignKeyGetsAnIndex)
     EXPECT_NE(std::string::npos, detail.find(indexes[0])) << detail;
 }
 
+TEST_F(ContentHelperTest, LookupColumnOfTheConfigurationIsIndexedAtEveryOpen)
+{
+    tilvane::host::SetConfigurationText("[content]\nlookup-indexes =\n");
+    {
+        CatalogueHelper helper(m_dir.Path());
+        ASSERT_TRUE(helper.ConnectDB());
+        EXPECT_EQ("0", Scalar(helper.GetConnection(),
+                              "SELECT count(*) FROM sqlite_master WHERE type='index' AND tbl_name='shelf'"));
+    }
+    // A database made before the column was named gets its index when opened.
+    tilvane::host::SetConfigurationText("[content]\nlookup-indexes = shelf.name;shelf.missing;nothing.name;bad\n");
+    CatalogueHelper helper(m_dir.Path());
+    ASSERT_TRUE(helper.ConnectDB());
+    CContentDbConnection* connection = helper.GetConnection();
+    EXPECT_EQ((std::vector<std::string>{"idx_shelf_name"}),
+              Column(connection, "SELECT name FROM sqlite_master WHERE type='index' AND tbl_name='shelf'"));
+    EXPECT_EQ("name", Scalar(connection, "SELECT name FROM pragma_index_info('idx_shelf_name')"));
+    EXPECT_EQ(0, helper.created);
+}
+
+TEST_F(ContentHelperTest, QueryIntegersReadsTheFirstRowWithBoundArguments)
+{
+    MakeFilledCatalogue(3);
+    CatalogueHelper helper(m_dir.Path());
+    ASSERT_TRUE(helper.ConnectDB());
+    CContentDbConnection* connection = helper.GetConnection();
+    std::vector<int64_t> row = {42};
+    ASSERT_EQ(0, connection->QueryIntegers("SELECT count(*), max(id), ?1 + 0 FROM item WHERE shelf_id = ?2",
+                                           {"7", "1"}, row));
+    EXPECT_EQ((std::vector<int64_t>{3, 3, 7}), row);
+    // A quote in an argument is a value, never text of the statement.
+    ASSERT_EQ(0, connection->QueryIntegers("SELECT count(*) FROM shelf WHERE name = ?1", {"main' OR '1'='1"}, row));
+    EXPECT_EQ((std::vector<int64_t>{0}), row);
+    // No row: empty.
+    ASSERT_EQ(0, connection->QueryIntegers("SELECT id FROM item WHERE id < 0", {}, row));
+    EXPECT_TRUE(row.empty());
+    // A statement that does not prepare: its SQLite code.
+    EXPECT_EQ(SQLITE_ERROR, connection->QueryIntegers("SELECT nothing FROM nowhere", {}, row));
+    EXPECT_TRUE(row.empty());
+}
+
 TEST_F(ContentHelperTest, DisconnectThenGetConnectionReopens)
 {
     CatalogueHelper helper(m_dir.Path());

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <string>
 #include <vector>
@@ -288,6 +289,37 @@ TEST_F(DbHelperTest, ProviderAndDataIds)
     CDbHelper helper(Directory(), kFile, 15);
     EXPECT_EQ(helper.GetProviderID(), TilesModel::Tiles::CONTENT_URI);
     EXPECT_EQ(helper.GetDataID(), "tiles");
+}
+
+}  // namespace
+
+namespace {
+
+/* Every request looks its caller's launcher entry up by package name. */
+TEST_F(DbHelperTest, PackageNameOfTheLauncherEntriesIsIndexed)
+{
+    {
+        CDbHelper helper(Directory(), kFile, 15);
+        ASSERT_NE(helper.GetConnection(), nullptr);
+    }
+    RawDatabase db(Path());
+    EXPECT_EQ(db.Column("SELECT name FROM pragma_index_info('idx_accelerators_accelerator_app_pkg_name')"),
+              (std::vector<std::string>{"accelerator_app_pkg_name"}));
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(Path().c_str(), &raw), SQLITE_OK);
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(raw,
+                                 "EXPLAIN QUERY PLAN SELECT _id FROM accelerators WHERE accelerator_app_pkg_name = "
+                                 "'org.example.a'",
+                                 -1, &statement, nullptr),
+              SQLITE_OK);
+    std::string plan;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        plan += reinterpret_cast<const char*>(sqlite3_column_text(statement, 3));
+    }
+    sqlite3_finalize(statement);
+    sqlite3_close(raw);
+    EXPECT_NE(plan.find("idx_accelerators_accelerator_app_pkg_name"), std::string::npos) << plan;
 }
 
 }  // namespace

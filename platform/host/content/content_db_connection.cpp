@@ -518,7 +518,7 @@ int CContentDbConnection::BeginTransaction()
     }
     if (db->m_nTransactionDepth == 0) {
         std::string error;
-        int rc = db->Exec("BEGIN IMMEDIATE", &error);
+        int rc = db->ExecPrepared("BEGIN IMMEDIATE", &error);
         if (rc != SQLITE_OK) {
             CONTENT_LOGE("begin on %s: %s (%d)", m_strPath.c_str(), error.c_str(), rc);
             return rc;
@@ -551,13 +551,13 @@ int CContentDbConnection::EndTransaction(bool commit)
     db->m_bTransactionFailed = false;
     std::string error;
     if (!rollback) {
-        int rc = db->Exec("COMMIT", &error);
+        int rc = db->ExecPrepared("COMMIT", &error);
         if (rc == SQLITE_OK) {
             return CONNECTION_OK;
         }
         CONTENT_LOGE("commit on %s: %s (%d); rolling back", m_strPath.c_str(), error.c_str(), rc);
         if (sqlite3_get_autocommit(db.handle()) == 0) {
-            db->Exec("ROLLBACK", nullptr);
+            db->ExecPrepared("ROLLBACK", nullptr);
         }
         return rc;
     }
@@ -566,7 +566,7 @@ int CContentDbConnection::EndTransaction(bool commit)
         // SQLite already rolled back on its own (after a full disk, for one).
         return commit ? SQLITE_ABORT : CONNECTION_OK;
     }
-    int rc = db->Exec("ROLLBACK", &error);
+    int rc = db->ExecPrepared("ROLLBACK", &error);
     if (rc != SQLITE_OK) {
         CONTENT_LOGE("rollback on %s: %s (%d)", m_strPath.c_str(), error.c_str(), rc);
         return rc;
@@ -587,6 +587,39 @@ bool CContentDbConnection::InTransaction() const
     }
     std::lock_guard<std::recursive_mutex> lock(database->Mutex());
     return database->m_nTransactionDepth > 0;
+}
+
+int CContentDbConnection::QueryIntegers(const std::string& sql, const std::vector<std::string>& args,
+                                        std::vector<int64_t>& row)
+{
+    row.clear();
+    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    if (!db) {
+        CONTENT_LOGE("query on %s: not open", m_strPath.c_str());
+        return CONNECTION_ERROR_NOT_OPEN;
+    }
+    StatementLease lease;
+    int rc = db->Statements().Acquire(db.handle(), sql, lease);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), db->ErrorMessage(), rc);
+        return rc;
+    }
+    rc = BindWhereArgs(db, lease.get(), 1, args, "query of", m_strPath);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    rc = sqlite3_step(lease.get());
+    if (rc == SQLITE_ROW) {
+        for (int i = 0; i < sqlite3_column_count(lease.get()); ++i) {
+            row.push_back(sqlite3_column_int64(lease.get(), i));
+        }
+        return CONNECTION_OK;
+    }
+    if (rc != SQLITE_DONE) {
+        CONTENT_LOGE("query on %s: %s (%d)", m_strPath.c_str(), db->ErrorMessage(), rc);
+        return rc;
+    }
+    return CONNECTION_OK;
 }
 
 int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** statement, const char** tail,

@@ -1,5 +1,6 @@
 #include "ContentHelper.h"
 
+#include <algorithm>
 #include <map>
 #include <utility>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/statement_cache.h"
+#include "platform_config.h"
 
 using tilvane::content::QuoteIdentifier;
 using tilvane::content::StatementHandle;
@@ -222,6 +224,54 @@ int IndexForeignKeys(CContentDbConnection* connection)
     return SQLITE_OK;
 }
 
+/* The columns that rows are looked up by besides foreign keys, as
+ * "table.column": `[content] lookup-indexes` of the integrator's
+ * configuration, by default the package name of the launcher entries, which
+ * every request looks its caller's entry up by. */
+std::vector<std::pair<std::string, std::string>> LookupColumns()
+{
+    std::vector<std::string> named = tilvane::host::config::StringList("content", "lookup-indexes");
+    if (!tilvane::host::config::Has("content", "lookup-indexes")) {
+        named = {"accelerators.accelerator_app_pkg_name"};
+    }
+    std::vector<std::pair<std::string, std::string>> columns;
+    for (const std::string& name : named) {
+        const std::string::size_type dot = name.find('.');
+        if (dot != std::string::npos && dot > 0 && dot + 1 < name.size()) {
+            columns.emplace_back(name.substr(0, dot), name.substr(dot + 1));
+        }
+    }
+    return columns;
+}
+
+/* Indexes each lookup column of a table that exists, unless an index already
+ * starts with it. Run at every open, so that a database made before the
+ * column was named gets its index too. A failure costs speed, not rows: it is
+ * logged and the database is used as it is. */
+void IndexLookupColumns(CContentDbConnection* connection)
+{
+    sqlite3* db = connection->GetHandle();
+    for (const auto& lookup : LookupColumns()) {
+        const std::string& table = lookup.first;
+        const std::string& column = lookup.second;
+        std::vector<std::string> exists;
+        if (QueryNames(db, "SELECT name FROM pragma_table_info(?)", table, exists) != SQLITE_OK ||
+            std::find(exists.begin(), exists.end(), column) == exists.end() ||
+            AlreadyIndexed(db, table, {column})) {
+            continue;
+        }
+        const std::string name = "idx_" + table + "_" + column;
+        std::string error;
+        if (connection->ExcuteSQL("CREATE INDEX IF NOT EXISTS " + QuoteIdentifier(name) + " ON " +
+                                      QuoteIdentifier(table) + " (" + QuoteIdentifier(column) + ")",
+                                  error) != SQLITE_OK) {
+            CONTENT_LOGE("index %s on %s: %s", name.c_str(), table.c_str(), error.c_str());
+            continue;
+        }
+        CONTENT_LOGD("index %s added on %s", name.c_str(), table.c_str());
+    }
+}
+
 }  // namespace
 
 CContentHelper::CContentHelper(std::string directory, std::string fileName, int version)
@@ -265,6 +315,7 @@ bool CContentHelper::ConnectDB()
         CONTENT_LOGE("schema of %s could not be prepared", connection->GetPath().c_str());
         return false;
     }
+    IndexLookupColumns(connection);
     m_bSchemaReady = true;
     CONTENT_LOGD("database opened: %s", connection->GetPath().c_str());
     return true;

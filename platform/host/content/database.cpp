@@ -168,6 +168,24 @@ int Database::Exec(const std::string& sql, std::string* errorMessage)
     return rc;
 }
 
+int Database::ExecPrepared(const std::string& sql, std::string* errorMessage)
+{
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    if (errorMessage != nullptr) {
+        errorMessage->clear();
+    }
+    StatementLease lease;
+    int rc = m_statements.Acquire(m_handle.get(), sql, lease);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_step(lease.get());
+        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
+    }
+    if (rc != SQLITE_OK && errorMessage != nullptr) {
+        *errorMessage = sqlite3_errmsg(m_handle.get());
+    }
+    return rc;
+}
+
 int Database::QueryInt(const std::string& sql, int64_t& value)
 {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);

@@ -63,6 +63,9 @@ public:
 
     /* Runs statements without results; the message goes to `errorMessage`. */
     int Exec(const std::string& sql, std::string* errorMessage = nullptr);
+    /* Runs one statement without results, kept prepared in the statement
+     * cache: for the few that run on every request (BEGIN, COMMIT, ROLLBACK). */
+    int ExecPrepared(const std::string& sql, std::string* errorMessage = nullptr);
     /* The integer in the first column of the first row of `sql`. */
     int QueryInt(const std::string& sql, int64_t& value);
     /* The first column of every row of `sql`, as text. */
