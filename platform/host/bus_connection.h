@@ -2,10 +2,11 @@
  * The process's one connection to the message bus, shared by the message
  * ports and the request interfaces. Internal to the host platform.
  *
- * The connection is opened lazily by message_port.cpp; calls made to objects
- * exported on it are answered on the platform's bus thread. The request interfaces
- * (request_glue.cpp) export their objects on the same connection and use the
- * same sender check as the message ports.
+ * The connection is opened lazily by message_port.cpp; calls made to the
+ * message ports' object are answered on the platform's bus thread. The request
+ * interfaces (request_glue.cpp) export their objects on the same connection,
+ * answered on the GLib default main context, and use the same sender check as
+ * the message ports.
  */
 #ifndef TILVANE_PLATFORM_BUS_CONNECTION_H
 #define TILVANE_PLATFORM_BUS_CONNECTION_H
@@ -27,9 +28,18 @@ GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
  * to it (credentials.h); answers are cached as the message ports cache them.
  * Otherwise `reason` says why not. */
 bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId, std::string& reason);
+/* The answer SenderIsApp would give from what it has cached, without asking
+ * the bus: 1 yes, 0 no (with `reason`), -1 not known yet. */
+int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& reason);
 
-/* Owned by request_glue.cpp: called by message_port.cpp on the bus thread's
- * context while the connection is opened, and before it is closed. */
+/* Runs `function` on the platform's bus thread, where waiting for the bus
+ * daemon holds up no application callback; false (and `destroy` not called)
+ * when there is no connection. */
+bool InvokeOnBusThread(GSourceFunc function, gpointer data, GDestroyNotify destroy);
+
+/* Owned by request_glue.cpp: called by message_port.cpp while the connection
+ * is opened, and before it is closed. The objects answer on the GLib default
+ * main context. */
 void RegisterRequestObjects(GDBusConnection* connection);
 void UnregisterRequestObjects(GDBusConnection* connection);
 

@@ -205,22 +205,33 @@ void PostDelivery(const std::string& port, const std::string& senderApp, const c
 /* True when the connection `sender` owns the bus name of `claimedApp` and, in
  * the verified identity mode, runs as a user bound to it. Otherwise `reason`
  * says why not, for the refusal's one log line. */
-bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp,
-                   std::string& reason)
+/* What is known of a sender without asking the bus: 1 when it was found to
+ * own the name of `claimedApp`, 0 when it cannot (no sender, or it was found
+ * to own another application's name), -1 when the bus must be asked. */
+int KnownSenderOwnsApp(const char* sender, const std::string& claimedApp, std::string& reason)
 {
     reason = "sender " + std::string(sender != nullptr ? sender : "(none)") +
              " does not own the name of application " + claimedApp;
     if (sender == nullptr) {
-        return false;
+        return 0;
     }
     PortState& s = ThePortState();
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        auto it = s.verifiedSenders.find(sender);
-        if (it != s.verifiedSenders.end()) {
-            return it->second == claimedApp;
-        }
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.verifiedSenders.find(sender);
+    if (it == s.verifiedSenders.end()) {
+        return -1;
     }
+    return it->second == claimedApp ? 1 : 0;
+}
+
+bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp,
+                   std::string& reason)
+{
+    const int known = KnownSenderOwnsApp(sender, claimedApp, reason);
+    if (known >= 0) {
+        return known == 1;
+    }
+    PortState& s = ThePortState();
     const std::string busName = BusNameForAppId(claimedApp);
     if (busName.empty()) {
         return false;
@@ -401,7 +412,7 @@ std::unique_ptr<Bus> OpenBus()
             bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
             "/org/freedesktop/DBus", kAppBusNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
             OnNameOwnerChangedCB, nullptr, nullptr);
-        /* The request interfaces answer on the same thread. */
+        /* The request interfaces answer on the default main context. */
         RegisterRequestObjects(bus->connection.get());
     }
     g_main_context_pop_thread_default(bus->context.get());
@@ -583,6 +594,26 @@ GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
 bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId, std::string& reason)
 {
     return SenderOwnsApp(connection, sender, appId, reason);
+}
+
+int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& reason)
+{
+    return KnownSenderOwnsApp(sender, appId, reason);
+}
+
+bool InvokeOnBusThread(GSourceFunc function, gpointer data, GDestroyNotify destroy)
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.busMutex);
+    if (!s.bus) {
+        return false;
+    }
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, function, data, destroy);
+    g_source_attach(source, s.bus->context.get());
+    g_source_unref(source);
+    return true;
 }
 
 void ResetMessagePorts()

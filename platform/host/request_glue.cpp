@@ -14,10 +14,12 @@
  *
  * Each call names the caller's application id as its first argument; it is
  * believed only when the bus says that the calling connection owns that
- * application's bus name (the message ports' check). Calls arrive on the
- * platform's bus thread and are handed to the GLib default main context, where
- * the provider's callbacks run; the reply is sent from there as soon as the
- * callback returns. A data-control callback that sent no answer, and a content
+ * application's bus name (the message ports' check). Calls arrive on the GLib
+ * default main context, where the provider's callbacks run; the reply is sent
+ * from there as soon as the callback returns. The first call of a sender, whose
+ * check may wait for the bus daemon, is checked on the platform's bus thread
+ * and handed back; the calls that come while one is being checked follow it,
+ * so that every sender's calls run in the order they came. A data-control callback that sent no answer, and a content
  * select or row-id callback that returned false, are answered at once with
  * org.tilvane.Request.Error.NoResult.
  */
@@ -25,6 +27,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstring>
 #include <utility>
 
@@ -331,15 +334,38 @@ bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value)
 
 namespace {
 
-gboolean RunJobCB(gpointer data)
+/* Checks of senders not known yet, on the bus thread or their jobs still
+ * waiting for the main context. While there is one, every call takes that
+ * way, so that calls run in the order they came. */
+std::atomic<int> unsettledChecks{0};
+
+void RunJob(Job& job)
 {
-    Job* job = static_cast<Job*>(data);
-    if (job->interface == kDataControlInterface) {
-        RunDataControl(*job);
+    if (job.interface == kDataControlInterface) {
+        RunDataControl(job);
     } else {
-        RunContent(*job);
+        RunContent(job);
     }
     TrimWhenIdle();
+}
+
+void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason)
+{
+    REQUEST_LOGE("request %s.%s refused: %s", g_dbus_method_invocation_get_interface_name(invocation),
+                 g_dbus_method_invocation_get_method_name(invocation), reason.c_str());
+    ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
+}
+
+/* A job whose sender was checked on the bus thread, back on the main context. */
+gboolean RunCheckedJobCB(gpointer data)
+{
+    --unsettledChecks;
+    Job* job = static_cast<Job*>(data);
+    if (job->refusal.empty()) {
+        RunJob(*job);
+    } else {
+        RefuseSender(job->invocation.get(), job->refusal);
+    }
     return G_SOURCE_REMOVE;
 }
 
@@ -348,28 +374,65 @@ void FreeJobCB(gpointer data)
     delete static_cast<Job*>(data);
 }
 
-/* On the bus thread. */
-void OnRequestMethodCallCB(GDBusConnection* connection, const gchar* sender, const gchar* /*objectPath*/,
+/* A check that never ran (the connection closed first): its call is dropped
+ * with the connection. */
+void DropUncheckedJobCB(gpointer data)
+{
+    Job* job = static_cast<Job*>(data);
+    if (!job->handedBack) {
+        --unsettledChecks;
+        delete job;
+    }
+}
+
+/* On the bus thread: asks the bus who the sender is (which may wait for the
+ * bus daemon), then hands the job back to the main context. */
+gboolean CheckSenderCB(gpointer data)
+{
+    Job* job = static_cast<Job*>(data);
+    job->handedBack = true;
+    GDBusMethodInvocation* invocation = job->invocation.get();
+    std::string reason;
+    if (!SenderIsApp(g_dbus_method_invocation_get_connection(invocation),
+                     g_dbus_method_invocation_get_sender(invocation), job->clientApp, reason)) {
+        job->refusal = reason.empty() ? "refused" : reason;
+    }
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, RunCheckedJobCB, job, FreeJobCB);
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+    return G_SOURCE_REMOVE;
+}
+
+/* On the default main context. A sender the bus was already asked about is
+ * answered here and now; any other is checked on the bus thread first. */
+void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender, const gchar* /*objectPath*/,
                         const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
                         GDBusMethodInvocation* invocation, gpointer /*userData*/)
 {
     const gchar* clientApp = nullptr;
     g_variant_get_child(parameters, 0, "&s", &clientApp);
-    std::string reason;
-    if (!SenderIsApp(connection, sender, clientApp, reason)) {
-        REQUEST_LOGE("request %s.%s refused: %s", interfaceName, methodName, reason.c_str());
-        ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
-        return;
-    }
     std::unique_ptr<Job> job(new Job{
         std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
-        interfaceName, methodName, GVariantPtr(g_variant_ref(parameters)), clientApp});
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    // The source owns the job from here; FreeJobCB deletes it.
-    g_source_set_callback(source, RunJobCB, job.release(), FreeJobCB);
-    g_source_attach(source, nullptr);
-    g_source_unref(source);
+        interfaceName, methodName, GVariantPtr(g_variant_ref(parameters)), clientApp, ""});
+    std::string reason;
+    const int known = unsettledChecks == 0 ? KnownSenderIsApp(sender, clientApp, reason) : -1;
+    if (known == 1) {
+        RunJob(*job);
+        return;
+    }
+    if (known == 0) {
+        RefuseSender(invocation, reason);
+        return;
+    }
+    Job* pending = job.release();
+    ++unsettledChecks;
+    if (!InvokeOnBusThread(CheckSenderCB, pending, DropUncheckedJobCB)) {
+        --unsettledChecks;
+        RefuseSender(invocation, "the message bus connection is closing");
+        delete pending;
+    }
 }
 
 }  // namespace
@@ -418,12 +481,17 @@ void RegisterRequestObjects(GDBusConnection* connection)
     }
     static const GDBusInterfaceVTable vtable = {OnRequestMethodCallCB, nullptr, nullptr, {nullptr}};
     ScopedError error;
+    /* Calls are dispatched on the context that is the thread's default while
+     * the object is registered: the GLib default one, where the provider's
+     * callbacks run, so that a call reaches them in one step. */
+    g_main_context_push_thread_default(g_main_context_default());
     const guint dc = g_dbus_connection_register_object(
         connection, kDataControlPath, g_dbus_node_info_lookup_interface(node, kDataControlInterface), &vtable, nullptr,
         nullptr, error.Out());
     const guint content = g_dbus_connection_register_object(
         connection, kContentPath, g_dbus_node_info_lookup_interface(node, kContentInterface), &vtable, nullptr,
         nullptr, error.Out());
+    g_main_context_pop_thread_default(g_main_context_default());
     if (dc == 0 || content == 0) {
         REQUEST_LOGE("cannot export the request interfaces: %s", error.Message());
     }

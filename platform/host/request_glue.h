@@ -120,7 +120,7 @@ std::vector<std::string> StringsArg(GVariant* parameters, gsize index);
 /* An optional text argument: null when empty. */
 const gchar* OrNull(const gchar* text);
 
-/* A method call on its way to the default main context; it holds its own
+/* A method call on its way to the provider's callbacks; it holds its own
  * references to the invocation and the arguments. */
 struct Job {
     std::unique_ptr<GDBusMethodInvocation, GObjectUnref> invocation;
@@ -128,6 +128,10 @@ struct Job {
     std::string method;
     GVariantPtr parameters;
     std::string clientApp;
+    /* Why the sender was refused; empty when it may make the call. */
+    std::string refusal;
+    /* Set once the bus thread has checked the sender and handed the job on. */
+    bool handedBack = false;
 };
 
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message);
