@@ -52,6 +52,7 @@ protected:
     {
         unsetenv("TILVANE_LOG_RATE_BURST");
         unsetenv("TILVANE_LOG_RATE_INTERVAL_MS");
+        unsetenv("TILVANE_LOG_RATE_BYTES");
         tilvane::host::Reset();
     }
 
@@ -122,6 +123,35 @@ TEST_F(LogRateLimitTest, CaptureKeepsEveryLineWhileStandardErrorIsLimited)
     ASSERT_EQ(captured.size(), 20u);
     EXPECT_EQ(captured[19], "site A line 19");
     EXPECT_EQ(tilvane::host::LogRateCountersNow().suppressed, 15);
+}
+
+/* A site of long lines: a filter logged with the text so far. */
+void LogLongLine(const std::string& text)
+{
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "tilvane", "long line %s", text.c_str());
+}
+
+TEST_F(LogRateLimitTest, ASiteOfLongLinesIsHeldToItsBytesAsWellAsItsLines)
+{
+    setenv("TILVANE_LOG_RATE_BYTES", "3000", 1);
+    Configure("100", "300");
+    StderrCapture err;
+    for (int i = 0; i < 10; ++i) {
+        LogLongLine(std::string(1000, static_cast<char>('a' + i)));
+    }
+    LogFromSiteA(0);
+    const std::string text = err.Stop();
+
+    /* 0, 1,010 and 2,020 bytes written before each of the first three lines;
+     * the fourth would start past the 3,000 bytes of the site's budget. */
+    EXPECT_EQ(CountOccurrences(text, "long line "), 3) << text;
+    EXPECT_NE(text.find("long line " + std::string(1000, 'c') + "\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find(std::string(1000, 'd')), std::string::npos) << text;
+    /* Other sites keep their own budget. */
+    EXPECT_EQ(CountOccurrences(text, "site A line 0"), 1) << text;
+    const tilvane::host::LogRateCounters counters = tilvane::host::LogRateCountersNow();
+    EXPECT_EQ(counters.suppressed, 7);
+    EXPECT_EQ(counters.formatted, 4);
 }
 
 TEST_F(LogRateLimitTest, ABurstOfZeroTurnsTheLimitOff)
