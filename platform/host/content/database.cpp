@@ -30,7 +30,11 @@ std::shared_ptr<Database> Database::Open(const std::string& path, int& rc)
 {
     ConsumeCleanCloseRecord(path);
     sqlite3* raw = nullptr;
-    rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    // No mutex of SQLite's own on the connection: every use of the handle is
+    // under this Database's mutex already, and SQLite's would be taken again
+    // on every step and every column read.
+    rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                         nullptr);
     SQLiteHandle handle(raw);
     if (rc != SQLITE_OK) {
         CONTENT_LOGE("cannot open %s: %s (%d)", path.c_str(), raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc),
