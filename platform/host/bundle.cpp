@@ -148,26 +148,61 @@ private:
     size_t pos_ = 0;
 };
 
-bool IsBase64Text(std::string_view text)
+/* Value of each base64 letter; -1 for a byte that is not one ('=' included). */
+struct Base64Alphabet {
+    signed char value[256];
+    constexpr Base64Alphabet() : value()
+    {
+        const char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        for (int i = 0; i < 256; ++i) {
+            value[i] = -1;
+        }
+        for (int i = 0; i < 64; ++i) {
+            value[static_cast<unsigned char>(letters[i])] = static_cast<signed char>(i);
+        }
+    }
+};
+constexpr Base64Alphabet kBase64;
+
+/* Decodes canonical base64 (length a multiple of 4, '=' only as one or two
+ * last characters) into `out`, checking every character as it goes: one
+ * pass over the text. False for anything else. */
+bool DecodeBase64(std::string_view text, std::vector<unsigned char>& out)
 {
     if (text.empty() || text.size() % 4 != 0) {
         return false;
     }
     size_t padding = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c == '=') {
-            ++padding;
-            continue;
-        }
-        if (padding > 0) {
-            return false; /* padding only at the end */
-        }
-        if (!(g_ascii_isalnum(c) || c == '+' || c == '/')) {
-            return false;
+    if (text.back() == '=') {
+        padding = text[text.size() - 2] == '=' ? 2 : 1;
+    }
+    const size_t full = text.size() / 4 - (padding > 0 ? 1 : 0);
+    out.resize(text.size() / 4 * 3 - padding);
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(text.data());
+    unsigned char* o = out.data();
+    int bad = 0;
+    for (size_t group = 0; group < full; ++group, in += 4, o += 3) {
+        const int a = kBase64.value[in[0]], b = kBase64.value[in[1]], c = kBase64.value[in[2]],
+                  d = kBase64.value[in[3]];
+        bad |= a | b | c | d; /* negative when one of them is not a letter */
+        const uint32_t bits = (static_cast<uint32_t>(a & 63) << 18) | (static_cast<uint32_t>(b & 63) << 12) |
+                              (static_cast<uint32_t>(c & 63) << 6) | static_cast<uint32_t>(d & 63);
+        o[0] = static_cast<unsigned char>(bits >> 16);
+        o[1] = static_cast<unsigned char>(bits >> 8);
+        o[2] = static_cast<unsigned char>(bits);
+    }
+    if (padding > 0) {
+        const int a = kBase64.value[in[0]], b = kBase64.value[in[1]];
+        const int c = padding == 1 ? kBase64.value[in[2]] : 0;
+        bad |= a | b | c;
+        const uint32_t bits = (static_cast<uint32_t>(a & 63) << 18) | (static_cast<uint32_t>(b & 63) << 12) |
+                              (static_cast<uint32_t>(c & 63) << 6);
+        o[0] = static_cast<unsigned char>(bits >> 16);
+        if (padding == 1) {
+            o[1] = static_cast<unsigned char>(bits >> 8);
         }
     }
-    return padding <= 2;
+    return bad >= 0;
 }
 
 struct GFreeDeleter {
@@ -223,22 +258,18 @@ bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    // Decoded in place from the caller's bytes: no copy of the text first.
-    const std::string_view base64(text, length);
-    if (!IsBase64Text(base64)) {
+    // Decoded from the caller's bytes: no copy of the text first.
+    std::vector<unsigned char> binary;
+    if (!DecodeBase64(std::string_view(text, length), binary)) {
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    std::vector<guchar> binary(base64.size() / 4 * 3 + 3);
-    gint state = 0;
-    guint save = 0;
-    const gsize size = g_base64_decode_step(base64.data(), base64.size(), binary.data(), &state, &save);
     std::unique_ptr<bundle> result(new (std::nothrow) _bundle_t());
     if (!result) {
         SetResult(BUNDLE_ERROR_OUT_OF_MEMORY);
         return nullptr;
     }
-    Reader reader(binary.data(), size);
+    Reader reader(binary.data(), binary.size());
     refusal = ReadEntries(reader, *result);
     if (refusal != BundleRefusal::None) {
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);

@@ -251,6 +251,38 @@ TEST_F(BundleTest, DecodeRefusesGarbage)
     EXPECT_EQ(bundle_decode(reinterpret_cast<const bundle_raw*>("AAAA"), 0), nullptr);
 }
 
+/* Every character of the text is checked: one that is not a base64 letter,
+ * padding before the end, or whitespace makes it no bundle, wherever it is. */
+TEST_F(BundleTest, DecodeRefusesABase64TextWithAForeignCharacterAnywhere)
+{
+    BundlePtr b(bundle_create());
+    bundle_add_str(b.get(), "tile_title", "A title of some length");
+    bundle_raw* raw = nullptr;
+    int len = 0;
+    ASSERT_EQ(bundle_encode(b.get(), &raw, &len), BUNDLE_ERROR_NONE);
+    const std::string text(reinterpret_cast<const char*>(raw), static_cast<size_t>(len));
+    bundle_free_encoded_rawdata(&raw);
+    BundlePtr intact(bundle_decode(reinterpret_cast<const bundle_raw*>(text.c_str()), static_cast<int>(text.size())));
+    ASSERT_NE(intact, nullptr);
+    EXPECT_STREQ(bundle_get_val(intact.get(), "tile_title"), "A title of some length");
+
+    for (size_t at : {size_t(0), text.size() / 2, text.size() - 5}) {
+        for (const std::string& foreign : {std::string("*"), std::string("="), std::string(" "), std::string("-")}) {
+            std::string changed = text;
+            changed.replace(at, 1, foreign);
+            bundle* decoded =
+                bundle_decode(reinterpret_cast<const bundle_raw*>(changed.c_str()), static_cast<int>(changed.size()));
+            EXPECT_EQ(decoded, nullptr) << "'" << foreign << "' at " << at << ": " << changed;
+            if (decoded != nullptr) {
+                bundle_free(decoded);
+            }
+        }
+    }
+    const std::string spaced = text.substr(0, 8) + "    " + text.substr(8);
+    EXPECT_EQ(bundle_decode(reinterpret_cast<const bundle_raw*>(spaced.c_str()), static_cast<int>(spaced.size())),
+              nullptr);
+}
+
 TEST_F(BundleTest, DecodeRefusesTruncatedOrExtendedData)
 {
     BundlePtr b(bundle_create());
