@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -60,4 +61,28 @@ bool EnsureBenchBus()
         return (address != nullptr && *address != '\0') || StartPrivateBus();
     }();
     return ready;
+}
+
+namespace {
+
+std::vector<void (*)()>& BenchServiceStoppers()
+{
+    static std::vector<void (*)()> stoppers;
+    return stoppers;
+}
+
+}  // namespace
+
+void RegisterBenchService(void (*stop)())
+{
+    BenchServiceStoppers().push_back(stop);
+}
+
+void StopBenchServices()
+{
+    std::vector<void (*)()> stoppers;
+    stoppers.swap(BenchServiceStoppers());
+    for (void (*stop)() : stoppers) {
+        stop();
+    }
 }

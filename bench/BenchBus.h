@@ -9,4 +9,10 @@
 /* True when a bus is there (DBUS_SESSION_BUS_ADDRESS then names it). */
 bool EnsureBenchBus();
 
+/* The real service owns its application's name on the bus, so one benchmark
+ * at a time can run it: one that keeps a service running registers how to
+ * stop it, and one about to start a service stops the others first. */
+void RegisterBenchService(void (*stop)());
+void StopBenchServices();
+
 #endif

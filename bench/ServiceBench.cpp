@@ -483,6 +483,7 @@ private:
             return;
         }
         m_root = pattern;
+        StopBenchServices();
         // This process is the client: an installed application of its own.
         tilvane::host::Reset();
         tilvane::host::SetPlatformRoot(m_root);

@@ -124,7 +124,8 @@ public:
         return *setup;
     }
 
-    bool Ready() const { return m_ready; }
+    /* False also once another benchmark had the service stopped. */
+    bool Ready() const { return m_ready && s_servicePid > 0; }
     NeverAnswering& Stuck() { return m_stuck; }
 
 private:
@@ -155,6 +156,7 @@ private:
         }
         m_ready = WaitForService() && m_stuck.Open();
         std::atexit(StopAll);
+        RegisterBenchService(StopAll);
     }
 
     static bool StartService()
@@ -205,6 +207,7 @@ private:
             if (std::system(command.c_str()) != 0) {
                 std::fprintf(stderr, "cannot remove %s\n", s_root.c_str());
             }
+            s_root.clear();
         }
     }
 
