@@ -71,9 +71,6 @@ void SendLogTo(const std::string& path)
 
 }  // namespace
 
-/* bench/StrictConfinementBench.cpp: strict confinement against the default mode. */
-void PrintStrictConfinementRatios();
-
 int main(int argc, char** argv)
 {
     // Every benchmark process runs as one user: the development identity mode,
@@ -114,7 +111,6 @@ int main(int argc, char** argv)
     } else {
         std::printf("figures could not be saved to %s\n", figuresPath.c_str());
     }
-    PrintStrictConfinementRatios();
     benchmark::Shutdown();
     return 0;
 }

@@ -24,6 +24,7 @@
 #include <host_control.h>
 #include <tzplatform_config.h>
 
+#include "BenchFigures.h"
 #include "SharedQueryObject.h"
 #include "TilesModel.h"
 #include "TilesProvider.h"
@@ -33,15 +34,10 @@ namespace {
 const char kAppId[] = "org.example.strictbench.app";
 const char kPackage[] = "org.example.strictbench";
 const int kOtherPackages = 49;
+/* Strict confinement may cost at most this much over the default mode. */
+const double kGoal = 1.2;
 const char kDefaultMode[] = "[strict]\nconfinement = false\n";
 const char kStrictMode[] = "[strict]\nconfinement = true\ntiles-per-package = 1000000\n";
-
-/* Per-iteration times of the last run of each benchmark, for main's summary. */
-std::map<std::string, std::pair<double, double>>& Results()
-{
-    static std::map<std::string, std::pair<double, double>> results;
-    return results;
-}
 
 class StrictBenchService
 {
@@ -123,56 +119,33 @@ private:
     sqlite3* m_pCheckpointDb = nullptr;
 };
 
-/* Iterations between two checkpoints: each writes a few pages per mode,
- * well below the thousand pages at which SQLite checkpoints by itself. */
-const int64_t kCheckpointEvery = 32;
+/* Requests between two checkpoints: each writes a few pages per mode, well
+ * below the thousand pages at which SQLite checkpoints by itself. */
+const int64_t kCheckpointEvery = 64;
 
-/* Runs `request` once per mode per iteration; `request` returns false when
- * the provider did not serve it. `undo` (untimed) puts the database back after
- * each request, so that both modes always see the same 20 tiles; it writes
- * through the provider's own connection, which keeps its page cache warm and
- * makes the write after a checkpoint (the one that starts the log afresh) an
- * untimed one. */
+/* The request made in strict mode (subject) and in the default mode
+ * (baseline), alternately, Pairs() times per repetition; `request` returns
+ * false when the provider did not serve it. After each request, untimed: the
+ * integrator's switch is flipped for the other mode, and `undoRequest` puts
+ * the database back, so that both modes always see the same 20 tiles. The
+ * undo writes through the provider's own connection, which keeps its page
+ * cache warm and makes the write after a checkpoint (the one that starts the
+ * log afresh) an untimed one. */
 void Interleave(benchmark::State& state, StrictBenchService& service, const std::string& name,
                 const std::function<bool()>& request, const std::function<void()>& undoRequest)
 {
     int64_t settled = 0;
-    auto undo = [&] {
-        if (++settled % kCheckpointEvery == 0) {
+    auto between = [&] {
+        const bool strictNext = ++settled % 2 == 0;
+        tilvane::host::SetConfigurationText(strictNext ? kStrictMode : kDefaultMode);
+        if (settled % kCheckpointEvery == 0) {
             service.Checkpoint();
         }
         undoRequest();
     };
-    using Clock = std::chrono::steady_clock;
-    double defaultSeconds = 0;
-    double strictSeconds = 0;
-    int64_t iterations = 0;
-    for (auto _ : state) {
-        tilvane::host::SetConfigurationText(kDefaultMode);
-        Clock::time_point start = Clock::now();
-        const bool servedDefault = request();
-        defaultSeconds += std::chrono::duration<double>(Clock::now() - start).count();
-        undo();
-        tilvane::host::SetConfigurationText(kStrictMode);
-        start = Clock::now();
-        const bool servedStrict = request();
-        strictSeconds += std::chrono::duration<double>(Clock::now() - start).count();
-        undo();
-        if (!servedDefault || !servedStrict) {
-            state.SkipWithError(servedDefault ? "refused in strict mode" : "refused in the default mode");
-            return;
-        }
-        ++iterations;
-    }
-    if (iterations == 0) {
-        return;
-    }
-    const double perDefault = defaultSeconds / static_cast<double>(iterations);
-    const double perStrict = strictSeconds / static_cast<double>(iterations);
-    state.counters["default_us"] = perDefault * 1e6;
-    state.counters["strict_us"] = perStrict * 1e6;
-    state.counters["strict/default"] = perStrict / perDefault;
-    Results()[name] = {perStrict, perDefault};
+    tilvane::host::SetConfigurationText(kStrictMode);
+    RunInterleaved(state, "strict confinement: " + name, kGoal, Pairs(3000, 300), request, request,
+                   "the default mode", between);
 }
 
 void BM_StrictConfinement_SelectWithWhere(benchmark::State& state)
@@ -253,18 +226,8 @@ void BM_StrictConfinement_InsertTile(benchmark::State& state)
     bundle_free(values);
 }
 
-BENCHMARK(BM_StrictConfinement_SelectWithWhere)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_StrictConfinement_UpdateWithWhere)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_StrictConfinement_InsertTile)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StrictConfinement_SelectWithWhere)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StrictConfinement_UpdateWithWhere)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StrictConfinement_InsertTile)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-/* Called by main after the run: one line per request kind that ran. */
-void PrintStrictConfinementRatios()
-{
-    for (const auto& entry : Results()) {
-        std::printf("ratio strict confinement: %-30s = %5.2f  (%.1f us strict vs %.1f us default per request)\n",
-                    entry.first.c_str(), entry.second.first / entry.second.second, entry.second.first * 1e6,
-                    entry.second.second * 1e6);
-    }
-}
