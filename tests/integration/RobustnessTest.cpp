@@ -110,14 +110,7 @@ protected:
 
     static void InstallWriter(const std::string& packageId, const std::string& appId)
     {
-        tilvane::host::RegisteredPackage package;
-        package.packageId = packageId;
-        package.applications.push_back(
-            {appId,
-             {{AppMetadata::USE_PREVIEW, "true"},
-              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
-              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
-        ASSERT_TRUE(tilvane::host::InstallPackage(package));
+        ASSERT_TRUE(tilvane::test::InstallPreviewWriter(packageId, appId));
     }
 
     std::vector<std::string> Environment(const std::string& appId) const

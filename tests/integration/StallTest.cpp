@@ -80,14 +80,7 @@ protected:
     {
         tilvane::host::Reset();
         tilvane::host::SetPlatformRoot(m_root.Path());
-        tilvane::host::RegisteredPackage package;
-        package.packageId = "org.example.news";
-        package.applications.push_back(
-            {kCallerAppId,
-             {{AppMetadata::USE_PREVIEW, "true"},
-              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
-              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
-        ASSERT_TRUE(tilvane::host::InstallPackage(package));
+        ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.news", kCallerAppId));
         tilvane::host::SetOwnAppId(kCallerAppId);
     }
 

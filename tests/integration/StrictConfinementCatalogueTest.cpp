@@ -226,15 +226,8 @@ protected:
 
     static void InstallApplication(const std::string& packageId, const std::string& appId)
     {
-        tilvane::host::RegisteredPackage package;
-        package.packageId = packageId;
-        package.applications.push_back(
-            {appId,
-             {{AppMetadata::USE_PREVIEW, "true"},
-              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
-              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
         std::string error;
-        ASSERT_TRUE(tilvane::host::InstallPackage(package, &error)) << error;
+        ASSERT_TRUE(tilvane::test::InstallPreviewWriter(packageId, appId, &error)) << error;
     }
 
     tilvane::test::PrivateBus m_bus;
