@@ -374,14 +374,19 @@ void FreeJobCB(gpointer data)
     delete static_cast<Job*>(data);
 }
 
-/* A check that never ran (the connection closed first): its call is dropped
- * with the connection. */
-void DropUncheckedJobCB(gpointer data)
+/* A call on its way through the bus thread. The bus thread's source owns
+ * it; the job leaves it for the main context once the sender is checked. */
+struct SenderCheck {
+    std::unique_ptr<Job> job;
+};
+
+/* The bus thread's source is gone. A job still in it was never checked (the
+ * connection closed first): its call is dropped with the connection. */
+void DropSenderCheckCB(gpointer data)
 {
-    Job* job = static_cast<Job*>(data);
-    if (!job->handedBack) {
+    std::unique_ptr<SenderCheck> check(static_cast<SenderCheck*>(data));
+    if (check->job) {
         --unsettledChecks;
-        delete job;
     }
 }
 
@@ -389,8 +394,7 @@ void DropUncheckedJobCB(gpointer data)
  * bus daemon), then hands the job back to the main context. */
 gboolean CheckSenderCB(gpointer data)
 {
-    Job* job = static_cast<Job*>(data);
-    job->handedBack = true;
+    Job* job = static_cast<SenderCheck*>(data)->job.release();
     GDBusMethodInvocation* invocation = job->invocation.get();
     std::string reason;
     if (!SenderIsApp(g_dbus_method_invocation_get_connection(invocation),
@@ -426,12 +430,12 @@ void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender,
         RefuseSender(invocation, reason);
         return;
     }
-    Job* pending = job.release();
+    SenderCheck* check = new SenderCheck{std::move(job)};
     ++unsettledChecks;
-    if (!InvokeOnBusThread(CheckSenderCB, pending, DropUncheckedJobCB)) {
+    if (!InvokeOnBusThread(CheckSenderCB, check, DropSenderCheckCB)) {
         --unsettledChecks;
         RefuseSender(invocation, "the message bus connection is closing");
-        delete pending;
+        delete check;
     }
 }
 

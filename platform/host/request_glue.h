@@ -130,8 +130,6 @@ struct Job {
     std::string clientApp;
     /* Why the sender was refused; empty when it may make the call. */
     std::string refusal;
-    /* Set once the bus thread has checked the sender and handed the job on. */
-    bool handedBack = false;
 };
 
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message);
