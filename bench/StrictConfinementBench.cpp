@@ -155,7 +155,7 @@ void Interleave(benchmark::State& state, StrictBenchService& service, const std:
         undoRequest();
     }
     tilvane::host::SetConfigurationText(kStrictMode);
-    RunInterleaved(state, "strict confinement: " + name, kGoal, Pairs(3000, 300), request, request,
+    RunInterleaved(state, "strict confinement: " + name, kGoal, Pairs(3000, 1500), request, request,
                    "the default mode", between);
 }
 
