@@ -124,19 +124,19 @@ DeliveryState& TheDeliveryState()
 
 int MaxUnanswered()
 {
-    const int64_t value = config::Integer("message_port", "max_unanswered", kDefaultMaxUnanswered);
+    const int64_t value = config::Integer("message-port", "max-unanswered", kDefaultMaxUnanswered);
     return value > 0 ? static_cast<int>(value) : static_cast<int>(kDefaultMaxUnanswered);
 }
 
 int64_t QuietUs()
 {
-    const int64_t value = config::Integer("message_port", "unanswered_quiet_ms", kDefaultQuietMs);
+    const int64_t value = config::Integer("message-port", "unanswered-quiet-ms", kDefaultQuietMs);
     return (value >= 0 ? value : kDefaultQuietMs) * 1000;
 }
 
 int64_t DeliveryTimeoutUs()
 {
-    const int64_t value = config::Integer("message_port", "delivery_timeout_ms", kDefaultDeliveryTimeoutMs);
+    const int64_t value = config::Integer("message-port", "delivery-timeout-ms", kDefaultDeliveryTimeoutMs);
     return (value > 0 ? value : kDefaultDeliveryTimeoutMs) * 1000;
 }
 

@@ -14,12 +14,12 @@
  *
  * Sending. A Deliver call is written to the bus and the sender goes on: the
  * answer is taken by a filter of the connection (on GDBus's own worker thread)
- * and only logged. A send to an application that has `max_unanswered`
+ * and only logged. A send to an application that has `max-unanswered`
  * deliveries waiting for their answer and has answered nothing for
- * `unanswered_quiet_ms` (or has 16 times that many waiting, answering or not)
+ * `unanswered-quiet-ms` (or has 16 times that many waiting, answering or not)
  * is dropped (one log line when dropping starts, one when it ends) and
  * reported as MESSAGE_PORT_ERROR_MAX_EXCEEDED. A delivery unanswered after
- * `delivery_timeout_ms` no longer counts.
+ * `delivery-timeout-ms` no longer counts.
  */
 #ifndef TILVANE_PLATFORM_PORT_DELIVERY_H
 #define TILVANE_PLATFORM_PORT_DELIVERY_H

@@ -35,7 +35,7 @@ protected:
     {
         tilvane::host::Reset();
         tilvane::host::StartLogCapture();
-        tilvane::host::SetConfigurationText("[message_port]\nmax_unanswered = 4\nunanswered_quiet_ms = 0\n");
+        tilvane::host::SetConfigurationText("[message-port]\nmax-unanswered = 4\nunanswered-quiet-ms = 0\n");
         tilvane::host::SetOwnAppId("com.example.sender");
     }
     void TearDown() override { tilvane::host::Reset(); }
@@ -88,7 +88,7 @@ TEST_F(PortDeliveryTest, OverTheBoundSendsAreDroppedOnlyOnceTheReceiverHasBeenQu
 {
     ASSERT_TRUE(m_bus.IsRunning());
     /* A receiver that is slow but answers is not cut off by a burst. */
-    tilvane::host::SetConfigurationText("[message_port]\nmax_unanswered = 2\nunanswered_quiet_ms = 300\n");
+    tilvane::host::SetConfigurationText("[message-port]\nmax-unanswered = 2\nunanswered-quiet-ms = 300\n");
     StuckReceiver stuck("com.example.stuck", {"inbox"});
     ASSERT_TRUE(stuck.Ready()) << stuck.Error();
     bundle* message = bundle_create();
@@ -114,7 +114,7 @@ TEST_F(PortDeliveryTest, UnansweredDeliveriesStopCountingAfterTheirTimeout)
 {
     ASSERT_TRUE(m_bus.IsRunning());
     tilvane::host::SetConfigurationText(
-        "[message_port]\nmax_unanswered = 2\nunanswered_quiet_ms = 0\ndelivery_timeout_ms = 300\n");
+        "[message-port]\nmax-unanswered = 2\nunanswered-quiet-ms = 0\ndelivery-timeout-ms = 300\n");
     StuckReceiver stuck("com.example.stuck", {"inbox"});
     ASSERT_TRUE(stuck.Ready()) << stuck.Error();
     bundle* message = bundle_create();
