@@ -13,23 +13,19 @@
  */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <bundle.h>
 #include <content_provider_dispatch.h>
-#include <host_control.h>
-#include <tzplatform_config.h>
 
 #include "BenchData.h"
 #include "BenchFigures.h"
+#include "BenchProvider.h"
 #include "SharedQueryObject.h"
 #include "TilesModel.h"
-#include "TilesProvider.h"
 
 namespace {
 
@@ -82,24 +78,13 @@ private:
 /* A provider on a platform root of its own, with one application that owns
  * accelerator 1001, `sections` sections (raw ids 1..sections) and one tile in
  * each, and another application with ten sections of its own. */
-class HandlerBenchService
+/* The provider with a caller of `sections` sections holding one tile each,
+ * and another package with 10 sections. */
+class HandlerBenchService : public BenchProvider
 {
 public:
-    explicit HandlerBenchService(int sections)
+    explicit HandlerBenchService(int sections) : BenchProvider("handler", kPackage, kAppId)
     {
-        char pattern[] = "/tmp/tilvane-handler-bench-XXXXXX";
-        const char* made = mkdtemp(pattern);
-        m_root = made != nullptr ? made : "/tmp";
-        tilvane::host::SetPlatformRoot(m_root);
-        // Without a bus the preview-event port is retried: on the virtual
-        // clock that costs nothing, and no handler measured here sends events.
-        tilvane::host::UseVirtualClock(true);
-        tilvane::host::RegisteredPackage package;
-        package.packageId = kPackage;
-        package.applications.push_back({kAppId, {}});
-        tilvane::host::InstallPackage(package);
-
-        m_provider = CTilesProvider::GetInstance();
         std::string sql = "BEGIN;"
                           "INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (1001, 'org.example.bench');"
                           "INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (1002, 'org.example.other');";
@@ -118,29 +103,6 @@ public:
             tiles.Insert(BenchTile(i, i, kPackage));
         }
     }
-
-    ~HandlerBenchService()
-    {
-        CTilesProvider::ReleaseInstance();
-        tilvane::host::Reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(m_root, ignored);
-    }
-
-    std::string DatabasePath() const { return std::string(tzplatform_getenv(TZ_SYS_DB)) + "/.preview.db"; }
-
-    void Exec(const std::string& sql)
-    {
-        sqlite3* db = nullptr;
-        sqlite3_open(DatabasePath().c_str(), &db);
-        sqlite3_busy_timeout(db, 5000);
-        sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
-        sqlite3_close(db);
-    }
-
-private:
-    std::string m_root;
-    CTilesProvider* m_provider = nullptr;
 };
 
 /* Raw SQLite with the service's settings. */
@@ -162,17 +124,15 @@ public:
         sqlite3_close_v2(m_db);
     }
     sqlite3* Get() const { return m_db; }
-    /* Untimed, between the inserts of both sides: every 32 pairs, copies the
-     * write-ahead log into the database and starts it afresh with a write of
-     * its own. Left to SQLite's automatic checkpoint, the checkpoint, and the
-     * start of a new log after it, would fall on the same side of the
-     * repeating pattern every time and charge it with both sides' writes. */
+    /* Untimed, between the inserts of both sides: every 32 pairs, the log
+     * checkpointed and started afresh by a write of this connection's own
+     * (CheckpointLog). */
     void SettleLog()
     {
         if (++m_settles % 64 != 0) {
             return;
         }
-        sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        CheckpointLog(m_db);
         sqlite3_exec(m_db,
                      "CREATE TABLE IF NOT EXISTS bench_scratch (x INTEGER); INSERT INTO bench_scratch VALUES (1);"
                      "DELETE FROM bench_scratch;",

@@ -9,25 +9,19 @@
  */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 
 #include <bundle.h>
 #include <content_provider_dispatch.h>
 #include <host_control.h>
-#include <tzplatform_config.h>
 
 #include "BenchFigures.h"
+#include "BenchProvider.h"
 #include "SharedQueryObject.h"
 #include "TilesModel.h"
-#include "TilesProvider.h"
 
 namespace {
 
@@ -39,21 +33,13 @@ const double kGoal = 1.2;
 const char kDefaultMode[] = "[strict]\nconfinement = false\n";
 const char kStrictMode[] = "[strict]\nconfinement = true\ntiles-per-package = 1000000\n";
 
-class StrictBenchService
+/* The provider with the caller's 20 tiles in one section, among other
+ * packages, and a connection of its own for checkpoints. */
+class StrictBenchService : public BenchProvider
 {
 public:
-    StrictBenchService()
+    StrictBenchService() : BenchProvider("strict", kPackage, kAppId)
     {
-        char pattern[] = "/tmp/tilvane-strict-bench-XXXXXX";
-        const char* made = mkdtemp(pattern);
-        m_root = made != nullptr ? made : "/tmp";
-        tilvane::host::SetPlatformRoot(m_root);
-        tilvane::host::UseVirtualClock(true);
-        tilvane::host::RegisteredPackage package;
-        package.packageId = kPackage;
-        package.applications.push_back({kAppId, {}});
-        tilvane::host::InstallPackage(package);
-        CTilesProvider::GetInstance();
         Exec("INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (1001, 'org.example.strictbench');"
              "INSERT INTO sections (_id, section_accelerator_raw_id) VALUES (1, 1001);");
         for (int i = 0; i < 20; ++i) {
@@ -65,14 +51,7 @@ public:
         sqlite3_exec(m_pCheckpointDb, "PRAGMA journal_mode", nullptr, nullptr, nullptr);
     }
 
-    ~StrictBenchService()
-    {
-        sqlite3_close(m_pCheckpointDb);
-        CTilesProvider::ReleaseInstance();
-        tilvane::host::Reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(m_root, ignored);
-    }
+    ~StrictBenchService() { sqlite3_close(m_pCheckpointDb); }
 
     /* Other packages' entries, each with two sections of ten tiles, so that
      * the caller's rows are found among others, as on a television. */
@@ -96,26 +75,9 @@ public:
         return sql + "COMMIT;";
     }
 
-    /* Copies the write-ahead log into the database. Called untimed, often
-     * enough that SQLite's automatic checkpoint never comes due: left to it,
-     * the checkpoint would fall, after every reset of the log, on the same
-     * request of the repeating pattern, always in the same mode, and charge
-     * that mode with the cost of both modes' writes. */
-    void Checkpoint() { sqlite3_wal_checkpoint_v2(m_pCheckpointDb, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr); }
-
-    static std::string DatabasePath() { return std::string(tzplatform_getenv(TZ_SYS_DB)) + "/.preview.db"; }
-
-    void Exec(const std::string& sql)
-    {
-        sqlite3* db = nullptr;
-        sqlite3_open(DatabasePath().c_str(), &db);
-        sqlite3_busy_timeout(db, 5000);
-        sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
-        sqlite3_close(db);
-    }
+    void Checkpoint() { CheckpointLog(m_pCheckpointDb); }
 
 private:
-    std::string m_root;
     sqlite3* m_pCheckpointDb = nullptr;
 };
 

@@ -1,0 +1,52 @@
+#include "BenchProvider.h"
+
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <filesystem>
+
+#include <host_control.h>
+#include <tzplatform_config.h>
+
+#include "TilesProvider.h"
+
+BenchProvider::BenchProvider(const std::string& name, const std::string& packageId, const std::string& appId)
+{
+    std::string pattern = "/tmp/tilvane-" + name + "-bench-XXXXXX";
+    const char* made = mkdtemp(&pattern[0]);
+    m_root = made != nullptr ? made : "/tmp";
+    tilvane::host::SetPlatformRoot(m_root);
+    tilvane::host::UseVirtualClock(true);
+    tilvane::host::RegisteredPackage package;
+    package.packageId = packageId;
+    package.applications.push_back({appId, {}});
+    tilvane::host::InstallPackage(package);
+    CTilesProvider::GetInstance();
+}
+
+BenchProvider::~BenchProvider()
+{
+    CTilesProvider::ReleaseInstance();
+    tilvane::host::Reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(m_root, ignored);
+}
+
+std::string BenchProvider::DatabasePath() const
+{
+    return std::string(tzplatform_getenv(TZ_SYS_DB)) + "/.preview.db";
+}
+
+void BenchProvider::Exec(const std::string& sql) const
+{
+    sqlite3* db = nullptr;
+    sqlite3_open(DatabasePath().c_str(), &db);
+    sqlite3_busy_timeout(db, 5000);
+    sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+}
+
+void CheckpointLog(sqlite3* db)
+{
+    sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
