@@ -6,6 +6,9 @@
 #define TILVANE_PLATFORM_BUNDLE_PTR_H
 
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <bundle.h>
 
@@ -25,6 +28,16 @@ using BundlePtr = std::unique_ptr<bundle, BundleFree>;
 inline BundlePtr MakeBundle()
 {
     return BundlePtr(bundle_create());
+}
+
+/* A new bundle of these string entries, added in order. */
+inline BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>>& entries)
+{
+    BundlePtr b = MakeBundle();
+    for (const auto& entry : entries) {
+        bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str());
+    }
+    return b;
 }
 
 #endif

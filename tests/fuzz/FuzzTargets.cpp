@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <host_control.h>
 #include <tilvane_client.h>
 
@@ -24,11 +25,6 @@ namespace fuzz {
 namespace {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
-
-struct BundleDeleter {
-    void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
 
 void Collect(const char* key, const char* value, void* data)
 {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <bundle.h>
+#include <bundle_ptr.h>
 
 #include "../../platform/host/bundle_limits.h"
 
@@ -21,11 +22,6 @@ namespace {
 using tilvane::host::BundleRefusal;
 using tilvane::host::DecodeBoundedBundle;
 using Entries = std::vector<std::pair<std::string, std::string>>;
-
-struct BundleDeleter {
-    void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
 
 void PutU32(std::string& out, uint32_t value)
 {

@@ -1,4 +1,5 @@
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <gtest/gtest.h>
 #include <host_control.h>
 
@@ -10,11 +11,6 @@
 #include <vector>
 
 namespace {
-
-struct BundleDeleter {
-    void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 

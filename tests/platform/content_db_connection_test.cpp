@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <dlog.h>
 #include <host_control.h>
 
@@ -25,21 +26,6 @@
 namespace {
 
 using ScratchDir = tilvane::test::TempDir;
-
-struct BundleDeleter
-{
-    void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
-
-BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>>& entries)
-{
-    BundlePtr b(bundle_create());
-    for (const auto& entry : entries) {
-        bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str());
-    }
-    return b;
-}
 
 /* Reads with SQLite directly, around the library. */
 std::vector<std::string> RawColumn(const std::string& path, const std::string& sql)

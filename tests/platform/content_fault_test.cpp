@@ -21,6 +21,7 @@
 #include <vector>
 
 #include <bundle.h>
+#include <bundle_ptr.h>
 
 #include "ContentDbConnection.h"
 #include "ContentHelper.h"
@@ -34,33 +35,8 @@ namespace faultvfs = tilvane::test::faultvfs;
 /* Bounds the walk: no operation below makes more calls than this. */
 constexpr long kMaxWalk = 120;
 
-struct Fault {
-    const char* name;
-    unsigned operations;
-    int code;
-    bool persistent;
-};
-
-const Fault kFaults[] = {
-    {"an I/O error once", faultvfs::kAllIo, SQLITE_IOERR, false},
-    {"I/O errors from then on", faultvfs::kAllIo, SQLITE_IOERR, true},
-    {"a full disk", faultvfs::kWrite | faultvfs::kTruncate, SQLITE_FULL, true},
-    {"a busy lock once", faultvfs::kLock, SQLITE_BUSY, false},
-};
-
-struct BundleDeleter {
-    void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
-
-BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>>& entries)
-{
-    BundlePtr b(bundle_create());
-    for (const auto& entry : entries) {
-        bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str());
-    }
-    return b;
-}
+using faultvfs::Fault;
+using faultvfs::kFaults;
 
 class ItemsHelper : public CContentHelper {
 public:

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <bundle.h>
+#include <bundle_ptr.h>
 #include <dlog.h>
 #include <host_control.h>
 
@@ -29,21 +30,6 @@ off_t SizeOf(const std::string& path)
 {
     struct stat info;
     return stat(path.c_str(), &info) == 0 ? info.st_size : -1;
-}
-
-struct BundleDeleter
-{
-    void operator()(bundle* b) const { bundle_free(b); }
-};
-using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
-
-BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string>>& entries)
-{
-    BundlePtr b(bundle_create());
-    for (const auto& entry : entries) {
-        bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str());
-    }
-    return b;
 }
 
 /* Reads the first column of `sql` over a connection, as text. */

@@ -352,6 +352,13 @@ long Failures()
     return plan.failures;
 }
 
+const Fault kFaults[4] = {
+    {"an I/O error once", kAllIo, SQLITE_IOERR, false},
+    {"I/O errors from then on", kAllIo, SQLITE_IOERR, true},
+    {"a full disk", kWrite | kTruncate, SQLITE_FULL, true},
+    {"a busy lock once", kLock, SQLITE_BUSY, false},
+};
+
 }  // namespace faultvfs
 }  // namespace test
 }  // namespace tilvane

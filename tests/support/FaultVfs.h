@@ -51,6 +51,19 @@ long Calls();
 /* Calls failed since the last Arm. */
 long Failures();
 
+/* One kind of failure a walk injects: which operations fail, with what code,
+ * once or from then on. */
+struct Fault {
+    const char* name;
+    unsigned operations;
+    int code;
+    bool persistent;
+};
+
+/* The failures every walk goes through: an I/O error once, I/O errors from
+ * then on, a full disk, a busy lock once. */
+extern const Fault kFaults[4];
+
 }  // namespace faultvfs
 }  // namespace test
 }  // namespace tilvane

@@ -37,19 +37,8 @@ const char kTilesUri[] = "content://com.quillon.px.tiles/tiles";
 constexpr int kRowsPerBulk = 3;
 constexpr long kMaxWalk = 150;
 
-struct Fault {
-    const char* name;
-    unsigned operations;
-    int code;
-    bool persistent;
-};
-
-const Fault kFaults[] = {
-    {"an I/O error once", faultvfs::kAllIo, SQLITE_IOERR, false},
-    {"I/O errors from then on", faultvfs::kAllIo, SQLITE_IOERR, true},
-    {"a full disk", faultvfs::kWrite | faultvfs::kTruncate, SQLITE_FULL, true},
-    {"a busy lock once", faultvfs::kLock, SQLITE_BUSY, false},
-};
+using faultvfs::Fault;
+using faultvfs::kFaults;
 
 struct Bundles {
     std::vector<bundle*> list;
