@@ -39,7 +39,7 @@
 #include "BenchBus.h"
 #include "BenchData.h"
 #include "BenchFigures.h"
-#include "PermissionHelper.h"
+#include "PreviewApps.h"
 #include "TilesModel.h"
 
 extern char** environ;
@@ -488,9 +488,9 @@ private:
         tilvane::host::Reset();
         tilvane::host::SetPlatformRoot(m_root);
         tilvane::host::SetOwnAppId(kClientApp);
-        Install(kClientPackage, kClientApp);
+        tilvane::test::InstallPreviewWriter(kClientPackage, kClientApp);
         for (const char* package : kOtherPackages) {
-            Install(package, std::string(package) + ".ui");
+            tilvane::test::InstallPreviewWriter(package, std::string(package) + ".ui");
         }
         m_database = std::string(tzplatform_getenv(TZ_SYS_DB)) + "/.preview.db";
         double readyMs = 0;
@@ -500,18 +500,6 @@ private:
             return;
         }
         m_ready = true;
-    }
-
-    static void Install(const std::string& packageId, const std::string& appId)
-    {
-        tilvane::host::RegisteredPackage package;
-        package.packageId = packageId;
-        package.applications.push_back(
-            {appId,
-             {{AppMetadata::USE_PREVIEW, "true"},
-              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
-              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
-        tilvane::host::InstallPackage(package);
     }
 
     /* Accelerators of the other applications, ten sections each, and the

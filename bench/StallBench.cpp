@@ -22,11 +22,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "BenchBus.h"
-#include "PermissionHelper.h"
+#include "PreviewApps.h"
+#include "StuckReceiver.h"
 #include "TilesModel.h"
 
 extern char** environ;
@@ -37,82 +39,15 @@ const char kServiceAppId[] = "com.quillon.px.tilvane";
 const char kStuckAppId[] = "org.example.benchstall.stuck";
 const char kStuckPort[] = "events";
 
-/* A subscriber whose calls are never answered. */
-class NeverAnswering
+/* Subscribes or unsubscribes `stuck` from its port, as an application does. */
+bool Request(tilvane::test::StuckReceiver& stuck, const char* type)
 {
-public:
-    bool Open()
-    {
-        m_context = g_main_context_new();
-        m_connection = g_dbus_connection_new_for_address_sync(
-            g_getenv("DBUS_SESSION_BUS_ADDRESS"),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr);
-        if (m_connection == nullptr || !Own(tilvane::host::BusNameForAppId(kStuckAppId)) ||
-            !Own(tilvane::host::BusNameForPort(kStuckAppId, kStuckPort))) {
-            return false;
-        }
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
-            "<node><interface name='org.tilvane.MessagePort'><method name='Deliver'>"
-            "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-            "<arg type='s' direction='in'/></method></interface></node>",
-            nullptr);
-        static const GDBusInterfaceVTable vtable = {OnCallCB, nullptr, nullptr, {nullptr}};
-        g_main_context_push_thread_default(m_context);
-        const guint id = g_dbus_connection_register_object(m_connection, "/org/tilvane/MessagePort",
-                                                           node->interfaces[0], &vtable, nullptr, nullptr, nullptr);
-        g_main_context_pop_thread_default(m_context);
-        g_dbus_node_info_unref(node);
-        return id != 0;
-    }
-
-    /* Subscribes or unsubscribes from its port, as an application does. */
-    bool Request(const char* type)
-    {
-        bundle* message = bundle_create();
-        bundle_add_str(message, "request_type", type);
-        bundle_raw* raw = nullptr;
-        int length = 0;
-        bundle_encode(message, &raw, &length);
-        std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-        bundle_free_encoded_rawdata(&raw);
-        bundle_free(message);
-        GVariant* reply = g_dbus_connection_call_sync(
-            m_connection, tilvane::host::BusNameForAppId(kServiceAppId).c_str(), "/org/tilvane/MessagePort",
-            "org.tilvane.MessagePort", "Deliver",
-            g_variant_new("(ssss)", "preview-event-receiver", kStuckAppId, kStuckPort, encoded.c_str()), nullptr,
-            G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-        if (reply == nullptr) {
-            return false;
-        }
-        g_variant_unref(reply);
-        return true;
-    }
-
-private:
-    bool Own(const std::string& name)
-    {
-        GVariant* reply = g_dbus_connection_call_sync(
-            m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-            g_variant_new("(su)", name.c_str(), 4u), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
-            nullptr);
-        if (reply == nullptr) {
-            return false;
-        }
-        g_variant_unref(reply);
-        return true;
-    }
-
-    static void OnCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*,
-                         GDBusMethodInvocation* invocation, gpointer)
-    {
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    }
-
-    GMainContext* m_context = nullptr;
-    GDBusConnection* m_connection = nullptr;
-};
+    bundle* message = bundle_create();
+    bundle_add_str(message, "request_type", type);
+    const bool sent = stuck.Send(kServiceAppId, "preview-event-receiver", kStuckPort, message).empty();
+    bundle_free(message);
+    return sent;
+}
 
 /* The real service on the benchmarks' bus, for the life of the program. */
 class StallBenchSetup
@@ -126,7 +61,7 @@ public:
 
     /* False also once another benchmark had the service stopped. */
     bool Ready() const { return m_ready && s_servicePid > 0; }
-    NeverAnswering& Stuck() { return m_stuck; }
+    tilvane::test::StuckReceiver& Stuck() { return *m_stuck; }
 
 private:
     StallBenchSetup()
@@ -142,19 +77,15 @@ private:
         /* The deletes are made as whatever application this process runs as
          * (other benchmarks of the program may have chosen it). */
         tilvane::host::SetPlatformRoot(s_root);
-        tilvane::host::RegisteredPackage package;
-        package.packageId = "org.example.benchstall";
-        package.applications.push_back(
-            {tilvane::host::OwnAppId(),
-             {{AppMetadata::USE_PREVIEW, "true"},
-              {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
-              {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
-        const bool installed = tilvane::host::InstallPackage(package);
+        const bool installed = tilvane::test::InstallPreviewWriter("org.example.benchstall", tilvane::host::OwnAppId());
         tilvane::host::SetPlatformRoot(std::string());
         if (!installed || !StartService()) {
             return;
         }
-        m_ready = WaitForService() && m_stuck.Open();
+        if (WaitForService()) {
+            m_stuck.reset(new tilvane::test::StuckReceiver(kStuckAppId, {kStuckPort}));
+            m_ready = m_stuck->Ready();
+        }
         std::atexit(StopAll);
         RegisterBenchService(StopAll);
     }
@@ -212,7 +143,8 @@ private:
     }
 
     bool m_ready = false;
-    NeverAnswering m_stuck;
+    /* A subscriber whose calls are never answered. */
+    std::unique_ptr<tilvane::test::StuckReceiver> m_stuck;
     static pid_t s_servicePid;
     static std::string s_root;
 };
@@ -243,9 +175,9 @@ void BM_DeleteEvent_NeverAnsweringSubscriber(benchmark::State& state)
     bool ok = true;
     for (auto _ : state) {
         without += TimedDelete(client, &ok);
-        ok = ok && setup.Stuck().Request("SubscribePreviewEvent");
+        ok = ok && Request(setup.Stuck(), "SubscribePreviewEvent");
         with += TimedDelete(client, &ok);
-        ok = ok && setup.Stuck().Request("UnsubscribePreviewEvent");
+        ok = ok && Request(setup.Stuck(), "UnsubscribePreviewEvent");
     }
     if (!ok) {
         state.SkipWithError("a delete or a subscription failed");

@@ -16,10 +16,6 @@
 
 #include <filesystem>
 
-#include <host_control.h>
-
-#include "PermissionHelper.h"
-#include "TilesModel.h"
 
 namespace tilvane {
 namespace test {
@@ -114,18 +110,6 @@ std::vector<ColumnInfo> RawDatabase::TableInfo(const std::string& table)
     }
     sqlite3_finalize(statement);
     return columns;
-}
-
-bool InstallPreviewWriter(const std::string& packageId, const std::string& appId, std::string* error)
-{
-    tilvane::host::RegisteredPackage package;
-    package.packageId = packageId;
-    package.applications.push_back(
-        {appId,
-         {{AppMetadata::USE_PREVIEW, "true"},
-          {TilesInternalModel::Accelerators::ACCELERATOR_READ_PERMISSION, CPermissionHelper::READ_TILES},
-          {TilesInternalModel::Accelerators::ACCELERATOR_WRITE_PERMISSION, CPermissionHelper::WRITE_TILES}}});
-    return tilvane::host::InstallPackage(package, error);
 }
 
 bool FileExists(const std::string& path)

@@ -13,6 +13,8 @@
 #include <dlog.h>
 #include <host_control.h>
 
+#include "PreviewApps.h"
+
 struct sqlite3;
 
 namespace tilvane {
@@ -80,12 +82,6 @@ public:
 private:
     sqlite3* m_db;
 };
-
-/* Installs, in the registry of the current platform root, a package with one
- * application that uses preview and declares the public read and write
- * privileges: a launcher client of level 1. False, with the registry's reason
- * in `error` when given, when the registry refused it. */
-bool InstallPreviewWriter(const std::string& packageId, const std::string& appId, std::string* error = nullptr);
 
 bool FileExists(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
