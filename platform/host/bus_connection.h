@@ -32,6 +32,11 @@ bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::str
  * the bus: 1 yes, 0 no (with `reason`), -1 not known yet. */
 int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& reason);
 
+/* org.freedesktop.DBus.RequestName of `name` for `connection`, never queued
+ * behind another owner. `error` says why when Failed. */
+enum class NameRequest { Owned, OwnedByAnother, Failed };
+NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error);
+
 /* Runs `function` on the platform's bus thread, where waiting for the bus
  * daemon holds up no application callback; false (and `destroy` not called)
  * when there is no connection. */

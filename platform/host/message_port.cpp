@@ -73,10 +73,6 @@ constexpr char kErrorNotAuthorized[] = "org.tilvane.MessagePort.Error.NotAuthori
 constexpr char kErrorInvalidMessage[] = "org.tilvane.MessagePort.Error.InvalidMessage";
 /* Only a receiver that has stopped altogether makes a call wait this long. */
 constexpr int kCallTimeoutMs = 10000;
-/* org.freedesktop.DBus.RequestName flags and answers. */
-constexpr guint32 kNameFlagDoNotQueue = 0x4;
-constexpr guint32 kNamePrimaryOwner = 1;
-constexpr guint32 kNameAlreadyOwner = 4;
 
 struct LocalPort {
     int id;
@@ -436,18 +432,13 @@ int OwnName(Bus& bus)
         PORT_LOGE("application id \"%s\" cannot own a bus name", bus.appId.c_str());
         return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
     }
-    ScopedError error;
-    GVariantPtr reply(g_dbus_connection_call_sync(
-        bus.connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "RequestName", g_variant_new("(su)", bus.busName.c_str(), kNameFlagDoNotQueue), G_VARIANT_TYPE("(u)"),
-        G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, error.Out()));
-    if (!reply) {
-        PORT_LOGE("cannot request bus name %s: %s", bus.busName.c_str(), error.Message());
+    std::string error;
+    const NameRequest owned = RequestBusName(bus.connection.get(), bus.busName, kCallTimeoutMs, error);
+    if (owned == NameRequest::Failed) {
+        PORT_LOGE("cannot request bus name %s: %s", bus.busName.c_str(), error.c_str());
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
-    guint32 answer = 0;
-    g_variant_get(reply.get(), "(u)", &answer);
-    if (answer != kNamePrimaryOwner && answer != kNameAlreadyOwner) {
+    if (owned == NameRequest::OwnedByAnother) {
         PORT_LOGE("application %s already runs on the bus (%s is owned by another process)", bus.appId.c_str(),
                   bus.busName.c_str());
         return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
@@ -589,6 +580,26 @@ GDBusConnectionPtr OpenConnectionIfAny()
 GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
 {
     return Connection(needAppName, messagePortResult);
+}
+
+NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error)
+{
+    constexpr guint32 kDoNotQueue = 0x4;
+    constexpr guint32 kPrimaryOwner = 1;
+    constexpr guint32 kAlreadyOwner = 4;
+    ScopedError failure;
+    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "RequestName",
+                                                  g_variant_new("(su)", name.c_str(), kDoNotQueue),
+                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr,
+                                                  failure.Out()));
+    if (!reply) {
+        error = failure.Message();
+        return NameRequest::Failed;
+    }
+    guint32 answer = 0;
+    g_variant_get(reply.get(), "(u)", &answer);
+    return answer == kPrimaryOwner || answer == kAlreadyOwner ? NameRequest::Owned : NameRequest::OwnedByAnother;
 }
 
 bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId, std::string& reason)

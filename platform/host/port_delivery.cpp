@@ -14,6 +14,7 @@
 #include <string>
 
 #include "app_identity.h"
+#include "bus_connection.h"
 #include "dlog.h"
 #include "glib_ptr.h"
 #include "host_control.h"
@@ -37,9 +38,6 @@ constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
 constexpr char kInterface[] = "org.tilvane.MessagePort";
 /* Calls to the bus daemon only: it answers at once unless it has stopped. */
 constexpr int kDaemonCallTimeoutMs = 10000;
-constexpr guint32 kNameFlagDoNotQueue = 0x4;
-constexpr guint32 kNamePrimaryOwner = 1;
-constexpr guint32 kNameAlreadyOwner = 4;
 
 constexpr int64_t kDefaultMaxUnanswered = 1024;
 /* A receiver over the bound that answered nothing for this long is taken
@@ -294,20 +292,14 @@ std::string BusNameForPort(const std::string& appId, const std::string& port)
 int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
 {
     const std::string name = PortBusName(appId, port);
-    ScopedError error;
-    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "RequestName",
-                                                  g_variant_new("(su)", name.c_str(), kNameFlagDoNotQueue),
-                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, kDaemonCallTimeoutMs,
-                                                  nullptr, error.Out()));
-    if (!reply) {
+    std::string error;
+    const NameRequest owned = RequestBusName(connection, name, kDaemonCallTimeoutMs, error);
+    if (owned == NameRequest::Failed) {
         DELIVERY_LOGE("cannot announce port %s of %s (%s): %s", port.c_str(), appId.c_str(), name.c_str(),
-                      error.Message());
+                      error.c_str());
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
-    guint32 answer = 0;
-    g_variant_get(reply.get(), "(u)", &answer);
-    if (answer != kNamePrimaryOwner && answer != kNameAlreadyOwner) {
+    if (owned == NameRequest::OwnedByAnother) {
         DELIVERY_LOGE("port %s of %s is held by another connection (%s)", port.c_str(), appId.c_str(), name.c_str());
         return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
     }

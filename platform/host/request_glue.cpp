@@ -80,18 +80,13 @@ bool OwnName(const std::string& name)
     if (!connection) {
         return false;
     }
-    ScopedError error;
-    GVariantPtr reply(g_dbus_connection_call_sync(
-        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", name.c_str(), kNameFlagDoNotQueue), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
-        kBusCallTimeoutMs, nullptr, error.Out()));
-    if (!reply) {
-        REQUEST_LOGE("cannot request bus name %s: %s", name.c_str(), error.Message());
+    std::string error;
+    const NameRequest owned = RequestBusName(connection.get(), name, kBusCallTimeoutMs, error);
+    if (owned == NameRequest::Failed) {
+        REQUEST_LOGE("cannot request bus name %s: %s", name.c_str(), error.c_str());
         return false;
     }
-    guint32 answer = 0;
-    g_variant_get(reply.get(), "(u)", &answer);
-    if (answer != kNamePrimaryOwner && answer != kNameAlreadyOwner) {
+    if (owned == NameRequest::OwnedByAnother) {
         REQUEST_LOGE("bus name %s is owned by another process", name.c_str());
         return false;
     }

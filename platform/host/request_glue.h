@@ -54,9 +54,6 @@ inline constexpr char kErrorNotAuthorized[] = "org.tilvane.Request.Error.NotAuth
 inline constexpr char kErrorInvalidRequest[] = "org.tilvane.Request.Error.InvalidRequest";
 inline constexpr char kErrorRefused[] = "org.tilvane.Request.Error.Refused";
 inline constexpr int kBusCallTimeoutMs = 10000;
-inline constexpr guint32 kNameFlagDoNotQueue = 0x4;
-inline constexpr guint32 kNamePrimaryOwner = 1;
-inline constexpr guint32 kNameAlreadyOwner = 4;
 
 /* A data-control request while its callback runs. */
 struct DcRequest {
