@@ -4,6 +4,8 @@
  */
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+
+#include "Introspection.h"
 #include <host_control.h>
 #include <message_port.h>
 #include <tilvane_client.h>
@@ -30,25 +32,6 @@ Result Make(Outcome outcome, int code, const std::string& message = std::string(
 }
 
 void NoteCB(int, const char*, const char*, bool, bundle*, void*) {}
-
-/* "name(in types)->(out types)" for every method of `info`. */
-std::string Signatures(GDBusInterfaceInfo* info)
-{
-    std::string text;
-    for (GDBusMethodInfo** method = info->methods; method != nullptr && *method != nullptr; ++method) {
-        text += (*method)->name;
-        text += "(";
-        for (GDBusArgInfo** arg = (*method)->in_args; arg != nullptr && *arg != nullptr; ++arg) {
-            text += (*arg)->signature;
-        }
-        text += ")->(";
-        for (GDBusArgInfo** arg = (*method)->out_args; arg != nullptr && *arg != nullptr; ++arg) {
-            text += (*arg)->signature;
-        }
-        text += ");";
-    }
-    return text;
-}
 
 }  // namespace
 
@@ -120,8 +103,8 @@ TEST(ClientInterfaces, ThePublishedDescriptionIsWhatAProcessExports)
         GDBusInterfaceInfo* described = g_dbus_node_info_lookup_interface(file, name);
         ASSERT_NE(exported, nullptr);
         ASSERT_NE(described, nullptr);
-        EXPECT_EQ(Signatures(exported), Signatures(described));
-        EXPECT_FALSE(Signatures(described).empty());
+        EXPECT_EQ(tilvane::test::MethodSignatures(exported), tilvane::test::MethodSignatures(described));
+        EXPECT_FALSE(tilvane::test::MethodSignatures(described).empty());
         g_dbus_node_info_unref(live);
         g_variant_unref(reply);
     }

@@ -4,6 +4,8 @@
  */
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+
+#include "Introspection.h"
 #include <host_control.h>
 #include <message_port.h>
 
@@ -24,24 +26,6 @@ std::string PublishedXmlPath()
 
 void IgnoreMessage(int, const char*, const char*, bool, bundle*, void*)
 {
-}
-
-/* "Method(in signatures)->(out signatures);" for every method, in order. */
-std::string MethodSignatures(GDBusInterfaceInfo* info)
-{
-    std::string text;
-    for (GDBusMethodInfo** method = info->methods; method != nullptr && *method != nullptr; ++method) {
-        text += std::string((*method)->name) + "(";
-        for (GDBusArgInfo** arg = (*method)->in_args; arg != nullptr && *arg != nullptr; ++arg) {
-            text += (*arg)->signature;
-        }
-        text += ")->(";
-        for (GDBusArgInfo** arg = (*method)->out_args; arg != nullptr && *arg != nullptr; ++arg) {
-            text += (*arg)->signature;
-        }
-        text += ");";
-    }
-    return text;
 }
 
 }  // namespace
@@ -80,8 +64,8 @@ TEST(MessagePortInterface, ThePublishedDescriptionIsWhatAProcessExports)
     GDBusInterfaceInfo* described = g_dbus_node_info_lookup_interface(file, "org.tilvane.MessagePort");
     ASSERT_NE(exported, nullptr);
     ASSERT_NE(described, nullptr);
-    EXPECT_EQ(MethodSignatures(exported), "Deliver(ssss)->();HasPort(s)->(b);");
-    EXPECT_EQ(MethodSignatures(exported), MethodSignatures(described));
+    EXPECT_EQ(tilvane::test::MethodSignatures(exported), "Deliver(ssss)->();HasPort(s)->(b);");
+    EXPECT_EQ(tilvane::test::MethodSignatures(exported), tilvane::test::MethodSignatures(described));
 
     g_dbus_node_info_unref(live);
     g_variant_unref(reply);
