@@ -204,20 +204,25 @@ void PostDelivery(const std::string& port, const std::string& senderApp, const c
 /* What is known of a sender without asking the bus: 1 when it was found to
  * own the name of `claimedApp`, 0 when it cannot (no sender, or it was found
  * to own another application's name), -1 when the bus must be asked. */
+std::string NotOwnerReason(const char* sender, const std::string& claimedApp)
+{
+    return "sender " + std::string(sender != nullptr ? sender : "(none)") + " does not own the name of application " +
+           claimedApp;
+}
+
 int KnownSenderOwnsApp(const char* sender, const std::string& claimedApp, std::string& reason)
 {
-    reason = "sender " + std::string(sender != nullptr ? sender : "(none)") +
-             " does not own the name of application " + claimedApp;
-    if (sender == nullptr) {
-        return 0;
+    int known = 0;
+    if (sender != nullptr) {
+        PortState& s = ThePortState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        auto it = s.verifiedSenders.find(sender);
+        known = it == s.verifiedSenders.end() ? -1 : it->second == claimedApp ? 1 : 0;
     }
-    PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.verifiedSenders.find(sender);
-    if (it == s.verifiedSenders.end()) {
-        return -1;
+    if (known == 0) {
+        reason = NotOwnerReason(sender, claimedApp);
     }
-    return it->second == claimedApp ? 1 : 0;
+    return known;
 }
 
 bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp,
@@ -227,6 +232,7 @@ bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::s
     if (known >= 0) {
         return known == 1;
     }
+    reason = NotOwnerReason(sender, claimedApp);
     PortState& s = ThePortState();
     const std::string busName = BusNameForAppId(claimedApp);
     if (busName.empty()) {
