@@ -53,6 +53,11 @@ public:
     static bool CheckWrittenRows(CContentDbConnection* pConnection, const std::string& table,
                                  const std::vector<bundle*>& rows, const std::string& packageId, bool bInsert);
 
+    /* The statement that tells, in one step, whether an owner (bound as ?1)
+     * belongs to a package (?2) and how many rows of `table` the package
+     * holds; "" for a table whose rows have no owner. */
+    static std::string OwnedAndCountStatement(const std::string& table);
+
     /* The filter of the caller's own rows of `table`, from row ids looked up
      * with the package id bound; `bKnown` false (and "") for another table. */
     static std::string RowFilter(CContentDbConnection* pConnection, const std::string& table,

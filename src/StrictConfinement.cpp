@@ -414,6 +414,12 @@ bool CStrictConfinement::CheckWrittenRows(CContentDbConnection* pConnection, con
     return true;
 }
 
+std::string CStrictConfinement::OwnedAndCountStatement(const std::string& table)
+{
+    const OwnerRule* pRule = OwnerRuleOf(table);
+    return pRule != nullptr ? pRule->ownedAndCountSql : "";
+}
+
 std::string CStrictConfinement::RowFilter(CContentDbConnection* pConnection, const std::string& table,
                                           const std::string& packageId, bool& bKnown)
 {
