@@ -73,41 +73,12 @@ TEST(ClientInterfaces, ThePublishedDescriptionIsWhatAProcessExports)
     tilvane::host::SetOwnAppId("org.example.introspected");
     ASSERT_GT(message_port_register_local_port("any", NoteCB, nullptr), 0); /* opens the connection */
 
-    gchar* published = nullptr;
-    ASSERT_TRUE(g_file_get_contents(TILVANE_REQUEST_INTERFACES_XML, &published, nullptr, nullptr));
-    GDBusNodeInfo* file = g_dbus_node_info_new_for_xml(published, nullptr);
-    g_free(published);
-    ASSERT_NE(file, nullptr);
-
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        bus.Address().c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    ASSERT_NE(connection, nullptr);
     const std::string appName = tilvane::host::BusNameForAppId("org.example.introspected");
     for (const char* path : {"/org/tilvane/DataControl", "/org/tilvane/Content"}) {
-        GVariant* reply = g_dbus_connection_call_sync(connection, appName.c_str(), path,
-                                                      "org.freedesktop.DBus.Introspectable", "Introspect", nullptr,
-                                                      G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
-                                                      &error);
-        ASSERT_NE(reply, nullptr) << (error != nullptr ? error->message : "");
-        const gchar* xml = nullptr;
-        g_variant_get(reply, "(&s)", &xml);
-        GDBusNodeInfo* live = g_dbus_node_info_new_for_xml(xml, nullptr);
-        ASSERT_NE(live, nullptr);
         const char* name = std::string(path) == "/org/tilvane/DataControl" ? "org.tilvane.DataControl"
                                                                            : "org.tilvane.Content";
-        GDBusInterfaceInfo* exported = g_dbus_node_info_lookup_interface(live, name);
-        GDBusInterfaceInfo* described = g_dbus_node_info_lookup_interface(file, name);
-        ASSERT_NE(exported, nullptr);
-        ASSERT_NE(described, nullptr);
-        EXPECT_EQ(tilvane::test::MethodSignatures(exported), tilvane::test::MethodSignatures(described));
-        EXPECT_FALSE(tilvane::test::MethodSignatures(described).empty());
-        g_dbus_node_info_unref(live);
-        g_variant_unref(reply);
+        const std::string described = tilvane::test::DescribedSignatures(TILVANE_REQUEST_INTERFACES_XML, name);
+        EXPECT_EQ(tilvane::test::ExportedSignatures(bus.Address(), appName, path, name), described);
+        EXPECT_FALSE(described.empty());
     }
-    g_dbus_node_info_unref(file);
-    g_object_unref(connection);
 }
