@@ -5,9 +5,11 @@
 
 #include <filesystem>
 
+#include <content_provider_dispatch.h>
 #include <host_control.h>
 #include <tzplatform_config.h>
 
+#include "TilesModel.h"
 #include "TilesProvider.h"
 
 BenchProvider::BenchProvider(const std::string& name, const std::string& packageId, const std::string& appId)
@@ -44,6 +46,17 @@ void BenchProvider::Exec(const std::string& sql) const
     sqlite3_busy_timeout(db, 5000);
     sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
     sqlite3_close(db);
+}
+
+bool BenchProvider::InsertTile(const char* appId, bundle* values)
+{
+    PT_PROVIDER_INSERT_IN_PARAM in;
+    in.strAppId = appId;
+    in.strUri = TilesModel::Tiles::CONTENT_URI;
+    in.pValues = values;
+    PT_PROVIDER_INSERT_OUT_PARAM out;
+    int result = -1;
+    return tilvane::content::DispatchInsert(in, out, result) && result == 0;
 }
 
 void CheckpointLog(sqlite3* db)

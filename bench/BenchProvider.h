@@ -12,6 +12,7 @@
 #include <string>
 
 struct sqlite3;
+typedef struct _bundle_t bundle;
 
 class BenchProvider
 {
@@ -24,6 +25,10 @@ public:
     std::string DatabasePath() const;
     /* Runs `sql` through a connection of its own, outside any timing. */
     void Exec(const std::string& sql) const;
+
+    /* An insert of `values` into the tiles as `appId`, through the content
+     * library's dispatch to the provider's handler; true when it succeeded. */
+    static bool InsertTile(const char* appId, bundle* values);
 
 private:
     std::string m_root;

@@ -189,16 +189,7 @@ void BM_HandlerInsertTile(benchmark::State& state)
     sqlite3_stmt* insert = raw.Prepare(InsertSql(row));
     RunInterleaved(
         state, "handler insert one tile, " + SectionsName(sections), 0, Pairs(300, 30),
-        [&] {
-            PT_PROVIDER_INSERT_IN_PARAM in;
-            in.strAppId = kAppId;
-            in.strUri = TilesModel::Tiles::CONTENT_URI;
-            in.pValues = values;
-            PT_PROVIDER_INSERT_OUT_PARAM out;
-            int result = -1;
-            tilvane::content::DispatchInsert(in, out, result);
-            return result == 0;
-        },
+        [&] { return BenchProvider::InsertTile(kAppId, values); },
         [&] {
             RawConnection::Drain(level);
             int at = 1;

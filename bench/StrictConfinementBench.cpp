@@ -179,15 +179,7 @@ void BM_StrictConfinement_InsertTile(benchmark::State& state)
     bundle* values = bundle_create();
     bundle_add_str(values, TilesModel::Tiles::TILE_ID, "new");
     bundle_add_str(values, TilesModel::Tiles::TILE_SECTION_RAW_ID, "1");
-    Interleave(state, service, "insert one tile", [values] {
-        PT_PROVIDER_INSERT_IN_PARAM in;
-        in.strAppId = kAppId;
-        in.strUri = TilesModel::Tiles::CONTENT_URI;
-        in.pValues = values;
-        PT_PROVIDER_INSERT_OUT_PARAM out;
-        int result = -1;
-        return tilvane::content::DispatchInsert(in, out, result) && result == 0;
-    }, [] {
+    Interleave(state, service, "insert one tile", [values] { return BenchProvider::InsertTile(kAppId, values); }, [] {
         /* Through the provider's own connection, so that its page cache stays warm. */
         PT_PROVIDER_DELETE_IN_PARAM in;
         in.strAppId = kAppId;
