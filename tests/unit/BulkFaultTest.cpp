@@ -16,6 +16,8 @@
 #include <vector>
 
 #include <bundle.h>
+#include <bundle_ptr.h>
+#include <confinement_policy.h>
 #include <content_provider_dispatch.h>
 
 #include "FaultVfs.h"
@@ -237,6 +239,59 @@ TEST_F(BulkFaultTest, AFailedCommitAnswersItsCodeAndRowIdMinusOne)
     EXPECT_EQ(SQLITE_FULL, updated);
     EXPECT_EQ(0, CountTitled("changed"));
     EXPECT_EQ(kRowsPerBulk, CountTitled("kept"));
+}
+
+/* Under strict confinement a single insert checks its owner and writes its
+ * row in one transaction: a fault anywhere in it is answered with a code
+ * other than 0 and leaves no row; without one the row is stored. */
+TEST_F(BulkFaultTest, AStrictSingleInsertIsStoredWhenAnsweredZeroAndNotAtAllOtherwise)
+{
+    tilvane::host::SetConfigurationText("[strict]\nconfinement = true\n");
+    auto insert = [](const std::string& marker, int& result) {
+        BundlePtr values = MakeBundle({{"tile_id", marker}, {"tile_section_raw_id", "10"}, {"tile_title", marker}});
+        PT_PROVIDER_INSERT_IN_PARAM in;
+        in.strAppId = kApp;
+        in.strUri = kTilesUri;
+        in.pValues = values.get();
+        PT_PROVIDER_INSERT_OUT_PARAM out;
+        result = -1;
+        EXPECT_TRUE(content::DispatchInsert(in, out, result));
+        return out.nRowId;
+    };
+    int result = -1;
+    long runs = 0;
+    for (const Fault& fault : kFaults) {
+        faultvfs::Arm(fault.operations, 0, fault.code, false);
+        insert("strict-count", result);
+        const long calls = faultvfs::Calls();
+        faultvfs::Disarm();
+        ASSERT_EQ(0, result) << fault.name;
+        for (long n = 1; n <= calls && n <= kMaxWalk; ++n, ++runs) {
+            const std::string marker = "s" + std::to_string(runs);
+            const std::string context = std::string(fault.name) + " at call " + std::to_string(n);
+            faultvfs::Arm(fault.operations, n, fault.code, fault.persistent);
+            const int64_t rowId = insert(marker, result);
+            faultvfs::Disarm();
+            EXPECT_EQ(result == 0 ? 1 : 0, CountTitled(marker)) << context << ", answered " << result;
+            EXPECT_EQ(result == 0, rowId > 0) << context;
+            EXPECT_EQ("ok", Scalar("PRAGMA integrity_check")) << context;
+        }
+    }
+    EXPECT_GT(runs, 0);
+    /* The fault is over: answered and stored. */
+    insert("strict-after", result);
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(1, CountTitled("strict-after"));
+    /* Strict confinement was on: a row in no section of the caller's is refused. */
+    BundlePtr orphan = MakeBundle({{"tile_id", "orphan"}, {"tile_title", "orphan"}});
+    PT_PROVIDER_INSERT_IN_PARAM in;
+    in.strAppId = kApp;
+    in.strUri = kTilesUri;
+    in.pValues = orphan.get();
+    PT_PROVIDER_INSERT_OUT_PARAM out;
+    EXPECT_TRUE(content::DispatchInsert(in, out, result));
+    EXPECT_EQ(CONFINEMENT_POLICY_REFUSED, result);
+    EXPECT_EQ(0, CountTitled("orphan"));
 }
 
 }  // namespace
