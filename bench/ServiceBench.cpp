@@ -412,6 +412,75 @@ private:
     sqlite3* m_db = nullptr;
 };
 
+/*
+ * The least that storing rows can cost: raw SQLite inserting them into a
+ * copy of the service's database (its indexes and settings, foreign keys on),
+ * bound as the content library binds, with a statement prepared once. What
+ * the service adds to a bare call can be no less than this; the floor figures
+ * hold it beside the bare call in the same run. Like the service's, its rows
+ * stay until the end of the benchmark, and SQLite checkpoints its log as it
+ * does the service's.
+ */
+class FloorDb
+{
+public:
+    FloorDb(const std::string& servicePath, const std::string& copyPath, const BenchValues& shape)
+    {
+        std::filesystem::remove(copyPath);
+        RawDb source(servicePath, SQLITE_OPEN_READONLY);
+        if (!source.Exec("VACUUM INTO '" + copyPath + "'")) {
+            return;
+        }
+        if (sqlite3_open_v2(copyPath.c_str(), &m_db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
+            sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;",
+                         nullptr, nullptr, nullptr) != SQLITE_OK) {
+            return;
+        }
+        std::string columns;
+        std::string marks;
+        for (const auto& entry : shape) {
+            columns += (columns.empty() ? "\"" : ",\"") + entry.first + "\"";
+            marks += marks.empty() ? "?" : ",?";
+        }
+        const std::string sql = "INSERT INTO \"tiles\" (" + columns + ") VALUES (" + marks + ")";
+        m_ready = sqlite3_prepare_v2(m_db, sql.c_str(), -1, &m_insert, nullptr) == SQLITE_OK;
+    }
+    ~FloorDb()
+    {
+        sqlite3_finalize(m_insert);
+        sqlite3_close_v2(m_db);
+    }
+    FloorDb(const FloorDb&) = delete;
+    FloorDb& operator=(const FloorDb&) = delete;
+
+    bool Ready() const { return m_ready; }
+
+    /* The rows, in one transaction when there is more than one. */
+    bool Insert(const std::vector<BenchValues>& rows)
+    {
+        const bool transaction = rows.size() > 1;
+        bool ok = !transaction || sqlite3_exec(m_db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+        for (const BenchValues& row : rows) {
+            int at = 1;
+            for (const auto& entry : row) {
+                sqlite3_bind_text(m_insert, at++, entry.second.c_str(), -1, SQLITE_STATIC);
+            }
+            ok = ok && sqlite3_step(m_insert) == SQLITE_DONE;
+            sqlite3_reset(m_insert);
+            sqlite3_clear_bindings(m_insert);
+        }
+        if (transaction) {
+            ok = sqlite3_exec(m_db, ok ? "COMMIT" : "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK && ok;
+        }
+        return ok;
+    }
+
+private:
+    sqlite3* m_db = nullptr;
+    sqlite3_stmt* m_insert = nullptr;
+    bool m_ready = false;
+};
+
 /* The service on a database of `tiles` tiles, and the bare server beside it. */
 class ServiceFixture
 {
@@ -644,6 +713,29 @@ void BM_ServiceInsert(benchmark::State& state)
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
 }
 
+/* The floor under the insert above: the same bare call, then raw SQLite
+ * storing the same tile (FloorDb), against the bare call alone. */
+void BM_ServiceInsertFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db", row);
+    if (!floor.Ready()) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    auto bare = [&] {
+        const std::string encoded = EncodedBundle(row);
+        return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ix)");
+    };
+    RunInterleaved(
+        state, "floor of the insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
+        Pairs(200, 20), [&] { return bare() && floor.Insert({row}); }, bare, "bare D-Bus call");
+}
+
 void BM_ServiceUpdate(benchmark::State& state)
 {
     ServiceFixture* fixture = FixtureOrSkip(state);
@@ -722,6 +814,37 @@ void BM_ServiceBulkInsert1000(benchmark::State& state)
         },
         "bare D-Bus call");
     client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
+}
+
+/* The floor under the bulk insert above: the same bare call, then raw SQLite
+ * storing the same 1,000 tiles in one transaction (FloorDb), against the bare
+ * call alone. */
+void BM_ServiceBulkInsertFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    std::vector<Values> rows;
+    for (int i = 0; i < 1000; ++i) {
+        rows.push_back(BenchTile(600000 + i, fixture->ClientSection(), "org.example.bench.bulk"));
+    }
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db", rows.front());
+    if (!floor.Ready()) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    auto bare = [&] {
+        std::vector<std::string> encoded;
+        for (const Values& row : rows) {
+            encoded.push_back(EncodedBundle(row));
+        }
+        return BareCall("BulkInsert", g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)),
+                        "(ix)");
+    };
+    RunInterleaved(
+        state, "floor of the bulk insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
+        Pairs(10, 2), [&] { return bare() && floor.Insert(rows); }, bare, "bare D-Bus call");
 }
 
 void BM_ServiceSelect1000VsRaw(benchmark::State& state)
@@ -892,10 +1015,12 @@ void RegisterServiceBenchmarks()
         {"BM_ServiceReadyAndMemory", BM_ServiceReadyAndMemory},
         {"BM_ServiceReadyAfterKill", BM_ServiceReadyAfterKill},
         {"BM_ServiceInsert", BM_ServiceInsert},
+        {"BM_ServiceInsertFloor", BM_ServiceInsertFloor},
         {"BM_ServiceUpdate", BM_ServiceUpdate},
         {"BM_ServiceDelete", BM_ServiceDelete},
         {"BM_ServiceRowIds", BM_ServiceRowIds},
         {"BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000},
+        {"BM_ServiceBulkInsertFloor", BM_ServiceBulkInsertFloor},
         {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
         {"BM_ServiceSelect1000VsBare", BM_ServiceSelect1000VsBare},
         {"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests},
