@@ -26,37 +26,68 @@
 
 /* Entries in insertion order. Small bundles (every launcher row) are searched
  * in place; from kIndexFrom entries on, a hash index beside the vector keeps a
- * lookup O(1), so adding or decoding n keys costs O(n), not O(n^2). */
+ * lookup O(1), so adding or decoding n keys costs O(n), not O(n^2).
+ *
+ * The texts of a decoded bundle stay in the one buffer they were decoded
+ * into, each closed by a NUL written in place (decoding allocates once per
+ * bundle, not twice per entry); an entry added later owns a copy of its own
+ * ("key\0value\0"), freed when the entry is removed. */
 struct _bundle_t {
-    using Entry = std::pair<std::string, std::string>;
+    struct Entry {
+        std::string_view key;
+        std::string_view value; /* NUL-terminated in its storage */
+        std::unique_ptr<char[]> owned;
+    };
     static constexpr size_t kIndexFrom = 32;
 
     std::vector<Entry> entries;
-    std::unordered_map<std::string, size_t> index; /* key -> position; empty below kIndexFrom */
+    std::unordered_map<std::string_view, size_t> index; /* key -> position; empty below kIndexFrom */
+    std::unique_ptr<char[]> decoded;                    /* texts of the decoded entries */
+
+    _bundle_t() = default;
+    _bundle_t(const _bundle_t& other)
+    {
+        entries.reserve(other.entries.size());
+        for (const Entry& entry : other.entries) {
+            Append(entry.key, entry.value);
+        }
+    }
+    _bundle_t& operator=(const _bundle_t&) = delete;
 
     /* Position of `key`, or entries.size(). */
-    size_t Find(const char* key, size_t length) const
+    size_t Find(std::string_view key) const
     {
         if (!index.empty()) {
-            auto it = index.find(std::string(key, length));
+            auto it = index.find(key);
             return it != index.end() ? it->second : entries.size();
         }
         for (size_t i = 0; i < entries.size(); ++i) {
-            const std::string& k = entries[i].first;
-            if (k.size() == length && memcmp(k.data(), key, length) == 0) {
+            if (entries[i].key == key) {
                 return i;
             }
         }
         return entries.size();
     }
-    size_t Find(const char* key) const { return Find(key, strlen(key)); }
 
-    /* Appends an entry whose key is not present. */
-    void Append(std::string key, std::string value)
+    /* Appends a copy of an entry whose key is not present. */
+    void Append(std::string_view key, std::string_view value)
     {
-        entries.emplace_back(std::move(key), std::move(value));
+        std::unique_ptr<char[]> owned(new char[key.size() + value.size() + 2]);
+        char* k = owned.get();
+        char* v = k + key.size() + 1;
+        memcpy(k, key.data(), key.size());
+        k[key.size()] = '\0';
+        memcpy(v, value.data(), value.size());
+        v[value.size()] = '\0';
+        AppendInPlace(std::string_view(k, key.size()), std::string_view(v, value.size()), std::move(owned));
+    }
+
+    /* Appends an entry whose texts live in `decoded` (or in `owned`). */
+    void AppendInPlace(std::string_view key, std::string_view value, std::unique_ptr<char[]> owned = nullptr)
+    {
+        entries.push_back(Entry{key, value, std::move(owned)});
         if (!index.empty()) {
-            index.emplace(entries.back().first, entries.size() - 1);
+            index.emplace(key, entries.size() - 1);
         } else if (entries.size() >= kIndexFrom) {
             Reindex();
         }
@@ -76,7 +107,7 @@ struct _bundle_t {
         index.clear();
         index.reserve(entries.size());
         for (size_t i = 0; i < entries.size(); ++i) {
-            index.emplace(entries[i].first, i);
+            index.emplace(entries[i].key, i);
         }
     }
 };
@@ -102,9 +133,14 @@ void PutU32(std::string& out, uint32_t value)
     }
 }
 
+/* Reads the transport form in the buffer it was decoded into, and closes
+ * each text with a NUL in place: the byte after a text is the first of the
+ * next length (read before it is overwritten) or, after the last text, the
+ * spare byte at the end of the buffer. */
 class Reader {
 public:
-    Reader(const unsigned char* data, size_t size) : data_(data), size_(size) {}
+    /* `data` holds `size` bytes and one spare byte after them. */
+    Reader(char* data, size_t size) : data_(data), size_(size) {}
 
     bool U32(uint32_t& value)
     {
@@ -113,22 +149,30 @@ public:
         }
         value = 0;
         for (int i = 0; i < 4; ++i) {
-            value |= static_cast<uint32_t>(data_[pos_ + i]) << (8 * i);
+            value |= static_cast<uint32_t>(static_cast<unsigned char>(data_[pos_ + i])) << (8 * i);
         }
         pos_ += 4;
         return true;
     }
 
-    bool Text(std::string& text)
+    bool Text(std::string_view& text)
     {
         uint32_t length = 0;
         if (!U32(length) || size_ - pos_ < length) {
             return false;
         }
-        text.assign(reinterpret_cast<const char*>(data_ + pos_), length);
+        char* start = data_ + pos_;
         pos_ += length;
         /* Values are C strings: an embedded NUL cannot come from bundle_encode. */
-        return text.find('\0') == std::string::npos;
+        if (memchr(start, '\0', length) != nullptr) {
+            return false;
+        }
+        if (pending_ != nullptr) {
+            *pending_ = '\0';
+        }
+        pending_ = data_ + pos_;
+        text = std::string_view(start, length);
+        return true;
     }
 
     bool Bytes(const char* expected, size_t length)
@@ -140,12 +184,23 @@ public:
         return true;
     }
 
-    bool AtEnd() const { return pos_ == size_; }
+    /* True at the end of the data; the last text is then closed too. */
+    bool AtEnd()
+    {
+        if (pos_ != size_) {
+            return false;
+        }
+        if (pending_ != nullptr) {
+            *pending_ = '\0';
+        }
+        return true;
+    }
 
 private:
-    const unsigned char* data_;
+    char* data_;
     size_t size_;
     size_t pos_ = 0;
+    char* pending_ = nullptr; /* where the last text read ends, to be closed */
 };
 
 /* Value of each base64 letter; -1 for a byte that is not one ('=' included). */
@@ -167,19 +222,25 @@ constexpr Base64Alphabet kBase64;
 /* Decodes canonical base64 (length a multiple of 4, '=' only as one or two
  * last characters) into `out`, checking every character as it goes: one
  * pass over the text. False for anything else. */
-bool DecodeBase64(std::string_view text, std::vector<unsigned char>& out)
+size_t DecodedLength(std::string_view text)
+{
+    if (text.empty() || text.size() % 4 != 0) {
+        return 0;
+    }
+    const size_t padding = text.back() != '=' ? 0 : (text[text.size() - 2] == '=' ? 2 : 1);
+    return text.size() / 4 * 3 - padding;
+}
+
+/* `out` has room for DecodedLength(text) bytes. */
+bool DecodeBase64(std::string_view text, char* out)
 {
     if (text.empty() || text.size() % 4 != 0) {
         return false;
     }
-    size_t padding = 0;
-    if (text.back() == '=') {
-        padding = text[text.size() - 2] == '=' ? 2 : 1;
-    }
+    const size_t padding = text.size() / 4 * 3 - DecodedLength(text);
     const size_t full = text.size() / 4 - (padding > 0 ? 1 : 0);
-    out.resize(text.size() / 4 * 3 - padding);
     const unsigned char* in = reinterpret_cast<const unsigned char*>(text.data());
-    unsigned char* o = out.data();
+    unsigned char* o = reinterpret_cast<unsigned char*>(out);
     int bad = 0;
     for (size_t group = 0; group < full; ++group, in += 4, o += 3) {
         const int a = kBase64.value[in[0]], b = kBase64.value[in[1]], c = kBase64.value[in[2]],
@@ -205,10 +266,6 @@ bool DecodeBase64(std::string_view text, std::vector<unsigned char>& out)
     return bad >= 0;
 }
 
-struct GFreeDeleter {
-    void operator()(void* p) const { g_free(p); }
-};
-
 /* The entries of a decoded transport form, within the limits. */
 BundleRefusal ReadEntries(Reader& reader, _bundle_t& result)
 {
@@ -225,8 +282,8 @@ BundleRefusal ReadEntries(Reader& reader, _bundle_t& result)
     }
     size_t bytes = 0;
     for (uint32_t i = 0; i < count; ++i) {
-        std::string key;
-        std::string value;
+        std::string_view key;
+        std::string_view value;
         if (!reader.Text(key) || !reader.Text(value) || key.empty()) {
             return BundleRefusal::Malformed;
         }
@@ -234,10 +291,10 @@ BundleRefusal ReadEntries(Reader& reader, _bundle_t& result)
         if (key.size() > kBundleMaxKeyBytes || bytes > kBundleMaxBytes) {
             return BundleRefusal::OverLimits;
         }
-        if (result.Find(key.data(), key.size()) != result.entries.size()) {
+        if (result.Find(key) != result.entries.size()) {
             return BundleRefusal::Malformed; /* a key twice */
         }
-        result.Append(std::move(key), std::move(value));
+        result.AppendInPlace(key, value);
     }
     return reader.AtEnd() ? BundleRefusal::None : BundleRefusal::Malformed;
 }
@@ -258,18 +315,22 @@ bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    // Decoded from the caller's bytes: no copy of the text first.
-    std::vector<unsigned char> binary;
-    if (!DecodeBase64(std::string_view(text, length), binary)) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    // Decoded from the caller's bytes, into the buffer that keeps the texts.
+    const std::string_view encoded(text, length);
+    const size_t size = DecodedLength(encoded);
     std::unique_ptr<bundle> result(new (std::nothrow) _bundle_t());
-    if (!result) {
+    if (result) {
+        result->decoded.reset(new (std::nothrow) char[size + 1]);
+    }
+    if (!result || !result->decoded) {
         SetResult(BUNDLE_ERROR_OUT_OF_MEMORY);
         return nullptr;
     }
-    Reader reader(binary.data(), binary.size());
+    if (!DecodeBase64(encoded, result->decoded.get())) {
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    Reader reader(result->decoded.get(), size);
     refusal = ReadEntries(reader, *result);
     if (refusal != BundleRefusal::None) {
         SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
@@ -357,7 +418,7 @@ int bundle_get_str(bundle* b, const char* key, char** str)
         *str = nullptr;
         return SetResult(BUNDLE_ERROR_KEY_NOT_AVAILABLE);
     }
-    *str = &b->entries[at].second[0];
+    *str = const_cast<char*>(b->entries[at].value.data());
     return SetResult(BUNDLE_ERROR_NONE);
 }
 
@@ -373,7 +434,7 @@ const char* bundle_get_val(bundle* b, const char* key)
         return nullptr;
     }
     SetResult(BUNDLE_ERROR_NONE);
-    return b->entries[at].second.c_str();
+    return b->entries[at].value.data();
 }
 
 int bundle_del(bundle* b, const char* key)
@@ -413,7 +474,7 @@ void bundle_iterate(bundle* b, bundle_iterate_cb_t callback, void* cb_data)
      * changes the bundle stays memory-safe (the size is checked at every step)
      * but may see an entry twice or miss one. */
     for (size_t i = 0; i < b->entries.size(); ++i) {
-        callback(b->entries[i].first.c_str(), b->entries[i].second.c_str(), cb_data);
+        callback(b->entries[i].key.data(), b->entries[i].value.data(), cb_data);
     }
 }
 
@@ -425,10 +486,10 @@ int bundle_encode(bundle* b, bundle_raw** raw, int* len)
     std::string binary(tilvane::host::kMagic, sizeof tilvane::host::kMagic);
     tilvane::host::PutU32(binary, static_cast<uint32_t>(b->entries.size()));
     for (const auto& entry : b->entries) {
-        tilvane::host::PutU32(binary, static_cast<uint32_t>(entry.first.size()));
-        binary += entry.first;
-        tilvane::host::PutU32(binary, static_cast<uint32_t>(entry.second.size()));
-        binary += entry.second;
+        tilvane::host::PutU32(binary, static_cast<uint32_t>(entry.key.size()));
+        binary += entry.key;
+        tilvane::host::PutU32(binary, static_cast<uint32_t>(entry.value.size()));
+        binary += entry.value;
     }
     gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(binary.data()), binary.size());
     if (text == nullptr) {

@@ -200,6 +200,40 @@ TEST_F(BundleTest, EncodeDecodeRoundTrip)
     EXPECT_EQ(raw, nullptr);
 }
 
+/* A decoded bundle keeps its texts in the buffer it was decoded into; every
+ * value still ends where its length says, and the bundle changes, copies and
+ * outlives its copies like one that was built entry by entry. */
+TEST_F(BundleTest, DecodedBundleChangesAndCopiesLikeABuiltOne)
+{
+    Entries expected;
+    BundlePtr built(bundle_create());
+    for (int i = 0; i < 40; ++i) { /* past the size from which keys are indexed */
+        expected.emplace_back("key" + std::to_string(i), std::string(static_cast<size_t>(i) * 7, 'v'));
+        bundle_add_str(built.get(), expected.back().first.c_str(), expected.back().second.c_str());
+    }
+    bundle_raw* raw = nullptr;
+    int len = 0;
+    ASSERT_EQ(bundle_encode(built.get(), &raw, &len), BUNDLE_ERROR_NONE);
+    BundlePtr decoded(bundle_decode(raw, len));
+    bundle_free_encoded_rawdata(&raw);
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(EntriesOf(decoded.get()), expected);
+    EXPECT_EQ(strlen(bundle_get_val(decoded.get(), "key39")), 39u * 7);
+
+    EXPECT_EQ(bundle_del(decoded.get(), "key0"), BUNDLE_ERROR_NONE);
+    EXPECT_EQ(bundle_add_str(decoded.get(), "key0", "again"), BUNDLE_ERROR_NONE);
+    EXPECT_EQ(bundle_add_str(decoded.get(), "key5", "twice"), BUNDLE_ERROR_KEY_EXISTS);
+    expected.erase(expected.begin());
+    expected.emplace_back("key0", "again");
+    EXPECT_EQ(EntriesOf(decoded.get()), expected);
+
+    BundlePtr copy(bundle_dup(decoded.get()));
+    decoded.reset();
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(EntriesOf(copy.get()), expected);
+    EXPECT_STREQ(bundle_get_val(copy.get(), "key0"), "again");
+}
+
 TEST_F(BundleTest, EncodeIsBase64Text)
 {
     BundlePtr b(bundle_create());
