@@ -41,6 +41,7 @@
 #include "BenchFigures.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
+#include "request_interfaces_xml.h"
 
 extern char** environ;
 
@@ -63,25 +64,8 @@ constexpr char kBareName[] = "org.tilvane.BenchBare";
 constexpr char kBarePath[] = "/org/tilvane/Content";
 constexpr char kContentInterface[] = "org.tilvane.Content";
 /* The content interface's methods as the service publishes them. */
-constexpr char kBareXml[] =
-    "<node><interface name='org.tilvane.Content'>"
-    "<method name='Insert'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-    "<arg type='s' direction='in'/><arg type='i' direction='out'/><arg type='x' direction='out'/></method>"
-    "<method name='BulkInsert'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-    "<arg type='as' direction='in'/><arg type='i' direction='out'/><arg type='x' direction='out'/></method>"
-    "<method name='Select'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-    "<arg type='as' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
-    "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='ay' direction='out'/></method>"
-    "<method name='Update'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-    "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='as' direction='in'/>"
-    "<arg type='i' direction='out'/></method>"
-    "<method name='Delete'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-    "<arg type='s' direction='in'/><arg type='as' direction='in'/><arg type='i' direction='out'/></method>"
-    "<method name='GetRowIds'><arg type='s' direction='in'/><arg type='s' direction='in'/>"
-    "<arg type='s' direction='in'/><arg type='as' direction='in'/><arg type='ax' direction='out'/></method>"
-    "</interface></node>";
-const char* const kBareMethods[][2] = {{"Insert", "(ix)"}, {"BulkInsert", "(ix)"}, {"Select", "(ay)"},
-                                       {"Update", "(i)"},  {"Delete", "(i)"},      {"GetRowIds", "(ax)"}};
+const char* const kBareMethods[][2] = {{"Insert", "(ixs)"}, {"BulkInsert", "(ixs)"}, {"Select", "(ay)"},
+                                       {"Update", "(ixs)"}, {"Delete", "(ixs)"},     {"GetRowIds", "(ax)"}};
 
 std::string SizeName(int tiles)
 {
@@ -133,11 +117,12 @@ int RunBareServer(int readyFd, const char* directory)
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kBareXml, nullptr);
+    // The content interface as the service declares it.
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kRequestInterfacesXml, nullptr);
+    GDBusInterfaceInfo* content = node != nullptr ? g_dbus_node_info_lookup_interface(node, kContentInterface) : nullptr;
     static const GDBusInterfaceVTable vtable = {BareCallCB, nullptr, nullptr, {nullptr}};
-    if (connection == nullptr || node == nullptr ||
-        g_dbus_connection_register_object(connection, kBarePath, node->interfaces[0], &vtable, &replies, nullptr,
-                                          nullptr) == 0) {
+    if (connection == nullptr || content == nullptr ||
+        g_dbus_connection_register_object(connection, kBarePath, content, &vtable, &replies, nullptr, nullptr) == 0) {
         return 1;
     }
     GVariant* owned = g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -642,10 +627,14 @@ private:
         select = client.Select(uri, {}, "", {}, "_id", "");
         rowIds = client.GetRowIds(uri, "", {});
         const std::string rows = WireRows(select.rows);
-        return WriteReply(m_root, "Insert", g_variant_new("(ix)", insert.code, static_cast<gint64>(insert.rowId))) &&
-               WriteReply(m_root, "BulkInsert", g_variant_new("(ix)", bulk.code, static_cast<gint64>(bulk.rowId))) &&
-               WriteReply(m_root, "Update", g_variant_new("(i)", update.code)) &&
-               WriteReply(m_root, "Delete", g_variant_new("(i)", remove.code)) &&
+        // Code, row id or rows changed, and reason: the service's reply of a write.
+        auto written = [](const Result& result, long long second) {
+            return g_variant_new("(ixs)", result.code, static_cast<gint64>(second), result.message.c_str());
+        };
+        return WriteReply(m_root, "Insert", written(insert, insert.rowId)) &&
+               WriteReply(m_root, "BulkInsert", written(bulk, bulk.rowId)) &&
+               WriteReply(m_root, "Update", written(update, update.changedRows)) &&
+               WriteReply(m_root, "Delete", written(remove, remove.changedRows)) &&
                WriteReply(m_root, "Select",
                           g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(),
                                                                            rows.size(), 1))) &&
@@ -707,7 +696,7 @@ void BM_ServiceInsert(benchmark::State& state)
         [&] { return client.Insert(kTilesUri, row).Ok(); },
         [&] {
             const std::string encoded = EncodedBundle(row);
-            return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ix)");
+            return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
         },
         "bare D-Bus call");
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
@@ -729,7 +718,7 @@ void BM_ServiceInsertFloor(benchmark::State& state)
     }
     auto bare = [&] {
         const std::string encoded = EncodedBundle(row);
-        return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ix)");
+        return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
     };
     RunInterleaved(
         state, "floor of the insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
@@ -753,7 +742,7 @@ void BM_ServiceUpdate(benchmark::State& state)
             return BareCall("Update",
                             g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), encoded.c_str(), "tile_id = ?",
                                           StringArray(whereArgs)),
-                            "(i)");
+                            "(ixs)");
         },
         "bare D-Bus call");
 }
@@ -785,7 +774,7 @@ void BM_ServiceDelete(benchmark::State& state)
             return BareCall("Delete",
                             g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?",
                                           StringArray(whereArgs)),
-                            "(i)");
+                            "(ixs)");
         },
         "bare D-Bus call");
 }
@@ -810,7 +799,7 @@ void BM_ServiceBulkInsert1000(benchmark::State& state)
                 encoded.push_back(EncodedBundle(row));
             }
             return BareCall("BulkInsert",
-                            g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ix)");
+                            g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ixs)");
         },
         "bare D-Bus call");
     client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
@@ -840,7 +829,7 @@ void BM_ServiceBulkInsertFloor(benchmark::State& state)
             encoded.push_back(EncodedBundle(row));
         }
         return BareCall("BulkInsert", g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)),
-                        "(ix)");
+                        "(ixs)");
     };
     RunInterleaved(
         state, "floor of the bulk insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
