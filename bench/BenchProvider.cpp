@@ -63,3 +63,33 @@ void CheckpointLog(sqlite3* db)
 {
     sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
+
+std::string RawInsertSql(const BenchValues& shape)
+{
+    std::string columns;
+    std::string marks;
+    for (const auto& entry : shape) {
+        columns += (columns.empty() ? "\"" : ",\"") + entry.first + "\"";
+        marks += marks.empty() ? "?" : ",?";
+    }
+    return "INSERT INTO \"tiles\" (" + columns + ") VALUES (" + marks + ")";
+}
+
+bool RawInsertRows(sqlite3* db, sqlite3_stmt* insert, const std::vector<BenchValues>& rows)
+{
+    const bool transaction = rows.size() > 1;
+    bool ok = !transaction || sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+    for (const BenchValues& row : rows) {
+        int at = 1;
+        for (const auto& entry : row) {
+            sqlite3_bind_text(insert, at++, entry.second.c_str(), -1, SQLITE_STATIC);
+        }
+        ok = ok && sqlite3_step(insert) == SQLITE_DONE;
+        sqlite3_reset(insert);
+        sqlite3_clear_bindings(insert);
+    }
+    if (transaction) {
+        ok = sqlite3_exec(db, ok ? "COMMIT" : "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK && ok;
+    }
+    return ok;
+}

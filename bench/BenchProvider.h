@@ -10,8 +10,12 @@
 #define TILVANE_BENCH_PROVIDER_H
 
 #include <string>
+#include <vector>
+
+#include "BenchData.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 typedef struct _bundle_t bundle;
 
 class BenchProvider
@@ -44,5 +48,14 @@ private:
  * write-back.
  */
 void CheckpointLog(sqlite3* db);
+
+/* The raw side of the benchmarks that store tiles: the insert of a row of
+ * `shape`'s columns into the tiles, every column quoted and bound. */
+std::string RawInsertSql(const BenchValues& shape);
+
+/* Steps `insert` (made from RawInsertSql) once per row, binding every value as
+ * the content library binds it (no copy); in one transaction when there is
+ * more than one row. True when every row was stored. */
+bool RawInsertRows(sqlite3* db, sqlite3_stmt* insert, const std::vector<BenchValues>& rows);
 
 #endif

@@ -97,23 +97,12 @@ std::vector<bundle*> MakeBundles(const std::vector<BenchValues>& rows)
     return bundles;
 }
 
-std::string InsertSql(const BenchValues& row)
-{
-    std::string columns;
-    std::string marks;
-    for (const auto& entry : row) {
-        columns += (columns.empty() ? "\"" : ",\"") + entry.first + "\"";
-        marks += marks.empty() ? "?" : ",?";
-    }
-    return "INSERT INTO \"tiles\" (" + columns + ") VALUES (" + marks + ")";
-}
-
 void BM_InsertTiles(benchmark::State& state)
 {
     SharedFile file;
     std::vector<bundle*> bundles = MakeBundles(file.Rows());
     sqlite3_stmt* insert = nullptr;
-    sqlite3_prepare_v2(file.Raw(), InsertSql(file.Rows().front()).c_str(), -1, &insert, nullptr);
+    sqlite3_prepare_v2(file.Raw(), RawInsertSql(file.Rows().front()).c_str(), -1, &insert, nullptr);
     CContentDbConnection* library = file.Library();
     // Each side starts from an empty table: the other side's rows are removed
     // before it, outside the timing, after an untimed checkpoint
@@ -127,20 +116,7 @@ void BM_InsertTiles(benchmark::State& state)
             }
             return library->EndTransaction(ok) == 0 && ok;
         },
-        [&] {
-            bool ok = sqlite3_exec(file.Raw(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
-            for (const BenchValues& row : file.Rows()) {
-                int at = 1;
-                for (const auto& entry : row) {
-                    sqlite3_bind_text(insert, at++, entry.second.c_str(), -1, SQLITE_STATIC);
-                }
-                ok = ok && sqlite3_step(insert) == SQLITE_DONE;
-                sqlite3_reset(insert);
-                sqlite3_clear_bindings(insert);
-            }
-            ok = sqlite3_exec(file.Raw(), ok ? "COMMIT" : "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK && ok;
-            return ok;
-        },
+        [&] { return RawInsertRows(file.Raw(), insert, file.Rows()); },
         "raw SQLite",
         [&] {
             CheckpointLog(file.Raw());

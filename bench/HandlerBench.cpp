@@ -32,18 +32,6 @@ namespace {
 const char kAppId[] = "org.example.bench.app";
 const char kPackage[] = "org.example.bench";
 
-/* "INSERT INTO "tiles" ("a","b",...) VALUES (?,?,...)" for the columns of `values`. */
-std::string InsertSql(const BenchValues& values)
-{
-    std::string columns;
-    std::string marks;
-    for (const auto& entry : values) {
-        columns += (columns.empty() ? "\"" : ",\"") + entry.first + "\"";
-        marks += marks.empty() ? "?" : ",?";
-    }
-    return "INSERT INTO \"tiles\" (" + columns + ") VALUES (" + marks + ")";
-}
-
 /* Writes the benchmark's tiles (setup only, not measured). */
 class RawTileInserter
 {
@@ -62,7 +50,7 @@ public:
     void Insert(const BenchValues& values)
     {
         sqlite3_stmt* statement = nullptr;
-        sqlite3_prepare_v2(m_db, InsertSql(values).c_str(), -1, &statement, nullptr);
+        sqlite3_prepare_v2(m_db, RawInsertSql(values).c_str(), -1, &statement, nullptr);
         int at = 1;
         for (const auto& entry : values) {
             sqlite3_bind_text(statement, at++, entry.second.c_str(), -1, SQLITE_STATIC);
@@ -186,7 +174,7 @@ void BM_HandlerInsertTile(benchmark::State& state)
     // The level query (package pasted, as the service does) and the insert.
     sqlite3_stmt* level = raw.Prepare(
         "SELECT accelerator_app_pkg_name FROM \"accelerators\" WHERE accelerator_app_pkg_name='org.example.bench'");
-    sqlite3_stmt* insert = raw.Prepare(InsertSql(row));
+    sqlite3_stmt* insert = raw.Prepare(RawInsertSql(row));
     RunInterleaved(
         state, "handler insert one tile, " + SectionsName(sections), 0, Pairs(300, 30),
         [&] { return BenchProvider::InsertTile(kAppId, values); },

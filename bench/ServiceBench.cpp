@@ -39,6 +39,7 @@
 #include "BenchBus.h"
 #include "BenchData.h"
 #include "BenchFigures.h"
+#include "BenchProvider.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
 #include "request_interfaces_xml.h"
@@ -421,13 +422,7 @@ public:
                          nullptr, nullptr, nullptr) != SQLITE_OK) {
             return;
         }
-        std::string columns;
-        std::string marks;
-        for (const auto& entry : shape) {
-            columns += (columns.empty() ? "\"" : ",\"") + entry.first + "\"";
-            marks += marks.empty() ? "?" : ",?";
-        }
-        const std::string sql = "INSERT INTO \"tiles\" (" + columns + ") VALUES (" + marks + ")";
+        const std::string sql = RawInsertSql(shape);
         m_ready = sqlite3_prepare_v2(m_db, sql.c_str(), -1, &m_insert, nullptr) == SQLITE_OK;
     }
     ~FloorDb()
@@ -441,24 +436,7 @@ public:
     bool Ready() const { return m_ready; }
 
     /* The rows, in one transaction when there is more than one. */
-    bool Insert(const std::vector<BenchValues>& rows)
-    {
-        const bool transaction = rows.size() > 1;
-        bool ok = !transaction || sqlite3_exec(m_db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
-        for (const BenchValues& row : rows) {
-            int at = 1;
-            for (const auto& entry : row) {
-                sqlite3_bind_text(m_insert, at++, entry.second.c_str(), -1, SQLITE_STATIC);
-            }
-            ok = ok && sqlite3_step(m_insert) == SQLITE_DONE;
-            sqlite3_reset(m_insert);
-            sqlite3_clear_bindings(m_insert);
-        }
-        if (transaction) {
-            ok = sqlite3_exec(m_db, ok ? "COMMIT" : "ROLLBACK", nullptr, nullptr, nullptr) == SQLITE_OK && ok;
-        }
-        return ok;
-    }
+    bool Insert(const std::vector<BenchValues>& rows) { return RawInsertRows(m_db, m_insert, rows); }
 
 private:
     sqlite3* m_db = nullptr;

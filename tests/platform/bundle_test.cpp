@@ -26,6 +26,19 @@ Entries EntriesOf(bundle* b)
     return entries;
 }
 
+/* `b` through its transport form: encoded, then decoded. */
+BundlePtr EncodedAndDecoded(bundle* b)
+{
+    bundle_raw* raw = nullptr;
+    int len = 0;
+    if (bundle_encode(b, &raw, &len) != BUNDLE_ERROR_NONE) {
+        return nullptr;
+    }
+    BundlePtr decoded(bundle_decode(raw, len));
+    bundle_free_encoded_rawdata(&raw);
+    return decoded;
+}
+
 class BundleTest : public ::testing::Test {
 protected:
     void SetUp() override { tilvane::host::Reset(); }
@@ -211,11 +224,7 @@ TEST_F(BundleTest, DecodedBundleChangesAndCopiesLikeABuiltOne)
         expected.emplace_back("key" + std::to_string(i), std::string(static_cast<size_t>(i) * 7, 'v'));
         bundle_add_str(built.get(), expected.back().first.c_str(), expected.back().second.c_str());
     }
-    bundle_raw* raw = nullptr;
-    int len = 0;
-    ASSERT_EQ(bundle_encode(built.get(), &raw, &len), BUNDLE_ERROR_NONE);
-    BundlePtr decoded(bundle_decode(raw, len));
-    bundle_free_encoded_rawdata(&raw);
+    BundlePtr decoded = EncodedAndDecoded(built.get());
     ASSERT_NE(decoded, nullptr);
     EXPECT_EQ(EntriesOf(decoded.get()), expected);
     EXPECT_EQ(strlen(bundle_get_val(decoded.get(), "key39")), 39u * 7);
@@ -252,11 +261,7 @@ TEST_F(BundleTest, EncodeIsBase64Text)
 TEST_F(BundleTest, EmptyBundleRoundTrip)
 {
     BundlePtr b(bundle_create());
-    bundle_raw* raw = nullptr;
-    int len = 0;
-    ASSERT_EQ(bundle_encode(b.get(), &raw, &len), BUNDLE_ERROR_NONE);
-    BundlePtr decoded(bundle_decode(raw, len));
-    bundle_free_encoded_rawdata(&raw);
+    BundlePtr decoded = EncodedAndDecoded(b.get());
     ASSERT_NE(decoded, nullptr);
     EXPECT_EQ(bundle_get_count(decoded.get()), 0);
 }
