@@ -399,50 +399,70 @@ private:
 };
 
 /*
- * The least that storing rows can cost: raw SQLite inserting them into a
+ * The least that a request's statement can cost: raw SQLite running it on a
  * copy of the service's database (its indexes and settings, foreign keys on),
- * bound as the content library binds, with a statement prepared once. What
- * the service adds to a bare call can be no less than this; the floor figures
- * hold it beside the bare call in the same run. Like the service's, its rows
- * stay until the end of the benchmark, and SQLite checkpoints its log as it
- * does the service's.
+ * prepared once and bound as the content library binds. What the service adds
+ * to a bare call can be no less than this; the floor figures hold it beside
+ * the bare call in the same run. Like the service's, the copy keeps what is
+ * written to it until the end of the benchmark, and SQLite checkpoints its
+ * log as it does the service's.
  */
 class FloorDb
 {
 public:
-    FloorDb(const std::string& servicePath, const std::string& copyPath, const BenchValues& shape)
+    FloorDb(const std::string& servicePath, const std::string& copyPath)
     {
         std::filesystem::remove(copyPath);
         RawDb source(servicePath, SQLITE_OPEN_READONLY);
         if (!source.Exec("VACUUM INTO '" + copyPath + "'")) {
             return;
         }
-        if (sqlite3_open_v2(copyPath.c_str(), &m_db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
-            sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;",
-                         nullptr, nullptr, nullptr) != SQLITE_OK) {
-            return;
-        }
-        const std::string sql = RawInsertSql(shape);
-        m_ready = sqlite3_prepare_v2(m_db, sql.c_str(), -1, &m_insert, nullptr) == SQLITE_OK;
+        m_ready = sqlite3_open_v2(copyPath.c_str(), &m_db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+                  sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;",
+                               nullptr, nullptr, nullptr) == SQLITE_OK;
     }
     ~FloorDb()
     {
-        sqlite3_finalize(m_insert);
+        for (sqlite3_stmt* statement : m_statements) {
+            sqlite3_finalize(statement);
+        }
         sqlite3_close_v2(m_db);
     }
     FloorDb(const FloorDb&) = delete;
     FloorDb& operator=(const FloorDb&) = delete;
 
-    bool Ready() const { return m_ready; }
+    sqlite3* Db() const { return m_db; }
 
-    /* The rows, in one transaction when there is more than one. */
-    bool Insert(const std::vector<BenchValues>& rows) { return RawInsertRows(m_db, m_insert, rows); }
+    /* `sql` prepared on the copy, kept until the end; null when it cannot be. */
+    sqlite3_stmt* Prepare(const std::string& sql)
+    {
+        sqlite3_stmt* statement = nullptr;
+        if (!m_ready || sqlite3_prepare_v2(m_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+            return nullptr;
+        }
+        m_statements.push_back(statement);
+        return statement;
+    }
 
 private:
     sqlite3* m_db = nullptr;
-    sqlite3_stmt* m_insert = nullptr;
     bool m_ready = false;
+    std::vector<sqlite3_stmt*> m_statements;
 };
+
+/* Steps `statement` to its end, reading the first column of every row; the
+ * rows it gave, or -1 when it failed. */
+long long StepAll(sqlite3_stmt* statement)
+{
+    long long rows = 0;
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        benchmark::DoNotOptimize(sqlite3_column_int64(statement, 0));
+        ++rows;
+    }
+    sqlite3_reset(statement);
+    return rc == SQLITE_DONE ? rows : -1;
+}
 
 /* The service on a database of `tiles` tiles, and the bare server beside it. */
 class ServiceFixture
@@ -689,8 +709,9 @@ void BM_ServiceInsertFloor(benchmark::State& state)
         return;
     }
     const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db", row);
-    if (!floor.Ready()) {
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(row));
+    if (insert == nullptr) {
         state.SkipWithError("cannot copy the service's database");
         return;
     }
@@ -700,7 +721,26 @@ void BM_ServiceInsertFloor(benchmark::State& state)
     };
     RunInterleaved(
         state, "floor of the insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
-        Pairs(200, 20), [&] { return bare() && floor.Insert({row}); }, bare, "bare D-Bus call");
+        Pairs(200, 20), [&] { return bare() && RawInsertRows(floor.Db(), insert, {row}); }, bare,
+        "bare D-Bus call");
+}
+
+/* The values of the n-th update of the update benchmarks: its progress
+ * alternates, so that every update changes the row (SQLite writes nothing for
+ * a row that an update leaves as it was). */
+Values UpdateValues(int n)
+{
+    return {{TilesModel::Tiles::TILE_PROGRESS, n % 2 == 0 ? "64" : "65"}, {TilesModel::Tiles::TILE_NOTIFICATION, "1"}};
+}
+
+/* The bare call of an update of `values`. */
+bool BareUpdate(const Values& values, const std::string& tileId)
+{
+    const std::string encoded = EncodedBundle(values);
+    return BareCall("Update",
+                    g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), encoded.c_str(), "tile_id = ?",
+                                  StringArray({tileId})),
+                    "(ixs)");
 }
 
 void BM_ServiceUpdate(benchmark::State& state)
@@ -710,19 +750,47 @@ void BM_ServiceUpdate(benchmark::State& state)
         return;
     }
     ContentClient client;
-    const Values values = {{TilesModel::Tiles::TILE_PROGRESS, "64"}, {TilesModel::Tiles::TILE_NOTIFICATION, "1"}};
-    const std::vector<std::string> whereArgs = {std::string(kClientPackage) + ".tile.7"};
+    const std::string tileId = std::string(kClientPackage) + ".tile.7";
+    int served = 0;
+    int bare = 0;
     RunInterleaved(
         state, "e2e update one tile, " + SizeName(fixture->Tiles()), 1.2, Pairs(200, 20),
-        [&] { return client.Update(kTilesUri, values, "tile_id = ?", whereArgs).Ok(); },
-        [&] {
-            const std::string encoded = EncodedBundle(values);
-            return BareCall("Update",
-                            g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), encoded.c_str(), "tile_id = ?",
-                                          StringArray(whereArgs)),
-                            "(ixs)");
-        },
-        "bare D-Bus call");
+        [&] { return client.Update(kTilesUri, UpdateValues(served++), "tile_id = ?", {tileId}).Ok(); },
+        [&] { return BareUpdate(UpdateValues(bare++), tileId); }, "bare D-Bus call");
+}
+
+/* The floor under the update above: the same bare call, then raw SQLite
+ * updating the same tile by its id on a copy of the database (FloorDb). */
+void BM_ServiceUpdateFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const std::string tileId = std::string(kClientPackage) + ".tile.7";
+    const Values shape = UpdateValues(0);
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* update = floor.Prepare("UPDATE tiles SET \"" + shape[0].first + "\"=?, \"" + shape[1].first +
+                                         "\"=? WHERE tile_id = ?");
+    if (update == nullptr) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    int stored = 0;
+    int bare = 0;
+    auto raw = [&] {
+        const Values values = UpdateValues(stored++);
+        sqlite3_bind_text(update, 1, values[0].second.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(update, 2, values[1].second.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(update, 3, tileId.c_str(), -1, SQLITE_STATIC);
+        const bool done = sqlite3_step(update) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
+        sqlite3_reset(update);
+        return done;
+    };
+    RunInterleaved(
+        state, "floor of the update (bare call + raw SQLite update), " + SizeName(fixture->Tiles()), 0,
+        Pairs(200, 20), [&] { return BareUpdate(UpdateValues(stored), tileId) && raw(); },
+        [&] { return BareUpdate(UpdateValues(bare++), tileId); }, "bare D-Bus call");
 }
 
 void BM_ServiceDelete(benchmark::State& state)
@@ -755,6 +823,49 @@ void BM_ServiceDelete(benchmark::State& state)
                             "(ixs)");
         },
         "bare D-Bus call");
+}
+
+/* The floor under the delete above: the same bare call, then raw SQLite
+ * deleting the same tile by its id on a copy of the database (FloorDb) that
+ * holds the same rows to delete. */
+void BM_ServiceDeleteFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const int pairs = Pairs(200, 20);
+    std::vector<Values> rows;
+    for (int i = 0; i < pairs; ++i) {
+        rows.push_back(BenchTile(800000 + i, fixture->ClientSection(), kClientPackage));
+    }
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
+    sqlite3_stmt* remove = floor.Prepare("DELETE FROM tiles WHERE tile_id = ?");
+    if (insert == nullptr || remove == nullptr || !RawInsertRows(floor.Db(), insert, rows)) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    auto bare = [&](const std::string& tileId) {
+        return BareCall("Delete",
+                        g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?", StringArray({tileId})),
+                        "(ixs)");
+    };
+    int next = 0;
+    int nextBare = 0;
+    auto raw = [&](const std::string& tileId) {
+        sqlite3_bind_text(remove, 1, tileId.c_str(), -1, SQLITE_STATIC);
+        const bool done = sqlite3_step(remove) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
+        sqlite3_reset(remove);
+        return done;
+    };
+    RunInterleaved(
+        state, "floor of the delete (bare call + raw SQLite delete), " + SizeName(fixture->Tiles()), 0, pairs,
+        [&] {
+            const std::string& tileId = rows[static_cast<size_t>(next++)].front().second;
+            return bare(tileId) && raw(tileId);
+        },
+        [&] { return bare(rows[static_cast<size_t>(nextBare++)].front().second); }, "bare D-Bus call");
 }
 
 void BM_ServiceBulkInsert1000(benchmark::State& state)
@@ -796,8 +907,9 @@ void BM_ServiceBulkInsertFloor(benchmark::State& state)
     for (int i = 0; i < 1000; ++i) {
         rows.push_back(BenchTile(600000 + i, fixture->ClientSection(), "org.example.bench.bulk"));
     }
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db", rows.front());
-    if (!floor.Ready()) {
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
+    if (insert == nullptr) {
         state.SkipWithError("cannot copy the service's database");
         return;
     }
@@ -811,7 +923,8 @@ void BM_ServiceBulkInsertFloor(benchmark::State& state)
     };
     RunInterleaved(
         state, "floor of the bulk insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
-        Pairs(10, 2), [&] { return bare() && floor.Insert(rows); }, bare, "bare D-Bus call");
+        Pairs(10, 2), [&] { return bare() && RawInsertRows(floor.Db(), insert, rows); }, bare,
+        "bare D-Bus call");
 }
 
 void BM_ServiceSelect1000VsRaw(benchmark::State& state)
@@ -892,6 +1005,33 @@ void BM_ServiceRowIds(benchmark::State& state)
                             g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})), "(ax)");
         },
         "bare D-Bus call");
+}
+
+/* The floor under the row ids above: the same bare call, then raw SQLite
+ * reading the ids of the caller's tiles from the service's own file with the
+ * filter the service builds for it. */
+void BM_ServiceRowIdsFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
+    sqlite3_stmt* ids = nullptr;
+    const std::string sql = "SELECT _id FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ")";
+    if (sqlite3_prepare_v2(raw.Get(), sql.c_str(), -1, &ids, nullptr) != SQLITE_OK) {
+        state.SkipWithError("cannot read the service's database");
+        return;
+    }
+    const long long expected = std::min(kClientTiles, fixture->Tiles());
+    auto bare = [&] {
+        return BareCall("GetRowIds", g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})),
+                        "(ax)");
+    };
+    RunInterleaved(
+        state, "floor of the row ids (bare call + raw SQLite select), " + SizeName(fixture->Tiles()), 0,
+        Pairs(100, 10), [&] { return bare() && StepAll(ids) == expected; }, bare, "bare D-Bus call");
+    sqlite3_finalize(ids);
 }
 
 /* One repetition: an orderly stop, a start (timed), idle, memory. */
@@ -984,8 +1124,11 @@ void RegisterServiceBenchmarks()
         {"BM_ServiceInsert", BM_ServiceInsert},
         {"BM_ServiceInsertFloor", BM_ServiceInsertFloor},
         {"BM_ServiceUpdate", BM_ServiceUpdate},
+        {"BM_ServiceUpdateFloor", BM_ServiceUpdateFloor},
         {"BM_ServiceDelete", BM_ServiceDelete},
+        {"BM_ServiceDeleteFloor", BM_ServiceDeleteFloor},
         {"BM_ServiceRowIds", BM_ServiceRowIds},
+        {"BM_ServiceRowIdsFloor", BM_ServiceRowIdsFloor},
         {"BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000},
         {"BM_ServiceBulkInsertFloor", BM_ServiceBulkInsertFloor},
         {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
