@@ -5,7 +5,7 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include "Introspection.h"
+#include "MethodSignatures.h"
 #include <host_control.h>
 #include <message_port.h>
 

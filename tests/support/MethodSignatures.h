@@ -1,8 +1,8 @@
 /*
  * Interfaces as D-Bus introspection describes them, in a form tests compare.
  */
-#ifndef TILVANE_TEST_INTROSPECTION_H
-#define TILVANE_TEST_INTROSPECTION_H
+#ifndef TILVANE_TEST_METHOD_SIGNATURES_H
+#define TILVANE_TEST_METHOD_SIGNATURES_H
 
 #include <gio/gio.h>
 
