@@ -40,4 +40,17 @@ inline BundlePtr MakeBundle(const std::vector<std::pair<std::string, std::string
     return b;
 }
 
+/* The string entries of `b`, in its order (the reverse of MakeBundle). */
+inline std::vector<std::pair<std::string, std::string>> BundleEntries(bundle* b)
+{
+    std::vector<std::pair<std::string, std::string>> entries;
+    bundle_iterate(
+        b,
+        [](const char* key, const char* value, void* data) {
+            static_cast<std::vector<std::pair<std::string, std::string>>*>(data)->emplace_back(key, value);
+        },
+        &entries);
+    return entries;
+}
+
 #endif

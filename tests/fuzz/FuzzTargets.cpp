@@ -26,18 +26,6 @@ namespace {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
-void Collect(const char* key, const char* value, void* data)
-{
-    static_cast<Entries*>(data)->emplace_back(key, value);
-}
-
-Entries EntriesOf(bundle* b)
-{
-    Entries entries;
-    bundle_iterate(b, Collect, &entries);
-    return entries;
-}
-
 /* A decoded bundle: within the limits, unique non-empty keys, every key found
  * by lookup, and encoding it gives back a text that decodes to the same. */
 std::string CheckDecoded(const char* text, size_t length)
@@ -47,7 +35,7 @@ std::string CheckDecoded(const char* text, size_t length)
     if (!decoded) {
         return why == host::BundleRefusal::None ? "refused without a reason" : "";
     }
-    const Entries entries = EntriesOf(decoded.get());
+    const Entries entries = BundleEntries(decoded.get());
     if (entries.size() > host::kBundleMaxKeys || static_cast<int>(entries.size()) != bundle_get_count(decoded.get())) {
         return "entry count";
     }
@@ -76,7 +64,7 @@ std::string CheckDecoded(const char* text, size_t length)
     }
     BundlePtr again(bundle_decode(raw, rawLength));
     bundle_free_encoded_rawdata(&raw);
-    if (!again || EntriesOf(again.get()) != entries) {
+    if (!again || BundleEntries(again.get()) != entries) {
         return "encode and decode do not give the same entries";
     }
     return "";

@@ -14,18 +14,6 @@ namespace {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
-Entries EntriesOf(bundle* b)
-{
-    Entries entries;
-    bundle_iterate(
-        b,
-        [](const char* key, const char* val, void* data) {
-            static_cast<Entries*>(data)->emplace_back(key, val);
-        },
-        &entries);
-    return entries;
-}
-
 /* `b` through its transport form: encoded, then decoded. */
 BundlePtr EncodedAndDecoded(bundle* b)
 {
@@ -128,7 +116,7 @@ TEST_F(BundleTest, DeleteRemovesEntry)
     EXPECT_EQ(bundle_get_count(b.get()), 1);
     /* The key can be added again once removed. */
     EXPECT_EQ(bundle_add_str(b.get(), "a", "3"), BUNDLE_ERROR_NONE);
-    EXPECT_EQ(EntriesOf(b.get()), (Entries{{"b", "2"}, {"a", "3"}}));
+    EXPECT_EQ(BundleEntries(b.get()), (Entries{{"b", "2"}, {"a", "3"}}));
 }
 
 TEST_F(BundleTest, DeleteOfAbsentKeySucceeds)
@@ -162,7 +150,7 @@ TEST_F(BundleTest, DupIsDeep)
     bundle_add_str(original.get(), "y", "2");
     BundlePtr copy(bundle_dup(original.get()));
     ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(EntriesOf(copy.get()), EntriesOf(original.get()));
+    EXPECT_EQ(BundleEntries(copy.get()), BundleEntries(original.get()));
 
     bundle_del(original.get(), "x");
     bundle_add_str(original.get(), "z", "3");
@@ -170,7 +158,7 @@ TEST_F(BundleTest, DupIsDeep)
     ASSERT_EQ(bundle_get_str(original.get(), "y", &value), BUNDLE_ERROR_NONE);
     value[0] = '9';
 
-    EXPECT_EQ(EntriesOf(copy.get()), (Entries{{"x", "1"}, {"y", "2"}}));
+    EXPECT_EQ(BundleEntries(copy.get()), (Entries{{"x", "1"}, {"y", "2"}}));
     /* The copy's storage is its own: freeing the original leaves it readable. */
     original.reset();
     EXPECT_STREQ(bundle_get_val(copy.get(), "x"), "1");
@@ -183,7 +171,7 @@ TEST_F(BundleTest, IterateInInsertionOrder)
     for (const auto& entry : expected) {
         ASSERT_EQ(bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str()), BUNDLE_ERROR_NONE);
     }
-    EXPECT_EQ(EntriesOf(b.get()), expected);
+    EXPECT_EQ(BundleEntries(b.get()), expected);
 }
 
 TEST_F(BundleTest, EncodeDecodeRoundTrip)
@@ -207,7 +195,7 @@ TEST_F(BundleTest, EncodeDecodeRoundTrip)
 
     BundlePtr decoded(bundle_decode(raw, len));
     ASSERT_NE(decoded, nullptr);
-    EXPECT_EQ(EntriesOf(decoded.get()), expected);
+    EXPECT_EQ(BundleEntries(decoded.get()), expected);
 
     EXPECT_EQ(bundle_free_encoded_rawdata(&raw), BUNDLE_ERROR_NONE);
     EXPECT_EQ(raw, nullptr);
@@ -226,7 +214,7 @@ TEST_F(BundleTest, DecodedBundleChangesAndCopiesLikeABuiltOne)
     }
     BundlePtr decoded = EncodedAndDecoded(built.get());
     ASSERT_NE(decoded, nullptr);
-    EXPECT_EQ(EntriesOf(decoded.get()), expected);
+    EXPECT_EQ(BundleEntries(decoded.get()), expected);
     EXPECT_EQ(strlen(bundle_get_val(decoded.get(), "key39")), 39u * 7);
 
     EXPECT_EQ(bundle_del(decoded.get(), "key0"), BUNDLE_ERROR_NONE);
@@ -234,12 +222,12 @@ TEST_F(BundleTest, DecodedBundleChangesAndCopiesLikeABuiltOne)
     EXPECT_EQ(bundle_add_str(decoded.get(), "key5", "twice"), BUNDLE_ERROR_KEY_EXISTS);
     expected.erase(expected.begin());
     expected.emplace_back("key0", "again");
-    EXPECT_EQ(EntriesOf(decoded.get()), expected);
+    EXPECT_EQ(BundleEntries(decoded.get()), expected);
 
     BundlePtr copy(bundle_dup(decoded.get()));
     decoded.reset();
     ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(EntriesOf(copy.get()), expected);
+    EXPECT_EQ(BundleEntries(copy.get()), expected);
     EXPECT_STREQ(bundle_get_val(copy.get(), "key0"), "again");
 }
 

@@ -21,6 +21,7 @@
 #include "SharedQueryObject.h"
 #include "TestSupport.h"
 #include "bundle.h"
+#include "bundle_ptr.h"
 #include "content_provider_dispatch.h"
 
 using tilvane::client::Cell;
@@ -39,18 +40,6 @@ constexpr char kTiles[] = "content://org.example.shelf/tiles";
 constexpr char kSections[] = "content://org.example.shelf/sections";
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
-
-void CollectCB(const char* key, const char* value, void* data)
-{
-    static_cast<Entries*>(data)->emplace_back(key, value);
-}
-
-Entries EntriesOf(bundle* b)
-{
-    Entries entries;
-    bundle_iterate(b, CollectCB, &entries);
-    return entries;
-}
 
 /* Everything the callbacks saw, in order. */
 struct Seen {
@@ -74,7 +63,7 @@ int g_userData = 3;
 
 int InsertCB(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out)
 {
-    g_seen.push_back({"insert", in.strAppId, in.strUri, {EntriesOf(in.pValues)}, "", {}, {}, "", "", in.pUserData,
+    g_seen.push_back({"insert", in.strAppId, in.strUri, {BundleEntries(in.pValues)}, "", {}, {}, "", "", in.pUserData,
                       std::this_thread::get_id()});
     out.nRowId = 77;
     return g_result;
@@ -84,7 +73,7 @@ int BulkInsertCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_INSER
 {
     Seen seen{"bulk insert", in.strAppId, in.strUri, {}, "", {}, {}, "", "", in.pUserData, std::this_thread::get_id()};
     for (bundle* b : in.vecValues) {
-        seen.rows.push_back(EntriesOf(b));
+        seen.rows.push_back(BundleEntries(b));
     }
     g_seen.push_back(seen);
     out.nRowId = 100 + static_cast<int64_t>(in.vecValues.size());
@@ -93,7 +82,7 @@ int BulkInsertCB(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_INSER
 
 int UpdateCB(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM&)
 {
-    g_seen.push_back({"update", in.strAppId, in.strUri, {EntriesOf(in.pValues)}, in.strWhere, in.vecWhereArgs, {}, "",
+    g_seen.push_back({"update", in.strAppId, in.strUri, {BundleEntries(in.pValues)}, in.strWhere, in.vecWhereArgs, {}, "",
                       "", in.pUserData, std::this_thread::get_id()});
     return g_result;
 }
@@ -102,7 +91,7 @@ int BulkUpdateCB(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_UPDAT
 {
     Seen seen{"bulk update", in.strAppId, in.strUri, {}, "", {}, {}, "", "", in.pUserData, std::this_thread::get_id()};
     for (bundle* b : in.vecValues) {
-        seen.rows.push_back(EntriesOf(b));
+        seen.rows.push_back(BundleEntries(b));
     }
     g_seen.push_back(seen);
     return g_result;

@@ -5,6 +5,7 @@
  * the client an immediate "no result". Providers run in this process (the
  * client then runs the main context while it waits) or in a forked child.
  */
+#include <bundle_ptr.h>
 #include <data_control.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -62,11 +63,6 @@ std::vector<Seen> g_seen;
 std::function<void(int requestId)> g_answer;
 int g_sendResult = 0;
 
-void CollectCB(const char* key, const char* value, void* data)
-{
-    static_cast<std::vector<std::pair<std::string, std::string>>*>(data)->emplace_back(key, value);
-}
-
 Seen Common(int requestId, data_control_h provider, const char* kind, void* userData)
 {
     Seen seen;
@@ -89,7 +85,7 @@ Seen Common(int requestId, data_control_h provider, const char* kind, void* user
 void InsertCB(int requestId, data_control_h provider, bundle* data, void* userData)
 {
     Seen seen = Common(requestId, provider, "insert", userData);
-    bundle_iterate(data, CollectCB, &seen.values);
+    seen.values = BundleEntries(data);
     g_seen.push_back(seen);
     if (g_answer) {
         g_answer(requestId);
@@ -114,7 +110,7 @@ void SelectCB(int requestId, data_control_h provider, const char** columns, int 
 void UpdateCB(int requestId, data_control_h provider, bundle* data, const char* where, void* userData)
 {
     Seen seen = Common(requestId, provider, "update", userData);
-    bundle_iterate(data, CollectCB, &seen.values);
+    seen.values = BundleEntries(data);
     seen.where = where != nullptr ? where : "(null)";
     g_seen.push_back(seen);
     if (g_answer) {

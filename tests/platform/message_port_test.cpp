@@ -5,6 +5,7 @@
  */
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+#include <bundle_ptr.h>
 #include <message_port.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,45 +44,14 @@ struct Received {
     std::thread::id thread;
 };
 
-void CollectCB(const char* key, const char* value, void* data)
-{
-    static_cast<Entries*>(data)->emplace_back(key, value);
-}
-
-Entries EntriesOf(bundle* b)
-{
-    Entries entries;
-    bundle_iterate(b, CollectCB, &entries);
-    return entries;
-}
-
 void RecordCB(int localPortId, const char* remoteAppId, const char* remotePort, bool trusted, bundle* message,
               void* userData)
 {
     auto* all = static_cast<std::vector<Received>*>(userData);
     all->push_back(Received{localPortId, remoteAppId != nullptr ? remoteAppId : "", remotePort != nullptr,
-                            remotePort != nullptr ? remotePort : "", trusted, EntriesOf(message),
+                            remotePort != nullptr ? remotePort : "", trusted, BundleEntries(message),
                             std::this_thread::get_id()});
 }
-
-/* A bundle of string entries; freed at the end of the scope. */
-class Bundle
-{
-public:
-    explicit Bundle(const Entries& entries) : m_bundle(bundle_create())
-    {
-        for (const auto& entry : entries) {
-            bundle_add_str(m_bundle, entry.first.c_str(), entry.second.c_str());
-        }
-    }
-    ~Bundle() { bundle_free(m_bundle); }
-    Bundle(const Bundle&) = delete;
-    Bundle& operator=(const Bundle&) = delete;
-    bundle* Get() const { return m_bundle; }
-
-private:
-    bundle* m_bundle;
-};
 
 /* A bus connection of the test's own, outside the host platform. */
 GDBusConnection* RawConnection()
@@ -227,8 +197,8 @@ TEST_F(MessagePortTest, RegisterGivesPositiveIdsAndTheSameIdForTheSameName)
 
     /* Again under the same name: same id, and the new callback data is used. */
     EXPECT_EQ(message_port_register_local_port("inbox", RecordCB, &second), inbox);
-    Bundle message(Entries{{"k", "v"}});
-    ASSERT_EQ(message_port_send_message(tilvane::host::OwnAppId().c_str(), "inbox", message.Get()), 0);
+    BundlePtr message = MakeBundle({{"k", "v"}});
+    ASSERT_EQ(message_port_send_message(tilvane::host::OwnAppId().c_str(), "inbox", message.get()), 0);
     ASSERT_TRUE(IterateMainContextUntil([&] { return !second.empty(); }, 5000));
     EXPECT_TRUE(first.empty());
     EXPECT_EQ(second[0].localPortId, inbox);
@@ -249,24 +219,24 @@ TEST_F(MessagePortTest, UnregisterRemovesThePort)
 
     ASSERT_EQ(message_port_check_remote_port(tilvane::host::OwnAppId().c_str(), "inbox", &exist), 0);
     EXPECT_FALSE(exist);
-    Bundle message(Entries{{"k", "v"}});
-    EXPECT_EQ(message_port_send_message(tilvane::host::OwnAppId().c_str(), "inbox", message.Get()),
+    BundlePtr message = MakeBundle({{"k", "v"}});
+    EXPECT_EQ(message_port_send_message(tilvane::host::OwnAppId().c_str(), "inbox", message.get()),
               MESSAGE_PORT_ERROR_PORT_NOT_FOUND);
 }
 
 TEST_F(MessagePortTest, InvalidArgumentsAreRefused)
 {
-    Bundle message(Entries{{"k", "v"}});
+    BundlePtr message = MakeBundle({{"k", "v"}});
     bool exist = true;
     EXPECT_EQ(message_port_register_local_port(nullptr, RecordCB, nullptr), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(message_port_register_local_port("", RecordCB, nullptr), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(message_port_register_local_port("p", nullptr, nullptr), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(message_port_send_message(nullptr, "p", message.Get()), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(message_port_send_message("a", "", message.Get()), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(message_port_send_message(nullptr, "p", message.get()), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(message_port_send_message("a", "", message.get()), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(message_port_send_message("a", "p", nullptr), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(message_port_send_message_with_local_port("a", "p", message.Get(), 0),
+    EXPECT_EQ(message_port_send_message_with_local_port("a", "p", message.get(), 0),
               MESSAGE_PORT_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(message_port_send_message_with_local_port("a", "p", message.Get(), 4711),
+    EXPECT_EQ(message_port_send_message_with_local_port("a", "p", message.get(), 4711),
               MESSAGE_PORT_ERROR_PORT_NOT_FOUND);
     EXPECT_EQ(message_port_check_remote_port("a", "p", nullptr), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(message_port_check_remote_port("", "p", &exist), MESSAGE_PORT_ERROR_INVALID_PARAMETER);
@@ -282,8 +252,8 @@ TEST(MessagePortNoBus, WithoutABusRegistrationAndChecksFail)
     EXPECT_EQ(message_port_register_local_port("inbox", RecordCB, nullptr), MESSAGE_PORT_ERROR_IO_ERROR);
     bool exist = true;
     EXPECT_EQ(message_port_check_remote_port("com.example.other", "inbox", &exist), MESSAGE_PORT_ERROR_IO_ERROR);
-    Bundle message(Entries{{"k", "v"}});
-    EXPECT_EQ(message_port_send_message("com.example.other", "inbox", message.Get()), MESSAGE_PORT_ERROR_IO_ERROR);
+    BundlePtr message = MakeBundle({{"k", "v"}});
+    EXPECT_EQ(message_port_send_message("com.example.other", "inbox", message.get()), MESSAGE_PORT_ERROR_IO_ERROR);
     EXPECT_EQ(CountLines("tilvane-platform", "DBUS_SESSION_BUS_ADDRESS is not set"), 3);
 
     if (previous != nullptr) {
@@ -296,18 +266,18 @@ TEST(MessagePortNoBus, WithoutABusRegistrationAndChecksFail)
 TEST_F(MessagePortTest, AbsentApplicationOrPortIsReportedAtOnce)
 {
     ASSERT_GT(message_port_register_local_port("inbox", RecordCB, nullptr), 0);
-    Bundle message(Entries{{"k", "v"}});
+    BundlePtr message = MakeBundle({{"k", "v"}});
     bool exist = true;
 
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(message_port_check_remote_port("com.example.absent", "inbox", &exist), 0);
     EXPECT_FALSE(exist);
-    EXPECT_EQ(message_port_send_message("com.example.absent", "inbox", message.Get()),
+    EXPECT_EQ(message_port_send_message("com.example.absent", "inbox", message.get()),
               MESSAGE_PORT_ERROR_PORT_NOT_FOUND);
     exist = true;
     EXPECT_EQ(message_port_check_remote_port(tilvane::host::OwnAppId().c_str(), "nothing", &exist), 0);
     EXPECT_FALSE(exist);
-    EXPECT_EQ(message_port_send_message(tilvane::host::OwnAppId().c_str(), "nothing", message.Get()),
+    EXPECT_EQ(message_port_send_message(tilvane::host::OwnAppId().c_str(), "nothing", message.get()),
               MESSAGE_PORT_ERROR_PORT_NOT_FOUND);
     EXPECT_LT(MillisecondsSince(start), 2000);
 }
@@ -321,9 +291,9 @@ TEST_F(MessagePortTest, SendToOwnPortRunsTheCallbackOnTheMainContextWithTheSende
     ASSERT_GT(inbox, 0);
     ASSERT_GT(replies, 0);
 
-    Bundle message(Entries{{"request_type", "SubscribePreviewEvent"}, {"empty", ""}});
-    ASSERT_EQ(message_port_send_message("com.example.self", "inbox", message.Get()), 0);
-    ASSERT_EQ(message_port_send_message_with_local_port("com.example.self", "inbox", message.Get(), replies), 0);
+    BundlePtr message = MakeBundle({{"request_type", "SubscribePreviewEvent"}, {"empty", ""}});
+    ASSERT_EQ(message_port_send_message("com.example.self", "inbox", message.get()), 0);
+    ASSERT_EQ(message_port_send_message_with_local_port("com.example.self", "inbox", message.get(), replies), 0);
     /* Nothing runs before the main context does. */
     EXPECT_TRUE(received.empty());
 
@@ -349,8 +319,8 @@ TEST_F(MessagePortTest, SendsFromOtherThreadsAreDeliveredOnTheMainContext)
     std::vector<int> results(4, -1);
     for (int t = 0; t < 4; ++t) {
         senders.emplace_back([&, t] {
-            Bundle message(Entries{{"from", std::to_string(t)}});
-            results[t] = message_port_send_message(self.c_str(), "inbox", message.Get());
+            BundlePtr message = MakeBundle({{"from", std::to_string(t)}});
+            results[t] = message_port_send_message(self.c_str(), "inbox", message.get());
         });
     }
     for (std::thread& sender : senders) {
@@ -371,14 +341,14 @@ TEST_F(MessagePortTest, SentMessagesAreRecordedWhenAsked)
     tilvane::host::SetOwnAppId("com.example.self");
     ASSERT_GT(message_port_register_local_port("inbox", RecordCB, nullptr), 0);
     int replies = message_port_register_local_port("replies", RecordCB, nullptr);
-    Bundle message(Entries{{"a", "1"}, {"b", "2"}});
+    BundlePtr message = MakeBundle({{"a", "1"}, {"b", "2"}});
 
-    ASSERT_EQ(message_port_send_message("com.example.self", "inbox", message.Get()), 0);
+    ASSERT_EQ(message_port_send_message("com.example.self", "inbox", message.get()), 0);
     EXPECT_TRUE(tilvane::host::SentMessages().empty());
 
     tilvane::host::RecordSentMessages(true);
-    ASSERT_EQ(message_port_send_message_with_local_port("com.example.self", "inbox", message.Get(), replies), 0);
-    EXPECT_EQ(message_port_send_message("com.example.absent", "inbox", message.Get()),
+    ASSERT_EQ(message_port_send_message_with_local_port("com.example.self", "inbox", message.get(), replies), 0);
+    EXPECT_EQ(message_port_send_message("com.example.absent", "inbox", message.get()),
               MESSAGE_PORT_ERROR_PORT_NOT_FOUND);
     std::vector<tilvane::host::SentMessage> sent = tilvane::host::SentMessages();
     ASSERT_EQ(sent.size(), 2u);
@@ -408,13 +378,13 @@ TEST_F(MessagePortTest, InjectedFailuresMakeEachCallFailOnce)
     ASSERT_GT(inbox, 0);
     EXPECT_EQ(tilvane::host::CallCount("message_port_register_local_port"), 3);
 
-    Bundle message(Entries{{"k", "v"}});
+    BundlePtr message = MakeBundle({{"k", "v"}});
     tilvane::host::FailNextCalls("message_port_send_message", 1);
-    EXPECT_EQ(message_port_send_message("com.example.self", "inbox", message.Get()), MESSAGE_PORT_ERROR_IO_ERROR);
-    EXPECT_EQ(message_port_send_message("com.example.self", "inbox", message.Get()), 0);
+    EXPECT_EQ(message_port_send_message("com.example.self", "inbox", message.get()), MESSAGE_PORT_ERROR_IO_ERROR);
+    EXPECT_EQ(message_port_send_message("com.example.self", "inbox", message.get()), 0);
 
     tilvane::host::FailNextCalls("message_port_send_message_with_local_port", 1);
-    EXPECT_EQ(message_port_send_message_with_local_port("com.example.self", "inbox", message.Get(), inbox),
+    EXPECT_EQ(message_port_send_message_with_local_port("com.example.self", "inbox", message.get(), inbox),
               MESSAGE_PORT_ERROR_IO_ERROR);
 
     bool exist = false;
@@ -446,8 +416,8 @@ TEST_F(MessagePortTest, MessagesBetweenProcessesCarryTheSenderIdentityFromTheBus
         if (port <= 0) {
             return 10;
         }
-        Bundle hello(Entries{{"greeting", "hello"}});
-        if (message_port_send_message_with_local_port("com.example.receiver", "inbox", hello.Get(), port) != 0) {
+        BundlePtr hello = MakeBundle({{"greeting", "hello"}});
+        if (message_port_send_message_with_local_port("com.example.receiver", "inbox", hello.get(), port) != 0) {
             return 11;
         }
         ChildProcess::SignalReady(readyFd);
@@ -483,12 +453,12 @@ TEST_F(MessagePortTest, MessagesBetweenProcessesCarryTheSenderIdentityFromTheBus
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(message_port_check_remote_port("com.example.sender", "elsewhere", &exist), 0);
     EXPECT_FALSE(exist);
-    Bundle answer(Entries{{"answer", "welcome"}});
-    EXPECT_EQ(message_port_send_message("com.example.sender", "elsewhere", answer.Get()),
+    BundlePtr answer = MakeBundle({{"answer", "welcome"}});
+    EXPECT_EQ(message_port_send_message("com.example.sender", "elsewhere", answer.get()),
               MESSAGE_PORT_ERROR_PORT_NOT_FOUND);
     EXPECT_LT(MillisecondsSince(start), 2000);
 
-    ASSERT_EQ(message_port_send_message("com.example.sender", "replies", answer.Get()), 0)
+    ASSERT_EQ(message_port_send_message("com.example.sender", "replies", answer.get()), 0)
         << "the sending process ended with " << child.Wait(1000);
     EXPECT_EQ(child.Wait(15000), 0);
 }
@@ -536,11 +506,11 @@ TEST_F(MessagePortTest, AMessageClaimingAnotherApplicationIsDropped)
 
     GDBusConnection* forger = RawConnection();
     ASSERT_NE(forger, nullptr);
-    Bundle message(Entries{{"request_type", "SubscribePreviewEvent"}});
+    BundlePtr message = MakeBundle({{"request_type", "SubscribePreviewEvent"}});
     /* Claiming a running application, and one that does not run. */
-    EXPECT_EQ(RawDeliver(forger, "com.example.receiver", "inbox", "com.example.victim", message.Get()),
+    EXPECT_EQ(RawDeliver(forger, "com.example.receiver", "inbox", "com.example.victim", message.get()),
               "org.tilvane.MessagePort.Error.NotAuthorized");
-    EXPECT_EQ(RawDeliver(forger, "com.example.receiver", "inbox", "com.example.nobody", message.Get()),
+    EXPECT_EQ(RawDeliver(forger, "com.example.receiver", "inbox", "com.example.nobody", message.get()),
               "org.tilvane.MessagePort.Error.NotAuthorized");
 
     /* The same hand-made client, once it owns the name of the id it claims,
@@ -552,7 +522,7 @@ TEST_F(MessagePortTest, AMessageClaimingAnotherApplicationIsDropped)
         G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
     ASSERT_NE(owned, nullptr) << (error != nullptr ? error->message : "");
     g_variant_unref(owned);
-    EXPECT_EQ(RawDeliver(forger, "com.example.receiver", "inbox", "com.example.honest", message.Get()), "");
+    EXPECT_EQ(RawDeliver(forger, "com.example.receiver", "inbox", "com.example.honest", message.get()), "");
 
     ASSERT_TRUE(IterateMainContextUntil([&] { return !received.empty(); }, 5000));
     IterateMainContextUntil([] { return false; }, 200);

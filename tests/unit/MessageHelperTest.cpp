@@ -5,6 +5,7 @@
  * Subscribers are ports of this process (delivered through the main context)
  * or of forked processes (delivered over the private bus).
  */
+#include <bundle_ptr.h>
 #include <gtest/gtest.h>
 #include <message_port.h>
 
@@ -40,37 +41,13 @@ struct Received {
     Entries entries;
 };
 
-void CollectCB(const char* key, const char* value, void* data)
-{
-    static_cast<Entries*>(data)->emplace_back(key, value);
-}
-
 void RecordCB(int /*localPortId*/, const char* remoteAppId, const char* remotePort, bool /*trusted*/,
               bundle* message, void* userData)
 {
     Received received{remoteAppId != nullptr ? remoteAppId : "", remotePort != nullptr,
-                      remotePort != nullptr ? remotePort : "", {}};
-    bundle_iterate(message, CollectCB, &received.entries);
+                      remotePort != nullptr ? remotePort : "", BundleEntries(message)};
     static_cast<std::vector<Received>*>(userData)->push_back(received);
 }
-
-class Bundle
-{
-public:
-    explicit Bundle(const Entries& entries) : m_bundle(bundle_create())
-    {
-        for (const auto& entry : entries) {
-            bundle_add_str(m_bundle, entry.first.c_str(), entry.second.c_str());
-        }
-    }
-    ~Bundle() { bundle_free(m_bundle); }
-    Bundle(const Bundle&) = delete;
-    Bundle& operator=(const Bundle&) = delete;
-    bundle* Get() const { return m_bundle; }
-
-private:
-    bundle* m_bundle;
-};
 
 const Entries kEvent = {{"accelerator_app_pkg_name", "com.example.pkg"}, {"sync", "end"}};
 
@@ -128,8 +105,8 @@ TEST_F(MessageHelperTest, EmptyPortSubscriptionIsStoredUnderTheEmptyKey)
     EXPECT_EQ(CountLines("tilvane", "==========================================================="), 1);
 
     /* The empty key gives an empty port, which cannot be checked. */
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "failed to message_port_check_remote_port"), 1);
     EXPECT_TRUE(tilvane::host::SentMessages().empty());
 }
@@ -143,8 +120,8 @@ TEST_F(MessageHelperTest, SubscribingTwiceKeepsOneEntry)
     EXPECT_EQ(LastDump(), (std::vector<std::string>{"appID : [com.quillon.px.tilvane], PortName : "
                                                     "[listener_com.quillon.px.tilvane]"}));
 
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), 0);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), 0);
     Settle();
     ASSERT_EQ(received.size(), 1u);
     EXPECT_EQ(received[0].entries, kEvent);
@@ -176,8 +153,8 @@ TEST_F(MessageHelperTest, UnsubscribeRemovesTheEntryWhateverItsValue)
     m_helper.UnsubscribalRequest("y", "p_x");
     EXPECT_TRUE(LastDump().empty());
 
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
 }
 
 TEST_F(MessageHelperTest, PortNameIsTakenBackFromTheKey)
@@ -194,8 +171,8 @@ TEST_F(MessageHelperTest, PortNameIsTakenBackFromTheKey)
 
 TEST_F(MessageHelperTest, SendWithoutSubscribersReturnsMinus22AndSendsNothing)
 {
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "Start SendEvent"), 1);
     EXPECT_EQ(CountLines("tilvane", "Sending "), 0);
 
@@ -217,8 +194,8 @@ TEST_F(MessageHelperTest, VanishedSubscriberIsSkippedAndTheNextOneStillReceives)
     m_helper.SubscribalRequest(kServiceAppId, "listener");
     ASSERT_EQ(message_port_unregister_local_port(gone), 0);
 
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), 0);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), 0);
     EXPECT_EQ(CountLines("tilvane", "Sending 1th event"), 1);
     EXPECT_EQ(CountLines("tilvane", "Sending 3th event"), 1);
     EXPECT_EQ(CountLines("tilvane", "Target AppID [com.example.absent] or port [absent] is not exist"), 1);
@@ -254,11 +231,11 @@ TEST_F(MessageHelperTest, ASubscriberWhoseProcessEndedIsSkipped)
     ASSERT_TRUE(subscriber.WaitReady());
 
     m_helper.SubscribalRequest("com.example.subscriber", "events");
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), 0);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), 0);
     EXPECT_EQ(subscriber.Wait(15000), 0);
 
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "Target AppID [com.example.subscriber] or port [events] is not exist"), 1);
     EXPECT_EQ(SuccessfulSends().size(), 1u);
 }
@@ -270,9 +247,9 @@ TEST_F(MessageHelperTest, FailedSendWithRetryGoesOnInTheBackgroundFiveTimesOneSe
     ASSERT_GT(message_port_register_local_port("listener", RecordCB, &received), 0);
     m_helper.SubscribalRequest(kServiceAppId, "listener");
 
-    Bundle event(kEvent);
+    BundlePtr event = MakeBundle(kEvent);
     tilvane::host::FailNextCalls("message_port_send_message", 1);
-    int result = m_helper.Send(event.Get(), true);
+    int result = m_helper.Send(event.get(), true);
     EXPECT_EQ(static_cast<uint32_t>(result), kSendingInBackground);
     EXPECT_EQ(CountLines("tilvane", "NG - appID: com.quillon.px.tilvane"), 1);
 
@@ -314,9 +291,9 @@ TEST_F(MessageHelperTest, FailedSendWithoutRetryReturnsTheFailure)
     ASSERT_GT(message_port_register_local_port("listener", RecordCB, &received), 0);
     m_helper.SubscribalRequest(kServiceAppId, "listener");
 
-    Bundle event(kEvent);
+    BundlePtr event = MakeBundle(kEvent);
     tilvane::host::FailNextCalls("message_port_send_message", 1);
-    EXPECT_EQ(m_helper.Send(event.Get(), false), MESSAGE_PORT_ERROR_IO_ERROR);
+    EXPECT_EQ(m_helper.Send(event.get(), false), MESSAGE_PORT_ERROR_IO_ERROR);
     Settle();
     EXPECT_TRUE(received.empty());
     EXPECT_TRUE(tilvane::host::RecordedSleeps().empty());
@@ -325,12 +302,12 @@ TEST_F(MessageHelperTest, FailedSendWithoutRetryReturnsTheFailure)
 
 TEST_F(MessageHelperTest, SendEventSkipsAMissingPortAndReportsAFailedCheck)
 {
-    Bundle event(kEvent);
-    EXPECT_EQ(CMessageHelper::SendEvent("com.example.absent", "events", event.Get()), 0);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(CMessageHelper::SendEvent("com.example.absent", "events", event.get()), 0);
     EXPECT_EQ(CountLines("tilvane", "SKIP : remote port is not exist"), 1);
 
     tilvane::host::FailNextCalls("message_port_check_remote_port", 1);
-    EXPECT_EQ(CMessageHelper::SendEvent("com.example.absent", "events", event.Get()), 0);
+    EXPECT_EQ(CMessageHelper::SendEvent("com.example.absent", "events", event.get()), 0);
     std::vector<tilvane::host::LogLine> failed =
         LinesContaining("tilvane", "message_port_check_remote_port has failed for com.example.absent");
     ASSERT_EQ(failed.size(), 1u);
@@ -366,8 +343,8 @@ TEST_F(MessageHelperTest, InitRegistersThePortAndSubscribesTheDownloadManager)
     EXPECT_EQ(LastDump().size(), 1u);
 
     /* Not running: skipped. */
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "Target AppID [DownloadManager] or port [image_update_db] is not exist"), 1);
 }
 
@@ -393,8 +370,8 @@ TEST_F(MessageHelperTest, TheDownloadManagerReceivesEventsOverTheBus)
     ASSERT_TRUE(downloadManager.WaitReady());
 
     ASSERT_EQ(m_helper.Init(), 0);
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), 0);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), 0);
     EXPECT_EQ(CountLines("tilvane", "OK - appID: DownloadManager, portName : image_update_db"), 1);
     EXPECT_EQ(downloadManager.Wait(15000), 0);
 }
@@ -414,8 +391,8 @@ TEST_F(MessageHelperTest, InitGivesUpAfterSixtyRetriesOneSecondApart)
 
     /* Nothing was subscribed. */
     tilvane::host::ClearFailures();
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "Sending "), 0);
 }
 
@@ -430,8 +407,8 @@ TEST_F(MessageHelperTest, InitSucceedsAfterSomeFailuresAndSaysHowMany)
     ASSERT_EQ(ready.size(), 1u);
     EXPECT_EQ(ready[0].timeUs, 3 * 1000000);
 
-    Bundle event(kEvent);
-    m_helper.Send(event.Get(), true);
+    BundlePtr event = MakeBundle(kEvent);
+    m_helper.Send(event.get(), true);
     EXPECT_EQ(CountLines("tilvane", "Target AppID [DownloadManager] or port [image_update_db] is not exist"), 1);
 }
 
@@ -459,28 +436,28 @@ TEST_F(MessageHelperTest, TheDestructorLeavesThePortRegistered)
 
 TEST_F(MessageHelperTest, RequestCallbackRefusesWhatItCannotUse)
 {
-    Bundle subscribe(Entries{{"request_type", "SubscribePreviewEvent"}});
-    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, subscribe.Get(), nullptr);
+    BundlePtr subscribe = MakeBundle({{"request_type", "SubscribePreviewEvent"}});
+    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, subscribe.get(), nullptr);
     std::vector<tilvane::host::LogLine> noHelper = LinesContaining("tilvane", "Error : pUserData is NULL");
     ASSERT_EQ(noHelper.size(), 1u);
     EXPECT_EQ(noHelper[0].priority, DLOG_ERROR);
     EXPECT_EQ(CountLines("tilvane", "Start RequestCallback [com.example.app] [events]"), 1);
 
-    Bundle noType(Entries{{"something", "else"}});
-    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, noType.Get(), &m_helper);
-    CMessageHelper::RequestCallback(1, "com.example.app", nullptr, false, subscribe.Get(), &m_helper);
-    CMessageHelper::RequestCallback(1, nullptr, "events", false, subscribe.Get(), &m_helper);
+    BundlePtr noType = MakeBundle({{"something", "else"}});
+    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, noType.get(), &m_helper);
+    CMessageHelper::RequestCallback(1, "com.example.app", nullptr, false, subscribe.get(), &m_helper);
+    CMessageHelper::RequestCallback(1, nullptr, "events", false, subscribe.get(), &m_helper);
     std::vector<tilvane::host::LogLine> wrong = LinesContaining("tilvane", "Error : requested information is wrong");
     ASSERT_EQ(wrong.size(), 3u);
     EXPECT_EQ(wrong[0].priority, DLOG_ERROR);
 
-    Bundle unknown(Entries{{"request_type", "RefreshPreviewEvent"}});
-    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, unknown.Get(), &m_helper);
+    BundlePtr unknown = MakeBundle({{"request_type", "RefreshPreviewEvent"}});
+    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, unknown.get(), &m_helper);
     EXPECT_EQ(CountLines("tilvane", "Not defined Preview Event"), 1);
 
     /* A trigger without its target port does nothing. */
-    Bundle trigger(Entries{{"request_type", "TriggerPreviewEvent"}});
-    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, trigger.Get(), &m_helper);
+    BundlePtr trigger = MakeBundle({{"request_type", "TriggerPreviewEvent"}});
+    CMessageHelper::RequestCallback(1, "com.example.app", "events", false, trigger.get(), &m_helper);
     EXPECT_EQ(CountLines("tilvane", "Start TestTriggerPreviewEventRequest"), 0);
 
     EXPECT_EQ(CountLines("tilvane", "Start SubscribalRequest"), 0);
@@ -497,8 +474,8 @@ TEST_F(MessageHelperTest, TriggerSendsTheTestEventDirectlyToTheRequester)
     ASSERT_GT(message_port_register_local_port("listener", RecordCB, &subscriber), 0);
     m_helper.SubscribalRequest(kServiceAppId, "listener");
 
-    Bundle trigger(Entries{{"request_type", "TriggerPreviewEvent"}, {"replaceTargetPortName", "replies"}});
-    ASSERT_EQ(message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, trigger.Get(), replies), 0);
+    BundlePtr trigger = MakeBundle({{"request_type", "TriggerPreviewEvent"}, {"replaceTargetPortName", "replies"}});
+    ASSERT_EQ(message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, trigger.get(), replies), 0);
     ASSERT_TRUE(IterateMainContextUntil([&] { return !received.empty(); }, 5000));
     Settle();
 
@@ -527,8 +504,8 @@ TEST_F(MessageHelperTest, AnotherProcessSubscribesReceivesAndUnsubscribesOverThe
         if (port <= 0) {
             return 10;
         }
-        Bundle subscribe(Entries{{"request_type", "SubscribePreviewEvent"}});
-        if (message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, subscribe.Get(), port) != 0) {
+        BundlePtr subscribe = MakeBundle({{"request_type", "SubscribePreviewEvent"}});
+        if (message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, subscribe.get(), port) != 0) {
             return 11;
         }
         if (!IterateMainContextUntil([&] { return !received.empty(); }, 10000)) {
@@ -537,8 +514,8 @@ TEST_F(MessageHelperTest, AnotherProcessSubscribesReceivesAndUnsubscribesOverThe
         if (received[0].remoteAppId != kServiceAppId || received[0].entries != kEvent) {
             return 13;
         }
-        Bundle unsubscribe(Entries{{"request_type", "UnsubscribePreviewEvent"}});
-        if (message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, unsubscribe.Get(), port) != 0) {
+        BundlePtr unsubscribe = MakeBundle({{"request_type", "UnsubscribePreviewEvent"}});
+        if (message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, unsubscribe.get(), port) != 0) {
             return 14;
         }
         ChildProcess::SignalReady(readyFd);
@@ -552,15 +529,15 @@ TEST_F(MessageHelperTest, AnotherProcessSubscribesReceivesAndUnsubscribesOverThe
     ASSERT_TRUE(IterateMainContextUntil(
         [] { return CountLines("tilvane", "[com.example.subscriber] was added - [events]") == 1; }, 10000));
     EXPECT_EQ(CountLines("tilvane", "Start RequestCallback [com.example.subscriber] [events]"), 1);
-    Bundle event(kEvent);
-    EXPECT_EQ(m_helper.Send(event.Get(), true), 0);
+    BundlePtr event = MakeBundle(kEvent);
+    EXPECT_EQ(m_helper.Send(event.get(), true), 0);
     EXPECT_EQ(CountLines("tilvane", "OK - appID: com.example.subscriber, portName : events"), 1);
 
     ASSERT_TRUE(subscriber.WaitReady());
     ASSERT_TRUE(IterateMainContextUntil(
         [] { return CountLines("tilvane", "[com.example.subscriber] was removed") == 1; }, 10000));
     /* Only the download manager is left, and it does not run. */
-    EXPECT_EQ(m_helper.Send(event.Get(), true), -22);
+    EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "OK - appID: com.example.subscriber"), 1);
     EXPECT_EQ(subscriber.Wait(15000), 0);
 }
