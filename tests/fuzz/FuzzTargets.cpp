@@ -17,8 +17,8 @@
 
 #include "JsonLines.h"
 #include "Manifest.h"
-#include "bundle_limits.h"
-#include "row_codec.h"
+#include "bundle/bundle_limits.h"
+#include "bundle/row_codec.h"
 
 namespace tilvane {
 namespace fuzz {

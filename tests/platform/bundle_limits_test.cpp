@@ -15,7 +15,7 @@
 #include <bundle.h>
 #include <bundle_ptr.h>
 
-#include "../../platform/host/bundle_limits.h"
+#include "bundle/bundle_limits.h"
 
 namespace {
 

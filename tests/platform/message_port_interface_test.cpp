@@ -21,7 +21,7 @@ namespace {
 std::string PublishedXmlPath()
 {
     std::string here = __FILE__;
-    return here.substr(0, here.rfind('/')) + "/../../platform/host/message_port.xml";
+    return here.substr(0, here.rfind('/')) + "/../../platform/host/ports/message_port.xml";
 }
 
 void IgnoreMessage(int, const char*, const char*, bool, bundle*, void*)

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../../platform/host/platform_config.h"
+#include "config/platform_config.h"
 #include "TestSupport.h"
 
 namespace config = tilvane::host::config;

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "FuzzTargets.h"
-#include "row_codec.h"
+#include "bundle/row_codec.h"
 
 namespace {
 

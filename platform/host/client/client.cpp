@@ -12,12 +12,12 @@
 #include <cstring>
 #include <thread>
 
-#include "app_identity.h"
-#include "bus_connection.h"
-#include "glib_ptr.h"
-#include "host_state.h"
-#include "request_report.h"
-#include "row_codec.h"
+#include "identity/app_identity.h"
+#include "bus/bus_connection.h"
+#include "base/glib_ptr.h"
+#include "base/host_state.h"
+#include "requests/request_report.h"
+#include "bundle/row_codec.h"
 #include "bundle.h"
 #include "bundle_ptr.h"
 #include "dlog.h"

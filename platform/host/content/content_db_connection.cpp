@@ -16,8 +16,8 @@
 #include "content/sqlite_statement_cursor.h"
 #include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
-#include "request_confinement.h"
-#include "request_report.h"
+#include "confinement/request_confinement.h"
+#include "requests/request_report.h"
 
 using tilvane::content::Database;
 using tilvane::content::QuoteIdentifier;

@@ -11,7 +11,7 @@
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/statement_cache.h"
-#include "platform_config.h"
+#include "config/platform_config.h"
 
 using tilvane::content::QuoteIdentifier;
 using tilvane::content::StatementHandle;

@@ -11,8 +11,8 @@
 
 #include "ContentProviderParam.h"
 #include "content/content_log.h"
-#include "request_confinement.h"
-#include "bus_connection.h"
+#include "confinement/request_confinement.h"
+#include "bus/bus_connection.h"
 
 namespace tilvane {
 namespace content {

@@ -1,0 +1,486 @@
+/*
+ * Service applications on the host: the application's life runs on the GLib
+ * default main context, so that every source the system attaches there (bus
+ * connections, timers) is served by service_app_main's loop.
+ */
+#include "service_app.h"
+
+#include <glib-unix.h>
+#include <glib.h>
+#include <signal.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "identity/app_identity.h"
+#include "bus/bus_connection.h"
+#include "confinement_policy.h"
+#include "base/host_state.h"
+#include "dlog.h"
+#include "host_control.h"
+#include "message_port.h"
+#include "config/platform_config.h"
+#include "tilvane_version.h"
+
+namespace tilvane {
+namespace host {
+namespace {
+
+#define PLATFORM_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
+#define PLATFORM_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
+
+struct EventHandler {
+    uintptr_t id;
+    app_event_type_e type;
+    app_event_cb callback;
+    void* userData;
+};
+
+struct AppState {
+    std::mutex mutex;
+    /* The loop of the running service_app_main, null when none runs. */
+    GMainLoop* loop = nullptr;
+    /* Counts service_app_main runs, so that a late quit request of an older
+     * run cannot end a newer one. */
+    uint64_t run = 0;
+    bool exitRequested = false;
+    /* Handles are ids, never pointers, so that a stale handle is harmless. */
+    uintptr_t nextHandlerId = 1;
+    std::vector<EventHandler> handlers;
+};
+
+AppState& TheAppState()
+{
+    static AppState* state = new AppState();
+    return *state;
+}
+
+/* Loop thread only. */
+void QuitLoop(const char* why)
+{
+    AppState& s = TheAppState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.loop == nullptr) {
+        return;
+    }
+    if (!s.exitRequested) {
+        PLATFORM_LOGD("terminating: %s", why);
+    }
+    s.exitRequested = true;
+    g_main_loop_quit(s.loop);
+}
+
+const char* SignalName(int signum)
+{
+    return signum == SIGINT ? "SIGINT" : "SIGTERM";
+}
+
+/* The termination descriptor became readable: a SIGTERM or SIGINT arrived. */
+gboolean OnTerminationSignal(gint /*fd*/, GIOCondition /*condition*/, gpointer /*data*/)
+{
+    QuitLoop(SignalName(PendingTerminationSignal()));
+    return G_SOURCE_CONTINUE;
+}
+
+struct AppControlCall {
+    service_app_control_cb callback;
+    void* userData;
+};
+
+gboolean OnFirstIdle(gpointer data)
+{
+    const AppControlCall* call = static_cast<const AppControlCall*>(data);
+    PLATFORM_LOGD("app control");
+    call->callback(nullptr, call->userData);
+    return G_SOURCE_REMOVE;
+}
+
+gboolean OnTerminationRequest(gpointer data)
+{
+    const uint64_t run = *static_cast<const uint64_t*>(data);
+    bool current = false;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        current = s.loop != nullptr && s.run == run;
+    }
+    if (current) {
+        QuitLoop("termination requested");
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void FreeRunNumber(gpointer data)
+{
+    delete static_cast<uint64_t*>(data);
+}
+
+/* Owns the sources and the loop of one service_app_main run. */
+class LoopRun {
+public:
+    LoopRun()
+    {
+        loop_ = g_main_loop_new(nullptr, FALSE);
+        /* Installed before the create callback runs, so that a termination
+         * during start-up is kept, and ends its retry loops' sleeps. */
+        InstallTerminationHandlers();
+        signal_ = g_unix_fd_source_new(TerminationFd(), G_IO_IN);
+        g_source_set_callback(signal_, G_SOURCE_FUNC(OnTerminationSignal),
+                              nullptr, nullptr);
+        g_source_attach(signal_, nullptr);
+    }
+
+    ~LoopRun()
+    {
+        for (GSource* source : {idle_, signal_}) {
+            if (source != nullptr) {
+                g_source_destroy(source);
+                g_source_unref(source);
+            }
+        }
+        RestoreTerminationHandlers();
+        ClearTermination();
+        g_main_loop_unref(loop_);
+    }
+
+    LoopRun(const LoopRun&) = delete;
+    LoopRun& operator=(const LoopRun&) = delete;
+
+    GMainLoop* Loop() const { return loop_; }
+
+    void CallAppControlWhenIdle(service_app_control_cb callback, void* userData)
+    {
+        call_ = AppControlCall{callback, userData};
+        idle_ = Attach(g_idle_source_new(), OnFirstIdle, &call_);
+    }
+
+    void Run() { g_main_loop_run(loop_); }
+
+private:
+    static GSource* Attach(GSource* source, GSourceFunc function, gpointer data)
+    {
+        g_source_set_callback(source, function, data, nullptr);
+        g_source_attach(source, nullptr);
+        return source;
+    }
+
+    GMainLoop* loop_ = nullptr;
+    GSource* signal_ = nullptr;
+    GSource* idle_ = nullptr;
+    AppControlCall call_{nullptr, nullptr};
+};
+
+}  // namespace
+
+void ClearAppEventHandlers()
+{
+    AppState& s = TheAppState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.handlers.clear();
+}
+
+std::vector<app_event_type_e> RegisteredAppEventTypes()
+{
+    AppState& s = TheAppState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    std::vector<app_event_type_e> types;
+    for (const EventHandler& handler : s.handlers) {
+        types.push_back(handler.type);
+    }
+    return types;
+}
+
+int RaiseAppEvent(app_event_type_e type)
+{
+    std::vector<EventHandler> matching;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        for (const EventHandler& handler : s.handlers) {
+            if (handler.type == type) {
+                matching.push_back(handler);
+            }
+        }
+    }
+    PLATFORM_LOGD("raising app event %d to %zu handler(s)", static_cast<int>(type), matching.size());
+    for (const EventHandler& handler : matching) {
+        handler.callback(nullptr, handler.userData);
+    }
+    return static_cast<int>(matching.size());
+}
+
+void RequestTermination()
+{
+    uint64_t run = 0;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.loop == nullptr) {
+            PLATFORM_LOGD("termination requested while no service application runs");
+            return;
+        }
+        run = s.run;
+    }
+    /* Always through a source that the loop itself dispatches: a request made
+     * while the create callback still runs then ends the loop as soon as it
+     * starts, and one that arrives after the run ended does nothing. */
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, OnTerminationRequest, new uint64_t(run), FreeRunNumber);
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+}
+
+}  // namespace host
+}  // namespace tilvane
+
+namespace {
+
+/* The application id a service started without TILVANE_APP_ID runs as. */
+constexpr char kDefaultServiceAppId[] = "com.quillon.px.tilvane";
+constexpr int kExitStartFailed = 1;
+constexpr int kExitUsage = 2;
+
+const char* ProgramName(int argc, char** argv)
+{
+    if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
+        return "service";
+    }
+    const char* slash = std::strrchr(argv[0], '/');
+    return slash != nullptr ? slash + 1 : argv[0];
+}
+
+void PrintUsage(FILE* out, const char* program)
+{
+    std::fprintf(out,
+        "Usage: %s [--help] [--version]\n"
+        "\n"
+        "Runs the service application in the foreground until SIGTERM or SIGINT (Ctrl-C).\n"
+        "Log lines go to standard error.\n"
+        "\n"
+        "Options:\n"
+        "  --help     show this text\n"
+        "  --version  print the version\n"
+        "\n"
+        "Environment:\n"
+        "  TILVANE_PLATFORM_ROOT  folder under which every platform path resolves\n"
+        "                         (default: ./tilvane-data); databases live in <root>/opt/dbspace\n"
+        "  TILVANE_LOG_LEVEL      lowest priority logged: V, D, I, W, E or F (default: D)\n"
+        "  TILVANE_APP_ID         the application id the service runs as (default: %s)\n"
+        "  TILVANE_DATA_CONTROL_PROVIDER_ID\n"
+        "                         the data-control provider id it serves\n"
+        "                         (default: content://com.quillon.px.tiles)\n"
+        "  TILVANE_CONFIG         the integrator's configuration file\n"
+        "                         (default: <root>/etc/tilvane.conf)\n"
+        "  DBUS_SESSION_BUS_ADDRESS  the message bus it serves on (required)\n"
+        "\n"
+        "Exit codes: 0 ended normally, 1 could not start, 2 wrong command line.\n",
+        program, kDefaultServiceAppId);
+}
+
+/* What the command line asks for: run, or stop at once with an exit code. */
+bool ReadCommandLine(int argc, char** argv, int& exitCode)
+{
+    const char* program = ProgramName(argc, argv);
+    for (int i = 1; i < argc && argv[i] != nullptr; ++i) {
+        const char* word = argv[i];
+        if (std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0) {
+            PrintUsage(stdout, program);
+            exitCode = 0;
+            return false;
+        }
+        if (std::strcmp(word, "--version") == 0) {
+            std::printf("%s %s\n", program, TILVANE_VERSION);
+            exitCode = 0;
+            return false;
+        }
+        std::fprintf(stderr, "%s: unknown argument '%s'\n\n", program, word);
+        PrintUsage(stderr, program);
+        exitCode = kExitUsage;
+        return false;
+    }
+    return true;
+}
+
+/* Without TILVANE_APP_ID a service application runs as the service's own id
+ * (the integrator's [service] app-id, else the built-in one). */
+void ChooseDefaultAppId()
+{
+    const char* fromEnvironment = std::getenv("TILVANE_APP_ID");
+    if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
+        return;
+    }
+    tilvane::host::SetOwnAppId(tilvane::host::config::String("service", "app-id", kDefaultServiceAppId));
+}
+
+/* The bus must be there and the application's name free before the service
+ * is created: a second instance, or one with nowhere to serve, ends at once
+ * with one message instead of retrying. */
+bool StartUpPreconditionsHold(const char* program)
+{
+    using namespace tilvane::host;
+    const std::string appId = CurrentAppId();
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (address == nullptr || *address == '\0') {
+        std::fprintf(stderr, "%s: cannot start: no message bus (DBUS_SESSION_BUS_ADDRESS is not set)\n", program);
+        return false;
+    }
+    int result = 0;
+    GDBusConnectionPtr connection = SharedBusConnection(true, &result);
+    if (connection) {
+        return true;
+    }
+    if (result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE) {
+        std::fprintf(stderr, "%s: cannot start: application %s already runs on the bus (%s is owned by another "
+                     "process)\n", program, appId.c_str(), BusNameForAppId(appId).c_str());
+    } else if (result == MESSAGE_PORT_ERROR_INVALID_PARAMETER) {
+        std::fprintf(stderr, "%s: cannot start: application id \"%s\" cannot own a bus name\n", program,
+                     appId.c_str());
+    } else {
+        std::fprintf(stderr, "%s: cannot start: the message bus at %s cannot be used\n", program, address);
+    }
+    return false;
+}
+
+}  // namespace
+
+extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_callback_s* callback,
+                                void* user_data)
+{
+    using namespace tilvane::host;
+    /* A run with a command line is a program's start: its arguments are read
+     * and its preconditions checked. A run without one (an embedded loop, as
+     * the platform's own tests make) starts as it is. */
+    const bool programStart = argc >= 1 && argv != nullptr;
+    if (programStart) {
+        int exitCode = 0;
+        if (!ReadCommandLine(argc, argv, exitCode)) {
+            std::exit(exitCode);
+        }
+    }
+    if (callback == nullptr || callback->create == nullptr) {
+        PLATFORM_LOGE("service_app_main: invalid parameter");
+        return APP_ERROR_INVALID_PARAMETER;
+    }
+    if (programStart) {
+        ChooseDefaultAppId();
+        if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
+            std::exit(kExitStartFailed);
+        }
+    }
+
+    LoopRun run;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.loop != nullptr) {
+            PLATFORM_LOGE("service_app_main: already running");
+            return APP_ERROR_ALREADY_RUNNING;
+        }
+        s.loop = run.Loop();
+        ++s.run;
+        s.exitRequested = false;
+    }
+    auto detach = [] {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.loop = nullptr;
+        s.exitRequested = false;
+    };
+
+    /* The integrator's choice, stated once before the service sets up anything
+     * (at debug priority, as every line of the application's life). */
+    PLATFORM_LOGD(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
+    if (!callback->create(user_data)) {
+        PLATFORM_LOGE("service application create callback failed");
+        detach();
+        return APP_ERROR_INVALID_CONTEXT;
+    }
+    PLATFORM_LOGD("service application created");
+
+    bool exitBeforeLoop = false;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        exitBeforeLoop = s.exitRequested;
+    }
+    if (!exitBeforeLoop && TerminationPending()) {
+        QuitLoop(SignalName(PendingTerminationSignal()));
+        exitBeforeLoop = true;
+    }
+    if (!exitBeforeLoop) {
+        if (callback->app_control != nullptr) {
+            run.CallAppControlWhenIdle(callback->app_control, user_data);
+        }
+        PLATFORM_LOGD("main loop running");
+        run.Run();
+    }
+    PLATFORM_LOGD("main loop ended");
+
+    if (callback->terminate != nullptr) {
+        callback->terminate(user_data);
+    }
+    PLATFORM_LOGD("service application terminated");
+    detach();
+    return APP_ERROR_NONE;
+}
+
+extern "C" void service_app_exit(void)
+{
+    tilvane::host::QuitLoop("service_app_exit");
+}
+
+extern "C" int service_app_add_event_handler(app_event_handler_h* event_handler, app_event_type_e event_type,
+                                             app_event_cb callback, void* user_data)
+{
+    using namespace tilvane::host;
+    const int type = static_cast<int>(event_type);
+    if (event_handler == nullptr || callback == nullptr || type < APP_EVENT_LOW_MEMORY ||
+        type > APP_EVENT_SUSPENDED_STATE_CHANGED) {
+        return APP_ERROR_INVALID_PARAMETER;
+    }
+    if (ShouldFail("service_app_add_event_handler")) {
+        *event_handler = nullptr;
+        return APP_ERROR_OUT_OF_MEMORY;
+    }
+    AppState& s = TheAppState();
+    uintptr_t id = 0;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        id = s.nextHandlerId++;
+        s.handlers.push_back(EventHandler{id, event_type, callback, user_data});
+    }
+    *event_handler = reinterpret_cast<app_event_handler_h>(id);
+    PLATFORM_LOGD("event handler added: type %d", type);
+    return APP_ERROR_NONE;
+}
+
+extern "C" int service_app_remove_event_handler(app_event_handler_h event_handler)
+{
+    using namespace tilvane::host;
+    if (event_handler == nullptr) {
+        return APP_ERROR_INVALID_PARAMETER;
+    }
+    const uintptr_t id = reinterpret_cast<uintptr_t>(event_handler);
+    AppState& s = TheAppState();
+    int type = -1;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        for (auto it = s.handlers.begin(); it != s.handlers.end(); ++it) {
+            if (it->id == id) {
+                type = static_cast<int>(it->type);
+                s.handlers.erase(it);
+                break;
+            }
+        }
+    }
+    if (type < 0) {
+        return APP_ERROR_INVALID_PARAMETER;
+    }
+    PLATFORM_LOGD("event handler removed: type %d", type);
+    return APP_ERROR_NONE;
+}

@@ -1,0 +1,378 @@
+/*
+ * The encoding of select results that both request interfaces send (row_codec.h).
+ */
+#include "bundle/row_codec.h"
+
+#include <sqlite3.h>
+
+#include <cstring>
+
+#include "SQLiteCursor.h"
+#include "content/sqlite_statement_cursor.h"
+
+namespace tilvane {
+namespace host {
+
+namespace {
+
+/* Room for the first rows; the string grows geometrically after that. */
+constexpr size_t kInitialReserve = 16 * 1024;
+
+void AppendU32(std::string& bytes, uint32_t value)
+{
+    const char le[4] = {static_cast<char>(value & 0xff), static_cast<char>((value >> 8) & 0xff),
+                        static_cast<char>((value >> 16) & 0xff), static_cast<char>((value >> 24) & 0xff)};
+    bytes.append(le, sizeof le);
+}
+
+void AppendTagged64(std::string& bytes, uint8_t tag, uint64_t bits)
+{
+    char out[9];
+    out[0] = static_cast<char>(tag);
+    for (int i = 0; i < 8; ++i) {
+        out[1 + i] = static_cast<char>((bits >> (8 * i)) & 0xff);
+    }
+    bytes.append(out, sizeof out);
+}
+
+std::vector<std::string> StatementColumnNames(sqlite3_stmt* statement)
+{
+    const int count = sqlite3_column_count(statement);
+    std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        const char* name = sqlite3_column_name(statement, i);
+        names.emplace_back(name != nullptr ? name : "");
+    }
+    return names;
+}
+
+}  // namespace
+
+RowEncoder::RowEncoder(const std::vector<std::string>& columns)
+{
+    m_bytes.reserve(kInitialReserve);
+    m_bytes.push_back(static_cast<char>(kRowFormat));
+    PutU32(static_cast<uint32_t>(columns.size()));
+    for (const std::string& name : columns) {
+        PutU32(static_cast<uint32_t>(name.size()));
+        m_bytes.append(name);
+    }
+    m_rowCountAt = m_bytes.size();
+    PutU32(0);
+}
+
+void RowEncoder::PutU32(uint32_t value)
+{
+    AppendU32(m_bytes, value);
+}
+
+void RowEncoder::Integer(int64_t value)
+{
+    AppendTagged64(m_bytes, kTagInteger, static_cast<uint64_t>(value));
+}
+
+void RowEncoder::Real(double value)
+{
+    uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    AppendTagged64(m_bytes, kTagReal, bits);
+}
+
+void RowEncoder::Text(const char* data, size_t length)
+{
+    m_bytes.push_back(static_cast<char>(kTagText));
+    PutU32(static_cast<uint32_t>(length));
+    if (length > 0) {
+        m_bytes.append(data, length);
+    }
+}
+
+void RowEncoder::Blob(const void* data, size_t length)
+{
+    m_bytes.push_back(static_cast<char>(kTagBlob));
+    PutU32(static_cast<uint32_t>(length));
+    if (length > 0) {
+        m_bytes.append(static_cast<const char*>(data), length);
+    }
+}
+
+void RowEncoder::StatementRow(sqlite3_stmt* statement, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        switch (sqlite3_column_type(statement, i)) {
+        case SQLITE_INTEGER:
+            Integer(sqlite3_column_int64(statement, i));
+            break;
+        case SQLITE_FLOAT:
+            Real(sqlite3_column_double(statement, i));
+            break;
+        case SQLITE_TEXT: {
+            // text first, then bytes: the length is that of the text form.
+            const unsigned char* text = sqlite3_column_text(statement, i);
+            Text(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(statement, i)));
+            break;
+        }
+        case SQLITE_BLOB: {
+            const void* blob = sqlite3_column_blob(statement, i);
+            Blob(blob, static_cast<size_t>(sqlite3_column_bytes(statement, i)));
+            break;
+        }
+        default:
+            Null();
+            break;
+        }
+    }
+    EndRow();
+}
+
+std::string RowEncoder::Finish()
+{
+    for (int i = 0; i < 4; ++i) {
+        m_bytes[m_rowCountAt + static_cast<size_t>(i)] = static_cast<char>((m_rows >> (8 * i)) & 0xff);
+    }
+    return std::move(m_bytes);
+}
+
+bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded)
+{
+    const int count = sqlite3_column_count(statement);
+    RowEncoder encoder(StatementColumnNames(statement));
+    for (;;) {
+        const int step = sqlite3_step(statement);
+        if (step == SQLITE_DONE) {
+            break;
+        }
+        if (step != SQLITE_ROW) {
+            return false;
+        }
+        encoder.StatementRow(statement, count);
+    }
+    encoded = encoder.Finish();
+    return true;
+}
+
+namespace {
+
+/* One cell of a cursor's current row, by its type; `text` and `blob` are
+ * scratch buffers kept across cells. */
+void EncodeCursorCell(ISQLiteCursor& cursor, int i, RowEncoder& encoder, std::string& text,
+                      std::vector<unsigned char>& blob)
+{
+    switch (cursor.GetColumnType(i)) {
+    case SQLITE_INTEGER: {
+        int64_t value = 0;
+        cursor.GetInt64(i, value);
+        encoder.Integer(value);
+        break;
+    }
+    case SQLITE_FLOAT: {
+        double value = 0.0;
+        cursor.GetDouble(i, value);
+        encoder.Real(value);
+        break;
+    }
+    case SQLITE_TEXT:
+        cursor.GetString(i, text);
+        encoder.Text(text.data(), text.size());
+        break;
+    case SQLITE_BLOB:
+        cursor.GetBlob(i, blob);
+        encoder.Blob(blob.data(), blob.size());
+        break;
+    default:
+        encoder.Null();
+        break;
+    }
+}
+
+}  // namespace
+
+bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
+{
+    const int count = cursor.GetColumnCount();
+    std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        names.push_back(cursor.GetColumnName(i));
+    }
+    RowEncoder encoder(names);
+    // The content library's own cursor: every cell straight from its statement,
+    // under one hold of the connection's lock.
+    if (auto* direct = dynamic_cast<CSQLiteStatementCursor*>(&cursor)) {
+        const int step =
+            direct->ForEachRemainingRow([&encoder, count](sqlite3_stmt* statement) { encoder.StatementRow(statement, count); });
+        if (step != ISQLiteCursor::STEP_DONE) {
+            return false;
+        }
+        encoded = encoder.Finish();
+        return true;
+    }
+    std::string text;
+    std::vector<unsigned char> blob;
+    for (;;) {
+        const int step = cursor.Step();
+        if (step == ISQLiteCursor::STEP_DONE) {
+            break;
+        }
+        if (step != ISQLiteCursor::STEP_ROW) {
+            return false;
+        }
+        for (int i = 0; i < count; ++i) {
+            EncodeCursorCell(cursor, i, encoder, text, blob);
+        }
+        encoder.EndRow();
+    }
+    encoded = encoder.Finish();
+    return true;
+}
+
+namespace {
+
+class Reader {
+public:
+    Reader(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    bool U8(uint8_t& value)
+    {
+        if (m_at + 1 > m_size) {
+            return false;
+        }
+        value = m_data[m_at++];
+        return true;
+    }
+    bool U32(uint32_t& value) { return LittleEndian(value); }
+    bool U64(uint64_t& value) { return LittleEndian(value); }
+    bool Bytes(size_t length, const uint8_t*& start)
+    {
+        if (length > m_size - m_at) {
+            return false;
+        }
+        start = m_data + m_at;
+        m_at += length;
+        return true;
+    }
+    bool AtEnd() const { return m_at == m_size; }
+    size_t Left() const { return m_size - m_at; }
+
+private:
+    /* An unsigned number of sizeof(T) bytes, least significant first. */
+    template <typename T>
+    bool LittleEndian(T& value)
+    {
+        if (m_at + sizeof(T) > m_size) {
+            return false;
+        }
+        value = 0;
+        for (size_t i = 0; i < sizeof(T); ++i) {
+            value |= static_cast<T>(m_data[m_at + i]) << (8 * i);
+        }
+        m_at += sizeof(T);
+        return true;
+    }
+
+    const uint8_t* m_data;
+    size_t m_size;
+    size_t m_at = 0;
+};
+
+}  // namespace
+
+namespace {
+
+/* A length-prefixed run of bytes. */
+bool ReadRun(Reader& reader, const uint8_t*& start, uint32_t& length)
+{
+    return reader.U32(length) && reader.Bytes(length, start);
+}
+
+/* One cell: its tag, then its value. */
+bool DecodeCell(Reader& reader, client::Cell& cell)
+{
+    using client::Cell;
+    uint8_t tag = 0;
+    if (!reader.U8(tag)) {
+        return false;
+    }
+    uint64_t bits = 0;
+    uint32_t length = 0;
+    const uint8_t* start = nullptr;
+    switch (tag) {
+    case kTagNull:
+        cell.type = Cell::Type::Null;
+        return true;
+    case kTagInteger:
+        if (!reader.U64(bits)) {
+            return false;
+        }
+        cell.type = Cell::Type::Integer;
+        cell.integer = static_cast<int64_t>(bits);
+        return true;
+    case kTagReal:
+        if (!reader.U64(bits)) {
+            return false;
+        }
+        cell.type = Cell::Type::Real;
+        std::memcpy(&cell.real, &bits, sizeof bits);
+        return true;
+    case kTagText:
+        if (!ReadRun(reader, start, length)) {
+            return false;
+        }
+        cell.type = Cell::Type::Text;
+        cell.text.assign(reinterpret_cast<const char*>(start), length);
+        return true;
+    case kTagBlob:
+        if (!ReadRun(reader, start, length)) {
+            return false;
+        }
+        cell.type = Cell::Type::Blob;
+        cell.blob.assign(start, start + length);
+        return true;
+    default:
+        return false;
+    }
+}
+
+}  // namespace
+
+bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows)
+{
+    Reader reader(data, size);
+    uint8_t format = 0;
+    uint32_t columnCount = 0;
+    if (!reader.U8(format) || format != kRowFormat || !reader.U32(columnCount) || columnCount > size) {
+        return false;
+    }
+    rows.columns.clear();
+    rows.rows.clear();
+    for (uint32_t i = 0; i < columnCount; ++i) {
+        uint32_t length = 0;
+        const uint8_t* start = nullptr;
+        if (!ReadRun(reader, start, length)) {
+            return false;
+        }
+        rows.columns.emplace_back(reinterpret_cast<const char*>(start), length);
+    }
+    uint32_t rowCount = 0;
+    /* Every cell takes at least its tag byte, so the counts are checked
+     * against what is left before anything is reserved: a result without
+     * columns has no rows, and decoding stays linear in `size`. */
+    if (!reader.U32(rowCount) || (columnCount == 0 && rowCount > 0) ||
+        static_cast<uint64_t>(rowCount) * columnCount > reader.Left()) {
+        return false;
+    }
+    rows.rows.reserve(rowCount);
+    for (uint32_t r = 0; r < rowCount; ++r) {
+        std::vector<client::Cell> row(columnCount);
+        for (client::Cell& cell : row) {
+            if (!DecodeCell(reader, cell)) {
+                return false;
+            }
+        }
+        rows.rows.push_back(std::move(row));
+    }
+    return reader.AtEnd();
+}
+
+}  // namespace host
+}  // namespace tilvane

@@ -1,0 +1,127 @@
+/*
+ * Strict confinement's switch and limits (confinement_policy.h), read from the
+ * integrator's configuration, and the request scope of request_confinement.h.
+ */
+#include "confinement_policy.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "dlog.h"
+#include "base/host_state.h"
+#include "config/platform_config.h"
+#include "confinement/request_confinement.h"
+
+namespace tilvane {
+namespace host {
+namespace {
+
+constexpr char kGroup[] = "strict";
+constexpr int64_t kDefaultSectionsPerPackage = 64;
+constexpr int64_t kDefaultTilesPerPackage = 1024;
+constexpr int64_t kDefaultValueBytes = 16 * 1024;
+constexpr int64_t kDefaultWhereBytes = 8 * 1024;
+constexpr int64_t kLargestLimit = 1 << 30;
+
+int Limit(const char* key, int64_t fallback)
+{
+    const int64_t value = config::Integer(kGroup, key, fallback);
+    return static_cast<int>(std::min<int64_t>(std::max<int64_t>(value, 1), kLargestLimit));
+}
+
+thread_local confinement::RequestContext* t_request = nullptr;
+
+}  // namespace
+
+namespace confinement {
+
+RequestScope::RequestScope(const std::string& table, const std::string& caller)
+{
+    /* An outer scope (the request interface's) keeps the request. */
+    if (t_request != nullptr || !confinement_policy_is_strict()) {
+        return;
+    }
+    m_context.table = table;
+    m_context.caller = caller;
+    m_active = true;
+    t_request = &m_context;
+}
+
+RequestScope::~RequestScope()
+{
+    if (m_active) {
+        t_request = nullptr;
+    }
+}
+
+std::string RequestScope::RefusalText() const
+{
+    return m_context.reason + " (strict confinement, rule " + m_context.rule + ", result " +
+           std::to_string(CONFINEMENT_POLICY_REFUSED) + ")";
+}
+
+RequestContext* CurrentRequest()
+{
+    return t_request;
+}
+
+std::string TableOfUri(const std::string& uri)
+{
+    const size_t slash = uri.rfind('/');
+    return slash == std::string::npos ? uri : uri.substr(slash + 1);
+}
+
+}  // namespace confinement
+}  // namespace host
+}  // namespace tilvane
+
+using namespace tilvane::host;
+
+extern "C" bool confinement_policy_is_strict(void)
+{
+    return config::Bool(kGroup, "confinement", false);
+}
+
+extern "C" int confinement_policy_max_sections_per_package(void)
+{
+    return Limit("sections-per-package", kDefaultSectionsPerPackage);
+}
+
+extern "C" int confinement_policy_max_tiles_per_package(void)
+{
+    return Limit("tiles-per-package", kDefaultTilesPerPackage);
+}
+
+extern "C" int confinement_policy_max_value_bytes(void)
+{
+    return Limit("value-bytes", kDefaultValueBytes);
+}
+
+extern "C" int confinement_policy_max_where_bytes(void)
+{
+    return Limit("where-bytes", kDefaultWhereBytes);
+}
+
+extern "C" bool confinement_policy_is_trusted_sender(const char* app_id)
+{
+    if (app_id == nullptr) {
+        return false;
+    }
+    const std::vector<std::string> trusted = config::StringList(kGroup, "trusted-senders");
+    return std::find(trusted.begin(), trusted.end(), app_id) != trusted.end();
+}
+
+extern "C" void confinement_policy_refuse(const char* rule, const char* reason)
+{
+    const std::string ruleText = rule != nullptr ? rule : "";
+    const std::string reasonText = reason != nullptr ? reason : "";
+    confinement::RequestContext* request = confinement::CurrentRequest();
+    __dlog_print(LOG_ID_MAIN, DLOG_WARN, kPlatformLogTag, "strict confinement refused (rule %s) for %s: %s",
+                 ruleText.c_str(), request != nullptr ? request->caller.c_str() : "(no request)", reasonText.c_str());
+    if (request != nullptr && !request->refused) {
+        request->refused = true;
+        request->rule = ruleText;
+        request->reason = reasonText;
+    }
+}

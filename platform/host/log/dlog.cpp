@@ -1,0 +1,350 @@
+/*
+ * The platform log on the host: one line per call on standard error,
+ *   "MM-DD HH:MM:SS.mmm P/TAG(PID): message"
+ * written with a single write() so that lines of concurrent threads never mix.
+ *
+ * What is written is rate-limited per call site (per format string), as
+ * journald limits a service: in each interval (TILVANE_LOG_RATE_INTERVAL_MS,
+ * default 10000) a site writes at most a burst of lines (TILVANE_LOG_RATE_BURST,
+ * default 2000; 0 turns the limit off). Further lines of that site are neither
+ * formatted nor written, and the first line it writes in a later interval is
+ * preceded by one line saying how many were suppressed. Log capture (tests)
+ * keeps every line, suppressed or not.
+ */
+#include "dlog.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "host_control.h"
+#include "base/host_state.h"
+#include "requests/request_report.h"
+
+namespace tilvane {
+namespace host {
+namespace {
+
+/* 0 means "not read yet". */
+std::atomic<int> gMinimumPriority{0};
+
+constexpr int64_t kDefaultBurst = 2000;
+constexpr int64_t kDefaultIntervalMs = 10000;
+/* A site that logs long lines is held to bytes as well as lines: a filter
+ * logged once per row with the text so far would otherwise write megabytes
+ * within its burst. */
+constexpr int64_t kDefaultBurstBytes = 256 * 1024;
+/* Call sites followed one by one; lines of further sites share one budget. */
+constexpr size_t kMaxSites = 4096;
+
+struct SiteBudget {
+    int64_t windowStartUs = 0;
+    int64_t written = 0;
+    int64_t writtenBytes = 0;
+    int64_t suppressed = 0;
+};
+
+struct RateLimit {
+    std::mutex mutex;
+    bool loaded = false;
+    int64_t burst = kDefaultBurst;
+    int64_t burstBytes = kDefaultBurstBytes;
+    int64_t intervalUs = kDefaultIntervalMs * 1000;
+    std::unordered_map<const char*, SiteBudget> sites;
+    int64_t formatted = 0;
+    int64_t suppressedTotal = 0;
+};
+
+RateLimit& TheRateLimit()
+{
+    static RateLimit* limit = new RateLimit();
+    return *limit;
+}
+
+int64_t ReadNonNegative(const char* variable, int64_t fallback)
+{
+    const char* text = getenv(variable);
+    if (text == nullptr || *text == '\0') {
+        return fallback;
+    }
+    char* end = nullptr;
+    const long long value = strtoll(text, &end, 10);
+    return (*end == '\0' && value >= 0) ? static_cast<int64_t>(value) : fallback;
+}
+
+/* A clock read on every line: the coarse one costs no system call and is
+ * fine enough for intervals of seconds. */
+int64_t MonotonicUs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+/* Whether the site of `fmt` may write a line now. *suppressedBefore is set to
+ * the lines it suppressed in its previous interval, to be reported first. */
+bool AdmitLine(const char* fmt, int64_t* suppressedBefore)
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    if (!limit.loaded) {
+        limit.burst = ReadNonNegative("TILVANE_LOG_RATE_BURST", kDefaultBurst);
+        limit.burstBytes = ReadNonNegative("TILVANE_LOG_RATE_BYTES", kDefaultBurstBytes);
+        const int64_t intervalMs = ReadNonNegative("TILVANE_LOG_RATE_INTERVAL_MS", kDefaultIntervalMs);
+        limit.intervalUs = (intervalMs > 0 ? intervalMs : kDefaultIntervalMs) * 1000;
+        limit.loaded = true;
+    }
+    *suppressedBefore = 0;
+    if (limit.burst == 0) {
+        return true;
+    }
+    const char* key = (limit.sites.size() < kMaxSites || limit.sites.count(fmt) != 0) ? fmt : nullptr;
+    SiteBudget& site = limit.sites[key];
+    const int64_t now = MonotonicUs();
+    if (site.written == 0 && site.suppressed == 0) {
+        site.windowStartUs = now;
+    } else if (now - site.windowStartUs >= limit.intervalUs) {
+        *suppressedBefore = site.suppressed;
+        site = SiteBudget();
+        site.windowStartUs = now;
+    }
+    if (site.written < limit.burst && (limit.burstBytes == 0 || site.writtenBytes < limit.burstBytes)) {
+        ++site.written;
+        return true;
+    }
+    ++site.suppressed;
+    ++limit.suppressedTotal;
+    return false;
+}
+
+/* Counts the bytes of a line that AdmitLine let through against its site. */
+void CountWrittenBytes(const char* fmt, size_t bytes)
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    auto site = limit.sites.find(fmt);
+    if (site == limit.sites.end()) {
+        site = limit.sites.find(nullptr);
+    }
+    if (site != limit.sites.end()) {
+        site->second.writtenBytes += static_cast<int64_t>(bytes);
+    }
+}
+
+void CountFormatted()
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    ++limit.formatted;
+}
+
+int ParseLogLevel(const char* text)
+{
+    if (text == nullptr || *text == '\0') {
+        return DLOG_DEBUG;
+    }
+    std::string value;
+    for (const char* p = text; *p != '\0'; ++p) {
+        value.push_back(static_cast<char>(tolower(static_cast<unsigned char>(*p))));
+    }
+    if (isdigit(static_cast<unsigned char>(value[0]))) {
+        char* end = nullptr;
+        long number = strtol(value.c_str(), &end, 10);
+        if (*end == '\0' && number >= DLOG_VERBOSE && number <= DLOG_SILENT) {
+            return static_cast<int>(number);
+        }
+        return DLOG_DEBUG;
+    }
+    struct Name {
+        const char* letter;
+        const char* word;
+        const char* alias;
+        int priority;
+    };
+    static const Name names[] = {
+        {"v", "verbose", "verbose", DLOG_VERBOSE}, {"d", "debug", "debug", DLOG_DEBUG},
+        {"i", "info", "information", DLOG_INFO},   {"w", "warn", "warning", DLOG_WARN},
+        {"e", "error", "err", DLOG_ERROR},         {"f", "fatal", "fatal", DLOG_FATAL},
+        {"s", "silent", "none", DLOG_SILENT},
+    };
+    for (const Name& n : names) {
+        if (value == n.letter || value == n.word || value == n.alias) {
+            return n.priority;
+        }
+    }
+    return DLOG_DEBUG;
+}
+
+int MinimumPriority()
+{
+    int level = gMinimumPriority.load(std::memory_order_acquire);
+    if (level == 0) {
+        level = ParseLogLevel(getenv("TILVANE_LOG_LEVEL"));
+        gMinimumPriority.store(level, std::memory_order_release);
+    }
+    return level;
+}
+
+char PriorityLetter(int prio)
+{
+    switch (prio) {
+    case DLOG_VERBOSE: return 'V';
+    case DLOG_DEBUG: return 'D';
+    case DLOG_INFO: return 'I';
+    case DLOG_WARN: return 'W';
+    case DLOG_ERROR: return 'E';
+    case DLOG_FATAL: return 'F';
+    default: return '?';
+    }
+}
+
+std::string FormatMessage(const char* fmt, va_list ap)
+{
+    char small[512];
+    va_list copy;
+    va_copy(copy, ap);
+    int needed = vsnprintf(small, sizeof small, fmt, copy);
+    va_end(copy);
+    if (needed < 0) {
+        return std::string();
+    }
+    if (static_cast<size_t>(needed) < sizeof small) {
+        return std::string(small, static_cast<size_t>(needed));
+    }
+    std::string text(static_cast<size_t>(needed) + 1, '\0');
+    vsnprintf(&text[0], text.size(), fmt, ap);
+    text.resize(static_cast<size_t>(needed));
+    return text;
+}
+
+void WriteAll(const std::string& line)
+{
+    const char* data = line.data();
+    size_t left = line.size();
+    while (left > 0) {
+        ssize_t written = write(STDERR_FILENO, data, left);
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return;
+        }
+        data += written;
+        left -= static_cast<size_t>(written);
+    }
+}
+
+std::string Stamp(int prio)
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    struct tm local;
+    localtime_r(&tv.tv_sec, &local);
+    char stamp[64];
+    snprintf(stamp, sizeof stamp, "%02d-%02d %02d:%02d:%02d.%03d %c/", local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(tv.tv_usec / 1000),
+             PriorityLetter(prio));
+    return stamp;
+}
+
+size_t WriteLine(int prio, const char* tag, const std::string& message)
+{
+    char pid[32];
+    snprintf(pid, sizeof pid, "(%d): ", static_cast<int>(getpid()));
+    std::string line;
+    line.reserve(message.size() + 64);
+    line.append(Stamp(prio)).append(tag).append(pid).append(message).push_back('\n');
+    WriteAll(line);
+    return line.size();
+}
+
+}  // namespace
+
+void ForgetLogLevel()
+{
+    gMinimumPriority.store(0, std::memory_order_release);
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    limit.loaded = false;
+    limit.sites.clear();
+    limit.formatted = 0;
+    limit.suppressedTotal = 0;
+}
+
+LogRateCounters LogRateCountersNow()
+{
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    return LogRateCounters{limit.formatted, limit.suppressedTotal};
+}
+
+}  // namespace host
+}  // namespace tilvane
+
+extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const char* fmt, va_list ap)
+{
+    using namespace tilvane::host;
+    if (tag == nullptr || fmt == nullptr || log_id < LOG_ID_MAIN || log_id >= LOG_ID_MAX) {
+        return DLOG_ERROR_INVALID_PARAMETER;
+    }
+    if (prio == DLOG_DEFAULT) {
+        prio = DLOG_INFO;
+    }
+    if (prio < DLOG_VERBOSE || prio > DLOG_FATAL) {
+        return DLOG_ERROR_INVALID_PARAMETER;
+    }
+
+    // A line that is neither written nor captured is not even formatted.
+    // The lines of a request that is being reported are read for its reason
+    // (request_report.h); those below INFO never are.
+    const bool capture = LogCaptureOn() || (prio >= DLOG_INFO && RequestReportOpen());
+    int64_t suppressedBefore = 0;
+    const bool write = prio >= MinimumPriority() && AdmitLine(fmt, &suppressedBefore);
+    if (suppressedBefore > 0) {
+        WriteLine(DLOG_WARN, kPlatformLogTag,
+                  std::to_string(suppressedBefore) + " lines suppressed (\"" + fmt + "\")");
+    }
+    if (!write && !capture) {
+        return 0;
+    }
+    CountFormatted();
+    std::string message = FormatMessage(fmt, ap);
+    while (!message.empty() && message.back() == '\n') {
+        message.pop_back();
+    }
+    CaptureLogLine(prio, tag, message);
+    NoteLogLine(prio, tag, message);
+    if (!write) {
+        return 0;
+    }
+    CountWrittenBytes(fmt, message.size());
+    return static_cast<int>(WriteLine(prio, tag, message));
+}
+
+extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    int result = __dlog_vprint(log_id, prio, tag, fmt, ap);
+    va_end(ap);
+    return result;
+}
+
+extern "C" int dlog_print(log_priority prio, const char* tag, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    int result = __dlog_vprint(LOG_ID_APPS, prio, tag, fmt, ap);
+    va_end(ap);
+    return result;
+}

@@ -1,0 +1,432 @@
+/*
+ * Message-port names on the bus and deliveries that never wait for the
+ * receiver (port_delivery.h).
+ */
+#include "ports/port_delivery.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "identity/app_identity.h"
+#include "bus/bus_connection.h"
+#include "dlog.h"
+#include "base/glib_ptr.h"
+#include "host_control.h"
+#include "base/host_state.h"
+#include "message_port.h"
+#include "config/platform_config.h"
+
+namespace tilvane {
+namespace host {
+namespace {
+
+#define DELIVERY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
+#define DELIVERY_LOGW(...) __dlog_print(LOG_ID_MAIN, DLOG_WARN, kPlatformLogTag, __VA_ARGS__)
+#define DELIVERY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
+
+using GDBusMessagePtr = std::unique_ptr<GDBusMessage, GObjectUnref>;
+
+constexpr char kPortNamePrefix[] = "org.tilvane.Port.H";
+constexpr size_t kPortNameDigits = 40;
+constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
+constexpr char kInterface[] = "org.tilvane.MessagePort";
+/* Calls to the bus daemon only: it answers at once unless it has stopped. */
+constexpr int kDaemonCallTimeoutMs = 10000;
+
+constexpr int64_t kDefaultMaxUnanswered = 1024;
+/* A receiver over the bound that answered nothing for this long is taken
+ * for one that does not read. */
+constexpr int64_t kDefaultQuietMs = 1000;
+/* Beyond this many unanswered deliveries a receiver is not waited for at
+ * all, answering or not. */
+constexpr int kHardBoundFactor = 16;
+constexpr int64_t kDefaultDeliveryTimeoutMs = 10000;
+/* How long a process that ends waits for the answers of its last deliveries. */
+constexpr int kExitWaitMs = 2000;
+
+struct Pending {
+    std::string appId;
+    std::string port;
+    gint64 deadlineUs;
+};
+
+struct Receiver {
+    int unanswered = 0;
+    /* When it last answered, or when it got its oldest unanswered delivery. */
+    gint64 lastProgressUs = 0;
+    bool dropping = false;
+    long dropped = 0;
+};
+
+/* Owners of the names of applications and ports, as the bus daemon last said.
+ * Kept fresh by its NameOwnerChanged signals, which the connection's filter
+ * sees in order with every answer; an answer is kept only when no change came
+ * while it was asked for. */
+constexpr char kNameNamespace[] = "org.tilvane";
+constexpr size_t kMaxCachedOwners = 4096;
+
+struct OwnerCache {
+    std::mutex mutex;
+    std::map<std::string, std::string> owners;
+    uint64_t changes = 0;
+};
+
+OwnerCache& TheOwnerCache()
+{
+    static OwnerCache* cache = new OwnerCache();
+    return *cache;
+}
+
+void NoteOwnerChange(GDBusMessage* message)
+{
+    if (g_strcmp0(g_dbus_message_get_member(message), "NameOwnerChanged") != 0 ||
+        g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") != 0) {
+        return;
+    }
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)"))) {
+        return;
+    }
+    const gchar* name = nullptr;
+    const gchar* oldOwner = nullptr;
+    const gchar* newOwner = nullptr;
+    g_variant_get(body, "(&s&s&s)", &name, &oldOwner, &newOwner);
+    OwnerCache& cache = TheOwnerCache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    ++cache.changes;
+    auto it = cache.owners.find(name);
+    if (it != cache.owners.end()) {
+        it->second = newOwner;
+    }
+}
+
+struct DeliveryState {
+    std::mutex mutex;
+    std::condition_variable settled;
+    bool exitWaitRegistered = false;
+    std::map<guint32, Pending> pending; /* by the call's serial */
+    std::map<std::string, Receiver> receivers; /* by application id */
+};
+
+DeliveryState& TheDeliveryState()
+{
+    static DeliveryState* state = new DeliveryState();
+    return *state;
+}
+
+int MaxUnanswered()
+{
+    const int64_t value = config::Integer("message-port", "max-unanswered", kDefaultMaxUnanswered);
+    return value > 0 ? static_cast<int>(value) : static_cast<int>(kDefaultMaxUnanswered);
+}
+
+int64_t QuietUs()
+{
+    const int64_t value = config::Integer("message-port", "unanswered-quiet-ms", kDefaultQuietMs);
+    return (value >= 0 ? value : kDefaultQuietMs) * 1000;
+}
+
+int64_t DeliveryTimeoutUs()
+{
+    const int64_t value = config::Integer("message-port", "delivery-timeout-ms", kDefaultDeliveryTimeoutMs);
+    return (value > 0 ? value : kDefaultDeliveryTimeoutMs) * 1000;
+}
+
+/* With the state's mutex held: one delivery to `appId` is no longer waited for. */
+void Settle(DeliveryState& s, const std::string& appId, bool answered)
+{
+    auto it = s.receivers.find(appId);
+    if (it == s.receivers.end()) {
+        return;
+    }
+    Receiver& receiver = it->second;
+    if (receiver.unanswered > 0) {
+        --receiver.unanswered;
+    }
+    s.settled.notify_all();
+    if (answered) {
+        receiver.lastProgressUs = g_get_monotonic_time();
+    }
+    if (receiver.dropping && (answered || receiver.unanswered < MaxUnanswered())) {
+        DELIVERY_LOGW("application %s answers again; %ld message(s) to it were dropped", appId.c_str(),
+                      receiver.dropped);
+        receiver.dropping = false;
+        receiver.dropped = 0;
+    }
+    if (receiver.unanswered == 0 && !receiver.dropping) {
+        s.receivers.erase(it);
+    }
+}
+
+/* With the state's mutex held: deliveries past their deadline stop counting. */
+void ExpireOverdue(DeliveryState& s, gint64 nowUs)
+{
+    for (auto it = s.pending.begin(); it != s.pending.end();) {
+        if (it->second.deadlineUs <= nowUs) {
+            DELIVERY_LOGD("message to %s/%s unanswered", it->second.appId.c_str(), it->second.port.c_str());
+            const std::string appId = it->second.appId;
+            it = s.pending.erase(it);
+            Settle(s, appId, false);
+        } else {
+            ++it;
+        }
+    }
+}
+
+GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean incoming,
+                          gpointer /*userData*/)
+{
+    if (!incoming) {
+        return message;
+    }
+    const GDBusMessageType type = g_dbus_message_get_message_type(message);
+    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        NoteOwnerChange(message);
+        return message;
+    }
+    if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR) {
+        return message;
+    }
+    const guint32 serial = g_dbus_message_get_reply_serial(message);
+    DeliveryState& s = TheDeliveryState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.pending.find(serial);
+    if (it == s.pending.end()) {
+        return message; /* the answer of another call */
+    }
+    if (type == G_DBUS_MESSAGE_TYPE_ERROR) {
+        const gchar* name = g_dbus_message_get_error_name(message);
+        DELIVERY_LOGD("message to %s/%s not delivered: %s", it->second.appId.c_str(), it->second.port.c_str(),
+                      name != nullptr ? name : "error");
+    }
+    const std::string appId = it->second.appId;
+    s.pending.erase(it);
+    Settle(s, appId, true);
+    g_object_unref(message);
+    return nullptr;
+}
+
+/* At exit: a receiver checks who sent a message while the sender still owns
+ * its name, so a process that sends and ends at once (a command-line tool)
+ * lets its last deliveries be answered first, for a bounded time. */
+void WaitForLastDeliveries()
+{
+    DeliveryState& s = TheDeliveryState();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    s.settled.wait_for(lock, std::chrono::milliseconds(kExitWaitMs), [&s] { return s.pending.empty(); });
+}
+
+/* The owner of `name`, "" when it has none; false when the daemon cannot be asked. */
+bool AskNameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
+{
+    ScopedError error;
+    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "GetNameOwner",
+                                                  g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"),
+                                                  G_DBUS_CALL_FLAGS_NONE, kDaemonCallTimeoutMs, nullptr, error.Out()));
+    if (reply) {
+        const gchar* found = nullptr;
+        g_variant_get(reply.get(), "(&s)", &found);
+        owner = found;
+        return true;
+    }
+    GCharPtr remote(g_dbus_error_get_remote_error(error.Get()));
+    if (remote && std::string(remote.get()) == "org.freedesktop.DBus.Error.NameHasNoOwner") {
+        owner.clear();
+        return true;
+    }
+    DELIVERY_LOGE("cannot ask the bus for the owner of %s: %s", name.c_str(), error.Message());
+    return false;
+}
+
+bool NameOwner(GDBusConnection* connection, const std::string& name, std::string& owner)
+{
+    OwnerCache& cache = TheOwnerCache();
+    uint64_t changesBefore = 0;
+    {
+        std::lock_guard<std::mutex> lock(cache.mutex);
+        auto it = cache.owners.find(name);
+        if (it != cache.owners.end()) {
+            owner = it->second;
+            return true;
+        }
+        changesBefore = cache.changes;
+    }
+    if (!AskNameOwner(connection, name, owner)) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.changes == changesBefore) {
+        if (cache.owners.size() >= kMaxCachedOwners) {
+            cache.owners.clear();
+        }
+        cache.owners[name] = owner;
+    }
+    return true;
+}
+
+void NoSignalCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*, gpointer)
+{
+}
+
+}  // namespace
+
+std::string PortBusName(const std::string& appId, const std::string& port)
+{
+    const std::string text = std::to_string(appId.size()) + ":" + appId + port;
+    GCharPtr digest(g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.c_str(), static_cast<gssize>(text.size())));
+    return kPortNamePrefix + std::string(digest.get()).substr(0, kPortNameDigits);
+}
+
+std::string BusNameForPort(const std::string& appId, const std::string& port)
+{
+    return PortBusName(appId, port);
+}
+
+int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
+{
+    const std::string name = PortBusName(appId, port);
+    std::string error;
+    const NameRequest owned = RequestBusName(connection, name, kDaemonCallTimeoutMs, error);
+    if (owned == NameRequest::Failed) {
+        DELIVERY_LOGE("cannot announce port %s of %s (%s): %s", port.c_str(), appId.c_str(), name.c_str(),
+                      error.c_str());
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    if (owned == NameRequest::OwnedByAnother) {
+        DELIVERY_LOGE("port %s of %s is held by another connection (%s)", port.c_str(), appId.c_str(), name.c_str());
+        return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
+    }
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+void ReleasePortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
+{
+    const std::string name = PortBusName(appId, port);
+    ScopedError error;
+    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "ReleaseName",
+                                                  g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(u)"),
+                                                  G_DBUS_CALL_FLAGS_NONE, kDaemonCallTimeoutMs, nullptr, error.Out()));
+    if (!reply) {
+        DELIVERY_LOGD("cannot release %s: %s", name.c_str(), error.Message());
+    }
+}
+
+int RemotePortExists(GDBusConnection* connection, const std::string& appId, const std::string& port, bool* exist)
+{
+    const std::string appName = BusNameForAppId(appId);
+    *exist = false;
+    if (appName.empty()) {
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    std::string appOwner;
+    if (!NameOwner(connection, appName, appOwner)) {
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    if (appOwner.empty()) {
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    std::string portOwner;
+    if (!NameOwner(connection, PortBusName(appId, port), portOwner)) {
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    *exist = portOwner == appOwner;
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const std::string& port,
+                    const std::string& senderApp, const std::string& senderPort, const std::string& encoded)
+{
+    const std::string busName = BusNameForAppId(appId);
+    GDBusMessagePtr call(g_dbus_message_new_method_call(busName.c_str(), kObjectPath, kInterface, "Deliver"));
+    g_dbus_message_set_body(call.get(), g_variant_new("(ssss)", port.c_str(), senderApp.c_str(), senderPort.c_str(),
+                                                      encoded.c_str()));
+    g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+
+    DeliveryState& s = TheDeliveryState();
+    {
+        /* Held while the call is queued, so that its answer (taken on GDBus's
+         * worker thread) cannot be looked for before it is recorded. */
+        std::lock_guard<std::mutex> lock(s.mutex);
+        const gint64 now = g_get_monotonic_time();
+        ExpireOverdue(s, now);
+        Receiver& receiver = s.receivers[appId];
+        if (receiver.unanswered == 0) {
+            receiver.lastProgressUs = now;
+        }
+        const bool quiet = now - receiver.lastProgressUs >= QuietUs();
+        if ((receiver.unanswered >= MaxUnanswered() && quiet) ||
+            receiver.unanswered >= MaxUnanswered() * kHardBoundFactor) {
+            if (!receiver.dropping) {
+                DELIVERY_LOGW("messages to %s dropped: %d earlier message(s) are unanswered", appId.c_str(),
+                              receiver.unanswered);
+                receiver.dropping = true;
+            }
+            ++receiver.dropped;
+            return MESSAGE_PORT_ERROR_MAX_EXCEEDED;
+        }
+        guint32 serial = 0;
+        ScopedError error;
+        if (!g_dbus_connection_send_message(connection, call.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial,
+                                            error.Out())) {
+            DELIVERY_LOGE("message to %s/%s not sent: %s", appId.c_str(), port.c_str(), error.Message());
+            if (receiver.unanswered == 0 && !receiver.dropping) {
+                s.receivers.erase(appId);
+            }
+            return MESSAGE_PORT_ERROR_IO_ERROR;
+        }
+        ++receiver.unanswered;
+        s.pending[serial] = Pending{appId, port, now + DeliveryTimeoutUs()};
+        if (!s.exitWaitRegistered) {
+            s.exitWaitRegistered = std::atexit(WaitForLastDeliveries) == 0;
+        }
+    }
+    /* Written to the bus before the sender goes on (it may end right after);
+     * this waits for the local socket only, never for the receiver. */
+    g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+guint AddDeliveryReplyFilter(GDBusConnection* connection)
+{
+    const guint filter = g_dbus_connection_add_filter(connection, OnMessageCB, nullptr, nullptr);
+    /* Makes the daemon send the owner changes of every application and port
+     * name; the filter reads them. */
+    g_dbus_connection_signal_subscribe(connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+                                       "/org/freedesktop/DBus", kNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
+                                       NoSignalCB, nullptr, nullptr);
+    return filter;
+}
+
+void ForgetDeliveries()
+{
+    {
+        OwnerCache& cache = TheOwnerCache();
+        std::lock_guard<std::mutex> lock(cache.mutex);
+        cache.owners.clear();
+        ++cache.changes;
+    }
+    DeliveryState& s = TheDeliveryState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.pending.clear();
+    s.receivers.clear();
+}
+
+int UnansweredDeliveries(const std::string& appId)
+{
+    DeliveryState& s = TheDeliveryState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    ExpireOverdue(s, g_get_monotonic_time());
+    auto it = s.receivers.find(appId);
+    return it == s.receivers.end() ? 0 : it->second.unanswered;
+}
+
+}  // namespace host
+}  // namespace tilvane

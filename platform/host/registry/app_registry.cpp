@@ -1,0 +1,573 @@
+/*
+ * The application registry on the host: installed packages, their
+ * applications, each application's metadata and the web-application store's
+ * list, in one SQLite file under the platform's database directory.
+ *
+ * The file runs in WAL mode with a busy timeout, so several processes (the
+ * service, tilvanectl, tests) read and write it at once. Every operation opens
+ * its own connection and transaction: nothing is cached, and a change made by
+ * another process is seen by the next call.
+ */
+#include "registry/app_registry.h"
+
+#include <sqlite3.h>
+
+#include <set>
+
+#include "identity/bus_policy.h"
+#include "identity/credentials.h"
+#include "base/host_state.h"
+#include "config/platform_config.h"
+#include "config/shared_database_file.h"
+#include "dlog.h"
+#include "qeb_app_list.h"
+
+#define REGISTRY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
+#define REGISTRY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
+
+namespace tilvane {
+namespace host {
+namespace registry {
+namespace {
+
+const char kRegistryFile[] = ".tilvane-app-registry.db";
+constexpr int64_t kDefaultFirstAppUser = 5000;
+constexpr int64_t kDefaultLastAppUser = 59999;
+
+const char kSchema[] =
+    "CREATE TABLE IF NOT EXISTS packages ("
+    "  seq INTEGER PRIMARY KEY AUTOINCREMENT,"
+    "  package_id TEXT NOT NULL UNIQUE,"
+    "  user_id INTEGER);"
+    "CREATE TABLE IF NOT EXISTS applications ("
+    "  app_id TEXT PRIMARY KEY,"
+    "  package_id TEXT NOT NULL REFERENCES packages(package_id) ON DELETE CASCADE,"
+    "  position INTEGER NOT NULL);"
+    "CREATE INDEX IF NOT EXISTS applications_package ON applications(package_id);"
+    "CREATE TABLE IF NOT EXISTS metadata ("
+    "  app_id TEXT NOT NULL REFERENCES applications(app_id) ON DELETE CASCADE,"
+    "  position INTEGER NOT NULL,"
+    "  key TEXT NOT NULL,"
+    "  value TEXT NOT NULL,"
+    "  PRIMARY KEY (app_id, key));"
+    "CREATE TABLE IF NOT EXISTS web_apps ("
+    "  package_id TEXT PRIMARY KEY REFERENCES packages(package_id) ON DELETE CASCADE,"
+    "  web_app_id TEXT NOT NULL);";
+
+/* One connection to the registry file, with the schema in place. */
+class Connection : public SharedDatabaseFile
+{
+public:
+    Connection() : SharedDatabaseFile(kRegistryFile, kSchema, "app registry") { AddUserColumn(); }
+
+private:
+    /* A registry written before packages had users gets the column. */
+    void AddUserColumn()
+    {
+        sqlite3_stmt* probe = nullptr;
+        if (Handle() == nullptr) {
+            return;
+        }
+        const bool present = sqlite3_prepare_v2(Handle(), "SELECT user_id FROM packages LIMIT 0", -1, &probe,
+                                                nullptr) == SQLITE_OK;
+        sqlite3_finalize(probe);
+        if (!present) {
+            Exec("ALTER TABLE packages ADD COLUMN user_id INTEGER");
+        }
+    }
+};
+
+/* A prepared statement with bound texts, finalised on destruction. */
+class Statement
+{
+public:
+    Statement(Connection& connection, const char* sql) : m_db(connection.Handle())
+    {
+        if (sqlite3_prepare_v2(m_db, sql, -1, &m_statement, nullptr) != SQLITE_OK) {
+            REGISTRY_LOGE("app registry: %s", sqlite3_errmsg(m_db));
+            m_statement = nullptr;
+        }
+    }
+    ~Statement() { sqlite3_finalize(m_statement); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    bool IsValid() const { return m_statement != nullptr; }
+
+    Statement& Bind(int index, const std::string& text)
+    {
+        if (m_statement != nullptr) {
+            sqlite3_bind_text(m_statement, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+        }
+        return *this;
+    }
+    Statement& Bind(int index, int64_t value)
+    {
+        if (m_statement != nullptr) {
+            sqlite3_bind_int64(m_statement, index, value);
+        }
+        return *this;
+    }
+
+    /* SQLITE_ROW, SQLITE_DONE or an error code (logged). */
+    int Step()
+    {
+        if (m_statement == nullptr) {
+            return SQLITE_ERROR;
+        }
+        int rc = sqlite3_step(m_statement);
+        if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+            REGISTRY_LOGE("app registry: %s", sqlite3_errmsg(m_db));
+        }
+        return rc;
+    }
+    int64_t Int(int column, int64_t nullValue) const
+    {
+        return sqlite3_column_type(m_statement, column) == SQLITE_NULL ? nullValue
+                                                                       : sqlite3_column_int64(m_statement, column);
+    }
+    std::string Text(int column) const
+    {
+        const unsigned char* text = sqlite3_column_text(m_statement, column);
+        return text != nullptr ? std::string(reinterpret_cast<const char*>(text),
+                                             static_cast<size_t>(sqlite3_column_bytes(m_statement, column)))
+                               : std::string();
+    }
+
+private:
+    sqlite3* m_db;
+    sqlite3_stmt* m_statement = nullptr;
+};
+
+/* A transaction that rolls back unless committed. Reads take one as well, so
+ * that what they return is one consistent state of the file. */
+class Transaction
+{
+public:
+    Transaction(Connection& connection, bool write) : m_connection(connection)
+    {
+        m_active = m_connection.Exec(write ? "BEGIN IMMEDIATE" : "BEGIN");
+    }
+    ~Transaction()
+    {
+        if (m_active) {
+            m_connection.Exec("ROLLBACK");
+        }
+    }
+    bool IsActive() const { return m_active; }
+    bool Commit()
+    {
+        if (!m_active) {
+            return false;
+        }
+        m_active = false;
+        return m_connection.Exec("COMMIT");
+    }
+
+private:
+    Connection& m_connection;
+    bool m_active;
+};
+
+void SetError(std::string* error, const std::string& text)
+{
+    if (error != nullptr) {
+        *error = text;
+    }
+}
+
+bool FitsStoreRecord(const std::string& text)
+{
+    return text.size() <= static_cast<size_t>(QEB_APP_RECORD_TEXT_MAX) && text.find('\0') == std::string::npos;
+}
+
+/* In the verified identity mode, ids and the user follow the platform's rules. */
+bool ValidateIdentity(const RegisteredPackage& package, std::string* error)
+{
+    if (identity::CurrentMode() != identity::Mode::Verified) {
+        return true;
+    }
+    std::string rule;
+    if (!IsValidPlatformId(package.packageId, &rule)) {
+        SetError(error, "the package id '" + package.packageId + "' is refused: " + rule);
+        return false;
+    }
+    for (const RegisteredApplication& app : package.applications) {
+        if (!IsValidPlatformId(app.appId, &rule)) {
+            SetError(error, "the application id '" + app.appId + "' is refused: " + rule);
+            return false;
+        }
+        if (identity::IsPlatformAppId(app.appId)) {
+            SetError(error, "the application id '" + app.appId + "' is one of the platform's own ids");
+            return false;
+        }
+    }
+    if (package.userId >= 0 && identity::IsPlatformUser(static_cast<uid_t>(package.userId))) {
+        SetError(error, "user " + std::to_string(package.userId) + " is a platform user, not an application's");
+        return false;
+    }
+    return true;
+}
+
+/* Checks a package before anything is written; the reason goes to `error`. */
+bool ValidatePackage(const RegisteredPackage& package, std::string* error)
+{
+    if (package.packageId.empty()) {
+        SetError(error, "the package id is empty");
+        return false;
+    }
+    if (!ValidateIdentity(package, error)) {
+        return false;
+    }
+    if (package.userId > static_cast<int64_t>(0xFFFFFFFEll)) {
+        SetError(error, "user " + std::to_string(package.userId) + " is not a user id");
+        return false;
+    }
+    if (!FitsStoreRecord(package.packageId)) {
+        SetError(error, "the package id is longer than 1023 bytes or holds a NUL");
+        return false;
+    }
+    if (!FitsStoreRecord(package.webAppId)) {
+        SetError(error, "the web application id is longer than 1023 bytes or holds a NUL");
+        return false;
+    }
+    std::set<std::string> appIds;
+    for (const RegisteredApplication& app : package.applications) {
+        if (app.appId.empty()) {
+            SetError(error, "an application id is empty");
+            return false;
+        }
+        if (!appIds.insert(app.appId).second) {
+            SetError(error, "the application id '" + app.appId + "' is given twice");
+            return false;
+        }
+        std::set<std::string> keys;
+        for (const auto& entry : app.metadata) {
+            if (entry.first.empty()) {
+                SetError(error, "a metadata key of '" + app.appId + "' is empty");
+                return false;
+            }
+            if (!keys.insert(entry.first).second) {
+                SetError(error, "the metadata key '" + entry.first + "' of '" + app.appId + "' is given twice");
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+/* The package's user: the one asked for (refused when another package has
+ * it), else the one it had, else the lowest free one of the configured range. */
+bool ChooseUser(Connection& connection, const std::string& packageId, int64_t& userId, std::string* error)
+{
+    if (userId >= 0) {
+        Statement taken(connection, "SELECT package_id FROM packages WHERE user_id = ? AND package_id <> ?");
+        taken.Bind(1, userId).Bind(2, packageId);
+        const int rc = taken.Step();
+        if (rc == SQLITE_ROW) {
+            SetError(error, "user " + std::to_string(userId) + " belongs to the package '" + taken.Text(0) + "'");
+            return false;
+        }
+        if (rc != SQLITE_DONE) {
+            SetError(error, "the application registry cannot be read");
+            return false;
+        }
+        return true;
+    }
+    Statement previous(connection, "SELECT user_id FROM packages WHERE package_id = ? AND user_id IS NOT NULL");
+    previous.Bind(1, packageId);
+    if (previous.Step() == SQLITE_ROW) {
+        userId = previous.Int(0, -1);
+        return true;
+    }
+    const int64_t first = config::Integer("identity", "first-app-user", kDefaultFirstAppUser);
+    const int64_t last = config::Integer("identity", "last-app-user", kDefaultLastAppUser);
+    Statement used(connection, "SELECT user_id FROM packages WHERE user_id BETWEEN ? AND ? ORDER BY user_id");
+    used.Bind(1, first).Bind(2, last);
+    int64_t candidate = first;
+    while (used.Step() == SQLITE_ROW) {
+        const int64_t taken = used.Int(0, -1);
+        if (taken == candidate) {
+            ++candidate;
+        } else if (taken > candidate) {
+            break;
+        }
+    }
+    if (candidate > last || candidate < 0) {
+        SetError(error, "no free user is left in " + std::to_string(first) + ".." + std::to_string(last));
+        return false;
+    }
+    userId = candidate;
+    return true;
+}
+
+}  // namespace
+
+Result ReadPackages(std::vector<RegisteredPackage>& packages)
+{
+    packages.clear();
+    Connection connection;
+    if (!connection.IsOpen()) {
+        return Result::Failed;
+    }
+    Transaction transaction(connection, false);
+    Statement listPackages(connection,
+                           "SELECT p.package_id, COALESCE(w.web_app_id, ''), p.user_id FROM packages p "
+                           "LEFT JOIN web_apps w ON w.package_id = p.package_id ORDER BY p.seq");
+    if (!transaction.IsActive() || !listPackages.IsValid()) {
+        return Result::Failed;
+    }
+    int rc;
+    while ((rc = listPackages.Step()) == SQLITE_ROW) {
+        RegisteredPackage package{listPackages.Text(0), {}, listPackages.Text(1)};
+        package.userId = listPackages.Int(2, -1);
+        packages.push_back(std::move(package));
+    }
+    if (rc != SQLITE_DONE) {
+        packages.clear();
+        return Result::Failed;
+    }
+    for (RegisteredPackage& package : packages) {
+        Statement apps(connection, "SELECT app_id FROM applications WHERE package_id = ? ORDER BY position");
+        apps.Bind(1, package.packageId);
+        while ((rc = apps.Step()) == SQLITE_ROW) {
+            package.applications.push_back(RegisteredApplication{apps.Text(0), {}});
+        }
+        if (rc != SQLITE_DONE) {
+            packages.clear();
+            return Result::Failed;
+        }
+        for (RegisteredApplication& app : package.applications) {
+            Statement metadata(connection, "SELECT key, value FROM metadata WHERE app_id = ? ORDER BY position");
+            metadata.Bind(1, app.appId);
+            while ((rc = metadata.Step()) == SQLITE_ROW) {
+                app.metadata.emplace_back(metadata.Text(0), metadata.Text(1));
+            }
+            if (rc != SQLITE_DONE) {
+                packages.clear();
+                return Result::Failed;
+            }
+        }
+    }
+    return Result::Ok;
+}
+
+Result FindPackageOfApp(const std::string& appId, std::string& packageId)
+{
+    Connection connection;
+    if (!connection.IsOpen()) {
+        return Result::Failed;
+    }
+    Statement find(connection, "SELECT package_id FROM applications WHERE app_id = ?");
+    find.Bind(1, appId);
+    int rc = find.Step();
+    if (rc == SQLITE_ROW) {
+        packageId = find.Text(0);
+        return Result::Ok;
+    }
+    return rc == SQLITE_DONE ? Result::NotFound : Result::Failed;
+}
+
+Result ReadApplication(const std::string& appId, std::string& packageId,
+                       std::vector<std::pair<std::string, std::string>>& metadata)
+{
+    metadata.clear();
+    Connection connection;
+    if (!connection.IsOpen()) {
+        return Result::Failed;
+    }
+    Transaction transaction(connection, false);
+    Statement find(connection, "SELECT package_id FROM applications WHERE app_id = ?");
+    Statement entries(connection, "SELECT key, value FROM metadata WHERE app_id = ? ORDER BY position");
+    if (!transaction.IsActive() || !find.IsValid() || !entries.IsValid()) {
+        return Result::Failed;
+    }
+    find.Bind(1, appId);
+    int rc = find.Step();
+    if (rc != SQLITE_ROW) {
+        return rc == SQLITE_DONE ? Result::NotFound : Result::Failed;
+    }
+    packageId = find.Text(0);
+    entries.Bind(1, appId);
+    while ((rc = entries.Step()) == SQLITE_ROW) {
+        metadata.emplace_back(entries.Text(0), entries.Text(1));
+    }
+    if (rc != SQLITE_DONE) {
+        metadata.clear();
+        return Result::Failed;
+    }
+    return Result::Ok;
+}
+
+Result FindUserOfId(const std::string& id, int64_t& userId)
+{
+    Connection connection;
+    if (!connection.IsOpen()) {
+        return Result::Failed;
+    }
+    Statement find(connection,
+                   "SELECT p.user_id FROM packages p WHERE p.package_id = "
+                   "COALESCE((SELECT a.package_id FROM applications a WHERE a.app_id = ?1), ?1)");
+    find.Bind(1, id);
+    const int rc = find.Step();
+    if (rc == SQLITE_ROW) {
+        userId = find.Int(0, -1);
+        return Result::Ok;
+    }
+    return rc == SQLITE_DONE ? Result::NotFound : Result::Failed;
+}
+
+Result ReadWebApps(std::vector<std::pair<std::string, std::string>>& webAppIdAndPackage)
+{
+    webAppIdAndPackage.clear();
+    Connection connection;
+    if (!connection.IsOpen()) {
+        return Result::Failed;
+    }
+    Statement list(connection,
+                   "SELECT w.web_app_id, w.package_id FROM web_apps w "
+                   "JOIN packages p ON p.package_id = w.package_id ORDER BY p.seq");
+    int rc;
+    while ((rc = list.Step()) == SQLITE_ROW) {
+        webAppIdAndPackage.emplace_back(list.Text(0), list.Text(1));
+    }
+    if (rc != SQLITE_DONE) {
+        webAppIdAndPackage.clear();
+        return Result::Failed;
+    }
+    return Result::Ok;
+}
+
+/* An application id may belong to one package only: false (with the reason)
+ * when one of the package's is another package's. */
+bool ApplicationsAreFree(Connection& connection, const RegisteredPackage& package, std::string* error)
+{
+    for (const RegisteredApplication& app : package.applications) {
+        Statement owner(connection, "SELECT package_id FROM applications WHERE app_id = ? AND package_id <> ?");
+        owner.Bind(1, app.appId).Bind(2, package.packageId);
+        int rc = owner.Step();
+        if (rc == SQLITE_ROW) {
+            SetError(error, "the application id '" + app.appId + "' belongs to the package '" + owner.Text(0) + "'");
+            return false;
+        }
+        if (rc != SQLITE_DONE) {
+            SetError(error, "the application registry cannot be read");
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Writes the application and its metadata in declaration order. */
+bool WriteApplication(Connection& connection, const std::string& packageId, const RegisteredApplication& app,
+                      int64_t appPosition)
+{
+    Statement addApp(connection, "INSERT INTO applications (app_id, package_id, position) VALUES (?, ?, ?)");
+    addApp.Bind(1, app.appId).Bind(2, packageId).Bind(3, appPosition);
+    bool ok = addApp.Step() == SQLITE_DONE;
+    int64_t position = 0;
+    for (const auto& entry : app.metadata) {
+        if (!ok) {
+            break;
+        }
+        Statement addEntry(connection, "INSERT INTO metadata (app_id, position, key, value) VALUES (?, ?, ?, ?)");
+        addEntry.Bind(1, app.appId).Bind(2, position++).Bind(3, entry.first).Bind(4, entry.second);
+        ok = addEntry.Step() == SQLITE_DONE;
+    }
+    return ok;
+}
+
+/* Installing again replaces the package and everything under it. */
+bool WritePackage(Connection& connection, const RegisteredPackage& package, int64_t userId)
+{
+    Statement remove(connection, "DELETE FROM packages WHERE package_id = ?");
+    remove.Bind(1, package.packageId);
+    bool ok = remove.Step() == SQLITE_DONE;
+
+    Statement addPackage(connection, "INSERT INTO packages (package_id, user_id) VALUES (?, ?)");
+    addPackage.Bind(1, package.packageId).Bind(2, userId);
+    ok = ok && addPackage.Step() == SQLITE_DONE;
+
+    int64_t appPosition = 0;
+    for (const RegisteredApplication& app : package.applications) {
+        if (!ok) {
+            break;
+        }
+        ok = WriteApplication(connection, package.packageId, app, appPosition++);
+    }
+    if (ok && !package.webAppId.empty()) {
+        Statement addWebApp(connection, "INSERT INTO web_apps (package_id, web_app_id) VALUES (?, ?)");
+        addWebApp.Bind(1, package.packageId).Bind(2, package.webAppId);
+        ok = addWebApp.Step() == SQLITE_DONE;
+    }
+    return ok;
+}
+
+}  // namespace registry
+
+bool InstallPackage(const RegisteredPackage& package, std::string* error)
+{
+    using namespace registry;
+    if (!ValidatePackage(package, error)) {
+        return false;
+    }
+    Connection connection;
+    if (!connection.IsOpen()) {
+        SetError(error, "the application registry cannot be opened");
+        return false;
+    }
+    Transaction transaction(connection, true);
+    if (!transaction.IsActive()) {
+        SetError(error, "the application registry is busy or cannot be written");
+        return false;
+    }
+    if (!ApplicationsAreFree(connection, package, error)) {
+        return false;
+    }
+    int64_t userId = package.userId;
+    if (!ChooseUser(connection, package.packageId, userId, error)) {
+        return false;
+    }
+    bool ok = WritePackage(connection, package, userId);
+    if (!ok || !transaction.Commit()) {
+        SetError(error, "the application registry cannot be written");
+        return false;
+    }
+    REGISTRY_LOGD("app registry: installed %s (%zu applications, user %lld)", package.packageId.c_str(),
+                  package.applications.size(), static_cast<long long>(userId));
+    UpdateBusPolicy();
+    return true;
+}
+
+bool RemovePackage(const std::string& packageId, std::string* error)
+{
+    using namespace registry;
+    Connection connection;
+    if (!connection.IsOpen()) {
+        SetError(error, "the application registry cannot be opened");
+        return false;
+    }
+    Statement remove(connection, "DELETE FROM packages WHERE package_id = ?");
+    remove.Bind(1, packageId);
+    if (remove.Step() != SQLITE_DONE) {
+        SetError(error, "the application registry cannot be written");
+        return false;
+    }
+    if (sqlite3_changes(connection.Handle()) == 0) {
+        SetError(error, "no package '" + packageId + "' is installed");
+        return false;
+    }
+    REGISTRY_LOGD("app registry: removed %s", packageId.c_str());
+    UpdateBusPolicy();
+    return true;
+}
+
+std::vector<RegisteredPackage> ListPackages()
+{
+    std::vector<RegisteredPackage> packages;
+    registry::ReadPackages(packages);
+    return packages;
+}
+
+}  // namespace host
+}  // namespace tilvane

@@ -1,0 +1,545 @@
+/*
+ * The data-control interface: org.tilvane.DataControl at /org/tilvane/DataControl.
+ * Its calls run here on the default main context (one small function per
+ * method), and the provider side of the data-control API answers them.
+ */
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "bus/bus_connection.h"
+#include "confinement_policy.h"
+#include "content/database.h"
+#include "host_control.h"
+#include "config/platform_config.h"
+#include "requests/request_glue.h"
+#include "bundle/row_codec.h"
+
+namespace tilvane {
+namespace host {
+namespace requests {
+
+namespace {
+
+/* ---- data control ---------------------------------------------------------- */
+
+/* The data-control provider of this process as a request finds it. */
+struct DcProvider {
+    bool registered = false;
+    data_control_provider_sql_cb callbacks{};
+    void* userData = nullptr;
+    std::string providerId;
+};
+
+/* What became of handing a request to the provider's callback. */
+enum class DcHanded { Handed, NotServed, Unreadable, Refused };
+
+/* What a method learnt on the way: why its values were refused, what the
+ * sync mark of an insert did. */
+struct DcNotes {
+    BundleRefusal refused = BundleRefusal::None;
+    std::string syncMark;
+};
+
+/* One method of the data-control interface: hands the request (its id and
+ * handle, the call's arguments) to the provider's callback for it. */
+using DcMethod = DcHanded (*)(const DcProvider& provider, int id, data_control_s& handle, GVariant* p,
+                              DcNotes& notes);
+
+DcHanded DcInsert(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& notes)
+{
+    BundlePtr data = DecodeBundle(StringArg(p, 3), &notes.refused);
+    if (data == nullptr) {
+        return DcHanded::Unreadable;
+    }
+    if (!WithinRequestLimits({data.get()}, nullptr)) {
+        return DcHanded::Refused;
+    }
+    if (provider.callbacks.insert_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.insert_cb(id, &handle, data.get(), provider.userData);
+    notes.syncMark = SyncMarkOf(data.get());
+    return DcHanded::Handed;
+}
+
+DcHanded DcSelect(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& /*notes*/)
+{
+    const std::vector<std::string> columns = StringsArg(p, 3);
+    const gchar* where = StringArg(p, 4);
+    const gchar* order = StringArg(p, 5);
+    std::vector<const char*> pointers;
+    for (const std::string& column : columns) {
+        pointers.push_back(column.c_str());
+    }
+    pointers.push_back(nullptr);
+    if (!WithinRequestLimits({}, where)) {
+        return DcHanded::Refused;
+    }
+    if (provider.callbacks.select_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.select_cb(id, &handle, pointers.data(), static_cast<int>(columns.size()), OrNull(where),
+                                 OrNull(order), provider.userData);
+    return DcHanded::Handed;
+}
+
+DcHanded DcUpdate(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& notes)
+{
+    const gchar* where = StringArg(p, 4);
+    BundlePtr data = DecodeBundle(StringArg(p, 3), &notes.refused);
+    if (data == nullptr) {
+        return DcHanded::Unreadable;
+    }
+    if (!WithinRequestLimits({data.get()}, where)) {
+        return DcHanded::Refused;
+    }
+    if (provider.callbacks.update_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.update_cb(id, &handle, data.get(), OrNull(where), provider.userData);
+    return DcHanded::Handed;
+}
+
+DcHanded DcDelete(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& /*notes*/)
+{
+    const gchar* where = StringArg(p, 3);
+    if (!WithinRequestLimits({}, where)) {
+        return DcHanded::Refused;
+    }
+    if (provider.callbacks.delete_cb == nullptr) {
+        return DcHanded::NotServed;
+    }
+    provider.callbacks.delete_cb(id, &handle, OrNull(where), provider.userData);
+    return DcHanded::Handed;
+}
+
+/* Each method, and the answer of the provider that completes it. */
+struct DcMethodEntry {
+    DcMethod hand;
+    DcRequest::Answer completion;
+};
+
+const std::map<std::string, DcMethodEntry>& DcMethods()
+{
+    static const std::map<std::string, DcMethodEntry> methods = {
+        {"Insert", {DcInsert, DcRequest::Answer::RowId}},
+        {"Select", {DcSelect, DcRequest::Answer::Rows}},
+        {"Update", {DcUpdate, DcRequest::Answer::Done}},
+        {"Delete", {DcDelete, DcRequest::Answer::Done}},
+    };
+    return methods;
+}
+
+DcProvider CurrentDcProvider()
+{
+    RequestState& s = TheRequestState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    DcProvider provider;
+    provider.registered = s.dcRegistered;
+    provider.callbacks = s.dcCallbacks;
+    provider.userData = s.dcUserData;
+    provider.providerId = s.dcProviderId;
+    return provider;
+}
+
+/* Registers the request as active under a new id (so that the provider's
+ * answers find it), and forgets it again. */
+void BeginDcRequest(DcRequest& request)
+{
+    RequestState& s = TheRequestState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    request.id = s.nextRequestId++;
+    if (s.nextRequestId <= 0) {
+        s.nextRequestId = 1;
+    }
+    s.active[request.id] = &request;
+}
+
+void EndDcRequest(const DcRequest& request)
+{
+    RequestState& s = TheRequestState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.active.erase(request.id);
+}
+
+/* Answers the call with what the provider answered, when that completes it;
+ * an update or delete with the rows it changed (`report`). */
+void ReturnDcAnswer(Job& job, DcRequest& request, DcRequest::Answer completion, const DcNotes& notes,
+                    const RequestReport& report)
+{
+    GDBusMethodInvocation* invocation = job.invocation.get();
+    switch (request.answer) {
+    case DcRequest::Answer::None:
+        REQUEST_LOGD("data-control request %d of %s: no result", request.id, request.clientApp.c_str());
+        /* A sync mark is answered with no result by design: say what it did. */
+        ReturnError(invocation, kErrorNoResult,
+                    !notes.syncMark.empty() ? notes.syncMark.c_str()
+                                            : NoResultText(report, "the provider sent no result").c_str());
+        return;
+    case DcRequest::Answer::Error:
+        ReturnError(invocation, kErrorProviderError, request.error.c_str());
+        return;
+    default:
+        break;
+    }
+    if (request.answer != completion) {
+        ReturnError(invocation, kErrorNoResult, "the provider sent a result of another kind of request");
+    } else if (completion == DcRequest::Answer::RowId) {
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(x)", static_cast<gint64>(request.rowId)));
+    } else if (completion == DcRequest::Answer::Rows) {
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(@ay)", RowsVariant(std::move(request.rows))));
+    } else {
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(x)", static_cast<gint64>(report.changedRows)));
+    }
+}
+
+/* The tables the provider declares; a request for anything else never
+ * reaches a callback. Compared exactly: SQLite would read "TILES" as tiles. */
+bool ServesDataId(const std::string& dataId)
+{
+    std::vector<std::string> declared = config::StringList("data-control", "data-ids");
+    if (declared.empty()) {
+        declared = {"accelerators", "sections", "tiles"};
+    }
+    return std::find(declared.begin(), declared.end(), dataId) != declared.end();
+}
+
+}  // namespace
+
+void RunDataControl(Job& job)
+{
+    DcProvider provider = CurrentDcProvider();
+    GVariant* p = job.parameters.get();
+    const gchar* requestedProvider = StringArg(p, 1);
+    const gchar* dataId = StringArg(p, 2);
+    if (!provider.registered || provider.providerId != requestedProvider) {
+        ReturnError(job.invocation.get(), kErrorNotServed, "no data-control provider for this provider id here");
+        return;
+    }
+    if (!ServesDataId(dataId)) {
+        REQUEST_LOGE("data-control request %s of %s refused: the provider serves no data id \"%s\"",
+                     job.method.c_str(), job.clientApp.c_str(), dataId);
+        ReturnError(job.invocation.get(), kErrorNotServed, "the provider serves no such data id");
+        return;
+    }
+    DcRequest request;
+    request.clientApp = job.clientApp;
+    BeginDcRequest(request);
+    data_control_s handle{requestedProvider, dataId};
+    confinement::RequestScope scope(dataId, job.clientApp);
+    RequestReportScope reportScope;
+    DcNotes notes;
+    // The bus lets only the interface's methods through; any other would get no result.
+    auto method = DcMethods().find(job.method);
+    const bool known = method != DcMethods().end();
+    DcHanded handed = known ? method->second.hand(provider, request.id, handle, p, notes) : DcHanded::Handed;
+    EndDcRequest(request);
+    if (handed == DcHanded::Unreadable) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(notes.refused));
+        return;
+    }
+    if (handed == DcHanded::NotServed) {
+        ReturnError(job.invocation.get(), kErrorNotServed, "the provider has no callback for this kind of request");
+        return;
+    }
+    if (AnsweredRefusal(scope, job.invocation.get())) {
+        return;
+    }
+    ReturnDcAnswer(job, request, known ? method->second.completion : DcRequest::Answer::None, notes,
+                   reportScope.Report());
+}
+
+}  // namespace requests
+}  // namespace host
+}  // namespace tilvane
+
+/* ---- data control, provider side ---------------------------------------------- */
+
+using namespace tilvane::host;
+using namespace tilvane::host::requests;
+
+namespace {
+
+/* Runs `record` on the request in progress under the state's lock. */
+template <typename Fn>
+int WithActiveRequest(int requestId, Fn record)
+{
+    RequestState& s = TheRequestState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.active.find(requestId);
+    if (it == s.active.end()) {
+        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
+    }
+    return record(*it->second);
+}
+
+bool IsPlainColumnName(const char* name)
+{
+    if (name == nullptr || !(std::isalpha(static_cast<unsigned char>(*name)) || *name == '_')) {
+        return false;
+    }
+    for (const char* c = name; *c != '\0'; ++c) {
+        if (!(std::isalnum(static_cast<unsigned char>(*c)) || *c == '_')) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Strict confinement's rule for the columns of a data-control select: at
+ * least one, each a plain column name (no expression, no subquery, no "*").
+ * Whether the level may read the column is the provider's decision. */
+bool ConfinedProjection(const char** columns, int count)
+{
+    if (count == 0) {
+        confinement_policy_refuse(CONFINEMENT_RULE_PROJECTION,
+                                  "no column is left to select; an empty projection is not widened to every column");
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (!IsPlainColumnName(columns[i])) {
+            const std::string reason = std::string("projection entry \"") + (columns[i] != nullptr ? columns[i] : "") +
+                                       "\" is not a column name";
+            confinement_policy_refuse(CONFINEMENT_RULE_PROJECTION, reason.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+char* CopyString(const std::string& text)
+{
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (copy != nullptr) {
+        std::memcpy(copy, text.c_str(), text.size() + 1);
+    }
+    return copy;
+}
+
+int Answer(int requestId, DcRequest::Answer answer, int64_t rowId, std::string rows, std::string error)
+{
+    return WithActiveRequest(requestId, [&](DcRequest& request) {
+        if (request.answer != DcRequest::Answer::None) {
+            return static_cast<int>(DATA_CONTROL_ERROR_INVALID_PARAMETER);
+        }
+        request.answer = answer;
+        request.rowId = rowId;
+        request.rows = std::move(rows);
+        request.error = std::move(error);
+        return static_cast<int>(DATA_CONTROL_ERROR_NONE);
+    });
+}
+
+}  // namespace
+
+namespace {
+
+/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id, else the
+ * service's provider id. */
+std::string ConfiguredProviderId()
+{
+    const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
+    if (fromEnvironment != nullptr) {
+        return fromEnvironment;
+    }
+    return config::String("data-control", "provider-id", "content://com.quillon.px.tiles");
+}
+
+}  // namespace
+
+extern "C" int data_control_provider_sql_register_cb(data_control_provider_sql_cb* callback, void* user_data)
+{
+    if (ShouldFail("data_control_provider_sql_register_cb")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    if (callback == nullptr) {
+        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
+    }
+    const std::string providerId = ConfiguredProviderId();
+    const std::string busName = providerId.empty() ? std::string() : DataControlBusName(AuthorityOf(providerId));
+    RequestState& s = TheRequestState();
+    std::string previousName;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        previousName = s.dcBusName;
+    }
+    if (!previousName.empty() && previousName != busName) {
+        ReleaseName(previousName);
+    }
+    if (busName.empty()) {
+        REQUEST_LOGI("no data-control provider id is configured: data-control requests cannot reach this process");
+    } else if (BusConfigured() && !OwnsRequestBusName(busName) && !OwnName(busName)) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.dcRegistered = true;
+    s.dcCallbacks = *callback;
+    s.dcUserData = user_data;
+    s.dcProviderId = providerId;
+    s.dcBusName = busName;
+    REQUEST_LOGD("data-control provider %s registered", providerId.c_str());
+    return DATA_CONTROL_ERROR_NONE;
+}
+
+extern "C" int data_control_provider_sql_unregister_cb(void)
+{
+    if (ShouldFail("data_control_provider_sql_unregister_cb")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    RequestState& s = TheRequestState();
+    std::string busName;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.dcRegistered = false;
+        s.dcCallbacks = data_control_provider_sql_cb{};
+        s.dcUserData = nullptr;
+        busName = s.dcBusName;
+        s.dcBusName.clear();
+        s.dcProviderId.clear();
+    }
+    if (!busName.empty()) {
+        ReleaseName(busName);
+    }
+    return DATA_CONTROL_ERROR_NONE;
+}
+
+extern "C" int data_control_provider_get_client_appid(int request_id, char** appid)
+{
+    if (ShouldFail("data_control_provider_get_client_appid")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    if (appid == nullptr) {
+        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
+    }
+    return WithActiveRequest(request_id, [&](DcRequest& request) {
+        *appid = CopyString(request.clientApp);
+        return *appid != nullptr ? DATA_CONTROL_ERROR_NONE : DATA_CONTROL_ERROR_OUT_OF_MEMORY;
+    });
+}
+
+namespace {
+
+/* A copy of one text of the handle, for `function` (which may be made to fail). */
+int CopyOfHandleText(const char* function, data_control_h provider, std::string data_control_s::*text, char** copy)
+{
+    if (ShouldFail(function)) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    if (provider == nullptr || copy == nullptr) {
+        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
+    }
+    *copy = CopyString(provider->*text);
+    return *copy != nullptr ? DATA_CONTROL_ERROR_NONE : DATA_CONTROL_ERROR_OUT_OF_MEMORY;
+}
+
+}  // namespace
+
+extern "C" int data_control_sql_get_provider_id(data_control_h provider, char** provider_id)
+{
+    return CopyOfHandleText("data_control_sql_get_provider_id", provider, &data_control_s::providerId, provider_id);
+}
+
+extern "C" int data_control_sql_get_data_id(data_control_h provider, char** data_id)
+{
+    return CopyOfHandleText("data_control_sql_get_data_id", provider, &data_control_s::dataId, data_id);
+}
+
+extern "C" char* data_control_provider_create_select_statement(data_control_h provider, const char** column_list,
+                                                               int column_count, const char* where, const char* order)
+{
+    if (ShouldFail("data_control_provider_create_select_statement")) {
+        return nullptr;
+    }
+    if (provider == nullptr || column_count < 0 || (column_count > 0 && column_list == nullptr)) {
+        return nullptr;
+    }
+    if (confinement::CurrentRequest() != nullptr && !ConfinedProjection(column_list, column_count)) {
+        return nullptr;
+    }
+    std::string statement = "SELECT ";
+    if (column_count == 0) {
+        statement += "*";
+    }
+    for (int i = 0; i < column_count; ++i) {
+        if (column_list[i] == nullptr) {
+            return nullptr;
+        }
+        if (i > 0) {
+            statement += ", ";
+        }
+        statement += column_list[i];
+    }
+    statement += " FROM ";
+    statement += tilvane::content::QuoteIdentifier(provider->dataId);
+    if (where != nullptr && *where != '\0') {
+        statement += " WHERE ";
+        statement += where;
+    }
+    if (order != nullptr && *order != '\0') {
+        statement += " ORDER BY ";
+        statement += order;
+    }
+    return CopyString(statement);
+}
+
+extern "C" int data_control_provider_send_insert_result(int request_id, long long row_id)
+{
+    if (ShouldFail("data_control_provider_send_insert_result")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    return Answer(request_id, DcRequest::Answer::RowId, row_id, std::string(), std::string());
+}
+
+extern "C" int data_control_provider_send_select_result(int request_id, void* db_handle)
+{
+    if (ShouldFail("data_control_provider_send_select_result")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    if (db_handle == nullptr) {
+        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
+    }
+    const bool known = WithActiveRequest(request_id, [](DcRequest& request) {
+        return request.answer == DcRequest::Answer::None ? 0 : static_cast<int>(DATA_CONTROL_ERROR_INVALID_PARAMETER);
+    }) == 0;
+    if (!known) {
+        return DATA_CONTROL_ERROR_INVALID_PARAMETER;
+    }
+    std::string rows;
+    if (!EncodeStatementRows(static_cast<sqlite3_stmt*>(db_handle), rows)) {
+        REQUEST_LOGE("select result of request %d: stepping failed: %s", request_id,
+                  sqlite3_errmsg(sqlite3_db_handle(static_cast<sqlite3_stmt*>(db_handle))));
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    return Answer(request_id, DcRequest::Answer::Rows, -1, std::move(rows), std::string());
+}
+
+extern "C" int data_control_provider_send_update_result(int request_id)
+{
+    if (ShouldFail("data_control_provider_send_update_result")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    return Answer(request_id, DcRequest::Answer::Done, -1, std::string(), std::string());
+}
+
+extern "C" int data_control_provider_send_delete_result(int request_id)
+{
+    if (ShouldFail("data_control_provider_send_delete_result")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    return Answer(request_id, DcRequest::Answer::Done, -1, std::string(), std::string());
+}
+
+extern "C" int data_control_provider_send_error(int request_id, const char* error)
+{
+    if (ShouldFail("data_control_provider_send_error")) {
+        return DATA_CONTROL_ERROR_IO_ERROR;
+    }
+    return Answer(request_id, DcRequest::Answer::Error, -1, std::string(), error != nullptr ? error : "");
+}
