@@ -31,6 +31,15 @@ constexpr size_t kBulkMaxRows = 4096;
 /* All encoded rows of one bulk together. */
 constexpr size_t kBulkMaxBytes = 16 * 1024 * 1024;
 
+/* One atomic publish (Publish of the content-library interface): its steps,
+ * the rows of all its steps together (each step is held to the bulk limits
+ * too), the encoded rows of all its steps together, and the back-references
+ * of one step. */
+constexpr size_t kPublishMaxSteps = 4096;
+constexpr size_t kPublishMaxRows = 65536;
+constexpr size_t kPublishMaxBytes = kBulkMaxBytes;
+constexpr size_t kPublishMaxReferencesPerStep = 16;
+
 enum class BundleRefusal {
     None,
     Malformed,  /* not the transport form of a bundle */

@@ -13,6 +13,7 @@
 
 #include "content/content_log.h"
 #include "content/database.h"
+#include "content/outer_transaction.h"
 #include "content/sqlite_statement_cursor.h"
 #include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
@@ -109,14 +110,25 @@ bool SameFile(const std::string& a, const std::string& b)
     return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-/* Thin guard: the database, locked, or nothing when the connection is closed. */
+/* Whether a use of the database takes part in the thread's outer transaction
+ * (content/outer_transaction.h): every statement does; reading the last row
+ * id, ending a level of the caller's own and the foreign-key switch do not. */
+enum class Join { Outer, No };
+
+/* Thin guard: the database, locked, or nothing when the connection is closed
+ * (or, inside an outer transaction, when the database cannot join it). */
 class LockedDatabase
 {
 public:
-    explicit LockedDatabase(std::shared_ptr<Database> database)
+    explicit LockedDatabase(std::shared_ptr<Database> database, Join join = Join::Outer)
         : m_pDatabase(std::move(database)), m_lock(m_pDatabase ? std::unique_lock<std::recursive_mutex>(m_pDatabase->Mutex())
                                                                 : std::unique_lock<std::recursive_mutex>())
     {
+        tilvane::content::OuterTransaction* outer = tilvane::content::OuterTransaction::Current();
+        if (join == Join::Outer && outer != nullptr && m_pDatabase != nullptr && !outer->Join(m_pDatabase)) {
+            m_lock = std::unique_lock<std::recursive_mutex>();
+            m_pDatabase.reset();
+        }
     }
     explicit operator bool() const { return m_pDatabase != nullptr && m_pDatabase->Handle() != nullptr; }
     Database* operator->() const { return m_pDatabase.get(); }
@@ -202,6 +214,41 @@ std::string UpdateSql(const std::string& table, const Values& entries, const std
     return sql;
 }
 
+/* A level of the connection's own transaction inside an outer transaction
+ * (content/outer_transaction.h): the savepoint of that depth. */
+std::string SavepointName(int depth)
+{
+    return "tilvane_level_" + std::to_string(depth);
+}
+
+int BeginSavepoint(Database& database, const std::string& path)
+{
+    std::string error;
+    const int rc = database.ExecPrepared("SAVEPOINT " + SavepointName(database.m_nTransactionDepth), &error);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("savepoint on %s: %s (%d)", path.c_str(), error.c_str(), rc);
+        return rc;
+    }
+    ++database.m_nTransactionDepth;
+    return CContentDbConnection::CONNECTION_OK;
+}
+
+/* Keeps (RELEASE) or undoes (ROLLBACK TO, then RELEASE) the innermost level:
+ * the outer transaction goes on either way. */
+int EndSavepoint(Database& database, bool commit, const std::string& path)
+{
+    const std::string name = SavepointName(--database.m_nTransactionDepth);
+    std::string error;
+    int rc = commit ? SQLITE_OK : database.ExecPrepared("ROLLBACK TO " + name, &error);
+    if (rc == SQLITE_OK) {
+        rc = database.ExecPrepared("RELEASE " + name, &error);
+    }
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("end of savepoint on %s: %s (%d)", path.c_str(), error.c_str(), rc);
+    }
+    return rc;
+}
+
 }  // namespace
 
 CContentDbConnection::CContentDbConnection(std::string directory, std::string fileName)
@@ -282,7 +329,7 @@ int CContentDbConnection::ExcuteSQL(const std::string& sql, std::string& errorMe
 
 int CContentDbConnection::SetForeignKeyConstraintsEnabled(bool enabled)
 {
-    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    LockedDatabase db(std::atomic_load(&m_pDatabase), Join::No);
     if (!db) {
         CONTENT_LOGE("cannot set foreign keys on %s: not open", m_strPath.c_str());
         return CONNECTION_ERROR_NOT_OPEN;
@@ -366,7 +413,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
 
 int64_t CContentDbConnection::GetLastInsertRowID()
 {
-    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    LockedDatabase db(std::atomic_load(&m_pDatabase), Join::No);
     if (!db) {
         return -1;
     }
@@ -375,7 +422,7 @@ int64_t CContentDbConnection::GetLastInsertRowID()
 
 int CContentDbConnection::GetChangedRowCount()
 {
-    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    LockedDatabase db(std::atomic_load(&m_pDatabase), Join::No);
     if (!db) {
         return 0;
     }
@@ -516,6 +563,9 @@ int CContentDbConnection::BeginTransaction()
         CONTENT_LOGE("transaction: %s is not open", m_strPath.c_str());
         return CONNECTION_ERROR_NOT_OPEN;
     }
+    if (db->m_bInOuterTransaction) {
+        return BeginSavepoint(*db.shared(), m_strPath);
+    }
     if (db->m_nTransactionDepth == 0) {
         std::string error;
         int rc = db->ExecPrepared("BEGIN IMMEDIATE", &error);
@@ -531,14 +581,17 @@ int CContentDbConnection::BeginTransaction()
 
 int CContentDbConnection::EndTransaction(bool commit)
 {
-    LockedDatabase db(std::atomic_load(&m_pDatabase));
+    LockedDatabase db(std::atomic_load(&m_pDatabase), Join::No);
     if (!db) {
         CONTENT_LOGE("end of transaction: %s is not open", m_strPath.c_str());
         return CONNECTION_ERROR_NOT_OPEN;
     }
-    if (db->m_nTransactionDepth <= 0) {
+    if (db->m_nTransactionDepth <= (db->m_bInOuterTransaction ? 1 : 0)) {
         CONTENT_LOGE("end of transaction on %s without a begin", m_strPath.c_str());
         return SQLITE_MISUSE;
+    }
+    if (db->m_bInOuterTransaction) {
+        return EndSavepoint(*db.shared(), commit, m_strPath);
     }
     if (!commit) {
         db->m_bTransactionFailed = true;

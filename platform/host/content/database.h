@@ -86,6 +86,9 @@ public:
     /* Nesting of CContentDbConnection's transactions. */
     int m_nTransactionDepth = 0;
     bool m_bTransactionFailed = false;
+    /* True while an OuterTransaction holds this database's transaction (it is
+     * level 1): the connections' own levels above it are savepoints. */
+    bool m_bInOuterTransaction = false;
 
 private:
     Database(std::string path, SQLiteHandle handle);

@@ -50,6 +50,7 @@
 #include "bundle/bundle_limits.h"
 #include "bundle_ptr.h"
 #include "bus/bus_connection.h"
+#include "ports/held_sends.h"
 #include "ports/port_delivery.h"
 #include "identity/credentials.h"
 #include "base/glib_ptr.h"
@@ -755,6 +756,9 @@ extern "C" int message_port_send_message(const char* remote_app_id, const char* 
         message == nullptr) {
         return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
     }
+    if (HeldSends::Hold(remote_app_id, remote_port, message, -1)) {
+        return MESSAGE_PORT_ERROR_NONE;
+    }
     return SendMessage("message_port_send_message", remote_app_id, remote_port, message, std::string());
 }
 
@@ -768,6 +772,9 @@ extern "C" int message_port_send_message_with_local_port(const char* remote_app_
     std::string localPort;
     if (!FindPortName(local_port_id, localPort)) {
         return MESSAGE_PORT_ERROR_PORT_NOT_FOUND;
+    }
+    if (HeldSends::Hold(remote_app_id, remote_port, message, local_port_id)) {
+        return MESSAGE_PORT_ERROR_NONE;
     }
     return SendMessage("message_port_send_message_with_local_port", remote_app_id, remote_port, message, localPort);
 }

@@ -2,7 +2,8 @@
  * The content-library interface: org.tilvane.Content at /org/tilvane/Content.
  * Its calls run here on the default main context, one small function per
  * method, each handing the request to the callback registered for its kind
- * and URI.
+ * and URI. Every method but Select is served as a ContentStep
+ * (content_steps.h), the same way a step of an atomic publish is.
  */
 #include <cstring>
 #include <memory>
@@ -11,6 +12,7 @@
 #include "SQLiteCursor.h"
 #include "SharedQueryObject.h"
 #include "content_provider_dispatch.h"
+#include "requests/content_steps.h"
 #include "requests/request_glue.h"
 #include "bundle/row_codec.h"
 
@@ -21,21 +23,6 @@ namespace requests {
 namespace {
 
 /* ---- content-library interface ----------------------------------------------- */
-
-void ReturnResult(GDBusMethodInvocation* invocation, bool found, GVariant* value)
-{
-    if (AnsweredCurrentRefusal(invocation, value)) {
-        return;
-    }
-    if (!found) {
-        if (value != nullptr) {
-            g_variant_unref(g_variant_ref_sink(value));
-        }
-        ReturnError(invocation, kErrorNotServed, "no callback is registered for this kind of request and URI");
-        return;
-    }
-    g_dbus_method_invocation_return_value(invocation, value);
-}
 
 /* The texts of a bulk's rows (owned by `array`), or why they are refused:
  * more rows or bytes than a bulk may have. */
@@ -58,196 +45,278 @@ BundleRefusal BulkTexts(GVariant* array, std::vector<std::pair<const gchar*, siz
     return total > kBulkMaxBytes ? BundleRefusal::OverLimits : BundleRefusal::None;
 }
 
-/* The rows of a bulk, each an owned bundle, within the bulk's limits
- * (bundle_limits.h); empty with the reason when any row is refused. Linear in
- * the request's size. */
-BundleRefusal DecodeBundles(GVariant* array, std::vector<BundlePtr>& bundles)
-{
-    std::vector<std::pair<const gchar*, size_t>> texts;
-    BundleRefusal why = BulkTexts(array, texts);
-    if (why != BundleRefusal::None) {
-        return why;
-    }
-    bundles.reserve(texts.size());
-    for (const auto& text : texts) {
-        BundlePtr b = DecodeBundle(text.first, text.second, &why);
-        if (b == nullptr) {
-            bundles.clear();
-            return why;
-        }
-        bundles.push_back(std::move(b));
-    }
-    return BundleRefusal::None;
-}
-
-/* (result, rows changed, reason) of an update or delete. */
-GVariant* ChangeReply(int result, const RequestReport& report)
-{
-    return g_variant_new("(ixs)", result, static_cast<gint64>(result == 0 ? report.changedRows : 0),
-                         ReasonForCode(result, report).c_str());
-}
-
 std::vector<bundle*> Borrowed(const std::vector<BundlePtr>& bundles)
 {
     std::vector<bundle*> pointers;
+    pointers.reserve(bundles.size());
     for (const BundlePtr& b : bundles) {
         pointers.push_back(b.get());
     }
     return pointers;
 }
 
-/* True (and the call answered) when the request carries more than strict
- * confinement allows. */
-bool RefusedForLimits(Job& job, const std::vector<bundle*>& rows, const char* where)
+/* The one row of an insert or update; null for the other kinds. */
+bundle* OnlyRow(const ContentStep& step)
 {
-    if (WithinRequestLimits(rows, where)) {
-        return false;
-    }
-    AnsweredCurrentRefusal(job.invocation.get(), nullptr);
-    return true;
+    return step.rows.empty() ? nullptr : step.rows.front().get();
 }
 
-/* A content request's record of the caller and the URI. */
+/* A request record of the caller and the URI. */
 template <typename Record>
-Record ContentRecord(const Job& job)
+Record StepRecord(const std::string& clientApp, const ContentStep& step)
 {
     Record record;
-    record.strAppId = job.clientApp;
-    record.strUri = StringArg(job.parameters.get(), 1);
+    record.strAppId = clientApp;
+    record.strUri = step.uri;
     return record;
 }
 
-void ContentInsert(Job& job, const RequestReport& report)
+/* Calls the provider's callback of the step's kind; false when none is
+ * registered. */
+bool DispatchStep(const std::string& clientApp, ContentStep& step, const RequestReport& report, StepOutcome& outcome)
 {
     using namespace tilvane::content;
-    auto in = ContentRecord<PT_PROVIDER_INSERT_IN_PARAM>(job);
-    BundleRefusal refused = BundleRefusal::None;
-    BundlePtr values = DecodeBundle(StringArg(job.parameters.get(), 2), &refused);
-    if (values == nullptr) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(refused));
-        return;
+    bool found = false;
+    if (step.kind == RequestKind::Insert) {
+        auto in = StepRecord<PT_PROVIDER_INSERT_IN_PARAM>(clientApp, step);
+        in.pValues = OnlyRow(step);
+        PT_PROVIDER_INSERT_OUT_PARAM out;
+        found = DispatchInsert(in, out, outcome.result);
+        outcome.rowId = out.nRowId;
+        outcome.reason = SyncMarkOf(in.pValues);
+        outcome.syncEndMark = outcome.reason == kSyncEndMarkSent;
+    } else if (step.kind == RequestKind::BulkInsert) {
+        auto in = StepRecord<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM>(clientApp, step);
+        in.vecValues = Borrowed(step.rows);
+        PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM out;
+        found = DispatchBulkInsert(in, out, outcome.result);
+        outcome.rowId = out.nRowId;
+    } else if (step.kind == RequestKind::Update) {
+        auto in = StepRecord<PT_PROVIDER_UPDATE_IN_PARAM>(clientApp, step);
+        in.pValues = OnlyRow(step);
+        in.strWhere = step.where;
+        in.vecWhereArgs = step.whereArgs;
+        PT_PROVIDER_UPDATE_OUT_PARAM out;
+        found = DispatchUpdate(in, out, outcome.result);
+    } else if (step.kind == RequestKind::BulkUpdate) {
+        auto in = StepRecord<PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM>(clientApp, step);
+        in.vecValues = Borrowed(step.rows);
+        PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM out;
+        found = DispatchBulkUpdate(in, out, outcome.result);
+    } else if (step.kind == RequestKind::Delete) {
+        auto in = StepRecord<PT_PROVIDER_DELETE_IN_PARAM>(clientApp, step);
+        in.strWhere = step.where;
+        in.vecWhereArgs = step.whereArgs;
+        found = DispatchDelete(in, outcome.result);
+    } else if (step.kind == RequestKind::GetId) {
+        auto in = StepRecord<PT_PROVIDER_SELECT_IN_PARAM>(clientApp, step);
+        in.strWhere = step.where;
+        in.vecWhereArgs = step.whereArgs;
+        PT_PROVIDER_GET_ID_OUT_PARAM out;
+        bool answered = false;
+        found = DispatchGetId(in, out, answered);
+        outcome.rowIds = std::move(out.vecRowIds);
+        if (found && !answered) {
+            outcome.error = kErrorNoResult;
+            outcome.errorText = NoResultText(report, "the provider's row-id lookup failed");
+        }
     }
-    if (RefusedForLimits(job, {values.get()}, nullptr)) {
-        return;
+    outcome.changedRows = outcome.result == 0 ? report.changedRows : 0;
+    if (outcome.reason.empty()) {
+        outcome.reason = ReasonForCode(outcome.result, report);
     }
-    in.pValues = values.get();
-    PT_PROVIDER_INSERT_OUT_PARAM out;
-    int result = 0;
-    const bool found = DispatchInsert(in, out, result);
-    const std::string mark = SyncMarkOf(values.get());
-    const std::string reason = !mark.empty() ? mark : ReasonForCode(result, report);
-    values.reset();
-    ReturnResult(job.invocation.get(), found,
-                 g_variant_new("(ixs)", result, static_cast<gint64>(out.nRowId), reason.c_str()));
+    return found;
 }
 
-/* The rows of a bulk call; false after answering why they are refused. */
-bool BulkRows(Job& job, std::vector<BundlePtr>& bundles)
+/* Whether the kind's request names a where clause. */
+bool HasWhere(content::RequestKind kind)
+{
+    using content::RequestKind;
+    return kind == RequestKind::Update || kind == RequestKind::Delete || kind == RequestKind::GetId;
+}
+
+}  // namespace
+
+StepOutcome ServeContentStep(const std::string& clientApp, ContentStep& step)
+{
+    confinement::RequestScope scope(confinement::TableOfUri(step.uri), clientApp);
+    RequestReportScope reportScope;
+    StepOutcome outcome;
+    const std::vector<bundle*> rows = Borrowed(step.rows);
+    const bool within = WithinRequestLimits(rows, HasWhere(step.kind) ? step.where.c_str() : nullptr);
+    const bool found = within && DispatchStep(clientApp, step, reportScope.Report(), outcome);
+    if (scope.Refused()) {
+        outcome.error = kErrorRefused;
+        outcome.errorText = scope.RefusalText();
+    } else if (!found) {
+        outcome.error = kErrorNotServed;
+        outcome.errorText = kNoCallbackText;
+    }
+    return outcome;
+}
+
+BundleRefusal DecodeRows(GVariant* array, std::vector<BundlePtr>& rows)
+{
+    std::vector<std::pair<const gchar*, size_t>> texts;
+    BundleRefusal why = BulkTexts(array, texts);
+    if (why != BundleRefusal::None) {
+        return why;
+    }
+    rows.reserve(texts.size());
+    for (const auto& text : texts) {
+        BundlePtr b = DecodeBundle(text.first, text.second, &why);
+        if (b == nullptr) {
+            rows.clear();
+            return why;
+        }
+        rows.push_back(std::move(b));
+    }
+    return BundleRefusal::None;
+}
+
+const char* RowsRefusal(BundleRefusal why)
+{
+    return why == BundleRefusal::OverLimits ? "the rows are over the bulk or bundle limits" : "a row is not a bundle";
+}
+
+namespace {
+
+/* True (and the call answered) when the step ended in an error. */
+bool AnsweredStepError(Job& job, const StepOutcome& outcome)
+{
+    if (outcome.error == nullptr) {
+        return false;
+    }
+    ReturnError(job.invocation.get(), outcome.error, outcome.errorText.c_str());
+    return true;
+}
+
+/* (result, rows changed, reason) of an update or delete. */
+void ReplyChange(Job& job, ContentStep& step)
+{
+    const StepOutcome outcome = ServeContentStep(job.clientApp, step);
+    if (!AnsweredStepError(job, outcome)) {
+        g_dbus_method_invocation_return_value(
+            job.invocation.get(),
+            g_variant_new("(ixs)", outcome.result, static_cast<gint64>(outcome.changedRows), outcome.reason.c_str()));
+    }
+}
+
+/* (result, row id, reason) of an insert or bulk insert. */
+void ReplyInsert(Job& job, ContentStep& step)
+{
+    const StepOutcome outcome = ServeContentStep(job.clientApp, step);
+    if (!AnsweredStepError(job, outcome)) {
+        g_dbus_method_invocation_return_value(
+            job.invocation.get(),
+            g_variant_new("(ixs)", outcome.result, static_cast<gint64>(outcome.rowId), outcome.reason.c_str()));
+    }
+}
+
+ContentStep StepOf(const Job& job, content::RequestKind kind)
+{
+    ContentStep step;
+    step.kind = kind;
+    step.uri = StringArg(job.parameters.get(), 1);
+    return step;
+}
+
+/* The step's one row from the string argument at `index`; false after
+ * answering why it is refused. */
+bool OneRowArg(Job& job, gsize index, ContentStep& step)
+{
+    BundleRefusal refused = BundleRefusal::None;
+    BundlePtr values = DecodeBundle(StringArg(job.parameters.get(), index), &refused);
+    if (values == nullptr) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(refused));
+        return false;
+    }
+    step.rows.push_back(std::move(values));
+    return true;
+}
+
+/* The step's rows from the array argument at 2; false after answering why
+ * they are refused. */
+bool BulkRowsArg(Job& job, ContentStep& step)
 {
     GVariantPtr rows(g_variant_get_child_value(job.parameters.get(), 2));
-    const BundleRefusal refused = DecodeBundles(rows.get(), bundles);
+    const BundleRefusal refused = DecodeRows(rows.get(), step.rows);
     if (refused != BundleRefusal::None) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest,
-                    refused == BundleRefusal::OverLimits ? "the rows are over the bulk or bundle limits"
-                                                         : "a row is not a bundle");
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, RowsRefusal(refused));
         return false;
     }
     return true;
 }
 
-/* A bulk call: its rows decoded and handed to `dispatch`; answered with what
- * `answer` makes of the result. */
-template <typename In, typename Out, typename Dispatch, typename Answer>
-void ContentBulk(Job& job, const RequestReport& report, Dispatch dispatch, Answer answer)
+void ContentInsert(Job& job)
 {
-    std::vector<BundlePtr> bundles;
-    if (!BulkRows(job, bundles)) {
-        return;
+    ContentStep step = StepOf(job, content::RequestKind::Insert);
+    if (OneRowArg(job, 2, step)) {
+        ReplyInsert(job, step);
     }
-    auto in = ContentRecord<In>(job);
-    in.vecValues = Borrowed(bundles);
-    if (RefusedForLimits(job, in.vecValues, nullptr)) {
-        return;
-    }
-    Out out;
-    int result = 0;
-    const bool found = dispatch(in, out, result);
-    bundles.clear();
-    ReturnResult(job.invocation.get(), found, answer(result, out, report));
 }
 
-void ContentBulkInsert(Job& job, const RequestReport& report)
+void ContentBulkInsert(Job& job)
 {
-    using namespace tilvane::content;
-    ContentBulk<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM, PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM>(
-        job, report, DispatchBulkInsert,
-        [](int result, const PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out, const RequestReport& r) {
-            return g_variant_new("(ixs)", result, static_cast<gint64>(out.nRowId), ReasonForCode(result, r).c_str());
-        });
+    ContentStep step = StepOf(job, content::RequestKind::BulkInsert);
+    if (BulkRowsArg(job, step)) {
+        ReplyInsert(job, step);
+    }
 }
 
-void ContentBulkUpdate(Job& job, const RequestReport& report)
+void ContentBulkUpdate(Job& job)
 {
-    using namespace tilvane::content;
-    ContentBulk<PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM, PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM>(
-        job, report, DispatchBulkUpdate,
-        [](int result, const PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM&, const RequestReport& r) {
-            return ChangeReply(result, r);
-        });
+    ContentStep step = StepOf(job, content::RequestKind::BulkUpdate);
+    if (BulkRowsArg(job, step)) {
+        ReplyChange(job, step);
+    }
 }
 
-void ContentUpdate(Job& job, const RequestReport& report)
+void ContentUpdate(Job& job)
 {
-    using namespace tilvane::content;
-    GVariant* p = job.parameters.get();
-    auto in = ContentRecord<PT_PROVIDER_UPDATE_IN_PARAM>(job);
-    BundleRefusal refused = BundleRefusal::None;
-    BundlePtr values = DecodeBundle(StringArg(p, 2), &refused);
-    in.strWhere = StringArg(p, 3);
-    in.vecWhereArgs = StringsArg(p, 4);
-    if (values == nullptr) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(refused));
+    ContentStep step = StepOf(job, content::RequestKind::Update);
+    step.where = StringArg(job.parameters.get(), 3);
+    step.whereArgs = StringsArg(job.parameters.get(), 4);
+    if (OneRowArg(job, 2, step)) {
+        ReplyChange(job, step);
+    }
+}
+
+void ContentDelete(Job& job)
+{
+    ContentStep step = StepOf(job, content::RequestKind::Delete);
+    step.where = StringArg(job.parameters.get(), 2);
+    step.whereArgs = StringsArg(job.parameters.get(), 3);
+    ReplyChange(job, step);
+}
+
+void ContentGetRowIds(Job& job)
+{
+    ContentStep step = StepOf(job, content::RequestKind::GetId);
+    step.where = StringArg(job.parameters.get(), 2);
+    step.whereArgs = StringsArg(job.parameters.get(), 3);
+    const StepOutcome outcome = ServeContentStep(job.clientApp, step);
+    if (AnsweredStepError(job, outcome)) {
         return;
     }
-    if (RefusedForLimits(job, {values.get()}, in.strWhere.c_str())) {
-        return;
-    }
-    in.pValues = values.get();
-    PT_PROVIDER_UPDATE_OUT_PARAM out;
-    int result = 0;
-    const bool found = DispatchUpdate(in, out, result);
-    values.reset();
-    ReturnResult(job.invocation.get(), found, ChangeReply(result, report));
+    GVariant* ids = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, outcome.rowIds.data(), outcome.rowIds.size(),
+                                              sizeof(int64_t));
+    g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ax)", ids));
 }
 
-void ContentDelete(Job& job, const RequestReport& report)
+/* Whether a select was served and answered; when not, the call has been
+ * answered with why. */
+bool SelectAnswered(Job& job, const RequestReport& report, bool found, bool answered)
 {
-    using namespace tilvane::content;
-    GVariant* p = job.parameters.get();
-    auto in = ContentRecord<PT_PROVIDER_DELETE_IN_PARAM>(job);
-    in.strWhere = StringArg(p, 2);
-    in.vecWhereArgs = StringsArg(p, 3);
-    if (RefusedForLimits(job, {}, in.strWhere.c_str())) {
-        return;
-    }
-    int result = 0;
-    const bool found = DispatchDelete(in, result);
-    ReturnResult(job.invocation.get(), found, ChangeReply(result, report));
-}
-
-/* Whether a select or row-id lookup was served and answered; when not, the
- * call has been answered with why. */
-bool SelectAnswered(Job& job, const RequestReport& report, bool found, bool answered, const char* failure)
-{
-    if (!found) {
-        ReturnResult(job.invocation.get(), false, nullptr);
-        return false;
-    }
     if (AnsweredCurrentRefusal(job.invocation.get(), nullptr)) {
         return false;
     }
+    if (!found) {
+        ReturnError(job.invocation.get(), kErrorNotServed, kNoCallbackText);
+        return false;
+    }
     if (!answered) {
-        ReturnError(job.invocation.get(), kErrorNoResult, NoResultText(report, failure).c_str());
+        ReturnError(job.invocation.get(), kErrorNoResult, NoResultText(report, "the provider's select failed").c_str());
         return false;
     }
     return true;
@@ -257,19 +326,22 @@ void ContentSelect(Job& job, const RequestReport& report)
 {
     using namespace tilvane::content;
     GVariant* p = job.parameters.get();
-    auto in = ContentRecord<PT_PROVIDER_SELECT_IN_PARAM>(job);
+    PT_PROVIDER_SELECT_IN_PARAM in;
+    in.strAppId = job.clientApp;
+    in.strUri = StringArg(p, 1);
     in.vecProjection = StringsArg(p, 2);
     in.vecWhereArgs = StringsArg(p, 4);
     in.strOrderBy = StringArg(p, 5);
     in.strLimit = StringArg(p, 6);
     in.strWhere = StringArg(p, 3);
-    if (RefusedForLimits(job, {}, in.strWhere.c_str())) {
+    if (!WithinRequestLimits({}, in.strWhere.c_str())) {
+        AnsweredCurrentRefusal(job.invocation.get(), nullptr);
         return;
     }
     PT_PROVIDER_SELECT_OUT_PARAM out;
     bool answered = false;
     const bool found = DispatchSelect(in, out, answered);
-    if (!SelectAnswered(job, report, found, answered, "the provider's select failed")) {
+    if (!SelectAnswered(job, report, found, answered)) {
         if (answered) {
             CSharedQueryObject::TakeCursor(out.nRequestId);  // the refused request's cursor goes unread
         }
@@ -284,41 +356,24 @@ void ContentSelect(Job& job, const RequestReport& report)
     g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ay)", RowsVariant(std::move(encoded))));
 }
 
-void ContentGetRowIds(Job& job, const RequestReport& report)
-{
-    using namespace tilvane::content;
-    GVariant* p = job.parameters.get();
-    auto in = ContentRecord<PT_PROVIDER_SELECT_IN_PARAM>(job);
-    in.strWhere = StringArg(p, 2);
-    in.vecWhereArgs = StringsArg(p, 3);
-    if (RefusedForLimits(job, {}, in.strWhere.c_str())) {
-        return;
-    }
-    PT_PROVIDER_GET_ID_OUT_PARAM out;
-    bool answered = false;
-    const bool found = DispatchGetId(in, out, answered);
-    if (!SelectAnswered(job, report, found, answered, "the provider's row-id lookup failed")) {
-        return;
-    }
-    GVariant* ids =
-        g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, out.vecRowIds.data(), out.vecRowIds.size(), sizeof(int64_t));
-    g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ax)", ids));
-}
-
 }  // namespace
 
 void RunContent(Job& job)
 {
-    static const std::map<std::string, void (*)(Job&, const RequestReport&)> methods = {
-        {"Insert", ContentInsert},         {"BulkInsert", ContentBulkInsert}, {"BulkUpdate", ContentBulkUpdate},
-        {"Update", ContentUpdate},         {"Delete", ContentDelete},         {"Select", ContentSelect},
-        {"GetRowIds", ContentGetRowIds},
+    static const std::map<std::string, void (*)(Job&)> methods = {
+        {"Insert", ContentInsert}, {"BulkInsert", ContentBulkInsert}, {"BulkUpdate", ContentBulkUpdate},
+        {"Update", ContentUpdate}, {"Delete", ContentDelete},         {"GetRowIds", ContentGetRowIds},
+        {"Publish", RunPublish},
     };
-    auto method = methods.find(job.method);
-    if (method != methods.end()) {
+    if (job.method == "Select") {
         confinement::RequestScope scope(confinement::TableOfUri(StringArg(job.parameters.get(), 1)), job.clientApp);
         RequestReportScope reportScope;
-        method->second(job, reportScope.Report());
+        ContentSelect(job, reportScope.Report());
+        return;
+    }
+    auto method = methods.find(job.method);
+    if (method != methods.end()) {
+        method->second(job);
     }
 }
 

@@ -200,7 +200,7 @@ std::string SyncMarkOf(bundle* values)
         return std::string();
     }
     if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_END) == 0) {
-        return "sync end mark sent";
+        return kSyncEndMarkSent;
     }
     if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_START) == 0) {
         return "sync start mark: nothing is sent";

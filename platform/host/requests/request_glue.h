@@ -54,6 +54,9 @@ inline constexpr char kErrorNotAuthorized[] = "org.tilvane.Request.Error.NotAuth
 inline constexpr char kErrorInvalidRequest[] = "org.tilvane.Request.Error.InvalidRequest";
 inline constexpr char kErrorRefused[] = "org.tilvane.Request.Error.Refused";
 inline constexpr int kBusCallTimeoutMs = 10000;
+inline constexpr char kNoCallbackText[] = "no callback is registered for this kind of request and URI";
+/* The reason of an insert that carried the sync end mark. */
+inline constexpr char kSyncEndMarkSent[] = "sync end mark sent";
 
 /* A data-control request while its callback runs. */
 struct DcRequest {
@@ -144,6 +147,8 @@ bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value);
 /* The interfaces' method tables, run on the default main context. */
 void RunDataControl(Job& job);
 void RunContent(Job& job);
+/* Publish of the content-library interface (content_publish.cpp). */
+void RunPublish(Job& job);
 
 }  // namespace requests
 }  // namespace host

@@ -1,0 +1,316 @@
+/*
+ * Publish of the content-library interface: several content requests (its
+ * steps) that the provider runs as one transaction, so that an application
+ * replaces or extends its content all or nothing.
+ *
+ *   Publish(s clientApp, a(ssassasa(su)a(uu)) steps)
+ *       -> (i result, i step, s error, s reason, ax rowIds)
+ *
+ * A step is (kind, uri, rows, where, whereArgs, valueRefs, argRefs):
+ *   kind       the single method it stands for: Insert, BulkInsert, Update,
+ *              BulkUpdate, Delete or GetRowIds;
+ *   rows       bundle_encode texts (Insert and Update: exactly one; Delete and
+ *              GetRowIds: none);
+ *   valueRefs  (column, step): every row gets `column` = the row id of that
+ *              earlier step;
+ *   argRefs    (index, step): where argument `index` = that row id.
+ * The row id of a step is the new row's (Insert), the last new row's
+ * (BulkInsert) or the one id found (GetRowIds: a lookup that found none or
+ * several has none); the other kinds have none.
+ *
+ * Each step is served exactly as its single method is (content_steps.h): the
+ * provider's registered callback with its permission checks, the request
+ * confinement and limits. All steps run in one outer transaction of the
+ * content library (content/outer_transaction.h), in which a handler's own
+ * transaction is a savepoint, and every message the steps send to ports is
+ * held (ports/held_sends.h). A step succeeds when the provider answers 0, or
+ * when it is an Insert that carries the sync end mark (which the provider
+ * answers with its failure code by design). When every step succeeds the
+ * transaction is committed and then the held messages are sent; when a step
+ * fails or the commit fails, nothing of the publish is stored and the held
+ * messages are dropped. The reply: result 0 and one row id per step (-1 for
+ * none); or the failing step's index (the number of steps for the commit)
+ * with either the error name and text its single method would answer with, or
+ * the provider's result and reason.
+ */
+#include <sqlite3.h>
+
+#include <cstring>
+#include <map>
+#include <utility>
+
+#include "content/outer_transaction.h"
+#include "ports/held_sends.h"
+#include "requests/content_steps.h"
+#include "requests/request_glue.h"
+
+namespace tilvane {
+namespace host {
+namespace requests {
+namespace {
+
+struct PublishStep {
+    ContentStep request;
+    std::vector<std::pair<std::string, guint32>> valueRefs;
+    std::vector<std::pair<guint32, guint32>> argRefs;
+};
+
+/* How a publish ended. */
+struct PublishEnd {
+    std::vector<int64_t> rowIds;
+    int step = -1;
+    int result = 0;
+    std::string error;
+    std::string reason;
+};
+
+/* The request kinds a step may name, by their method names. */
+bool KindOf(const char* name, content::RequestKind& kind)
+{
+    using content::RequestKind;
+    static const std::map<std::string, RequestKind> kinds = {
+        {"Insert", RequestKind::Insert}, {"BulkInsert", RequestKind::BulkInsert}, {"Update", RequestKind::Update},
+        {"BulkUpdate", RequestKind::BulkUpdate}, {"Delete", RequestKind::Delete}, {"GetRowIds", RequestKind::GetId}};
+    auto found = kinds.find(name);
+    if (found == kinds.end()) {
+        return false;
+    }
+    kind = found->second;
+    return true;
+}
+
+/* How many rows a step of `kind` carries: -1 any number, else exactly. */
+int RowsOfKind(content::RequestKind kind)
+{
+    using content::RequestKind;
+    if (kind == RequestKind::Insert || kind == RequestKind::Update) {
+        return 1;
+    }
+    return kind == RequestKind::BulkInsert || kind == RequestKind::BulkUpdate ? -1 : 0;
+}
+
+/* What the encoded rows of all steps add up to, before anything is decoded. */
+bool WithinPublishLimits(GVariant* steps, std::string& why)
+{
+    const gsize count = g_variant_n_children(steps);
+    size_t rows = 0;
+    size_t bytes = 0;
+    for (gsize i = 0; i < count; ++i) {
+        GVariantPtr step(g_variant_get_child_value(steps, i));
+        GVariantPtr texts(g_variant_get_child_value(step.get(), 2));
+        rows += g_variant_n_children(texts.get());
+        for (gsize r = 0; r < g_variant_n_children(texts.get()); ++r) {
+            gsize length = 0;
+            GVariantPtr text(g_variant_get_child_value(texts.get(), r));
+            g_variant_get_string(text.get(), &length);
+            bytes += length;
+        }
+    }
+    if (count == 0 || count > kPublishMaxSteps || rows > kPublishMaxRows || bytes > kPublishMaxBytes) {
+        why = "a publish has 1 to " + std::to_string(kPublishMaxSteps) + " steps, at most " +
+              std::to_string(kPublishMaxRows) + " rows and " + std::to_string(kPublishMaxBytes) +
+              " bytes of rows; this one has " + std::to_string(count) + " steps, " + std::to_string(rows) +
+              " rows and " + std::to_string(bytes) + " bytes";
+        return false;
+    }
+    return true;
+}
+
+/* The back-references of step `index`, each to an earlier step. */
+bool ReadReferences(GVariant* valueRefs, GVariant* argRefs, size_t index, PublishStep& step, std::string& why)
+{
+    if (g_variant_n_children(valueRefs) + g_variant_n_children(argRefs) > kPublishMaxReferencesPerStep) {
+        why = "more than " + std::to_string(kPublishMaxReferencesPerStep) + " back-references";
+        return false;
+    }
+    GVariantIter iter;
+    const gchar* column = nullptr;
+    guint32 target = 0;
+    g_variant_iter_init(&iter, valueRefs);
+    while (g_variant_iter_next(&iter, "(&su)", &column, &target)) {
+        step.valueRefs.emplace_back(column, target);
+    }
+    guint32 argument = 0;
+    g_variant_iter_init(&iter, argRefs);
+    while (g_variant_iter_next(&iter, "(uu)", &argument, &target)) {
+        step.argRefs.emplace_back(argument, target);
+    }
+    for (const auto& ref : step.valueRefs) {
+        if (ref.second >= index || RowsOfKind(step.request.kind) == 0) {
+            why = "a value back-reference to step " + std::to_string(ref.second) + " is not to an earlier step";
+            return false;
+        }
+    }
+    for (const auto& ref : step.argRefs) {
+        if (ref.second >= index || ref.first >= step.request.whereArgs.size()) {
+            why = "an argument back-reference names no where argument or no earlier step";
+            return false;
+        }
+    }
+    return true;
+}
+
+/* One step of the call, decoded; false with `why` when it is malformed. */
+bool ReadStep(GVariant* variant, size_t index, PublishStep& step, std::string& why)
+{
+    const gchar* kind = nullptr;
+    const gchar* uri = nullptr;
+    const gchar* where = nullptr;
+    GVariant* rows = nullptr;
+    GVariant* args = nullptr;
+    GVariant* valueRefs = nullptr;
+    GVariant* argRefs = nullptr;
+    g_variant_get(variant, "(&s&s@as&s@as@a(su)@a(uu))", &kind, &uri, &rows, &where, &args, &valueRefs, &argRefs);
+    GVariantPtr owned[] = {GVariantPtr(rows), GVariantPtr(args), GVariantPtr(valueRefs), GVariantPtr(argRefs)};
+    step.request.uri = uri;
+    step.request.where = where;
+    step.request.whereArgs = StringsOf(args);
+    if (!KindOf(kind, step.request.kind)) {
+        why = std::string("\"") + kind + "\" is not a kind of step";
+        return false;
+    }
+    const BundleRefusal refused = DecodeRows(rows, step.request.rows);
+    if (refused != BundleRefusal::None) {
+        why = RowsRefusal(refused);
+        return false;
+    }
+    const int expected = RowsOfKind(step.request.kind);
+    if (expected >= 0 && step.request.rows.size() != static_cast<size_t>(expected)) {
+        why = std::string(kind) + " takes " + std::to_string(expected) + " row(s), not " +
+              std::to_string(step.request.rows.size());
+        return false;
+    }
+    return ReadReferences(valueRefs, argRefs, index, step, why);
+}
+
+bool ReadSteps(GVariant* parameters, std::vector<PublishStep>& steps, std::string& why)
+{
+    GVariantPtr array(g_variant_get_child_value(parameters, 1));
+    if (!WithinPublishLimits(array.get(), why)) {
+        return false;
+    }
+    steps.resize(g_variant_n_children(array.get()));
+    for (size_t i = 0; i < steps.size(); ++i) {
+        GVariantPtr step(g_variant_get_child_value(array.get(), i));
+        if (!ReadStep(step.get(), i, steps[i], why)) {
+            why = "step " + std::to_string(i) + ": " + why;
+            return false;
+        }
+    }
+    return true;
+}
+
+/* The row id a later step may refer to; -1 for none. */
+int64_t RowIdOf(const ContentStep& step, const StepOutcome& outcome)
+{
+    if (step.kind == content::RequestKind::GetId) {
+        return outcome.rowIds.size() == 1 ? outcome.rowIds.front() : -1;
+    }
+    const bool inserts = step.kind == content::RequestKind::Insert || step.kind == content::RequestKind::BulkInsert;
+    return inserts && !outcome.syncEndMark ? outcome.rowId : -1;
+}
+
+/* Puts the row ids of earlier steps into `step`; false with `why` when one of
+ * them has none. */
+bool ResolveReferences(PublishStep& step, const std::vector<int64_t>& rowIds, std::string& why)
+{
+    for (const auto& ref : step.valueRefs) {
+        if (rowIds[ref.second] < 0) {
+            why = "step " + std::to_string(ref.second) + " gave no row id for " + ref.first;
+            return false;
+        }
+        const std::string id = std::to_string(rowIds[ref.second]);
+        for (BundlePtr& row : step.request.rows) {
+            bundle_del(row.get(), ref.first.c_str());
+            bundle_add_str(row.get(), ref.first.c_str(), id.c_str());
+        }
+    }
+    for (const auto& ref : step.argRefs) {
+        if (rowIds[ref.second] < 0) {
+            why = "step " + std::to_string(ref.second) + " gave no row id for where argument " +
+                  std::to_string(ref.first);
+            return false;
+        }
+        step.request.whereArgs[ref.first] = std::to_string(rowIds[ref.second]);
+    }
+    return true;
+}
+
+bool StepSucceeded(const StepOutcome& outcome)
+{
+    return outcome.error == nullptr && (outcome.result == 0 || outcome.syncEndMark);
+}
+
+/* Runs the steps in order until one fails; `end.step` stays -1 when none did. */
+void RunSteps(const std::string& clientApp, std::vector<PublishStep>& steps,
+              const content::OuterTransaction& transaction, PublishEnd& end)
+{
+    for (size_t i = 0; i < steps.size(); ++i) {
+        std::string why;
+        if (!ResolveReferences(steps[i], end.rowIds, why)) {
+            end = PublishEnd{{}, static_cast<int>(i), 0, kErrorInvalidRequest, why};
+            return;
+        }
+        const StepOutcome outcome = ServeContentStep(clientApp, steps[i].request);
+        if (!StepSucceeded(outcome)) {
+            end = PublishEnd{{}, static_cast<int>(i), outcome.result, outcome.error ? outcome.error : "",
+                             outcome.error ? outcome.errorText : outcome.reason};
+            if (transaction.JoinFailure() != 0) {
+                end.reason = transaction.JoinFailureText();
+            }
+            return;
+        }
+        end.rowIds.push_back(RowIdOf(steps[i].request, outcome));
+    }
+}
+
+/* Runs every step in one transaction and sends what they sent only once it
+ * is stored. */
+PublishEnd Publish(const std::string& clientApp, std::vector<PublishStep>& steps)
+{
+    PublishEnd end;
+    content::OuterTransaction transaction;
+    HeldSends held;
+    RunSteps(clientApp, steps, transaction, end);
+    if (end.step >= 0) {
+        transaction.Rollback();
+        held.Drop();
+        return end;
+    }
+    const int committed = transaction.Commit();
+    if (committed != SQLITE_OK) {
+        held.Drop();
+        return PublishEnd{{}, static_cast<int>(steps.size()), committed, "",
+                          std::string("the changes could not be stored: ") + sqlite3_errstr(committed)};
+    }
+    held.Release();
+    return end;
+}
+
+}  // namespace
+
+void RunPublish(Job& job)
+{
+    std::vector<PublishStep> steps;
+    std::string why;
+    if (!ReadSteps(job.parameters.get(), steps, why)) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, why.c_str());
+        return;
+    }
+    const PublishEnd end = Publish(job.clientApp, steps);
+    if (end.step < 0) {
+        REQUEST_LOGI("publish of %s: %zu step(s) stored", job.clientApp.c_str(), steps.size());
+    } else {
+        REQUEST_LOGI("publish of %s: step %d of %zu failed, nothing stored: %s", job.clientApp.c_str(), end.step,
+                     steps.size(), end.reason.c_str());
+    }
+    GVariant* ids =
+        g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.rowIds.data(), end.rowIds.size(), sizeof(int64_t));
+    g_dbus_method_invocation_return_value(job.invocation.get(),
+                                          g_variant_new("(iiss@ax)", end.result, end.step, end.error.c_str(),
+                                                        end.reason.c_str(), ids));
+}
+
+}  // namespace requests
+}  // namespace host
+}  // namespace tilvane
