@@ -1,7 +1,8 @@
 /*
- * Names of the preview content: the content URIs of the three tables and the
- * column names, with the values that some columns take. This is the only place
- * where these texts are defined.
+ * Names of the preview content under the names the service uses: the content
+ * URIs of the three tables and the column names, with the values that some
+ * columns take. The texts themselves are defined once, in the client
+ * library's installed header tilvane_schema.h; these are references to them.
  *
  * A content URI is "content://<authority>/<table>"; the data-control provider
  * id is "content://<authority>", so provider id + "/" + data id (the table
@@ -10,27 +11,29 @@
 #ifndef TILVANE_TILES_MODEL_H
 #define TILVANE_TILES_MODEL_H
 
+#include "tilvane_schema.h"
+
 namespace TilesModel {
 
-inline constexpr char PROVIDER_ID[] = "content://com.quillon.px.tiles";
+inline constexpr auto& PROVIDER_ID = ::tilvane::client::schema::kProviderId;
 
 /* Name of the row-id column of every table. */
-inline constexpr char BaseColumnsID[] = "_id";
+inline constexpr auto& BaseColumnsID = ::tilvane::client::schema::kRowId;
 
 /* The sync mark a client puts into an insert instead of a row. */
-inline constexpr char EVENT_TILES_SYNC_KEY[] = "tiles_sync_event";
-inline constexpr char EVENT_TILES_SYNC_STATUS_START[] = "sync_start";
-inline constexpr char EVENT_TILES_SYNC_STATUS_END[] = "sync_end";
+inline constexpr auto& EVENT_TILES_SYNC_KEY = ::tilvane::client::schema::kSyncKey;
+inline constexpr auto& EVENT_TILES_SYNC_STATUS_START = ::tilvane::client::schema::kSyncStart;
+inline constexpr auto& EVENT_TILES_SYNC_STATUS_END = ::tilvane::client::schema::kSyncEnd;
 
 namespace Accelerators {
-inline constexpr char CONTENT_URI[] = "content://com.quillon.px.tiles/accelerators";
+inline constexpr auto& CONTENT_URI = ::tilvane::client::schema::accelerators::kUri;
 
-inline constexpr char _ID[] = "_id";
-inline constexpr char ACCELERATOR_TITLE[] = "accelerator_title";
-inline constexpr char ACCELERATOR_ICON[] = "accelerator_icon";
-inline constexpr char ACCELERATOR_ICON_UNFOCUSED[] = "accelerator_icon_unfocused";
-inline constexpr char ACCELERATOR_ENABLED[] = "accelerator_enabled";
-inline constexpr char ACCELERATOR_ID[] = "accelerator_id";
+inline constexpr auto& _ID = ::tilvane::client::schema::kRowId;
+inline constexpr auto& ACCELERATOR_TITLE = ::tilvane::client::schema::accelerators::kTitle;
+inline constexpr auto& ACCELERATOR_ICON = ::tilvane::client::schema::accelerators::kIcon;
+inline constexpr auto& ACCELERATOR_ICON_UNFOCUSED = ::tilvane::client::schema::accelerators::kIconUnfocused;
+inline constexpr auto& ACCELERATOR_ENABLED = ::tilvane::client::schema::accelerators::kEnabled;
+inline constexpr auto& ACCELERATOR_ID = ::tilvane::client::schema::accelerators::kId;
 
 /* Values of ACCELERATOR_ENABLED. */
 namespace AcceleratorStatus {
@@ -40,61 +43,61 @@ inline constexpr char DISABLED[] = "0";
 }  // namespace Accelerators
 
 namespace Sections {
-inline constexpr char CONTENT_URI[] = "content://com.quillon.px.tiles/sections";
+inline constexpr auto& CONTENT_URI = ::tilvane::client::schema::sections::kUri;
 
-inline constexpr char _ID[] = "_id";
-inline constexpr char SECTION_ID[] = "section_id";
-inline constexpr char SECTION_TITLE[] = "section_title";
-inline constexpr char SECTION_POSITION[] = "section_position";
-inline constexpr char SECTION_ACCELERATOR_RAW_ID[] = "section_accelerator_raw_id";
-inline constexpr char SECTION_TITLE_DISPLAY_MODE[] = "section_title_display_mode";
-inline constexpr char SECTION_SUBTITLE_DISPLAY_MODE[] = "section_subtitle_display_mode";
+inline constexpr auto& _ID = ::tilvane::client::schema::kRowId;
+inline constexpr auto& SECTION_ID = ::tilvane::client::schema::sections::kId;
+inline constexpr auto& SECTION_TITLE = ::tilvane::client::schema::sections::kTitle;
+inline constexpr auto& SECTION_POSITION = ::tilvane::client::schema::sections::kPosition;
+inline constexpr auto& SECTION_ACCELERATOR_RAW_ID = ::tilvane::client::schema::sections::kEntryRowId;
+inline constexpr auto& SECTION_TITLE_DISPLAY_MODE = ::tilvane::client::schema::sections::kTitleDisplayMode;
+inline constexpr auto& SECTION_SUBTITLE_DISPLAY_MODE = ::tilvane::client::schema::sections::kSubtitleDisplayMode;
 
 /* Values of the two display-mode columns. */
 namespace SectionTitleDisplayMode {
-inline constexpr char SECTION_TITLE_DISPLAY_MODE_ALWAYS[] = "ALWAYS";
-inline constexpr char SECTION_TITLE_DISPLAY_MODE_HIGHLIGHTED_ONLY[] = "HIGHLIGHTED_ONLY";
-inline constexpr char SECTION_TITLE_DISPLAY_MODE_NEVER[] = "NEVER";
+inline constexpr auto& SECTION_TITLE_DISPLAY_MODE_ALWAYS = ::tilvane::client::schema::display_mode::kAlways;
+inline constexpr auto& SECTION_TITLE_DISPLAY_MODE_HIGHLIGHTED_ONLY = ::tilvane::client::schema::display_mode::kHighlightedOnly;
+inline constexpr auto& SECTION_TITLE_DISPLAY_MODE_NEVER = ::tilvane::client::schema::display_mode::kNever;
 }  // namespace SectionTitleDisplayMode
 }  // namespace Sections
 
 namespace Tiles {
-inline constexpr char CONTENT_URI[] = "content://com.quillon.px.tiles/tiles";
+inline constexpr auto& CONTENT_URI = ::tilvane::client::schema::tiles::kUri;
 
-inline constexpr char _ID[] = "_id";
-inline constexpr char TILE_ID[] = "tile_id";
-inline constexpr char TILE_SECTION_RAW_ID[] = "tile_section_raw_id";
-inline constexpr char TILE_TYPE[] = "tile_type";
-inline constexpr char TILE_TITLE[] = "tile_title";
-inline constexpr char TILE_SUBTITLE[] = "tile_subtitle";
-inline constexpr char TILE_DISPLAY_FROM[] = "tile_display_from";
-inline constexpr char TILE_DISPLAY_UNTIL[] = "tile_display_until";
-inline constexpr char TILE_ACTION_PLAY[] = "tile_action_play";
-inline constexpr char TILE_ACTION_CLICK[] = "tile_action_click";
-inline constexpr char TILE_ACTION_TYPE[] = "tile_action_type";
-inline constexpr char TILE_ACTION_DETAILS[] = "tile_action_details";
-inline constexpr char TILE_IMAGE_URL[] = "tile_image_url";
-inline constexpr char TILE_SOURCE_ICON[] = "tile_source_icon";
-inline constexpr char TILE_ACTION_PRE_PLAY[] = "tile_action_pre_play";
-inline constexpr char TILE_ACTION_POST_PLAY[] = "tile_action_post_play";
-inline constexpr char TILE_PLAYABLE[] = "tile_playable";
-inline constexpr char TILE_PROGRESS[] = "tile_progress";
-inline constexpr char TILE_NOTIFICATION[] = "tile_notification";
-inline constexpr char TILE_FAVORITE[] = "tile_favorite";
-inline constexpr char TILE_POSITION[] = "tile_position";
-inline constexpr char TILE_EXTRA_APP_ID[] = "tile_extra_app_id";
-inline constexpr char TILE_IMAGE_WIDTH[] = "tile_image_width";
-inline constexpr char TILE_IMAGE_HEIGHT[] = "tile_image_height";
-inline constexpr char TILE_IMAGE_RATIO[] = "tile_image_ratio";
-inline constexpr char TILE_IMAGE_PATH[] = "tile_image_path";
-inline constexpr char TILE_SOURCE_ICON_PATH[] = "tile_source_icon_path";
+inline constexpr auto& _ID = ::tilvane::client::schema::kRowId;
+inline constexpr auto& TILE_ID = ::tilvane::client::schema::tiles::kId;
+inline constexpr auto& TILE_SECTION_RAW_ID = ::tilvane::client::schema::tiles::kSectionRowId;
+inline constexpr auto& TILE_TYPE = ::tilvane::client::schema::tiles::kType;
+inline constexpr auto& TILE_TITLE = ::tilvane::client::schema::tiles::kTitle;
+inline constexpr auto& TILE_SUBTITLE = ::tilvane::client::schema::tiles::kSubtitle;
+inline constexpr auto& TILE_DISPLAY_FROM = ::tilvane::client::schema::tiles::kDisplayFrom;
+inline constexpr auto& TILE_DISPLAY_UNTIL = ::tilvane::client::schema::tiles::kDisplayUntil;
+inline constexpr auto& TILE_ACTION_PLAY = ::tilvane::client::schema::tiles::kActionPlay;
+inline constexpr auto& TILE_ACTION_CLICK = ::tilvane::client::schema::tiles::kActionClick;
+inline constexpr auto& TILE_ACTION_TYPE = ::tilvane::client::schema::tiles::kActionType;
+inline constexpr auto& TILE_ACTION_DETAILS = ::tilvane::client::schema::tiles::kActionDetails;
+inline constexpr auto& TILE_IMAGE_URL = ::tilvane::client::schema::tiles::kImageUrl;
+inline constexpr auto& TILE_SOURCE_ICON = ::tilvane::client::schema::tiles::kSourceIcon;
+inline constexpr auto& TILE_ACTION_PRE_PLAY = ::tilvane::client::schema::tiles::kActionPrePlay;
+inline constexpr auto& TILE_ACTION_POST_PLAY = ::tilvane::client::schema::tiles::kActionPostPlay;
+inline constexpr auto& TILE_PLAYABLE = ::tilvane::client::schema::tiles::kPlayable;
+inline constexpr auto& TILE_PROGRESS = ::tilvane::client::schema::tiles::kProgress;
+inline constexpr auto& TILE_NOTIFICATION = ::tilvane::client::schema::tiles::kNotification;
+inline constexpr auto& TILE_FAVORITE = ::tilvane::client::schema::tiles::kFavorite;
+inline constexpr auto& TILE_POSITION = ::tilvane::client::schema::tiles::kPosition;
+inline constexpr auto& TILE_EXTRA_APP_ID = ::tilvane::client::schema::tiles::kExtraAppId;
+inline constexpr auto& TILE_IMAGE_WIDTH = ::tilvane::client::schema::tiles::kImageWidth;
+inline constexpr auto& TILE_IMAGE_HEIGHT = ::tilvane::client::schema::tiles::kImageHeight;
+inline constexpr auto& TILE_IMAGE_RATIO = ::tilvane::client::schema::tiles::kImageRatio;
+inline constexpr auto& TILE_IMAGE_PATH = ::tilvane::client::schema::tiles::kImagePath;
+inline constexpr auto& TILE_SOURCE_ICON_PATH = ::tilvane::client::schema::tiles::kSourceIconPath;
 
 /* Values of TILE_IMAGE_RATIO. */
 namespace TileImageRatio {
-inline constexpr char TILE_IMAGE_RATIO_1BY1[] = "1:1";
-inline constexpr char TILE_IMAGE_RATIO_16BY9[] = "16:9";
-inline constexpr char TILE_IMAGE_RATIO_4BY3[] = "4:3";
-inline constexpr char TILE_IMAGE_RATIO_2BY3[] = "2:3";
+inline constexpr auto& TILE_IMAGE_RATIO_1BY1 = ::tilvane::client::schema::image_ratio::k1by1;
+inline constexpr auto& TILE_IMAGE_RATIO_16BY9 = ::tilvane::client::schema::image_ratio::k16by9;
+inline constexpr auto& TILE_IMAGE_RATIO_4BY3 = ::tilvane::client::schema::image_ratio::k4by3;
+inline constexpr auto& TILE_IMAGE_RATIO_2BY3 = ::tilvane::client::schema::image_ratio::k2by3;
 }  // namespace TileImageRatio
 }  // namespace Tiles
 
@@ -103,9 +106,9 @@ inline constexpr char TILE_IMAGE_RATIO_2BY3[] = "2:3";
 /* Columns that only the service and the launcher use. */
 namespace TilesInternalModel {
 namespace Accelerators {
-inline constexpr char ACCELERATOR_POSITION[] = "accelerator_position";
-inline constexpr char ACCELERATOR_APP_PKG_NAME[] = "accelerator_app_pkg_name";
-inline constexpr char ACCELERATOR_QEB_WEB_APP_ID[] = "accelerator_qeb_web_app_id";
+inline constexpr auto& ACCELERATOR_POSITION = ::tilvane::client::schema::accelerators::kPosition;
+inline constexpr auto& ACCELERATOR_APP_PKG_NAME = ::tilvane::client::schema::accelerators::kPackage;
+inline constexpr auto& ACCELERATOR_QEB_WEB_APP_ID = ::tilvane::client::schema::accelerators::kWebAppId;
 /* Not columns of the table: the application metadata keys under which an
  * application declares the privileges it reads and writes with. */
 inline constexpr char ACCELERATOR_READ_PERMISSION[] = "accelerator_read_permission";

@@ -1,12 +1,20 @@
 /*
- * The shared client library (libtilvane-client): its code is the request
- * interfaces' client in platform/host/client and the host platform pieces it
- * runs on, linked in whole; this file only gives the library a source of its
- * own and a version to ask for.
+ * The shared client library (libtilvane-client): its code is the client of
+ * the request interfaces and the typed publish in platform/host/client, with
+ * the host platform pieces it runs on, linked in whole; only the API of
+ * tilvane_client.h, tilvane_publisher.h and tilvane_c.h is exported
+ * (tilvane-client.map). This file gives the library the one thing the
+ * service and the tools do not want: a log that stays silent until the
+ * application installs a handler, so that nothing reaches the application's
+ * standard error unasked.
  */
-#include <tilvane_version.h>
+#include "log/log_sink.h"
 
-extern "C" const char* tilvane_client_version(void)
+namespace {
+
+__attribute__((constructor)) void QuietUntilAHandlerIsInstalled()
 {
-    return TILVANE_VERSION;
+    tilvane::host::SetLogSink(tilvane::host::DropLogLine, nullptr);
 }
+
+}  // namespace

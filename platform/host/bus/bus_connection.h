@@ -22,6 +22,9 @@ namespace host {
  * when `needAppName`. Null, with a MESSAGE_PORT_ERROR_* in *messagePortResult,
  * when the bus cannot be used. */
 GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult);
+/* The application id the open connection was opened as; empty when none is
+ * open (the next one opens as CurrentAppId()). */
+std::string ConnectedAppId();
 
 /* True when the connection `sender` (a unique name) owns the bus name of the
  * application `appId` and, in the verified identity mode, runs as a user bound

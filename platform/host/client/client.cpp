@@ -4,6 +4,8 @@
  */
 #include "tilvane_client.h"
 
+#include "client/client_calls.h"
+
 #include <gio/gio.h>
 
 #include <atomic>
@@ -83,22 +85,7 @@ void SetCallError(const GError* error, Result& result)
         result.message = copy->message;
         g_error_free(copy);
     }
-    if (name == "org.tilvane.Request.Error.NoResult") {
-        result.outcome = Outcome::NoResult;
-    } else if (name == "org.tilvane.Request.Error.ProviderError" || name == "org.tilvane.Request.Error.Refused") {
-        result.outcome = Outcome::ProviderError;
-    } else if (name == "org.tilvane.Request.Error.NotServed" || name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
-               name == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
-               name == "org.freedesktop.DBus.Error.UnknownObject" ||
-               name == "org.freedesktop.DBus.Error.UnknownMethod") {
-        result.outcome = Outcome::NotServed;
-    } else if (name == "org.tilvane.Request.Error.NotAuthorized") {
-        result.outcome = Outcome::NotAuthorized;
-    } else if (name == "org.tilvane.Request.Error.InvalidRequest") {
-        result.outcome = Outcome::InvalidRequest;
-    } else {
-        result.outcome = Outcome::BusError;
-    }
+    result.outcome = host::clientcalls::OutcomeOfError(name);
 }
 
 bool ReplyIs(GVariant* reply, const char* type)
@@ -277,6 +264,49 @@ GVariantPtr ContentCall(const std::string& uri, const char* method, GVariant* ar
 }
 
 }  // namespace
+
+}  // namespace client
+
+namespace host {
+namespace clientcalls {
+
+client::Outcome OutcomeOfError(const std::string& name)
+{
+    using client::Outcome;
+    if (name == "org.tilvane.Request.Error.NoResult") {
+        return Outcome::NoResult;
+    }
+    if (name == "org.tilvane.Request.Error.ProviderError" || name == "org.tilvane.Request.Error.Refused") {
+        return Outcome::ProviderError;
+    }
+    if (name == "org.tilvane.Request.Error.NotServed" || name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+        name == "org.freedesktop.DBus.Error.NameHasNoOwner" || name == "org.freedesktop.DBus.Error.UnknownObject" ||
+        name == "org.freedesktop.DBus.Error.UnknownMethod") {
+        return Outcome::NotServed;
+    }
+    if (name == "org.tilvane.Request.Error.NotAuthorized") {
+        return Outcome::NotAuthorized;
+    }
+    if (name == "org.tilvane.Request.Error.InvalidRequest") {
+        return Outcome::InvalidRequest;
+    }
+    return Outcome::BusError;
+}
+
+std::string Encode(const client::Values& values, bool& ok)
+{
+    return client::EncodeValues(values, ok);
+}
+
+GVariantPtr CallContent(const std::string& uri, const char* method, GVariant* arguments, client::Result& result)
+{
+    return client::ContentCall(uri, method, arguments, result);
+}
+
+}  // namespace clientcalls
+}  // namespace host
+
+namespace client {
 
 namespace {
 

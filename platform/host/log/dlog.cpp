@@ -29,6 +29,7 @@
 
 #include "host_control.h"
 #include "base/host_state.h"
+#include "log/log_sink.h"
 #include "requests/request_report.h"
 
 namespace tilvane {
@@ -257,8 +258,41 @@ std::string Stamp(int prio)
     return stamp;
 }
 
+struct Sink {
+    std::mutex mutex;
+    LogSink sink = nullptr;
+    void* userData = nullptr;
+};
+
+Sink& TheSink()
+{
+    static Sink* sink = new Sink();
+    return *sink;
+}
+
+/* True when a sink took the line. */
+bool SendToSink(int prio, const char* tag, const std::string& message)
+{
+    LogSink sink = nullptr;
+    void* userData = nullptr;
+    {
+        Sink& s = TheSink();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        sink = s.sink;
+        userData = s.userData;
+    }
+    if (sink == nullptr) {
+        return false;
+    }
+    sink(prio, tag, message.c_str(), userData);
+    return true;
+}
+
 size_t WriteLine(int prio, const char* tag, const std::string& message)
 {
+    if (SendToSink(prio, tag, message)) {
+        return message.size();
+    }
     char pid[32];
     snprintf(pid, sizeof pid, "(%d): ", static_cast<int>(getpid()));
     std::string line;
@@ -269,6 +303,18 @@ size_t WriteLine(int prio, const char* tag, const std::string& message)
 }
 
 }  // namespace
+
+void SetLogSink(LogSink sink, void* userData)
+{
+    Sink& s = TheSink();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.sink = sink;
+    s.userData = userData;
+}
+
+void DropLogLine(int /*priority*/, const char* /*tag*/, const char* /*message*/, void* /*userData*/)
+{
+}
 
 void ForgetLogLevel()
 {

@@ -589,6 +589,13 @@ GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
     return Connection(needAppName, messagePortResult);
 }
 
+std::string ConnectedAppId()
+{
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.busMutex);
+    return s.bus ? s.bus->appId : std::string();
+}
+
 NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error)
 {
     constexpr guint32 kDoNotQueue = 0x4;
