@@ -81,8 +81,8 @@ struct Section {
     std::string id;          /* the application's own id for the section */
     std::string title;
     int64_t position = -1;   /* order among the sections (ascending) */
-    DisplayMode titleDisplay = DisplayMode::Always;
-    DisplayMode subtitleDisplay = DisplayMode::Always;
+    DisplayMode titleDisplay = DisplayMode::HighlightedOnly;
+    DisplayMode subtitleDisplay = DisplayMode::HighlightedOnly;
     std::vector<Tile> tiles;
 
     Tile& AddTile(std::string tileTitle = std::string())
