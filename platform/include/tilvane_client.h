@@ -9,6 +9,7 @@
 #ifndef TILVANE_CLIENT_H
 #define TILVANE_CLIENT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -16,6 +17,16 @@
 
 namespace tilvane {
 namespace client {
+
+/* What one request may carry; the service refuses more (Outcome::InvalidRequest):
+ * a row at most kMaxRowColumns columns, names of at most kMaxColumnNameBytes
+ * and kMaxRowBytes of names and values together; a bulk at most kMaxBulkRows
+ * rows and kMaxBulkBytes of rows as sent (about 4/3 of their names and values). */
+inline constexpr std::size_t kMaxRowColumns = 1024;
+inline constexpr std::size_t kMaxColumnNameBytes = 1024;
+inline constexpr std::size_t kMaxRowBytes = 1024 * 1024;
+inline constexpr std::size_t kMaxBulkRows = 4096;
+inline constexpr std::size_t kMaxBulkBytes = 16 * 1024 * 1024;
 
 /* Row values: column name -> value, in order (sent as a bundle of strings). */
 using Values = std::vector<std::pair<std::string, std::string>>;

@@ -30,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include "tilvane_client.h"
 #include "tilvane_schema.h"
 
 namespace tilvane {
@@ -183,12 +184,12 @@ const char* ErrorName(ErrorCode code);
 /* One publish carries at most kMaxSections sections, kMaxPublishRows rows
  * (sections and tiles together) and kMaxPublishBytes of rows as they are
  * sent (column names and values, about 4/3 of their bytes); one section or
- * tile at most kMaxRowBytes of column names and values. A publish beyond
+ * tile at most kMaxRowBytes (tilvane_client.h) of column names and values.
+ * A publish beyond
  * them is refused with ErrorCode::OverLimits and the limit in its reason. */
 inline constexpr std::size_t kMaxSections = 2000;
 inline constexpr std::size_t kMaxPublishRows = 65535;
 inline constexpr std::size_t kMaxPublishBytes = 16 * 1024 * 1024;
-inline constexpr std::size_t kMaxRowBytes = 1024 * 1024;
 
 /* ---- changes -------------------------------------------------------------------- */
 
@@ -241,6 +242,8 @@ enum class PublishMode {
 /* What a successful publish stored. */
 struct Receipt {
     int64_t entryRowId = -1;
+    /* Replace: the sections removed (their tiles went with them). */
+    int64_t removedSections = 0;
     /* One per section of the content, in order. */
     std::vector<int64_t> sectionRowIds;
 };

@@ -3,43 +3,33 @@
  *
  * The file holds the application's sections, each with its tiles:
  *   {"sections": [{"section_title": "Evening", "tiles": [{"tile_title": "..."}]}]}
- * The command finds the caller's launcher entry (its accelerator row, which a
- * launcher-supporting application gets on its first request), optionally
- * deletes the caller's previous sections (their tiles go with them), inserts
- * each section under the entry, bulk inserts the section's tiles under the
- * section, and ends with the sync end mark that tells the launcher the batch
- * is complete. Every request goes through the content interface as the
- * caller, so the service's confinement applies unchanged.
+ * Each member names a column (docs/schema.md); the file becomes the client
+ * library's typed content, and the library's publish sends it as one request
+ * that the service runs as one transaction: it finds the caller's launcher
+ * entry, optionally deletes the caller's previous sections (their tiles go
+ * with them), inserts each section under the entry and its tiles under the
+ * section, and ends with the sync end mark. All of it is stored, or nothing
+ * is; each step goes through the service's confinement as the caller.
  */
-#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <tilvane_client.h>
+#include <tilvane_publisher.h>
 
 #include "Commands.h"
 #include "DataRequests.h"
 #include "Json.h"
-#include "TilesModel.h"
+#include "client/typed_rows.h"
 
 namespace tilvanectl {
 namespace {
 
-using tilvane::client::ContentClient;
-using tilvane::client::Result;
-using tilvane::client::Values;
-
-namespace Sections = TilesModel::Sections;
-namespace Tiles = TilesModel::Tiles;
-
-struct SectionToPublish {
-    Values values;
-    std::vector<Values> tiles;
-    std::string title;
-};
+namespace client = tilvane::client;
+namespace typed = tilvane::host::typed;
+namespace schema = tilvane::client::schema;
 
 int Usage(const std::string& message)
 {
@@ -53,28 +43,78 @@ int Invalid(const std::string& path, const std::string& message)
     return EXIT_FAILED;
 }
 
-/* The scalar members of `object` as row values; false (with `error`) when a
- * member other than `skip` is not a string or number, or names `forbidden`. */
-bool RowValues(const JsonValue& object, const char* skip, const char* forbidden, Values& values, std::string& error)
+/* Sets the row's fields from the scalar members of `object`; false (with
+ * `error`) when a member other than `skip` is no writable column of the
+ * table, or its value is no value of that column. */
+template <typename Row>
+bool FillRow(const JsonValue& object, const char* skip, const char* table,
+             const std::vector<typed::Field<Row>>& fields, Row& row, std::string& error)
 {
     for (const auto& member : object.members) {
         if (member.first == skip) {
             continue;
         }
-        if (member.first == forbidden) {
+        const typed::Field<Row>* field = typed::FieldOfName(fields, member.first);
+        if (member.first == schema::sections::kEntryRowId || member.first == schema::tiles::kSectionRowId) {
             error = "\"" + member.first + "\" is set by publish itself";
-            return false;
-        }
-        if (!member.second.IsScalar()) {
+        } else if (field == nullptr) {
+            error = "\"" + member.first + "\" is not a column of " + table + " that an application writes";
+        } else if (!member.second.IsScalar()) {
             error = "the value of \"" + member.first + "\" is neither a string nor a number";
+        } else if (!typed::SetFromText(row, *field, member.second.text)) {
+            error = "\"" + member.second.text + "\" is not a value of \"" + member.first + "\"";
+        }
+        if (!error.empty()) {
             return false;
         }
-        values.emplace_back(member.first, member.second.text);
     }
     return true;
 }
 
-bool ReadPublishFile(const std::string& path, std::vector<SectionToPublish>& sections, std::string& error)
+bool ReadTiles(const JsonValue& item, const std::string& where, client::Section& section, std::string& error)
+{
+    const JsonValue* tiles = item.Member("tiles");
+    if (tiles != nullptr && tiles->type != JsonValue::Type::Array) {
+        error = where + "\"tiles\" must be an array of tiles";
+        return false;
+    }
+    for (size_t t = 0; tiles != nullptr && t < tiles->items.size(); ++t) {
+        const JsonValue& tile = tiles->items[t];
+        const std::string tileWhere = where + "tile " + std::to_string(t + 1) + ": ";
+        if (tile.type != JsonValue::Type::Object) {
+            error = tileWhere + "expected an object";
+            return false;
+        }
+        if (!FillRow(tile, "", schema::tiles::kTable, typed::TileFields(), section.AddTile(), error)) {
+            error = tileWhere + error;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ReadSections(const JsonValue& list, client::Content& content, std::string& error)
+{
+    for (size_t i = 0; i < list.items.size(); ++i) {
+        const JsonValue& item = list.items[i];
+        const std::string where = "section " + std::to_string(i + 1) + ": ";
+        if (item.type != JsonValue::Type::Object) {
+            error = where + "expected an object";
+            return false;
+        }
+        client::Section& section = content.AddSection();
+        if (!FillRow(item, "tiles", schema::sections::kTable, typed::SectionFields(), section, error)) {
+            error = where + error;
+            return false;
+        }
+        if (!ReadTiles(item, where, section, error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ReadPublishFile(const std::string& path, client::Content& content, std::string& error)
 {
     std::ifstream file(path);
     if (!file) {
@@ -96,136 +136,44 @@ bool ReadPublishFile(const std::string& path, std::vector<SectionToPublish>& sec
         error = "\"sections\" is empty";
         return false;
     }
-    for (size_t i = 0; i < list->items.size(); ++i) {
-        const JsonValue& item = list->items[i];
-        const std::string where = "section " + std::to_string(i + 1) + ": ";
-        if (item.type != JsonValue::Type::Object) {
-            error = where + "expected an object";
-            return false;
-        }
-        SectionToPublish section;
-        if (!RowValues(item, "tiles", Sections::SECTION_ACCELERATOR_RAW_ID, section.values, error)) {
-            error = where + error;
-            return false;
-        }
-        const JsonValue* title = item.Member(Sections::SECTION_TITLE);
-        section.title = title != nullptr ? title->text : std::string();
-        const JsonValue* tiles = item.Member("tiles");
-        if (tiles != nullptr && tiles->type != JsonValue::Type::Array) {
-            error = where + "\"tiles\" must be an array of tiles";
-            return false;
-        }
-        for (size_t t = 0; tiles != nullptr && t < tiles->items.size(); ++t) {
-            const JsonValue& tile = tiles->items[t];
-            const std::string tileWhere = where + "tile " + std::to_string(t + 1) + ": ";
-            if (tile.type != JsonValue::Type::Object) {
-                error = tileWhere + "expected an object";
-                return false;
-            }
-            Values values;
-            if (!RowValues(tile, "", Tiles::TILE_SECTION_RAW_ID, values, error)) {
-                error = tileWhere + error;
-                return false;
-            }
-            section.tiles.push_back(values);
-        }
-        sections.push_back(section);
-    }
-    return true;
+    return ReadSections(*list, content, error);
 }
 
-/* The caller's launcher entry: the one accelerator row it reads as its own. */
-bool FindLauncherEntry(const ContentClient& content, const std::string& provider, std::string& acceleratorId)
+void PrintPublished(const client::Content& content, const client::Receipt& receipt, bool replace)
 {
-    Result result = content.Select(provider + "/accelerators", {TilesModel::Accelerators::_ID}, "", {}, "", "");
-    if (!result.Ok()) {
-        ReportFailure("publish: finding this application's launcher entry", result);
-        return false;
+    std::cout << "launcher entry " << receipt.entryRowId << "\n";
+    if (replace) {
+        std::cout << "removed " << CountOf(receipt.removedSections, "previous section", "previous sections")
+                  << " and their tiles\n";
     }
-    if (result.rows.rows.size() != 1 || result.rows.rows[0].empty() ||
-        result.rows.rows[0][0].type != tilvane::client::Cell::Type::Integer) {
-        std::cerr << "tilvanectl publish: this application reads " << result.rows.rows.size()
-                  << " launcher entries, not one: publishing needs an application that supports the launcher "
-                     "(use.preview or use.accelerator metadata, see tilvanectl app --help); nothing was published\n";
-        return false;
+    size_t tiles = 0;
+    for (size_t i = 0; i < content.sections.size(); ++i) {
+        const client::Section& section = content.sections[i];
+        std::cout << "section " << receipt.sectionRowIds[i] << " \"" << section.title << "\": "
+                  << CountOf(static_cast<long long>(section.tiles.size()), "tile", "tiles") << "\n";
+        tiles += section.tiles.size();
     }
-    acceleratorId = std::to_string(result.rows.rows[0][0].integer);
-    return true;
-}
-
-/* Inserts one section under the launcher entry and bulk inserts its tiles
- * into it; `sectionId` receives the new section's row id. */
-int PublishSection(ContentClient& content, const std::string& provider, const std::string& acceleratorId,
-                   const SectionToPublish& section, std::string& sectionId)
-{
-    Values values = section.values;
-    values.emplace_back(Sections::SECTION_ACCELERATOR_RAW_ID, acceleratorId);
-    Result inserted = content.Insert(provider + "/sections", values);
-    if (!inserted.Ok()) {
-        return ReportFailure("publish: inserting section \"" + section.title + "\"", inserted);
-    }
-    sectionId = std::to_string(inserted.rowId);
-    if (!section.tiles.empty()) {
-        std::vector<Values> tiles = section.tiles;
-        for (Values& tile : tiles) {
-            tile.emplace_back(Tiles::TILE_SECTION_RAW_ID, sectionId);
-        }
-        Result bulk = content.BulkInsert(provider + "/tiles", tiles);
-        if (!bulk.Ok()) {
-            return ReportFailure("publish: inserting the tiles of section \"" + section.title + "\"", bulk);
-        }
-    }
-    std::cout << "section " << sectionId << " \"" << section.title << "\": "
-              << CountOf(static_cast<long long>(section.tiles.size()), "tile", "tiles") << "\n";
-    return EXIT_OK;
+    std::cout << "published " << CountOf(static_cast<long long>(content.sections.size()), "section", "sections")
+              << " and " << CountOf(static_cast<long long>(tiles), "tile", "tiles") << "; sync end mark sent\n";
 }
 
 int Publish(const std::string& path, bool replace)
 {
-    std::vector<SectionToPublish> sections;
+    client::Content content;
     std::string error;
-    if (!ReadPublishFile(path, sections, error)) {
+    if (!ReadPublishFile(path, content, error)) {
         return Invalid(path, error);
     }
-    const std::string provider = DefaultProviderId();
-    const std::string sectionsUri = provider + "/sections";
-    const std::string tilesUri = provider + "/tiles";
-    ContentClient content;
-
-    std::string acceleratorId;
-    if (!FindLauncherEntry(content, provider, acceleratorId)) {
+    const client::Publisher publisher(std::string(), DefaultProviderId());
+    const auto published =
+        publisher.Publish(content, replace ? client::PublishMode::Replace : client::PublishMode::Append);
+    if (!published) {
+        const client::Status& status = published.status();
+        std::cerr << "tilvanectl publish: " << client::ErrorName(status.code) << ": " << status.reason
+                  << "; nothing was published\n";
         return EXIT_FAILED;
     }
-    std::cout << "launcher entry " << acceleratorId << "\n";
-
-    if (replace) {
-        Result removed = content.Delete(sectionsUri, std::string(Sections::SECTION_ACCELERATOR_RAW_ID) + " = ?",
-                                        {acceleratorId});
-        if (!removed.Ok()) {
-            return ReportFailure("publish: removing the previous sections", removed);
-        }
-        std::cout << "removed " << CountOf(removed.changedRows < 0 ? 0 : removed.changedRows, "previous section",
-                                           "previous sections")
-                  << " and their tiles\n";
-    }
-
-    size_t tileCount = 0;
-    std::string lastSectionId;
-    for (const SectionToPublish& section : sections) {
-        const int published = PublishSection(content, provider, acceleratorId, section, lastSectionId);
-        if (published != EXIT_OK) {
-            return published;
-        }
-        tileCount += section.tiles.size();
-    }
-
-    Result mark = content.Insert(tilesUri, {{TilesModel::EVENT_TILES_SYNC_KEY, TilesModel::EVENT_TILES_SYNC_STATUS_END},
-                                            {Tiles::TILE_SECTION_RAW_ID, lastSectionId}});
-    if (!SyncMarkSent(mark)) {
-        return ReportFailure("publish: sending the sync end mark", mark);
-    }
-    std::cout << "published " << CountOf(static_cast<long long>(sections.size()), "section", "sections") << " and "
-              << CountOf(static_cast<long long>(tileCount), "tile", "tiles") << "; sync end mark sent\n";
+    PrintPublished(content, *published, replace);
     return EXIT_OK;
 }
 
@@ -240,13 +188,15 @@ void PrintPublishHelp()
                  "                 \"tiles\": [{\"tile_title\": \"Headlines\", \"tile_image_url\": \"...\"}]}]}\n"
                  "Each section's members other than \"tiles\" are its columns, each tile's members its\n"
                  "columns (docs/schema.md); values are strings or numbers. The command finds this\n"
-                 "application's launcher entry, inserts each section under it, bulk inserts the\n"
-                 "section's tiles under the section, sends the sync end mark and prints what it\n"
-                 "published. The application must support the launcher (use.preview or\n"
-                 "use.accelerator metadata).\n"
+                 "application's launcher entry, inserts each section under it and the section's\n"
+                 "tiles under the section, sends the sync end mark and prints what it published.\n"
+                 "It is one request that the service runs as one transaction: all of it is\n"
+                 "stored, or nothing is and the previous content stays as it was. The application\n"
+                 "must support the launcher (use.preview or use.accelerator metadata).\n"
                  "\n"
                  "Options:\n"
-                 "  --replace   first delete this application's previous sections and their tiles\n"
+                 "  --replace   the file's sections take the place of every section (and tile) this\n"
+                 "              application published before, in the same transaction\n"
                  "\n"
                  "Example: tilvanectl --app-id org.example.videos.main publish examples/publish/news.json\n";
 }

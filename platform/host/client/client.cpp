@@ -19,6 +19,7 @@
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "requests/request_report.h"
+#include "bundle/bundle_limits.h"
 #include "bundle/row_codec.h"
 #include "bundle.h"
 #include "bundle_ptr.h"
@@ -28,6 +29,11 @@
 namespace tilvane {
 namespace client {
 namespace {
+
+static_assert(kMaxRowColumns == host::kBundleMaxKeys && kMaxColumnNameBytes == host::kBundleMaxKeyBytes &&
+                  kMaxRowBytes == host::kBundleMaxBytes && kMaxBulkRows == host::kBulkMaxRows &&
+                  kMaxBulkBytes == host::kBulkMaxBytes,
+              "the published limits are the service's");
 
 using host::GDBusConnectionPtr;
 using host::GVariantPtr;

@@ -55,8 +55,10 @@ void ReadReply(GVariant* variant, Reply& reply)
     const gchar* error = "";
     const gchar* reason = "";
     GVariant* ids = nullptr;
-    g_variant_get(variant, "(ii&s&s@ax)", &code, &step, &error, &reason, &ids);
+    GVariant* changed = nullptr;
+    g_variant_get(variant, "(ii&s&s@ax@ax)", &code, &step, &error, &reason, &ids, &changed);
     GVariantPtr ownedIds(ids);
+    GVariantPtr ownedChanged(changed);
     client::Result& result = reply.result;
     result.outcome = *error != '\0' ? clientcalls::OutcomeOfError(error) : client::Outcome::Answered;
     result.code = code;
@@ -65,6 +67,8 @@ void ReadReply(GVariant* variant, Reply& reply)
     gsize count = 0;
     const gint64* values = static_cast<const gint64*>(g_variant_get_fixed_array(ids, &count, sizeof(gint64)));
     result.rowIds.assign(values, values + count);
+    values = static_cast<const gint64*>(g_variant_get_fixed_array(changed, &count, sizeof(gint64)));
+    reply.changedRows.assign(values, values + count);
 }
 
 }  // namespace

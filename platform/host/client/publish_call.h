@@ -34,13 +34,15 @@ struct Step {
 };
 
 /* How a publish ended. `result.Ok()` when every step was stored, with
- * `result.rowIds` one per step (-1: none). Otherwise `failedStep` is the step
+ * `result.rowIds` one per step (-1: none) and `changedRows`. Otherwise `failedStep` is the step
  * that failed (the number of steps: the commit; -1: the call itself failed)
  * and `result` says how, as the step's single request would have: its outcome,
  * code and reason. */
 struct Reply {
     client::Result result;
     int failedStep = -1;
+    /* On success: the rows each step changed (updates and deletes). */
+    std::vector<int64_t> changedRows;
 };
 
 /* Sends `steps` to the provider of `providerId` as this process's application. */

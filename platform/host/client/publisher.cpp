@@ -39,7 +39,6 @@ namespace typed = host::typed;
 
 static_assert(kMaxPublishRows < host::kPublishMaxRows, "the typed limits fit the service's");
 static_assert(kMaxPublishBytes == host::kPublishMaxBytes, "the typed limits are the service's");
-static_assert(kMaxRowBytes == host::kBundleMaxBytes, "a row is one bundle");
 static_assert(2 * kMaxSections + 3 + kMaxPublishRows / host::kBulkMaxRows < host::kPublishMaxSteps,
               "every publish within the typed limits has few enough steps");
 
@@ -301,6 +300,7 @@ StatusOr<Receipt> Publisher::Publish(const Content& content, PublishMode mode) c
     }
     Receipt receipt;
     receipt.entryRowId = reply.result.rowIds.front();
+    receipt.removedSections = mode == PublishMode::Replace && reply.changedRows.size() > 1 ? reply.changedRows[1] : 0;
     for (uint32_t step : plan.sectionStep) {
         receipt.sectionRowIds.push_back(reply.result.rowIds[step]);
     }

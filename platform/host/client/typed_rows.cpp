@@ -357,6 +357,17 @@ const Field<Row>* FieldOfColumn(const std::vector<Field<Row>>& fields, int colum
 }
 
 template <typename Row>
+const Field<Row>* FieldOfName(const std::vector<Field<Row>>& fields, const std::string& name)
+{
+    for (const Field<Row>& field : fields) {
+        if (name == field.name) {
+            return &field;
+        }
+    }
+    return nullptr;
+}
+
+template <typename Row>
 std::string TextOf(const Row& row, const Field<Row>& field)
 {
     return std::visit([&](auto member) { return ToText(row.*member); }, field.member);
@@ -401,6 +412,7 @@ bool SetFromInteger(Row& row, const Field<Row>& field, int64_t value)
     template void ReadRow(Row&, const std::vector<Field<Row>>&, const std::vector<client::Cell>&);                 \
     template bool SameFields(const Row&, const Row&, const std::vector<Field<Row>>&);                              \
     template const Field<Row>* FieldOfColumn(const std::vector<Field<Row>>&, int);                                 \
+    template const Field<Row>* FieldOfName(const std::vector<Field<Row>>&, const std::string&);                    \
     template std::string TextOf(const Row&, const Field<Row>&);                                                    \
     template bool SetFromText(Row&, const Field<Row>&, const std::string&);                                        \
     template const char* StableText(const Row&, const Field<Row>&);                                                \

@@ -57,6 +57,10 @@ bool SameFields(const Row& a, const Row& b, const std::vector<Field<Row>>& field
 template <typename Row>
 const Field<Row>* FieldOfColumn(const std::vector<Field<Row>>& fields, int column);
 
+/* Columns by name (tilvane_schema.h): the field, or null. */
+template <typename Row>
+const Field<Row>* FieldOfName(const std::vector<Field<Row>>& fields, const std::string& name);
+
 /* A field as text (enumerations as stored: "16:9", "ALWAYS"; numbers in
  * decimal), and set from text: false when the text is no value of the field. */
 template <typename Row>

@@ -4,7 +4,7 @@
  * replaces or extends its content all or nothing.
  *
  *   Publish(s clientApp, a(ssassasa(su)a(uu)) steps)
- *       -> (i result, i step, s error, s reason, ax rowIds)
+ *       -> (i result, i step, s error, s reason, ax rowIds, ax changedRows)
  *
  * A step is (kind, uri, rows, where, whereArgs, valueRefs, argRefs):
  *   kind       the single method it stands for: Insert, BulkInsert, Update,
@@ -28,8 +28,9 @@
  * answers with its failure code by design). When every step succeeds the
  * transaction is committed and then the held messages are sent; when a step
  * fails or the commit fails, nothing of the publish is stored and the held
- * messages are dropped. The reply: result 0 and one row id per step (-1 for
- * none); or the failing step's index (the number of steps for the commit)
+ * messages are dropped. The reply: result 0, one row id per step (-1 for
+ * none) and the rows each step changed (updates and deletes; 0 for the
+ * others); or the failing step's index (the number of steps for the commit)
  * with either the error name and text its single method would answer with, or
  * the provider's result and reason.
  */
@@ -58,6 +59,7 @@ struct PublishStep {
 /* How a publish ended. */
 struct PublishEnd {
     std::vector<int64_t> rowIds;
+    std::vector<int64_t> changedRows;
     int step = -1;
     int result = 0;
     std::string error;
@@ -248,12 +250,12 @@ void RunSteps(const std::string& clientApp, std::vector<PublishStep>& steps,
     for (size_t i = 0; i < steps.size(); ++i) {
         std::string why;
         if (!ResolveReferences(steps[i], end.rowIds, why)) {
-            end = PublishEnd{{}, static_cast<int>(i), 0, kErrorInvalidRequest, why};
+            end = PublishEnd{{}, {}, static_cast<int>(i), 0, kErrorInvalidRequest, why};
             return;
         }
         const StepOutcome outcome = ServeContentStep(clientApp, steps[i].request);
         if (!StepSucceeded(outcome)) {
-            end = PublishEnd{{}, static_cast<int>(i), outcome.result, outcome.error ? outcome.error : "",
+            end = PublishEnd{{}, {}, static_cast<int>(i), outcome.result, outcome.error ? outcome.error : "",
                              outcome.error ? outcome.errorText : outcome.reason};
             if (transaction.JoinFailure() != 0) {
                 end.reason = transaction.JoinFailureText();
@@ -261,6 +263,7 @@ void RunSteps(const std::string& clientApp, std::vector<PublishStep>& steps,
             return;
         }
         end.rowIds.push_back(RowIdOf(steps[i].request, outcome));
+        end.changedRows.push_back(outcome.changedRows);
     }
 }
 
@@ -280,7 +283,7 @@ PublishEnd Publish(const std::string& clientApp, std::vector<PublishStep>& steps
     const int committed = transaction.Commit();
     if (committed != SQLITE_OK) {
         held.Drop();
-        return PublishEnd{{}, static_cast<int>(steps.size()), committed, "",
+        return PublishEnd{{}, {}, static_cast<int>(steps.size()), committed, "",
                           std::string("the changes could not be stored: ") + sqlite3_errstr(committed)};
     }
     held.Release();
@@ -306,9 +309,11 @@ void RunPublish(Job& job)
     }
     GVariant* ids =
         g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.rowIds.data(), end.rowIds.size(), sizeof(int64_t));
+    GVariant* changed = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.changedRows.data(),
+                                                  end.changedRows.size(), sizeof(int64_t));
     g_dbus_method_invocation_return_value(job.invocation.get(),
-                                          g_variant_new("(iiss@ax)", end.result, end.step, end.error.c_str(),
-                                                        end.reason.c_str(), ids));
+                                          g_variant_new("(iiss@ax@ax)", end.result, end.step, end.error.c_str(),
+                                                        end.reason.c_str(), ids, changed));
 }
 
 }  // namespace requests
