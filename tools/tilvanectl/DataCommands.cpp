@@ -13,6 +13,7 @@
 
 #include <tilvane_client.h>
 
+#include "BulkParts.h"
 #include "Commands.h"
 #include "DataRequests.h"
 #include "Json.h"
@@ -214,6 +215,41 @@ bool BulkRows(const Options& o, std::vector<Values>& rows)
     return ReadBulk(o.bulkFile, rows);
 }
 
+/* The parts of a file over one request's limits, one bulk each, in order;
+ * the first that fails ends it, and what was stored is said. */
+int InsertInParts(Requester& r, const std::vector<Values>& rows, const std::vector<BulkPart>& parts)
+{
+    Result result;
+    size_t inserted = 0;
+    size_t failed = parts.size();
+    {
+        Progress progress(rows.size(), parts.size());
+        for (size_t p = 0; p < parts.size() && failed == parts.size(); ++p) {
+            const auto first = rows.begin() + static_cast<std::ptrdiff_t>(parts[p].first);
+            result = r.content.BulkInsert(r.uri, std::vector<Values>(first, first + static_cast<std::ptrdiff_t>(
+                                                                                          parts[p].count)));
+            if (!result.Ok()) {
+                failed = p;
+                break;
+            }
+            inserted += parts[p].count;
+            progress.Done(inserted, p + 1);
+        }
+    }
+    if (failed < parts.size()) {
+        std::cerr << "tilvanectl data insert: part " << failed + 1 << " of " << parts.size() << " (rows "
+                  << parts[failed].first + 1 << "-" << parts[failed].first + parts[failed].count
+                  << ") was not inserted: " << tilvane::client::Explain(result) << "; "
+                  << (inserted == 0 ? std::string("nothing was inserted")
+                                    : "rows 1-" + std::to_string(inserted) + " were, the rest was not")
+                  << "\n";
+        return EXIT_FAILED;
+    }
+    std::cout << "inserted " << CountOf(static_cast<long long>(rows.size()), "row", "rows") << " in "
+              << parts.size() << " parts, last row id " << result.rowId << "\n";
+    return EXIT_OK;
+}
+
 int RunBulkInsert(Requester& r)
 {
     std::vector<Values> rows;
@@ -222,6 +258,15 @@ int RunBulkInsert(Requester& r)
     }
     for (const Values& row : rows) {
         WarnAboutLooseSection(r.o, row);
+    }
+    std::vector<BulkPart> parts;
+    std::string error;
+    if (!SplitIntoParts(rows, parts, error)) {
+        std::cerr << "tilvanectl data insert: " << r.o.bulkFile << ": " << error << "; nothing was inserted\n";
+        return EXIT_FAILED;
+    }
+    if (parts.size() > 1) {
+        return InsertInParts(r, rows, parts);
     }
     Result result = r.content.BulkInsert(r.uri, rows);
     if (!result.Ok()) {
@@ -365,7 +410,9 @@ void PrintDataHelp()
                  "Commands:\n"
                  "  insert TABLE key=value...          insert one row (a tiles_sync_event=sync_end row\n"
                  "                                     sends the sync end mark instead)\n"
-                 "  insert TABLE --bulk FILE           insert the rows of a JSON Lines file (content)\n"
+                 "  insert TABLE --bulk FILE           insert the rows of a JSON Lines file (content); a file\n"
+                 "                                     over one request's limits goes in parts of at most\n"
+                 "                                     4,096 rows and 16 MiB, each stored whole\n"
                  "  select TABLE [--columns a,b] [--where W [--arg V]...] [--order O] [--limit N] [--json]\n"
                  "  update TABLE --where W [--arg V]... key=value...\n"
                  "                                     change the rows W selects; prints how many changed\n"

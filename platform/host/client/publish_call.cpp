@@ -37,6 +37,8 @@ GVariant* StepVariant(const Step& step)
                          g_variant_builder_end(&values), g_variant_builder_end(&args));
 }
 
+}  // namespace
+
 GVariant* Arguments(const std::vector<Step>& steps)
 {
     GVariantBuilder builder;
@@ -47,7 +49,7 @@ GVariant* Arguments(const std::vector<Step>& steps)
     return g_variant_new("(s@a(ssassasa(su)a(uu)))", CurrentAppId().c_str(), g_variant_builder_end(&builder));
 }
 
-/* (result, step, error, reason, rowIds) into `reply`. */
+/* (result, step, error, reason, rowIds, changedRows) into `reply`. */
 void ReadReply(GVariant* variant, Reply& reply)
 {
     gint32 code = 0;
@@ -70,8 +72,6 @@ void ReadReply(GVariant* variant, Reply& reply)
     values = static_cast<const gint64*>(g_variant_get_fixed_array(changed, &count, sizeof(gint64)));
     reply.changedRows.assign(values, values + count);
 }
-
-}  // namespace
 
 Reply Send(const std::string& providerId, const std::vector<Step>& steps)
 {

@@ -7,6 +7,8 @@
 #ifndef TILVANE_PLATFORM_PUBLISH_CALL_H
 #define TILVANE_PLATFORM_PUBLISH_CALL_H
 
+#include <gio/gio.h>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -47,6 +49,11 @@ struct Reply {
 
 /* Sends `steps` to the provider of `providerId` as this process's application. */
 Reply Send(const std::string& providerId, const std::vector<Step>& steps);
+
+/* The two ends of Send, for tests: the call's arguments (floating), and its
+ * reply read into `reply`. */
+GVariant* Arguments(const std::vector<Step>& steps);
+void ReadReply(GVariant* answer, Reply& reply);
 
 }  // namespace publish
 }  // namespace host

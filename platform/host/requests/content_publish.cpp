@@ -292,28 +292,35 @@ PublishEnd Publish(const std::string& clientApp, std::vector<PublishStep>& steps
 
 }  // namespace
 
-void RunPublish(Job& job)
+GVariant* AnswerPublish(const std::string& clientApp, GVariant* parameters, std::string& invalid)
 {
     std::vector<PublishStep> steps;
-    std::string why;
-    if (!ReadSteps(job.parameters.get(), steps, why)) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, why.c_str());
-        return;
+    if (!ReadSteps(parameters, steps, invalid)) {
+        return nullptr;
     }
-    const PublishEnd end = Publish(job.clientApp, steps);
+    const PublishEnd end = Publish(clientApp, steps);
     if (end.step < 0) {
-        REQUEST_LOGI("publish of %s: %zu step(s) stored", job.clientApp.c_str(), steps.size());
+        REQUEST_LOGI("publish of %s: %zu step(s) stored", clientApp.c_str(), steps.size());
     } else {
-        REQUEST_LOGI("publish of %s: step %d of %zu failed, nothing stored: %s", job.clientApp.c_str(), end.step,
+        REQUEST_LOGI("publish of %s: step %d of %zu failed, nothing stored: %s", clientApp.c_str(), end.step,
                      steps.size(), end.reason.c_str());
     }
     GVariant* ids =
         g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.rowIds.data(), end.rowIds.size(), sizeof(int64_t));
     GVariant* changed = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.changedRows.data(),
                                                   end.changedRows.size(), sizeof(int64_t));
-    g_dbus_method_invocation_return_value(job.invocation.get(),
-                                          g_variant_new("(iiss@ax@ax)", end.result, end.step, end.error.c_str(),
-                                                        end.reason.c_str(), ids, changed));
+    return g_variant_new("(iiss@ax@ax)", end.result, end.step, end.error.c_str(), end.reason.c_str(), ids, changed);
+}
+
+void RunPublish(Job& job)
+{
+    std::string invalid;
+    GVariant* reply = AnswerPublish(job.clientApp, job.parameters.get(), invalid);
+    if (reply == nullptr) {
+        ReturnError(job.invocation.get(), kErrorInvalidRequest, invalid.c_str());
+        return;
+    }
+    g_dbus_method_invocation_return_value(job.invocation.get(), reply);
 }
 
 }  // namespace requests

@@ -149,6 +149,10 @@ void RunDataControl(Job& job);
 void RunContent(Job& job);
 /* Publish of the content-library interface (content_publish.cpp). */
 void RunPublish(Job& job);
+/* The reply (floating) of Publish with `parameters` (clientApp, steps) from
+ * `clientApp`, after running it; null, with `invalid` saying why, when the
+ * steps are malformed or over the publish limits and nothing ran. */
+GVariant* AnswerPublish(const std::string& clientApp, GVariant* parameters, std::string& invalid);
 
 }  // namespace requests
 }  // namespace host
