@@ -1,8 +1,10 @@
 /*
  * `cmake --install` into a DESTDIR: the tree it lays out, the systemd units as
- * systemd-analyze sees them, a program built against the installed pkg-config
- * file, and the installed service started on a private bus that runs with the
- * installed bus policy, published to and read from with the installed tools.
+ * systemd-analyze sees them, programs built against the installed pkg-config
+ * file and CMake package (the client examples in C++, C and Python among
+ * them), the client library's exported symbols and its silence, and the
+ * installed service started on a private bus that runs with the installed bus
+ * policy, published to and read from with the installed tools.
  */
 #include <gtest/gtest.h>
 
@@ -11,7 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +27,7 @@
 #include "TestSupport.h"
 
 using tilvane::test::Process;
+using tilvane::test::RawDatabase;
 using tilvane::test::TempDir;
 
 namespace {
@@ -88,6 +95,41 @@ protected:
         return s_destDir->Path() + TILVANE_INSTALL_PREFIX + "/" + relative;
     }
 
+    /* pkg-config reading the installed tree. */
+    static std::string PkgConfigEnvironment()
+    {
+        return "PKG_CONFIG_PATH=" + Quoted(Installed(TILVANE_INSTALL_LIBDIR "/pkgconfig")) +
+               " PKG_CONFIG_SYSROOT_DIR=" + Quoted(s_destDir->Path());
+    }
+
+    /* Builds `source` into `program` with `compiler` and the installed
+     * pkg-config file's flags. */
+    static Shell BuildWithPkgConfig(const std::string& compiler, const std::string& source, const std::string& program)
+    {
+        const std::string environment = PkgConfigEnvironment();
+        return RunShell(environment + " " + compiler + " " TILVANE_TEST_PROGRAM_FLAGS " -o " + Quoted(program) + " " +
+                        Quoted(source) + " $(" + environment + " pkg-config --cflags --libs tilvane-client)");
+    }
+
+    /* A Python that loads a library built with the sanitizers needs their
+     * runtime first. */
+    static const std::vector<std::string>& PythonSanitizerEnvironment()
+    {
+        static const std::vector<std::string> env = [] {
+            std::vector<std::string> found;
+            if (std::string(TILVANE_TEST_PROGRAM_FLAGS).empty()) {
+                return found;
+            }
+            std::string asan = RunShell("c++ -print-file-name=libasan.so").output;
+            std::string ubsan = RunShell("c++ -print-file-name=libubsan.so").output;
+            asan.erase(asan.find_last_not_of("\n") + 1);
+            ubsan.erase(ubsan.find_last_not_of("\n") + 1);
+            found = {"LD_PRELOAD=" + asan + ":" + ubsan, "ASAN_OPTIONS=detect_leaks=0"};
+            return found;
+        }();
+        return env;
+    }
+
     static TempDir* s_destDir;
     static Shell* s_install;
 };
@@ -113,7 +155,12 @@ TEST_F(InstallTest, LaysOutProgramsLibraryUnitsBusFilesManPagesAndExamples)
           TILVANE_INSTALL_DATADIR "/tilvane/tilvane-development.conf", TILVANE_INSTALL_MANDIR "/man8/tilvane.8",
           TILVANE_INSTALL_MANDIR "/man1/tilvanectl.1", TILVANE_INSTALL_DATADIR "/bash-completion/completions/tilvanectl",
           TILVANE_INSTALL_DATADIR "/tilvane/examples/apps/launcher.manifest",
-          TILVANE_INSTALL_DATADIR "/tilvane/examples/publish/news.json"}) {
+          TILVANE_INSTALL_DATADIR "/tilvane/examples/publish/news.json",
+          TILVANE_INSTALL_INCLUDEDIR "/tilvane/tilvane_publisher.h", TILVANE_INSTALL_INCLUDEDIR "/tilvane/tilvane_c.h",
+          TILVANE_INSTALL_INCLUDEDIR "/tilvane/tilvane_schema.h", TILVANE_INSTALL_MANDIR "/man3/tilvane_publisher.3",
+          TILVANE_INSTALL_LIBDIR "/cmake/TilvaneClient/TilvaneClientConfig.cmake",
+          TILVANE_INSTALL_LIBDIR "/cmake/TilvaneClient/TilvaneClientConfigVersion.cmake",
+          TILVANE_INSTALL_DATADIR "/tilvane/examples/client/publish.py"}) {
         EXPECT_TRUE(IsFile(Installed(file))) << file;
     }
     const std::string unit = tilvane::test::ReadAll(Installed("lib/systemd/system/tilvane.service"));
@@ -167,11 +214,98 @@ TEST_F(InstallTest, SystemdAcceptsTheUnits)
     }
 }
 
+/* The installed service on a private bus with the installed policy in force,
+ * the launcher example installed, for programs built against the installed
+ * tree. */
+class InstalledService
+{
+public:
+    InstalledService(const TempDir& work, const std::string& busPolicy, const std::string& installedPrefix)
+        : m_work(work), m_prefix(installedPrefix)
+    {
+        const std::string busConfig = work.File("bus.conf");
+        tilvane::test::WriteFile(
+            busConfig,
+            "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN\"\n"
+            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+            "<busconfig>\n"
+            "  <listen>unix:dir=" + work.Path() + "</listen>\n"
+            "  <auth>EXTERNAL</auth>\n"
+            "  <policy context=\"default\">\n"
+            "    <allow user=\"*\"/>\n"
+            "    <deny own=\"*\"/>\n"
+            "    <deny send_type=\"method_call\"/>\n"
+            "    <allow send_type=\"signal\"/>\n"
+            "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+            "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+            "    <allow receive_type=\"method_call\"/>\n"
+            "    <allow receive_type=\"method_return\"/>\n"
+            "    <allow receive_type=\"error\"/>\n"
+            "    <allow receive_type=\"signal\"/>\n"
+            "    <allow send_destination=\"org.freedesktop.DBus\"/>\n"
+            "  </policy>\n"
+            "  <includedir>" + busPolicy + "</includedir>\n"
+            "</busconfig>\n");
+        m_bus.reset(new Process({"/usr/bin/dbus-daemon", "--config-file=" + busConfig, "--nofork", "--print-address=1"},
+                                {}, work.File("bus.out"), work.File("bus.err")));
+        if (!m_bus->WaitFor("unix:", false, 10000)) {
+            ADD_FAILURE() << m_bus->Err();
+            return;
+        }
+        std::string address = m_bus->Out();
+        address.erase(address.find_last_not_of("\n") + 1);
+        m_env = {"DBUS_SESSION_BUS_ADDRESS=" + address, "TILVANE_PLATFORM_ROOT=" + work.File("root"),
+                 "TILVANE_CONFIG=" + Installed(TILVANE_INSTALL_DATADIR "/tilvane/tilvane-development.conf"),
+                 "TILVANE_LOG_LEVEL=D"};
+        Process install({Ctl(), "app", "install", Examples() + "/apps/launcher.manifest"}, m_env, work.File("i.out"),
+                        work.File("i.err"));
+        EXPECT_EQ(install.Wait(20000), 0) << install.Err();
+        m_service.reset(new Process({Installed(TILVANE_INSTALL_SBINDIR "/tilvane")}, m_env, work.File("service.out"),
+                                    work.File("service.err")));
+        m_running = m_service->WaitFor("service application created", true, 20000);
+        EXPECT_TRUE(m_running) << m_service->Err();
+    }
+
+    ~InstalledService()
+    {
+        if (m_service) {
+            m_service->Signal(SIGTERM);
+            EXPECT_EQ(m_service->Wait(20000), 0) << m_service->Err();
+        }
+        if (m_bus) {
+            m_bus->Signal(SIGTERM);
+            m_bus->Wait(5000);
+        }
+    }
+
+    bool Running() const { return m_running; }
+    const std::vector<std::string>& Environment() const { return m_env; }
+    /* The environment of a program of the installed tree running as `appId`. */
+    std::vector<std::string> AppEnvironment(const std::string& appId) const
+    {
+        std::vector<std::string> env = m_env;
+        env.push_back("LD_LIBRARY_PATH=" + Installed(TILVANE_INSTALL_LIBDIR));
+        env.push_back("TILVANE_APP_ID=" + appId);
+        return env;
+    }
+    Process& Service() { return *m_service; }
+    std::string Installed(const std::string& relative) const { return m_prefix + "/" + relative; }
+    std::string Ctl() const { return Installed(TILVANE_INSTALL_BINDIR "/tilvanectl"); }
+    std::string Examples() const { return Installed(TILVANE_INSTALL_DATADIR "/tilvane/examples"); }
+
+private:
+    const TempDir& m_work;
+    std::string m_prefix;
+    std::unique_ptr<Process> m_bus;
+    std::unique_ptr<Process> m_service;
+    std::vector<std::string> m_env;
+    bool m_running = false;
+};
+
 TEST_F(InstallTest, AProgramBuildsAgainstTheInstalledPkgConfigFileAndTalksToTheInstalledService)
 {
     TempDir work;
-    const std::string environment = "PKG_CONFIG_PATH=" + Quoted(Installed(TILVANE_INSTALL_LIBDIR "/pkgconfig")) +
-                                    " PKG_CONFIG_SYSROOT_DIR=" + Quoted(s_destDir->Path());
+    const std::string environment = PkgConfigEnvironment();
     Shell flags = RunShell(environment + " pkg-config --cflags --libs tilvane-client");
     ASSERT_EQ(flags.exitCode, 0) << flags.output;
     EXPECT_NE(flags.output.find("-ltilvane-client"), std::string::npos) << flags.output;
@@ -188,82 +322,198 @@ TEST_F(InstallTest, AProgramBuildsAgainstTheInstalledPkgConfigFileAndTalksToTheI
                              "    std::printf(\"%s|%zu\\n\", tilvane::client::Explain(result).c_str(), result.rows.rows.size());\n"
                              "    return argc == 2 && result.Ok() ? 0 : 1;\n"
                              "}\n");
-    flags.output.erase(flags.output.find_last_not_of("\n") + 1);
-    Shell build = RunShell(environment + " c++ -std=c++17 " TILVANE_TEST_PROGRAM_FLAGS " -o " + Quoted(work.File("reader")) +
-                           " " + Quoted(source) +
-                           " $(" + environment + " pkg-config --cflags --libs tilvane-client)");
+    Shell build = BuildWithPkgConfig("c++ -std=c++17", source, work.File("reader"));
     ASSERT_EQ(build.exitCode, 0) << build.output;
 
-    /* A private bus with the installed policy in force. */
-    const std::string busConfig = work.File("bus.conf");
-    tilvane::test::WriteFile(
-        busConfig,
-        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN\"\n"
-        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-        "<busconfig>\n"
-        "  <listen>unix:dir=" + work.Path() + "</listen>\n"
-        "  <auth>EXTERNAL</auth>\n"
-        "  <policy context=\"default\">\n"
-        "    <allow user=\"*\"/>\n"
-        "    <deny own=\"*\"/>\n"
-        "    <deny send_type=\"method_call\"/>\n"
-        "    <allow send_type=\"signal\"/>\n"
-        "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
-        "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
-        "    <allow receive_type=\"method_call\"/>\n"
-        "    <allow receive_type=\"method_return\"/>\n"
-        "    <allow receive_type=\"error\"/>\n"
-        "    <allow receive_type=\"signal\"/>\n"
-        "    <allow send_destination=\"org.freedesktop.DBus\"/>\n"
-        "  </policy>\n"
-        "  <includedir>" + Installed(TILVANE_INSTALL_DATADIR "/dbus-1/system.d") + "</includedir>\n"
-        "</busconfig>\n");
-    Process bus({"/usr/bin/dbus-daemon", "--config-file=" + busConfig, "--nofork", "--print-address=1"}, {},
-                work.File("bus.out"), work.File("bus.err"));
-    ASSERT_TRUE(bus.WaitFor("unix:", false, 10000)) << bus.Err();
-    std::string address = bus.Out();
-    address.erase(address.find_last_not_of("\n") + 1);
-
-    const std::vector<std::string> env = {"DBUS_SESSION_BUS_ADDRESS=" + address,
-                                          "TILVANE_PLATFORM_ROOT=" + work.File("root"),
-                                          "TILVANE_CONFIG=" + Installed(TILVANE_INSTALL_DATADIR
-                                                                        "/tilvane/tilvane-development.conf"),
-                                          "TILVANE_LOG_LEVEL=D"};
-    const std::string ctl = Installed(TILVANE_INSTALL_BINDIR "/tilvanectl");
-    const std::string examples = Installed(TILVANE_INSTALL_DATADIR "/tilvane/examples");
-    Process install({ctl, "app", "install", examples + "/apps/launcher.manifest"}, env, work.File("i.out"),
-                    work.File("i.err"));
-    ASSERT_EQ(install.Wait(20000), 0) << install.Err();
-
-    Process service({Installed(TILVANE_INSTALL_SBINDIR "/tilvane")}, env, work.File("service.out"),
-                    work.File("service.err"));
-    ASSERT_TRUE(service.WaitFor("service application created", true, 20000)) << service.Err();
-
-    std::vector<std::string> publishArgs = {ctl, "--app-id", "org.example.videos.main", "publish",
-                                            examples + "/publish/news.json"};
-    Process publish(publishArgs, env, work.File("p.out"), work.File("p.err"));
-    ASSERT_EQ(publish.Wait(20000), 0) << publish.Err() << service.Err();
+    InstalledService installed(work, Installed(TILVANE_INSTALL_DATADIR "/dbus-1/system.d"), Installed(""));
+    ASSERT_TRUE(installed.Running());
+    std::vector<std::string> publishArgs = {installed.Ctl(), "--app-id", "org.example.videos.main", "publish",
+                                            installed.Examples() + "/publish/news.json"};
+    Process publish(publishArgs, installed.Environment(), work.File("p.out"), work.File("p.err"));
+    ASSERT_EQ(publish.Wait(20000), 0) << publish.Err() << installed.Service().Err();
     EXPECT_NE(publish.Out().find("published 2 sections and 3 tiles; sync end mark sent"), std::string::npos)
         << publish.Out();
 
-    std::vector<std::string> readerEnv = env;
-    readerEnv.push_back("LD_LIBRARY_PATH=" + Installed(TILVANE_INSTALL_LIBDIR));
-    readerEnv.push_back("TILVANE_APP_ID=org.example.videos.main");
-    Process reader({work.File("reader"), "content://com.quillon.px.tiles/tiles"}, readerEnv, work.File("r.out"),
-                   work.File("r.err"));
+    Process reader({work.File("reader"), "content://com.quillon.px.tiles/tiles"},
+                   installed.AppEnvironment("org.example.videos.main"), work.File("r.out"), work.File("r.err"));
     EXPECT_EQ(reader.Wait(20000), 0) << reader.Err();
     EXPECT_EQ(reader.Out(), "done|3\n") << reader.Err();
 
-    readerEnv.back() = "TILVANE_APP_ID=org.example.stranger";
-    Process stranger({work.File("reader"), "content://com.quillon.px.tiles/tiles"}, readerEnv, work.File("s.out"),
-                     work.File("s.err"));
+    Process stranger({work.File("reader"), "content://com.quillon.px.tiles/tiles"},
+                     installed.AppEnvironment("org.example.stranger"), work.File("s.out"), work.File("s.err"));
     EXPECT_EQ(stranger.Wait(20000), 1);
     EXPECT_EQ(stranger.Out(), "refused: permission level too low|0\n") << stranger.Err();
+}
 
-    service.Signal(SIGTERM);
-    EXPECT_EQ(service.Wait(20000), 0) << service.Err();
-    bus.Signal(SIGTERM);
-    bus.Wait(5000);
+/* Lines of application code in the body of `main` of a source file: neither
+ * blank nor a lone brace. */
+size_t ApplicationLines(const std::string& source)
+{
+    const std::string text = tilvane::test::ReadAll(source);
+    const size_t body = text.find("int main(");
+    size_t lines = 0;
+    std::stringstream stream(body == std::string::npos ? "" : text.substr(text.find('{', body) + 1));
+    std::string line;
+    while (std::getline(stream, line)) {
+        const std::string trimmed = line.substr(std::min(line.find_first_not_of(' '), line.size()));
+        if (trimmed == "}") {
+            break;
+        }
+        lines += trimmed.empty() || trimmed == "{" || trimmed == "}" ? 0 : 1;
+    }
+    return lines;
+}
+
+TEST_F(InstallTest, TheClientExamplesBuildThroughPkgConfigAndFindPackageAndPublish)
+{
+    TempDir work;
+    const std::string examples = Installed(TILVANE_INSTALL_DATADIR "/tilvane/examples/client");
+    EXPECT_LE(ApplicationLines(examples + "/publish.cpp"), 12u);
+    EXPECT_GE(ApplicationLines(examples + "/publish.cpp"), 8u) << "the count reads the example's main";
+
+    Shell cpp = BuildWithPkgConfig("c++ -std=c++17 -Wall -Werror", examples + "/publish.cpp", work.File("publish"));
+    ASSERT_EQ(cpp.exitCode, 0) << cpp.output;
+    Shell c = BuildWithPkgConfig("cc -std=c99 -Wall -Werror", examples + "/publish.c", work.File("publish-c"));
+    ASSERT_EQ(c.exitCode, 0) << c.output;
+    Shell configured = RunShell("cmake -S " + Quoted(examples) + " -B " + Quoted(work.File("cmake")) +
+                                " -DCMAKE_PREFIX_PATH=" + Quoted(Installed("")) +
+                                " -DCMAKE_CXX_FLAGS=" + Quoted(TILVANE_TEST_PROGRAM_FLAGS) +
+                                " -DCMAKE_C_FLAGS=" + Quoted(TILVANE_TEST_PROGRAM_FLAGS));
+    ASSERT_EQ(configured.exitCode, 0) << configured.output;
+    Shell built = RunShell("cmake --build " + Quoted(work.File("cmake")));
+    ASSERT_EQ(built.exitCode, 0) << built.output;
+
+    InstalledService installed(work, Installed(TILVANE_INSTALL_DATADIR "/dbus-1/system.d"), Installed(""));
+    ASSERT_TRUE(installed.Running());
+    const auto env = installed.AppEnvironment("org.example.videos.main");
+    for (const std::string& program :
+         {work.File("publish"), work.File("publish-c"), work.File("cmake/publish"), work.File("cmake/publish-c")}) {
+        Process run({program}, env, work.File("run.out"), work.File("run.err"));
+        EXPECT_EQ(run.Wait(20000), 0) << program << "\n" << run.Err() << installed.Service().Err();
+        EXPECT_EQ(run.Out(), "published and read back 1 section(s)\n") << program;
+        EXPECT_EQ(run.Err(), "") << program;
+    }
+    RawDatabase db(work.File("root/opt/dbspace/.preview.db"));
+    EXPECT_EQ(db.Column("SELECT group_concat(tile_title, '|') FROM (SELECT tile_title FROM tiles ORDER BY _id)"),
+              (std::vector<std::string>{"Headlines|Weather"}))
+        << "each publish replaced the one before";
+}
+
+TEST_F(InstallTest, ThePythonExamplePublishesThroughTheCInterfaceAndReadsBack)
+{
+    TempDir work;
+    InstalledService installed(work, Installed(TILVANE_INSTALL_DATADIR "/dbus-1/system.d"), Installed(""));
+    ASSERT_TRUE(installed.Running());
+    std::vector<std::string> env = installed.AppEnvironment("org.example.videos.main");
+    env.push_back("TILVANE_CLIENT_LIBRARY=" + Installed(TILVANE_INSTALL_LIBDIR "/libtilvane-client.so.0"));
+    env.insert(env.end(), PythonSanitizerEnvironment().begin(), PythonSanitizerEnvironment().end());
+    Process python({"/usr/bin/python3", Installed(TILVANE_INSTALL_DATADIR "/tilvane/examples/client/publish.py")}, env,
+                   work.File("py.out"), work.File("py.err"));
+    EXPECT_EQ(python.Wait(30000), 0) << python.Err() << installed.Service().Err();
+    EXPECT_EQ(python.Out(), "read back: Headlines, Wetter für die Woche\n") << python.Err();
+    RawDatabase db(work.File("root/opt/dbspace/.preview.db"));
+    EXPECT_EQ(db.Column("SELECT tile_image_ratio FROM tiles WHERE tile_title = 'Wetter für die Woche'"),
+              (std::vector<std::string>{"16:9"}));
+}
+
+TEST_F(InstallTest, TheClientLibraryExportsExactlyItsApiUnderOneSymbolVersion)
+{
+    const std::string library = Installed(TILVANE_INSTALL_LIBDIR "/libtilvane-client.so." TILVANE_VERSION);
+    Shell symbols = RunShell("nm -D --defined-only " + Quoted(library) + " | c++filt");
+    ASSERT_EQ(symbols.exitCode, 0) << symbols.output;
+    std::set<std::string> exported;
+    size_t count = 0;
+    std::stringstream lines(symbols.output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const std::string name = line.substr(line.find(' ', line.find(' ') + 1) + 1);
+        const size_t version = name.rfind("@@TILVANE_CLIENT_0");
+        EXPECT_TRUE(version != std::string::npos || name == "TILVANE_CLIENT_0") << name;
+        const std::string bare = name.substr(0, version);
+        EXPECT_TRUE(bare.rfind("tilvane_", 0) == 0 || bare.rfind("tilvane::client::", 0) == 0 ||
+                    bare == "TILVANE_CLIENT_0")
+            << bare;
+        exported.insert(bare);
+        count += bare == "TILVANE_CLIENT_0" ? 0 : 1;
+    }
+    EXPECT_LE(count, 60u);
+    std::set<std::string> listed;
+    std::stringstream file(tilvane::test::ReadAll(TILVANE_PACKAGING_DIR "/libtilvane-client.symbols"));
+    while (std::getline(file, line)) {
+        if (line.rfind(" ", 0) != 0) {
+            continue;
+        }
+        std::string name = line.substr(1, line.rfind(' ') - 1);
+        if (name.rfind("(c++)\"", 0) == 0) {
+            name = name.substr(6, name.size() - 7);
+        }
+        listed.insert(name.substr(0, name.rfind("@TILVANE_CLIENT_0")));
+    }
+    EXPECT_EQ(exported, listed);
+    /* Every C function it exports is declared in the installed headers. */
+    const std::string headers = tilvane::test::ReadAll(Installed(TILVANE_INSTALL_INCLUDEDIR "/tilvane/tilvane_c.h"));
+    for (const std::string& name : exported) {
+        if (name.rfind("tilvane_", 0) == 0) {
+            EXPECT_NE(headers.find(name + "("), std::string::npos) << name << " is exported but not declared";
+        }
+    }
+    Shell soname = RunShell("readelf -d " + Quoted(library));
+    EXPECT_NE(soname.output.find("Library soname: [libtilvane-client.so.0]"), std::string::npos) << soname.output;
+}
+
+TEST_F(InstallTest, TheClientLibraryWritesNothingToStandardErrorUnlessAHandlerIsInstalled)
+{
+    TempDir work;
+    const std::string source = work.File("quiet.c");
+    tilvane::test::WriteFile(source,
+                             "#include <stdio.h>\n"
+                             "#include <string.h>\n"
+                             "#include <tilvane_c.h>\n"
+                             "static void handler(int priority, const char *tag, const char *message, void *data) {\n"
+                             "    (void)data; printf(\"log %d %s %s\\n\", priority, tag, message);\n"
+                             "}\n"
+                             "int main(int argc, char **argv) {\n"
+                             "    if (argc > 1 && strcmp(argv[1], \"--handler\") == 0)\n"
+                             "        tilvane_set_log_handler(handler, NULL);\n"
+                             "    tilvane_publisher *publisher = tilvane_publisher_new(NULL, NULL);\n"
+                             "    tilvane_content *content = tilvane_content_new();\n"
+                             "    tilvane_content_add_section(content);\n"
+                             "    tilvane_error published = tilvane_publisher_publish(publisher, content, TILVANE_REPLACE);\n"
+                             "    printf(\"publish: %s\\n\", tilvane_error_name(published));\n"
+                             "    tilvane_content_free(content);\n"
+                             "    tilvane_publisher_free(publisher);\n"
+                             "    return 0;\n"
+                             "}\n");
+    Shell build = BuildWithPkgConfig("cc -std=c99 -Wall -Werror", source, work.File("quiet"));
+    ASSERT_EQ(build.exitCode, 0) << build.output;
+    const std::string library = "LD_LIBRARY_PATH=" + Installed(TILVANE_INSTALL_LIBDIR);
+
+    /* Without a bus: the platform logs why it cannot connect. */
+    std::vector<std::string> env = {library, "TILVANE_PLATFORM_ROOT=" + work.File("alone"), "TILVANE_LOG_LEVEL=V",
+                                    "DBUS_SESSION_BUS_ADDRESS="};
+    Process alone({work.File("quiet")}, env, work.File("alone.out"), work.File("alone.err"));
+    EXPECT_EQ(alone.Wait(20000), 0);
+    EXPECT_EQ(alone.Out(), "publish: bus error\n");
+    EXPECT_EQ(alone.Err(), "");
+    Process told({work.File("quiet"), "--handler"}, env, work.File("told.out"), work.File("told.err"));
+    EXPECT_EQ(told.Wait(20000), 0);
+    EXPECT_NE(told.Out().find("log 6 tilvane-platform no message bus: DBUS_SESSION_BUS_ADDRESS is not set"),
+              std::string::npos)
+        << told.Out();
+    EXPECT_EQ(told.Err(), "");
+
+    /* With the service, as an application with a launcher entry and as one without. */
+    InstalledService installed(work, Installed(TILVANE_INSTALL_DATADIR "/dbus-1/system.d"), Installed(""));
+    ASSERT_TRUE(installed.Running());
+    for (const char* appId : {"org.example.videos.main", "org.example.stranger"}) {
+        std::vector<std::string> appEnv = installed.AppEnvironment(appId);
+        appEnv.push_back("TILVANE_LOG_LEVEL=V");
+        Process run({work.File("quiet")}, appEnv, work.File("run.out"), work.File("run.err"));
+        EXPECT_EQ(run.Wait(20000), 0);
+        EXPECT_EQ(run.Out(), std::string("publish: ") +
+                                 (std::string(appId) == "org.example.stranger" ? "permission denied\n" : "ok\n"));
+        EXPECT_EQ(run.Err(), "") << appId;
+    }
 }
 
 }  // namespace
