@@ -22,6 +22,7 @@
 #include <bundle.h>
 #include <host_control.h>
 #include <tilvane_client.h>
+#include <tilvane_publisher.h>
 #include <tzplatform_config.h>
 
 #include <chrono>
@@ -42,6 +43,7 @@
 #include "BenchProvider.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
+#include "client/typed_rows.h"
 #include "request_interfaces_xml.h"
 
 extern char** environ;
@@ -927,6 +929,114 @@ void BM_ServiceBulkInsertFloor(benchmark::State& state)
         "bare D-Bus call");
 }
 
+/* ---- the typed, atomic publish ---------------------------------------------- */
+
+/* The values the typed client sends for `row`: the columns that differ from a
+ * new row's, as its encoded bundle carries them. */
+template <typename Row>
+Values SentValues(const Row& row, const std::vector<tilvane::host::typed::Field<Row>>& fields)
+{
+    size_t rawBytes = 0;
+    bool ok = false;
+    const std::string encoded = tilvane::host::typed::EncodeRow(row, fields, rawBytes, ok);
+    bundle* values = bundle_decode(reinterpret_cast<const bundle_raw*>(encoded.c_str()),
+                                   static_cast<int>(encoded.size()));
+    Values sent;
+    bundle_iterate(
+        values,
+        [](const char* key, const char* value, void* data) {
+            static_cast<Values*>(data)->emplace_back(key, value);
+        },
+        &sent);
+    bundle_free(values);
+    return sent;
+}
+
+/* Typed fields set from the benchmark's rows, but for the link to the owner. */
+template <typename Row>
+void FillFrom(Row& row, const std::vector<tilvane::host::typed::Field<Row>>& fields, const Values& values)
+{
+    for (const auto& value : values) {
+        const auto* field = tilvane::host::typed::FieldOfName(fields, value.first);
+        if (field != nullptr) {
+            tilvane::host::typed::SetFromText(row, *field, value.second);
+        }
+    }
+}
+
+/* 10 sections of 100 tiles, every tile column filled. */
+tilvane::client::Content PublishedContent()
+{
+    namespace typed = tilvane::host::typed;
+    tilvane::client::Content content;
+    for (int s = 0; s < 10; ++s) {
+        tilvane::client::Section& section = content.AddSection();
+        FillFrom(section, typed::SectionFields(), BenchSection(800000 + s, 0));
+        section.id = "bench-publish-" + std::to_string(s);
+        for (int t = 0; t < 100; ++t) {
+            FillFrom(section.AddTile(), typed::TileFields(), BenchTile(800000 + s * 100 + t, 0, kClientPackage));
+        }
+    }
+    return content;
+}
+
+/* The same content through the single request API: the launcher entry found,
+ * then per section an insert and a bulk insert of its tiles, then the sync
+ * end mark; each of them a request and a transaction of its own. */
+bool PublishWithSingleRequests(const ContentClient& client, const tilvane::client::Content& content)
+{
+    namespace typed = tilvane::host::typed;
+    namespace schema = tilvane::client::schema;
+    const Result entry = client.GetRowIds(schema::accelerators::kUri, "", {});
+    if (!entry.Ok() || entry.rowIds.size() != 1) {
+        return false;
+    }
+    std::string section;
+    for (const tilvane::client::Section& typedSection : content.sections) {
+        Values row = SentValues(typedSection, typed::SectionFields());
+        row.emplace_back(schema::sections::kEntryRowId, std::to_string(entry.rowIds.front()));
+        const Result inserted = client.Insert(schema::sections::kUri, row);
+        if (!inserted.Ok()) {
+            return false;
+        }
+        section = std::to_string(inserted.rowId);
+        std::vector<Values> tiles;
+        for (const tilvane::client::Tile& tile : typedSection.tiles) {
+            tiles.push_back(SentValues(tile, typed::TileFields()));
+            tiles.back().emplace_back(schema::tiles::kSectionRowId, section);
+        }
+        if (!client.BulkInsert(schema::tiles::kUri, tiles).Ok()) {
+            return false;
+        }
+    }
+    const Result mark = client.Insert(schema::tiles::kUri,
+                                      {{schema::kSyncKey, schema::kSyncEnd}, {schema::tiles::kSectionRowId, section}});
+    return mark.outcome == tilvane::client::Outcome::Answered && mark.message == "sync end mark sent";
+}
+
+/* 1,000 tiles in 10 sections: the typed publish (one request, one
+ * transaction, all or nothing) against the same rows through the single
+ * request API, interleaved; what each side published is removed again,
+ * untimed, before the other runs. */
+void BM_ServicePublish1000In10Sections(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const tilvane::client::Content content = PublishedContent();
+    const tilvane::client::Publisher publisher;
+    ContentClient client;
+    auto removeAgain = [&] {
+        client.Delete(TilesModel::Sections::CONTENT_URI, "section_id LIKE ?", {"bench-publish-%"});
+    };
+    RunInterleaved(
+        state, "e2e publish 1000 tiles in 10 sections, typed and atomic, " + SizeName(fixture->Tiles()), 1.1,
+        Pairs(10, 2), [&] { return publisher.Publish(content).ok(); },
+        [&] { return PublishWithSingleRequests(client, content); },
+        "single requests (section inserts, a bulk per section, end mark)", removeAgain);
+}
+
 void BM_ServiceSelect1000VsRaw(benchmark::State& state)
 {
     ServiceFixture* fixture = FixtureOrSkip(state);
@@ -1131,6 +1241,7 @@ void RegisterServiceBenchmarks()
         {"BM_ServiceRowIdsFloor", BM_ServiceRowIdsFloor},
         {"BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000},
         {"BM_ServiceBulkInsertFloor", BM_ServiceBulkInsertFloor},
+        {"BM_ServicePublish1000In10Sections", BM_ServicePublish1000In10Sections},
         {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
         {"BM_ServiceSelect1000VsBare", BM_ServiceSelect1000VsBare},
         {"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests},
