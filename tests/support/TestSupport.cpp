@@ -112,6 +112,21 @@ std::vector<ColumnInfo> RawDatabase::TableInfo(const std::string& table)
     return columns;
 }
 
+std::string RawDatabase::Dump(const std::vector<std::string>& tables)
+{
+    std::string dump;
+    for (const std::string& table : tables) {
+        std::string columns;
+        for (const ColumnInfo& column : TableInfo(table)) {
+            columns += (columns.empty() ? "quote(\"" : " || ',' || quote(\"") + column.name + "\")";
+        }
+        for (const std::string& row : Column("SELECT " + columns + " FROM \"" + table + "\" ORDER BY 1")) {
+            dump += table + ":" + row + "\n";
+        }
+    }
+    return dump;
+}
+
 bool FileExists(const std::string& path)
 {
     return access(path.c_str(), F_OK) == 0;

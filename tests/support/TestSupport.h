@@ -78,6 +78,9 @@ public:
     int64_t Count(const std::string& table);
     std::vector<std::string> TableNames();
     std::vector<ColumnInfo> TableInfo(const std::string& table);
+    /* Every column of every row of the tables, as exact SQL literals, one
+     * line per row: two dumps are equal when the rows are, byte for byte. */
+    std::string Dump(const std::vector<std::string>& tables);
 
 private:
     sqlite3* m_db;

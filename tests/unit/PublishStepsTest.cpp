@@ -119,22 +119,12 @@ protected:
         return reply;
     }
 
-    /* Every column of every row of the three tables, and the row-id counters,
-     * as exact SQL literals. */
+    /* Every column of every row of the three tables, and the row-id
+     * counters, as exact SQL literals. */
     std::string Dump()
     {
-        RawDatabase db(m_sandbox.DatabaseDirectory() + ".preview.db");
-        std::string dump;
-        for (const char* table : {"accelerators", "sections", "tiles", "sqlite_sequence"}) {
-            std::string columns;
-            for (const tilvane::test::ColumnInfo& column : db.TableInfo(table)) {
-                columns += (columns.empty() ? "quote(" : " || ',' || quote(") + column.name + ")";
-            }
-            for (const std::string& row : db.Column("SELECT " + columns + " FROM " + table + " ORDER BY 1")) {
-                dump += std::string(table) + ":" + row + "\n";
-            }
-        }
-        return dump;
+        return RawDatabase(m_sandbox.DatabaseDirectory() + ".preview.db")
+            .Dump({"accelerators", "sections", "tiles", "sqlite_sequence"});
     }
 
     std::vector<std::string> Column(const std::string& sql)

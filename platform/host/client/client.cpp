@@ -299,6 +299,11 @@ client::Outcome OutcomeOfError(const std::string& name)
     return Outcome::BusError;
 }
 
+GVariant* Strings(const std::vector<std::string>& strings)
+{
+    return client::StringArray(strings);
+}
+
 std::string Encode(const client::Values& values, bool& ok)
 {
     return client::EncodeValues(values, ok);

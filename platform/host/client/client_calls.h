@@ -9,6 +9,7 @@
 #include <gio/gio.h>
 
 #include <string>
+#include <vector>
 
 #include "base/glib_ptr.h"
 #include "tilvane_client.h"
@@ -19,6 +20,9 @@ namespace clientcalls {
 
 /* The outcome a D-Bus error name of a request stands for. */
 client::Outcome OutcomeOfError(const std::string& name);
+
+/* The strings as an "as" (floating). */
+GVariant* Strings(const std::vector<std::string>& strings);
 
 /* Row values as a bundle_encode text; `ok` false when they cannot be. */
 std::string Encode(const client::Values& values, bool& ok);

@@ -10,16 +10,6 @@ namespace host {
 namespace publish {
 namespace {
 
-GVariant* Strings(const std::vector<std::string>& strings)
-{
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
-    for (const std::string& text : strings) {
-        g_variant_builder_add(&builder, "s", text.c_str());
-    }
-    return g_variant_builder_end(&builder);
-}
-
 GVariant* StepVariant(const Step& step)
 {
     GVariantBuilder values;
@@ -32,8 +22,8 @@ GVariant* StepVariant(const Step& step)
     for (const auto& ref : step.argRefs) {
         g_variant_builder_add(&args, "(uu)", ref.first, ref.second);
     }
-    return g_variant_new("(ss@as@s@as@a(su)@a(uu))", step.kind.c_str(), step.uri.c_str(), Strings(step.rows),
-                         g_variant_new_string(step.where.c_str()), Strings(step.whereArgs),
+    return g_variant_new("(ss@as@s@as@a(su)@a(uu))", step.kind.c_str(), step.uri.c_str(), clientcalls::Strings(step.rows),
+                         g_variant_new_string(step.where.c_str()), clientcalls::Strings(step.whereArgs),
                          g_variant_builder_end(&values), g_variant_builder_end(&args));
 }
 

@@ -191,26 +191,19 @@ bool AnsweredStepError(Job& job, const StepOutcome& outcome)
     return true;
 }
 
-/* (result, rows changed, reason) of an update or delete. */
-void ReplyChange(Job& job, ContentStep& step)
+/* (result, x, reason) of a write: x the new (last) row's id of an insert,
+ * the rows changed by an update or delete. */
+void ReplyWrite(Job& job, ContentStep& step)
 {
     const StepOutcome outcome = ServeContentStep(job.clientApp, step);
-    if (!AnsweredStepError(job, outcome)) {
-        g_dbus_method_invocation_return_value(
-            job.invocation.get(),
-            g_variant_new("(ixs)", outcome.result, static_cast<gint64>(outcome.changedRows), outcome.reason.c_str()));
+    if (AnsweredStepError(job, outcome)) {
+        return;
     }
-}
-
-/* (result, row id, reason) of an insert or bulk insert. */
-void ReplyInsert(Job& job, ContentStep& step)
-{
-    const StepOutcome outcome = ServeContentStep(job.clientApp, step);
-    if (!AnsweredStepError(job, outcome)) {
-        g_dbus_method_invocation_return_value(
-            job.invocation.get(),
-            g_variant_new("(ixs)", outcome.result, static_cast<gint64>(outcome.rowId), outcome.reason.c_str()));
-    }
+    const bool inserts = step.kind == content::RequestKind::Insert || step.kind == content::RequestKind::BulkInsert;
+    g_dbus_method_invocation_return_value(
+        job.invocation.get(), g_variant_new("(ixs)", outcome.result,
+                                            static_cast<gint64>(inserts ? outcome.rowId : outcome.changedRows),
+                                            outcome.reason.c_str()));
 }
 
 ContentStep StepOf(const Job& job, content::RequestKind kind)
@@ -252,7 +245,7 @@ void ContentInsert(Job& job)
 {
     ContentStep step = StepOf(job, content::RequestKind::Insert);
     if (OneRowArg(job, 2, step)) {
-        ReplyInsert(job, step);
+        ReplyWrite(job, step);
     }
 }
 
@@ -260,7 +253,7 @@ void ContentBulkInsert(Job& job)
 {
     ContentStep step = StepOf(job, content::RequestKind::BulkInsert);
     if (BulkRowsArg(job, step)) {
-        ReplyInsert(job, step);
+        ReplyWrite(job, step);
     }
 }
 
@@ -268,7 +261,7 @@ void ContentBulkUpdate(Job& job)
 {
     ContentStep step = StepOf(job, content::RequestKind::BulkUpdate);
     if (BulkRowsArg(job, step)) {
-        ReplyChange(job, step);
+        ReplyWrite(job, step);
     }
 }
 
@@ -278,7 +271,7 @@ void ContentUpdate(Job& job)
     step.where = StringArg(job.parameters.get(), 3);
     step.whereArgs = StringsArg(job.parameters.get(), 4);
     if (OneRowArg(job, 2, step)) {
-        ReplyChange(job, step);
+        ReplyWrite(job, step);
     }
 }
 
@@ -287,7 +280,7 @@ void ContentDelete(Job& job)
     ContentStep step = StepOf(job, content::RequestKind::Delete);
     step.where = StringArg(job.parameters.get(), 2);
     step.whereArgs = StringsArg(job.parameters.get(), 3);
-    ReplyChange(job, step);
+    ReplyWrite(job, step);
 }
 
 void ContentGetRowIds(Job& job)
