@@ -8,6 +8,7 @@ PACKAGES=(
     libsqlite3-dev libglib2.0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon dbus-bin util-linux
+    bsdutils python3
     libsoup-3.0-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core
     systemd
