@@ -268,6 +268,31 @@ TEST_F(IdentityTest, TheBoundUserGetsItsLevelAndOnlyItsRows)
     EXPECT_EQ(CountInLog("runs as user 0, application org.example.news.ui is bound to user " + kNews), 1) << ServiceLog();
 }
 
+TEST_F(IdentityTest, AnAtomicPublishIsMadeOnlyAsTheCallersOwnApplication)
+{
+    StartService();
+    /* In the platform root, which the applications' users may read. */
+    const std::string file = m_root.File("content.json");
+    WriteFile(file, "{\"sections\": [{\"section_id\": \"s\", \"tiles\": [{\"tile_id\": \"t\"}]}]}");
+    chmod(file.c_str(), 0644);
+    Outcome own = Ctl(kNewsUser, kNewsApp, {"publish", file});
+    ASSERT_EQ(own.status, 0) << own.out << own.err;
+    const std::string before = RawDatabase(DatabasePath()).Dump({"sections", "tiles"});
+
+    /* The sports application's user replaces "the news application's" content. */
+    Outcome claimed = Ctl(kSportsUser, kNewsApp, {"publish", file, "--replace"});
+    EXPECT_EQ(claimed.status, 1) << claimed.out;
+    EXPECT_NE(claimed.err.find("tilvanectl publish: not authorized:"), std::string::npos) << claimed.err;
+    EXPECT_EQ(RawDatabase(DatabasePath()).Dump({"sections", "tiles"}), before);
+
+    /* As itself it replaces its own content, and nobody else's. */
+    Outcome mine = Ctl(kSportsUser, kSportsApp, {"publish", file, "--replace"});
+    ASSERT_EQ(mine.status, 0) << mine.out << mine.err;
+    EXPECT_NE(mine.out.find("removed 0 previous sections"), std::string::npos) << mine.out;
+    EXPECT_EQ(TileIds(kNewsUser, kNewsApp, "content"), "t");
+    EXPECT_EQ(Count("SELECT COUNT(*) FROM tiles"), 2);
+}
+
 TEST_F(IdentityTest, OnlyTheDeclaredDataIdsAreServedOnBothInterfaces)
 {
     StartService();
