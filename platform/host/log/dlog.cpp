@@ -8,8 +8,9 @@
  * default 10000) a site writes at most a burst of lines (TILVANE_LOG_RATE_BURST,
  * default 2000; 0 turns the limit off). Further lines of that site are neither
  * formatted nor written, and the first line it writes in a later interval is
- * preceded by one line saying how many were suppressed. Log capture (tests)
- * keeps every line, suppressed or not.
+ * preceded by one line saying how many were suppressed. Lines are also held
+ * to byte budgets per application and for the service as a whole
+ * (log_budget.h). Log capture (tests) keeps every line, suppressed or not.
  */
 #include "dlog.h"
 
@@ -29,6 +30,7 @@
 
 #include "host_control.h"
 #include "base/host_state.h"
+#include "log/log_budget.h"
 #include "log/log_sink.h"
 #include "requests/request_report.h"
 
@@ -302,6 +304,42 @@ size_t WriteLine(int prio, const char* tag, const std::string& message)
     return line.size();
 }
 
+/* The suppression lines a line owes to the byte budgets. */
+void WriteBudgetNotes(const LogBudgetNotes& notes)
+{
+    if (notes.appSuppressed > 0) {
+        WriteLine(DLOG_WARN, kPlatformLogTag,
+                  std::to_string(notes.appSuppressed) + " lines suppressed (log budget of application " + notes.app +
+                      ")");
+    }
+    if (notes.serviceSuppressed > 0) {
+        WriteLine(DLOG_WARN, kPlatformLogTag,
+                  std::to_string(notes.serviceSuppressed) + " lines suppressed (log budget of the service)");
+    }
+}
+
+/* Whether a line of `fmt` at `prio` is written: the minimum priority, the
+ * rate limit of its site and the byte budgets; the suppression lines it owes
+ * are written first. */
+bool Admitted(int prio, const char* fmt)
+{
+    if (prio < MinimumPriority()) {
+        return false;
+    }
+    int64_t suppressedBefore = 0;
+    const bool siteAdmits = AdmitLine(fmt, &suppressedBefore);
+    if (suppressedBefore > 0) {
+        WriteLine(DLOG_WARN, kPlatformLogTag, std::to_string(suppressedBefore) + " lines suppressed (\"" + fmt + "\")");
+    }
+    if (!siteAdmits) {
+        return false;
+    }
+    LogBudgetNotes notes;
+    const bool budgetAdmits = AdmitBudgetedLine(notes);
+    WriteBudgetNotes(notes);
+    return budgetAdmits;
+}
+
 }  // namespace
 
 void SetLogSink(LogSink sink, void* userData)
@@ -319,6 +357,7 @@ void DropLogLine(int /*priority*/, const char* /*tag*/, const char* /*message*/,
 void ForgetLogLevel()
 {
     gMinimumPriority.store(0, std::memory_order_release);
+    ForgetLogBudgets();
     RateLimit& limit = TheRateLimit();
     std::lock_guard<std::mutex> lock(limit.mutex);
     limit.loaded = false;
@@ -354,12 +393,7 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
     // The lines of a request that is being reported are read for its reason
     // (request_report.h); those below INFO never are.
     const bool capture = LogCaptureOn() || (prio >= DLOG_INFO && RequestReportOpen());
-    int64_t suppressedBefore = 0;
-    const bool write = prio >= MinimumPriority() && AdmitLine(fmt, &suppressedBefore);
-    if (suppressedBefore > 0) {
-        WriteLine(DLOG_WARN, kPlatformLogTag,
-                  std::to_string(suppressedBefore) + " lines suppressed (\"" + fmt + "\")");
-    }
+    const bool write = Admitted(prio, fmt);
     if (!write && !capture) {
         return 0;
     }
@@ -374,7 +408,9 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
         return 0;
     }
     CountWrittenBytes(fmt, message.size());
-    return static_cast<int>(WriteLine(prio, tag, message));
+    const size_t written = WriteLine(prio, tag, message);
+    CountBudgetedBytes(written);
+    return static_cast<int>(written);
 }
 
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)
