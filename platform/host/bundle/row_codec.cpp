@@ -49,7 +49,7 @@ std::vector<std::string> StatementColumnNames(sqlite3_stmt* statement)
 
 }  // namespace
 
-RowEncoder::RowEncoder(const std::vector<std::string>& columns)
+RowEncoder::RowEncoder(const std::vector<std::string>& columns, size_t maxBytes) : m_maxBytes(maxBytes)
 {
     m_bytes.reserve(kInitialReserve);
     m_bytes.push_back(static_cast<char>(kRowFormat));
@@ -67,20 +67,36 @@ void RowEncoder::PutU32(uint32_t value)
     AppendU32(m_bytes, value);
 }
 
+bool RowEncoder::Room(size_t bytes)
+{
+    if (m_over || bytes > m_maxBytes || m_bytes.size() > m_maxBytes - bytes) {
+        m_over = true;
+        return false;
+    }
+    return true;
+}
+
 void RowEncoder::Integer(int64_t value)
 {
-    AppendTagged64(m_bytes, kTagInteger, static_cast<uint64_t>(value));
+    if (Room(9)) {
+        AppendTagged64(m_bytes, kTagInteger, static_cast<uint64_t>(value));
+    }
 }
 
 void RowEncoder::Real(double value)
 {
     uint64_t bits = 0;
     std::memcpy(&bits, &value, sizeof bits);
-    AppendTagged64(m_bytes, kTagReal, bits);
+    if (Room(9)) {
+        AppendTagged64(m_bytes, kTagReal, bits);
+    }
 }
 
 void RowEncoder::Text(const char* data, size_t length)
 {
+    if (!Room(5 + length)) {
+        return;
+    }
     m_bytes.push_back(static_cast<char>(kTagText));
     PutU32(static_cast<uint32_t>(length));
     if (length > 0) {
@@ -90,6 +106,9 @@ void RowEncoder::Text(const char* data, size_t length)
 
 void RowEncoder::Blob(const void* data, size_t length)
 {
+    if (!Room(5 + length)) {
+        return;
+    }
     m_bytes.push_back(static_cast<char>(kTagBlob));
     PutU32(static_cast<uint32_t>(length));
     if (length > 0) {
@@ -134,22 +153,28 @@ std::string RowEncoder::Finish()
     return std::move(m_bytes);
 }
 
-bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded)
+RowsEncoding EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded, size_t maxBytes)
 {
     const int count = sqlite3_column_count(statement);
-    RowEncoder encoder(StatementColumnNames(statement));
+    RowEncoder encoder(StatementColumnNames(statement), maxBytes);
     for (;;) {
         const int step = sqlite3_step(statement);
         if (step == SQLITE_DONE) {
             break;
         }
         if (step != SQLITE_ROW) {
-            return false;
+            return RowsEncoding::Failed;
         }
         encoder.StatementRow(statement, count);
+        if (encoder.Over()) {
+            return RowsEncoding::TooLarge;
+        }
+    }
+    if (encoder.Over()) {
+        return RowsEncoding::TooLarge;
     }
     encoded = encoder.Finish();
-    return true;
+    return RowsEncoding::Done;
 }
 
 namespace {
@@ -186,9 +211,32 @@ void EncodeCursorCell(ISQLiteCursor& cursor, int i, RowEncoder& encoder, std::st
     }
 }
 
+/* The rows of a cursor of any kind, cell by cell through its interface. */
+RowsEncoding EncodeEachCursorRow(ISQLiteCursor& cursor, int count, RowEncoder& encoder)
+{
+    std::string text;
+    std::vector<unsigned char> blob;
+    for (;;) {
+        const int step = cursor.Step();
+        if (step == ISQLiteCursor::STEP_DONE) {
+            return RowsEncoding::Done;
+        }
+        if (step != ISQLiteCursor::STEP_ROW) {
+            return RowsEncoding::Failed;
+        }
+        for (int i = 0; i < count; ++i) {
+            EncodeCursorCell(cursor, i, encoder, text, blob);
+        }
+        encoder.EndRow();
+        if (encoder.Over()) {
+            return RowsEncoding::TooLarge;
+        }
+    }
+}
+
 }  // namespace
 
-bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
+RowsEncoding EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded, size_t maxBytes)
 {
     const int count = cursor.GetColumnCount();
     std::vector<std::string> names;
@@ -196,35 +244,28 @@ bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded)
     for (int i = 0; i < count; ++i) {
         names.push_back(cursor.GetColumnName(i));
     }
-    RowEncoder encoder(names);
+    RowEncoder encoder(names, maxBytes);
+    RowsEncoding ended = RowsEncoding::Done;
     // The content library's own cursor: every cell straight from its statement,
     // under one hold of the connection's lock.
     if (auto* direct = dynamic_cast<CSQLiteStatementCursor*>(&cursor)) {
-        const int step =
-            direct->ForEachRemainingRow([&encoder, count](sqlite3_stmt* statement) { encoder.StatementRow(statement, count); });
-        if (step != ISQLiteCursor::STEP_DONE) {
-            return false;
-        }
+        const int step = direct->ForEachRemainingRow([&encoder, count](sqlite3_stmt* statement) {
+            encoder.StatementRow(statement, count);
+            return !encoder.Over();
+        });
+        ended = step == ISQLiteCursor::STEP_DONE ? RowsEncoding::Done
+                : encoder.Over()                 ? RowsEncoding::TooLarge
+                                                 : RowsEncoding::Failed;
+    } else {
+        ended = EncodeEachCursorRow(cursor, count, encoder);
+    }
+    if (ended == RowsEncoding::Done && encoder.Over()) {
+        ended = RowsEncoding::TooLarge;  // the column names alone
+    }
+    if (ended == RowsEncoding::Done) {
         encoded = encoder.Finish();
-        return true;
     }
-    std::string text;
-    std::vector<unsigned char> blob;
-    for (;;) {
-        const int step = cursor.Step();
-        if (step == ISQLiteCursor::STEP_DONE) {
-            break;
-        }
-        if (step != ISQLiteCursor::STEP_ROW) {
-            return false;
-        }
-        for (int i = 0; i < count; ++i) {
-            EncodeCursorCell(cursor, i, encoder, text, blob);
-        }
-        encoder.EndRow();
-    }
-    encoded = encoder.Finish();
-    return true;
+    return ended;
 }
 
 namespace {

@@ -15,6 +15,7 @@
 #ifndef TILVANE_PLATFORM_ROW_CODEC_H
 #define TILVANE_PLATFORM_ROW_CODEC_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -32,7 +33,9 @@ enum RowTag : uint8_t { kTagNull = 0, kTagInteger = 1, kTagReal = 2, kTagText = 
 
 class RowEncoder {
 public:
-    explicit RowEncoder(const std::vector<std::string>& columns);
+    /* `maxBytes`: the encoding stops growing once it would pass this many
+     * bytes (a cell that would pass it is left out), and Over() says so. */
+    explicit RowEncoder(const std::vector<std::string>& columns, size_t maxBytes = SIZE_MAX);
     void Null() { m_bytes.push_back(static_cast<char>(kTagNull)); }
     void Integer(int64_t value);
     void Real(double value);
@@ -44,18 +47,30 @@ public:
     void StatementRow(sqlite3_stmt* statement, int count);
     /* The finished encoding (row count filled in). */
     std::string Finish();
+    /* True when a cell was left out for the byte ceiling. */
+    bool Over() const { return m_over; }
+    size_t Bytes() const { return m_bytes.size(); }
 
 private:
     void PutU32(uint32_t value);
+    /* False (and Over() from then on) when `bytes` more would pass the ceiling. */
+    bool Room(size_t bytes);
     std::string m_bytes;
+    size_t m_maxBytes = SIZE_MAX;
+    bool m_over = false;
     size_t m_rowCountAt = 0;
     uint32_t m_rows = 0;
 };
 
-/* Steps `statement` to its end and encodes its rows. False when SQLite fails. */
-bool EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded);
-/* Steps `cursor` to its end and encodes its rows. False when it fails. */
-bool EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded);
+/* How encoding a select's rows ended. */
+enum class RowsEncoding { Done, Failed, TooLarge };
+
+/* Steps `statement` to its end and encodes its rows, in at most `maxBytes`:
+ * Failed when SQLite fails, TooLarge (and nothing in `encoded`) as soon as
+ * the rows would need more. */
+RowsEncoding EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded, size_t maxBytes = SIZE_MAX);
+/* The same for a cursor. */
+RowsEncoding EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded, size_t maxBytes = SIZE_MAX);
 /* False for a malformed encoding. */
 bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows);
 

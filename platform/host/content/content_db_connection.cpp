@@ -15,6 +15,7 @@
 #include "content/database.h"
 #include "content/outer_transaction.h"
 #include "content/sqlite_statement_cursor.h"
+#include "content/statement_budget.h"
 #include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
 #include "confinement/request_confinement.h"
@@ -140,6 +141,14 @@ private:
     std::unique_lock<std::recursive_mutex> m_lock;
 };
 
+/* A statement failed: SQLite's message for the request's reply, and the
+ * budget it ran past when it ran past one. */
+void RecordFailure(const LockedDatabase& db)
+{
+    tilvane::host::RecordStatementError(db->ErrorMessage());
+    tilvane::content::NoteStatementFailure(db.handle());
+}
+
 /* Binds `args` as text from parameter `index` on; `what` names the statement
  * ("update of", "delete from") in the failure line. */
 int BindWhereArgs(const LockedDatabase& db, sqlite3_stmt* statement, int index, const std::vector<std::string>& args,
@@ -163,7 +172,7 @@ int StepToDone(const LockedDatabase& db, sqlite3_stmt* statement, const char* wh
 {
     int rc = sqlite3_step(statement);
     if (rc != SQLITE_DONE) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
+        RecordFailure(db);
         CONTENT_LOGE("%s %s: %s (%d)", what, table.c_str(), db->ErrorMessage(), rc);
         return rc == SQLITE_ROW ? SQLITE_MISUSE : rc;
     }
@@ -322,6 +331,7 @@ int CContentDbConnection::ExcuteSQL(const std::string& sql, std::string& errorMe
     int rc = db->Exec(sql, &errorMessage);
     if (rc != SQLITE_OK) {
         tilvane::host::RecordStatementError(errorMessage.c_str());
+        tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("SQL on %s failed: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
     }
     return rc;
@@ -396,7 +406,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
     StatementLease statement;
     int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
     if (rc != SQLITE_OK) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
+        RecordFailure(db);
         CONTENT_LOGE("insert into %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -454,7 +464,7 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
     StatementLease statement;
     int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, UpdateSql(table, entries, where), statement);
     if (rc != SQLITE_OK) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
+        RecordFailure(db);
         CONTENT_LOGE("update of %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -498,7 +508,7 @@ int CContentDbConnection::DeleteRequest(const std::string& table, const std::str
     StatementLease statement;
     int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
     if (rc != SQLITE_OK) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
+        RecordFailure(db);
         CONTENT_LOGE("delete from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -542,7 +552,7 @@ std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::st
     int rc = AcquireRequestStatement(*db.shared(), db.handle(), table,
                                      SelectSql(table, projection, where, orderBy, limit), statement);
     if (rc != SQLITE_OK) {
-        tilvane::host::RecordStatementError(db->ErrorMessage());
+        RecordFailure(db);
         CONTENT_LOGE("select from %s: %s (%d)", table.c_str(), db->ErrorMessage(), rc);
         return nullptr;
     }
@@ -654,6 +664,7 @@ int CContentDbConnection::QueryIntegers(const std::string& sql, const std::vecto
     StatementLease lease;
     int rc = db->Statements().Acquire(db.handle(), sql, lease);
     if (rc != SQLITE_OK) {
+        RecordFailure(db);
         CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -669,6 +680,7 @@ int CContentDbConnection::QueryIntegers(const std::string& sql, const std::vecto
         return CONNECTION_OK;
     }
     if (rc != SQLITE_DONE) {
+        RecordFailure(db);
         CONTENT_LOGE("query on %s: %s (%d)", m_strPath.c_str(), db->ErrorMessage(), rc);
         return rc;
     }
@@ -709,6 +721,7 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
     if (rc != SQLITE_OK) {
         errorMessage = db->ErrorMessage();
         tilvane::host::RecordStatementError(errorMessage.c_str());
+        tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
         return rc;
     }

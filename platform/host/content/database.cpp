@@ -6,6 +6,7 @@
 
 #include "content/clean_close.h"
 #include "content/content_log.h"
+#include "content/statement_budget.h"
 
 namespace tilvane {
 namespace content {
@@ -69,6 +70,18 @@ void Database::ReleaseCachedMemoryOfAll()
     }
 }
 
+void Database::ForEachOpenHandle(const std::function<void(sqlite3*)>& use)
+{
+    OpenDatabases& open = TheOpenDatabases();
+    std::lock_guard<std::mutex> lock(open.mutex);
+    for (Database* database : open.all) {
+        std::lock_guard<std::recursive_mutex> own(database->m_mutex);
+        if (database->m_handle) {
+            use(database->m_handle.get());
+        }
+    }
+}
+
 Database::~Database()
 {
     {
@@ -100,6 +113,11 @@ int Database::Configure()
     int rc = sqlite3_busy_timeout(db, kBusyTimeoutMs);
     if (rc != SQLITE_OK) {
         CONTENT_LOGE("busy timeout on %s: %s (%d)", m_strPath.c_str(), sqlite3_errmsg(db), rc);
+        return rc;
+    }
+    rc = ApplyStatementBudgets(db);
+    if (rc != SQLITE_OK) {
+        CONTENT_LOGE("statement budgets on %s: %s (%d)", m_strPath.c_str(), sqlite3_errmsg(db), rc);
         return rc;
     }
 

@@ -13,6 +13,7 @@
 #define TILVANE_CONTENT_DATABASE_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -52,8 +53,9 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
-    /* Busy timeout, then a read of the schema (which fails for a file that is
-     * not a database), then WAL journal and synchronous NORMAL. */
+    /* Busy timeout and the statement budgets (statement_budget.h), then a
+     * read of the schema (which fails for a file that is not a database),
+     * then WAL journal and synchronous NORMAL. */
     int Configure();
 
     sqlite3* Handle() const { return m_handle.get(); }
@@ -82,6 +84,8 @@ public:
     /* Frees what SQLite caches for every open database that no thread is
      * using (page cache): the service calls it when it falls idle. */
     static void ReleaseCachedMemoryOfAll();
+    /* Runs `use` on the handle of every open database, under its mutex. */
+    static void ForEachOpenHandle(const std::function<void(sqlite3*)>& use);
 
     /* Nesting of CContentDbConnection's transactions. */
     int m_nTransactionDepth = 0;

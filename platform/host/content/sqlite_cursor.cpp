@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "content/content_log.h"
+#include "content/statement_budget.h"
 
 using tilvane::content::Database;
 using tilvane::content::StatementLease;
@@ -95,6 +96,15 @@ CSQLiteStatementCursor::~CSQLiteStatementCursor()
     m_statement.Release();
 }
 
+void CSQLiteStatementCursor::StandOnRow(sqlite3_stmt* stmt)
+{
+    m_position = Position::OnRow;
+    m_rowTypes.resize(m_columnNames.size());
+    for (size_t i = 0; i < m_rowTypes.size(); ++i) {
+        m_rowTypes[i] = sqlite3_column_type(stmt, static_cast<int>(i));
+    }
+}
+
 int CSQLiteStatementCursor::Step()
 {
     std::lock_guard<std::recursive_mutex> lock(m_pDatabase->Mutex());
@@ -112,11 +122,7 @@ int CSQLiteStatementCursor::Step()
 
     int rc = sqlite3_step(stmt);
     if (rc == SQLITE_ROW) {
-        m_position = Position::OnRow;
-        m_rowTypes.resize(m_columnNames.size());
-        for (size_t i = 0; i < m_rowTypes.size(); ++i) {
-            m_rowTypes[i] = sqlite3_column_type(stmt, static_cast<int>(i));
-        }
+        StandOnRow(stmt);
         return STEP_ROW;
     }
     m_rowTypes.clear();
@@ -125,11 +131,12 @@ int CSQLiteStatementCursor::Step()
         return STEP_DONE;
     }
     m_position = Position::Failed;
+    tilvane::content::NoteStatementFailure(m_pDatabase->Handle());
     CONTENT_LOGE("step of \"%s\" failed: %s (%d)", sqlite3_sql(stmt), sqlite3_errmsg(m_pDatabase->Handle()), rc);
     return STEP_ERROR;
 }
 
-int CSQLiteStatementCursor::ForEachRemainingRow(const std::function<void(sqlite3_stmt*)>& row)
+int CSQLiteStatementCursor::ForEachRemainingRow(const std::function<bool(sqlite3_stmt*)>& row)
 {
     std::lock_guard<std::recursive_mutex> lock(m_pDatabase->Mutex());
     sqlite3_stmt* stmt = m_statement.get();
@@ -142,13 +149,17 @@ int CSQLiteStatementCursor::ForEachRemainingRow(const std::function<void(sqlite3
     m_rowTypes.clear();
     int rc = SQLITE_ROW;
     while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-        row(stmt);
+        if (!row(stmt)) {
+            StandOnRow(stmt);
+            return STEP_ROW;
+        }
     }
     if (rc == SQLITE_DONE) {
         m_position = Position::AfterLast;
         return STEP_DONE;
     }
     m_position = Position::Failed;
+    tilvane::content::NoteStatementFailure(m_pDatabase->Handle());
     CONTENT_LOGE("step of \"%s\" failed: %s (%d)", sqlite3_sql(stmt), sqlite3_errmsg(m_pDatabase->Handle()), rc);
     return STEP_ERROR;
 }

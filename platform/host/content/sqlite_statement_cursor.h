@@ -41,10 +41,11 @@ public:
     bool IsNull(int column) const override;
 
     /* Steps to the end under one hold of the database's lock, handing the
-     * statement to `row` on each row (read its columns there, once each).
-     * STEP_DONE at the end, STEP_ERROR when a step fails. For encoders that
-     * copy every cell: no lock and no copy per cell. */
-    int ForEachRemainingRow(const std::function<void(sqlite3_stmt*)>& row);
+     * statement to `row` on each row (read its columns there, once each);
+     * `row` returns false to stop there. STEP_DONE at the end, STEP_ROW when
+     * `row` stopped, STEP_ERROR when a step fails. For encoders that copy
+     * every cell: no lock and no copy per cell. */
+    int ForEachRemainingRow(const std::function<bool(sqlite3_stmt*)>& row);
 
 private:
     enum class Position
@@ -55,6 +56,9 @@ private:
         Failed,
     };
 
+    /* The cursor stands on the row `stmt` has just reached; its storage
+     * classes are taken now. Caller holds the mutex. */
+    void StandOnRow(sqlite3_stmt* stmt);
     /* The storage class of `column` in the current row; SQLITE_NULL when there
      * is no row or no such column. Caller holds the mutex. */
     int TypeOf(int column) const;

@@ -15,6 +15,7 @@
 #include "requests/content_steps.h"
 #include "requests/request_glue.h"
 #include "bundle/row_codec.h"
+#include "requests/reply_budget.h"
 
 namespace tilvane {
 namespace host {
@@ -292,6 +293,11 @@ void ContentGetRowIds(Job& job)
     if (AnsweredStepError(job, outcome)) {
         return;
     }
+    if (outcome.rowIds.size() > MaxReplyPayloadBytes() / sizeof(int64_t)) {
+        NoteReplyTooLarge(job.clientApp, "Content.GetRowIds");
+        ReturnError(job.invocation.get(), kErrorNoResult, kReplyTooLargeText);
+        return;
+    }
     GVariant* ids = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, outcome.rowIds.data(), outcome.rowIds.size(),
                                               sizeof(int64_t));
     g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ax)", ids));
@@ -342,8 +348,13 @@ void ContentSelect(Job& job, const RequestReport& report)
     }
     std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
     std::string encoded;
-    if (!cursor || !EncodeCursorRows(*cursor, encoded)) {
-        ReturnError(job.invocation.get(), kErrorNoResult, "the provider's select left no readable cursor");
+    const RowsEncoding ended =
+        cursor ? EncodeCursorRows(*cursor, encoded, MaxReplyPayloadBytes()) : RowsEncoding::Failed;
+    if (ended == RowsEncoding::TooLarge) {
+        NoteReplyTooLarge(job.clientApp, "Content.Select");
+    }
+    if (ended != RowsEncoding::Done) {
+        ReturnError(job.invocation.get(), kErrorNoResult, BudgetOr(report, "the provider's select left no readable cursor"));
         return;
     }
     g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ay)", RowsVariant(std::move(encoded))));

@@ -14,10 +14,12 @@
 #include "bus/bus_connection.h"
 #include "confinement_policy.h"
 #include "content/database.h"
+#include "content/statement_budget.h"
 #include "host_control.h"
 #include "config/platform_config.h"
 #include "requests/request_glue.h"
 #include "bundle/row_codec.h"
+#include "requests/reply_budget.h"
 
 namespace tilvane {
 namespace host {
@@ -505,16 +507,25 @@ extern "C" int data_control_provider_send_select_result(int request_id, void* db
     if (db_handle == nullptr) {
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
-    const bool known = WithActiveRequest(request_id, [](DcRequest& request) {
+    std::string clientApp;
+    const bool known = WithActiveRequest(request_id, [&clientApp](DcRequest& request) {
+        clientApp = request.clientApp;
         return request.answer == DcRequest::Answer::None ? 0 : static_cast<int>(DATA_CONTROL_ERROR_INVALID_PARAMETER);
     }) == 0;
     if (!known) {
         return DATA_CONTROL_ERROR_INVALID_PARAMETER;
     }
     std::string rows;
-    if (!EncodeStatementRows(static_cast<sqlite3_stmt*>(db_handle), rows)) {
+    sqlite3_stmt* statement = static_cast<sqlite3_stmt*>(db_handle);
+    const RowsEncoding ended = EncodeStatementRows(statement, rows, MaxReplyPayloadBytes());
+    if (ended == RowsEncoding::TooLarge) {
+        NoteReplyTooLarge(clientApp, "DataControl.Select");
+        return DATA_CONTROL_ERROR_MAX_EXCEEDED;
+    }
+    if (ended == RowsEncoding::Failed) {
+        tilvane::content::NoteStatementFailure(sqlite3_db_handle(statement));
         REQUEST_LOGE("select result of request %d: stepping failed: %s", request_id,
-                  sqlite3_errmsg(sqlite3_db_handle(static_cast<sqlite3_stmt*>(db_handle))));
+                     sqlite3_errmsg(sqlite3_db_handle(statement)));
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
     return Answer(request_id, DcRequest::Answer::Rows, -1, std::move(rows), std::string());

@@ -36,6 +36,8 @@
 #include "confinement_policy.h"
 #include "host_control.h"
 #include "app/idle_trim.h"
+#include "content/statement_budget.h"
+#include "log/log_budget.h"
 #include "TilesModel.h"
 #include "request_interfaces_xml.h"
 
@@ -156,6 +158,9 @@ void DeleteStringCB(gpointer data)
 /* What the request's report says went wrong, "" when nothing is known. */
 std::string ReasonForFailure(const RequestReport& report)
 {
+    if (!report.budget.empty()) {
+        return report.budget;
+    }
     if (!report.statementError.empty()) {
         return report.statementError;
     }
@@ -212,6 +217,11 @@ std::string NoResultText(const RequestReport& report, const char* fallback)
 {
     const std::string reason = ReasonForFailure(report);
     return reason.empty() ? std::string(fallback) : reason;
+}
+
+const char* BudgetOr(const RequestReport& report, const char* fallback)
+{
+    return report.budget.empty() ? fallback : report.budget.c_str();
 }
 
 /* A string argument of a call, by position. */
@@ -336,7 +346,10 @@ std::atomic<int> unsettledChecks{0};
 
 void RunJob(Job& job)
 {
-    if (job.interface == kDataControlInterface) {
+    const bool dataControl = job.interface == kDataControlInterface;
+    LogSourceScope logSource(job.clientApp);
+    content::StatementBudgetScope budget(job.clientApp, (dataControl ? "DataControl." : "Content.") + job.method);
+    if (dataControl) {
         RunDataControl(job);
     } else {
         RunContent(job);
@@ -519,6 +532,29 @@ void UnregisterRequestObjects(GDBusConnection* connection)
     if (content != 0) {
         g_dbus_connection_unregister_object(connection, content);
     }
+}
+
+bool ReclaimRequestNames()
+{
+    std::vector<std::string> names;
+    {
+        RequestState& s = TheRequestState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.dcRegistered && !s.dcBusName.empty()) {
+            names.push_back(s.dcBusName);
+        }
+        for (const auto& entry : s.contentAuthorities) {
+            const std::string name = ContentBusName(entry.first);
+            if (!name.empty()) {
+                names.push_back(name);
+            }
+        }
+    }
+    bool all = true;
+    for (const std::string& name : names) {
+        all = (OwnsRequestBusName(name) || OwnName(name)) && all;
+    }
+    return all;
 }
 
 void ContentCallbackRegistered(const std::string& uri)

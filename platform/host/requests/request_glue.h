@@ -113,6 +113,8 @@ std::string ReasonForCode(int code, const RequestReport& report);
 std::string SyncMarkOf(bundle* values);
 /* The error text of a request that got no result: its reason when known. */
 std::string NoResultText(const RequestReport& report, const char* fallback);
+/* The budget the request ran past, else `fallback`. */
+const char* BudgetOr(const RequestReport& report, const char* fallback);
 /* A string argument of a call, by position. */
 const gchar* StringArg(GVariant* parameters, gsize index);
 /* A string-array argument of a call, by position. */

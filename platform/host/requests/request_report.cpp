@@ -51,6 +51,13 @@ void RecordChangedRows(int64_t rows)
     }
 }
 
+void RecordBudgetFailure(const char* reason)
+{
+    if (t_report != nullptr && reason != nullptr && t_report->budget.empty()) {
+        t_report->budget = reason;
+    }
+}
+
 void NoteLogLine(int priority, const char* tag, const std::string& message)
 {
     if (t_report == nullptr || priority < DLOG_INFO || tag == nullptr || std::strcmp(tag, kProviderLogTag) != 0) {

@@ -26,6 +26,9 @@ struct RequestReport {
     /* The provider's first log line that starts with "failed" (its prefix of
      * source position removed), "" when there was none. */
     std::string providerFailure;
+    /* The reason of the first budget the request ran past (a statement's
+     * time, memory or length, the size of a reply), "" when none. */
+    std::string budget;
 };
 
 /* Opens a report on this thread for its lifetime; scopes do not nest (an
@@ -46,6 +49,8 @@ private:
 bool RequestReportOpen();
 void RecordStatementError(const char* message);
 void RecordChangedRows(int64_t rows);
+/* Keeps the first budget failure of the request; later ones do not replace it. */
+void RecordBudgetFailure(const char* reason);
 /* Called by the platform log for every line while a report is open. */
 void NoteLogLine(int priority, const char* tag, const std::string& message);
 

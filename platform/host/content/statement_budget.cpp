@@ -1,0 +1,201 @@
+#include "content/statement_budget.h"
+
+#include <time.h>
+
+#include <atomic>
+#include <cstring>
+#include <utility>
+
+#include "config/platform_config.h"
+#include "content/bounded_functions.h"
+#include "content/content_log.h"
+#include "content/database.h"
+#include "requests/request_report.h"
+
+namespace tilvane {
+namespace content {
+namespace {
+
+/* Defaults; docs/configuration.md says why each is what it is. */
+constexpr int64_t kDefaultStatementMs = 2000;
+constexpr int64_t kDefaultValueBytes = 2 * 1024 * 1024;
+constexpr int64_t kDefaultLikePatternBytes = 128;
+constexpr int64_t kDefaultHeapBytes = 64 * 1024 * 1024;
+/* SQLite's own ceiling for a length limit. */
+constexpr int64_t kMaxLengthLimit = 1000000000;
+/* The progress handler runs every this many virtual-machine steps: a few
+ * microseconds apart, often enough that an interruption comes within a
+ * millisecond of the budget's end, rarely enough to cost nothing measurable. */
+constexpr int kProgressSteps = 1000;
+
+thread_local StatementBudgetScope* t_scope = nullptr;
+std::atomic<bool> g_timingInstalled{true};
+
+/* The coarse clock costs no system call; its few milliseconds of resolution
+ * are nothing beside a budget of seconds. */
+int64_t MonotonicUs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+int64_t PositiveOr(int64_t value, int64_t fallback)
+{
+    return value > 0 ? value : fallback;
+}
+
+int ProgressCB(void* /*userData*/)
+{
+    StatementBudgetScope* scope = t_scope;
+    return scope != nullptr && scope->OverTime(MonotonicUs()) ? 1 : 0;
+}
+
+/* A statement begins running. The programs of its triggers (their text a
+ * comment, "-- ...") are part of it and do not start its time again. */
+int TraceCB(unsigned type, void* /*userData*/, void* /*statement*/, void* text)
+{
+    StatementBudgetScope* scope = t_scope;
+    const char* sql = static_cast<const char*>(text);
+    if (type == SQLITE_TRACE_STMT && scope != nullptr && !(sql != nullptr && std::strncmp(sql, "--", 2) == 0)) {
+        scope->StatementStarted(MonotonicUs());
+    }
+    return 0;
+}
+
+void InstallTiming(sqlite3* db, bool installed)
+{
+    if (installed) {
+        sqlite3_progress_handler(db, kProgressSteps, ProgressCB, nullptr);
+        sqlite3_trace_v2(db, SQLITE_TRACE_STMT, TraceCB, nullptr);
+    } else {
+        sqlite3_progress_handler(db, 0, nullptr, nullptr);
+        sqlite3_trace_v2(db, 0, nullptr, nullptr);
+    }
+}
+
+int LengthLimit(int64_t bytes)
+{
+    return static_cast<int>(bytes < kMaxLengthLimit ? bytes : kMaxLengthLimit);
+}
+
+/* What the log line of a request that ran past `reason` says of the budget. */
+std::string BudgetOf(const std::string& reason, const StatementBudgets& budgets)
+{
+    if (reason == kTimeBudgetText) {
+        return "time budget " + std::to_string(budgets.statementMs) + " ms";
+    }
+    if (reason == kMemoryBudgetText) {
+        return "heap budget " + std::to_string(budgets.heapBytes) + " bytes";
+    }
+    if (reason == kPatternBudgetText) {
+        return "pattern budget " + std::to_string(budgets.likePatternBytes) + " bytes";
+    }
+    return "length budget " + std::to_string(budgets.valueBytes) + " bytes";
+}
+
+}  // namespace
+
+StatementBudgets ConfiguredStatementBudgets()
+{
+    StatementBudgets budgets;
+    const int64_t statementMs = host::config::Integer("budget", "statement-ms", kDefaultStatementMs);
+    budgets.statementMs = statementMs >= 0 ? statementMs : kDefaultStatementMs;
+    budgets.valueBytes = PositiveOr(host::config::Integer("budget", "value-bytes", kDefaultValueBytes), kDefaultValueBytes);
+    budgets.likePatternBytes =
+        PositiveOr(host::config::Integer("budget", "like-pattern-bytes", kDefaultLikePatternBytes), kDefaultLikePatternBytes);
+    const int64_t heapBytes = host::config::Integer("budget", "heap-bytes", kDefaultHeapBytes);
+    budgets.heapBytes = heapBytes >= 0 ? heapBytes : kDefaultHeapBytes;
+    return budgets;
+}
+
+int ApplyStatementBudgets(sqlite3* db)
+{
+    const StatementBudgets budgets = ConfiguredStatementBudgets();
+    sqlite3_hard_heap_limit64(budgets.heapBytes);
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, LengthLimit(budgets.valueBytes));
+    sqlite3_limit(db, SQLITE_LIMIT_SQL_LENGTH, LengthLimit(budgets.valueBytes));
+    sqlite3_limit(db, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, LengthLimit(budgets.likePatternBytes));
+    InstallTiming(db, g_timingInstalled.load());
+    const int rc = RegisterLinearFunctions(db);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    return sqlite3_exec(db, "PRAGMA temp_store=MEMORY", nullptr, nullptr, nullptr);
+}
+
+void SetStatementTimingInstalled(bool installed)
+{
+    g_timingInstalled.store(installed);
+    Database::ForEachOpenHandle([installed](sqlite3* db) { InstallTiming(db, installed); });
+}
+
+StatementBudgetScope::StatementBudgetScope(std::string app, std::string request)
+    : m_app(std::move(app)), m_request(std::move(request)), m_budgetUs(ConfiguredStatementBudgets().statementMs * 1000),
+      m_statementStartUs(MonotonicUs()), m_previous(t_scope)
+{
+    t_scope = this;
+}
+
+StatementBudgetScope::~StatementBudgetScope()
+{
+    t_scope = m_previous;
+    if (!m_failure.empty()) {
+        CONTENT_LOGE("request %s of %s failed: %s (%s)", m_request.c_str(), m_app.c_str(), m_failure.c_str(),
+                     BudgetOf(m_failure, ConfiguredStatementBudgets()).c_str());
+    }
+}
+
+bool StatementBudgetScope::OverTime(int64_t nowUs)
+{
+    if (m_budgetUs <= 0 || nowUs - m_statementStartUs <= m_budgetUs) {
+        return false;
+    }
+    Fail(kTimeBudgetText);
+    return true;
+}
+
+void StatementBudgetScope::Fail(const char* reason)
+{
+    if (m_failure.empty()) {
+        m_failure = reason;
+        host::RecordBudgetFailure(reason);
+    }
+}
+
+const char* NoteStatementFailure(sqlite3* db)
+{
+    if (db == nullptr) {
+        return nullptr;
+    }
+    StatementBudgetScope* scope = t_scope;
+    const char* reason = nullptr;
+    switch (sqlite3_errcode(db)) {
+    case SQLITE_INTERRUPT:
+        reason = scope != nullptr && scope->Failure() == kTimeBudgetText ? kTimeBudgetText : nullptr;
+        break;
+    case SQLITE_TOOBIG:
+        reason = kValueBudgetText;
+        break;
+    case SQLITE_NOMEM:
+        reason = kMemoryBudgetText;
+        break;
+    case SQLITE_ERROR:
+        reason = std::strcmp(sqlite3_errmsg(db), "LIKE or GLOB pattern too complex") == 0 ? kPatternBudgetText : nullptr;
+        break;
+    default:
+        break;
+    }
+    if (reason == nullptr) {
+        return nullptr;
+    }
+    if (scope != nullptr) {
+        scope->Fail(reason);
+    } else {
+        host::RecordBudgetFailure(reason);
+    }
+    return reason;
+}
+
+}  // namespace content
+}  // namespace tilvane
