@@ -58,6 +58,23 @@ int message_port_send_message_with_local_port(const char *remote_app_id, const c
  * Returns 0 in both cases; an error only when the question cannot be asked. */
 int message_port_check_remote_port(const char *remote_app_id, const char *remote_port, bool *exist);
 
+/* Called on the application's loop when a watched remote port goes. */
+typedef void (*message_port_registration_event_cb)(const char *remote_app_id, const char *remote_port,
+                                                   bool trusted_remote_port, void *user_data);
+
+/* Watches `remote_port` of `remote_app_id`: `unregistered_cb` is called each
+ * time the port goes, that is when the application unregisters it or leaves
+ * the bus; at once (from the loop) when the application does not run now.
+ * *watcher_id is set for message_port_remove_registration_event_cb.
+ * MESSAGE_PORT_ERROR_MAX_EXCEEDED when the process already has 4096 watches;
+ * MESSAGE_PORT_ERROR_IO_ERROR without a bus. */
+int message_port_add_unregistered_cb(const char *remote_app_id, const char *remote_port, bool trusted_remote_port,
+                                     message_port_registration_event_cb unregistered_cb, void *user_data,
+                                     int *watcher_id);
+
+/* Ends a watch. MESSAGE_PORT_ERROR_INVALID_PARAMETER for an unknown id. */
+int message_port_remove_registration_event_cb(int watcher_id);
+
 #ifdef __cplusplus
 }
 #endif

@@ -17,7 +17,9 @@
 #include <vector>
 
 #include "identity/app_identity.h"
+#include "app/bus_supervision.h"
 #include "bus/bus_connection.h"
+#include "log/log_budget.h"
 #include "confinement_policy.h"
 #include "base/host_state.h"
 #include "dlog.h"
@@ -48,6 +50,8 @@ struct AppState {
      * run cannot end a newer one. */
     uint64_t run = 0;
     bool exitRequested = false;
+    /* The loop ended because the bus was lost for good. */
+    bool busLost = false;
     /* Handles are ids, never pointers, so that a stale handle is harmless. */
     uintptr_t nextHandlerId = 1;
     std::vector<EventHandler> handlers;
@@ -117,6 +121,17 @@ gboolean OnTerminationRequest(gpointer data)
 void FreeRunNumber(gpointer data)
 {
     delete static_cast<uint64_t*>(data);
+}
+
+/* The bus connection could not be restored in time (bus_supervision.h). */
+void EndForLostBus()
+{
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.busLost = true;
+    }
+    QuitLoop("the message bus connection was lost");
 }
 
 /* Owns the sources and the loop of one service_app_main run. */
@@ -244,6 +259,7 @@ namespace {
 constexpr char kDefaultServiceAppId[] = "com.quillon.px.tilvane";
 constexpr int kExitStartFailed = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitBusLost = 3;
 
 const char* ProgramName(int argc, char** argv)
 {
@@ -278,7 +294,8 @@ void PrintUsage(FILE* out, const char* program)
         "                         (default: <root>/etc/tilvane.conf)\n"
         "  DBUS_SESSION_BUS_ADDRESS  the message bus it serves on (required)\n"
         "\n"
-        "Exit codes: 0 ended normally, 1 could not start, 2 wrong command line.\n",
+        "Exit codes: 0 ended normally, 1 could not start, 2 wrong command line,\n"
+        "3 lost the message bus and could not get back on it within [bus] reconnect-ms.\n",
         program, kDefaultServiceAppId);
 }
 
@@ -315,6 +332,23 @@ void ChooseDefaultAppId()
         return;
     }
     tilvane::host::SetOwnAppId(tilvane::host::config::String("service", "app-id", kDefaultServiceAppId));
+}
+
+int64_t NonNegativeSetting(const char* group, const char* key, int64_t fallback)
+{
+    const int64_t value = tilvane::host::config::Integer(group, key, fallback);
+    return value >= 0 ? value : fallback;
+}
+
+/* The log's byte budgets from the integrator's configuration ([log]). */
+void ApplyLogBudgets()
+{
+    using namespace tilvane::host;
+    LogBudgets budgets = DefaultLogBudgets();
+    budgets.appBytes = NonNegativeSetting("log", "app-bytes", budgets.appBytes);
+    budgets.serviceBytes = NonNegativeSetting("log", "service-bytes", budgets.serviceBytes);
+    budgets.intervalMs = NonNegativeSetting("log", "budget-interval-ms", budgets.intervalMs);
+    SetLogBudgets(budgets);
 }
 
 /* The bus must be there and the application's name free before the service
@@ -366,6 +400,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         PLATFORM_LOGE("service_app_main: invalid parameter");
         return APP_ERROR_INVALID_PARAMETER;
     }
+    ApplyLogBudgets();
     if (programStart) {
         ChooseDefaultAppId();
         if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
@@ -384,6 +419,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         s.loop = run.Loop();
         ++s.run;
         s.exitRequested = false;
+        s.busLost = false;
     }
     auto detach = [] {
         AppState& s = TheAppState();
@@ -417,7 +453,9 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
             run.CallAppControlWhenIdle(callback->app_control, user_data);
         }
         PLATFORM_LOGD("main loop running");
+        StartBusSupervision(EndForLostBus);
         run.Run();
+        StopBusSupervision();
     }
     PLATFORM_LOGD("main loop ended");
 
@@ -425,8 +463,17 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         callback->terminate(user_data);
     }
     PLATFORM_LOGD("service application terminated");
+    bool busLost = false;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        busLost = s.busLost;
+    }
     detach();
-    return APP_ERROR_NONE;
+    if (busLost && programStart) {
+        std::exit(kExitBusLost);
+    }
+    return busLost ? APP_ERROR_INVALID_CONTEXT : APP_ERROR_NONE;
 }
 
 extern "C" void service_app_exit(void)

@@ -36,14 +36,30 @@ bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::str
 int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& reason);
 
 /* org.freedesktop.DBus.RequestName of `name` for `connection`, never queued
- * behind another owner. `error` says why when Failed. */
-enum class NameRequest { Owned, OwnedByAnother, Failed };
-NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error);
+ * behind another owner unless `queue` (then Queued while another owns it).
+ * `error` says why when Failed. */
+enum class NameRequest { Owned, OwnedByAnother, Queued, Failed };
+NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error,
+                           bool queue = false);
 
 /* Runs `function` on the platform's bus thread, where waiting for the bus
  * daemon holds up no application callback; false (and `destroy` not called)
  * when there is no connection. */
 bool InvokeOnBusThread(GSourceFunc function, gpointer data, GDestroyNotify destroy);
+
+/* Called on the GLib default main context when the connection was lost (the
+ * bus daemon dropped it or went away); null for none. The service
+ * application's loop sets one while it runs (bus_supervision.h). */
+void SetConnectionLostHandler(void (*handler)());
+/* Opens a connection in place of a lost one and owns again every name the
+ * process owned: the application's, its ports', its providers'. False, with
+ * `why`, while that cannot be done yet. */
+bool RestoreBusConnection(std::string& why);
+
+/* Owned by request_glue.cpp: the provider names of the request interfaces
+ * that this process serves, owned again on a new connection. True when each
+ * is owned. */
+bool ReclaimRequestNames();
 
 /* Owned by request_glue.cpp: called by message_port.cpp while the connection
  * is opened, and before it is closed. The objects answer on the GLib default

@@ -22,11 +22,20 @@ namespace host {
 namespace signals {
 namespace {
 
+struct Wanted {
+    std::string interface;
+    std::string member;
+    SignalHandler handler;
+};
+
 struct SignalState {
     std::mutex mutex;
     GDBusConnectionPtr connection;
     std::string uniqueName;
-    /* "interface.member" -> subscription id */
+    /* "interface.member" -> what was asked for: subscribed again on every new
+     * connection, so that a lost connection loses no subscriber. */
+    std::map<std::string, Wanted> wanted;
+    /* "interface.member" -> subscription id on the current connection */
     std::map<std::string, guint> subscriptions;
 };
 
@@ -34,6 +43,28 @@ SignalState& TheSignalState()
 {
     static SignalState* state = new SignalState();
     return *state;
+}
+
+void OnSignalCB(GDBusConnection* connection, const gchar* senderName, const gchar* objectPath,
+                const gchar* interfaceName, const gchar* signalName, GVariant* parameters, gpointer userData);
+
+/* With the state's mutex held: `wanted` subscribed on the connection. */
+void SubscribeLocked(SignalState& s, const std::string& name, const Wanted& wanted)
+{
+    /* Signals are dispatched on the context that is the thread's default at
+     * subscription: make it the application's loop. */
+    g_main_context_push_thread_default(g_main_context_default());
+    const guint id = g_dbus_connection_signal_subscribe(
+        s.connection.get(), nullptr, wanted.interface.c_str(), wanted.member.c_str(), kPath, nullptr,
+        G_DBUS_SIGNAL_FLAGS_NONE, OnSignalCB, reinterpret_cast<gpointer>(wanted.handler), nullptr);
+    g_main_context_pop_thread_default(g_main_context_default());
+    s.subscriptions[name] = id;
+    /* The match rule must be in place before anyone relies on it. */
+    g_dbus_connection_flush_sync(s.connection.get(), nullptr, nullptr);
+    ScopedError error;
+    GVariantPtr ping(g_dbus_connection_call_sync(s.connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 "org.freedesktop.DBus", "GetId", nullptr, G_VARIANT_TYPE("(s)"),
+                                                 G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, error.Out()));
 }
 
 /* With the state's mutex held. */
@@ -62,6 +93,9 @@ GDBusConnection* ConnectionLocked(SignalState& s)
     const gchar* unique = g_dbus_connection_get_unique_name(s.connection.get());
     s.uniqueName = unique != nullptr ? unique : "";
     SIGNAL_LOGD("notification bus connection opened (%s)", s.uniqueName.c_str());
+    for (const auto& entry : s.wanted) {
+        SubscribeLocked(s, entry.first, entry.second);
+    }
     return s.connection.get();
 }
 
@@ -104,29 +138,23 @@ bool Subscribe(const char* interface, const char* member, SignalHandler handler)
 {
     SignalState& s = TheSignalState();
     std::lock_guard<std::mutex> lock(s.mutex);
-    GDBusConnection* connection = ConnectionLocked(s);
-    if (connection == nullptr) {
+    if (ConnectionLocked(s) == nullptr) {
         return false;
     }
     const std::string name = std::string(interface) + "." + member;
     if (s.subscriptions.count(name) != 0) {
         return true;
     }
-    /* Signals are dispatched on the context that is the thread's default at
-     * subscription: make it the application's loop. */
-    g_main_context_push_thread_default(g_main_context_default());
-    const guint id = g_dbus_connection_signal_subscribe(connection, nullptr, interface, member, kPath, nullptr,
-                                                        G_DBUS_SIGNAL_FLAGS_NONE, OnSignalCB,
-                                                        reinterpret_cast<gpointer>(handler), nullptr);
-    g_main_context_pop_thread_default(g_main_context_default());
-    s.subscriptions[name] = id;
-    /* The match rule must be in place before anyone relies on it. */
-    g_dbus_connection_flush_sync(connection, nullptr, nullptr);
-    ScopedError error;
-    GVariantPtr ping(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                 "org.freedesktop.DBus", "GetId", nullptr, G_VARIANT_TYPE("(s)"),
-                                                 G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, error.Out()));
+    s.wanted[name] = Wanted{interface, member, handler};
+    SubscribeLocked(s, name, s.wanted[name]);
     return true;
+}
+
+bool Reconnect()
+{
+    SignalState& s = TheSignalState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.wanted.empty() || ConnectionLocked(s) != nullptr;
 }
 
 bool Emit(const char* interface, const char* member, GVariant* parameters)
@@ -163,6 +191,7 @@ void CloseSignalBus()
         }
     }
     s.subscriptions.clear();
+    s.wanted.clear();
     s.uniqueName.clear();
     s.connection.reset();
 }

@@ -34,6 +34,10 @@ typedef void (*SignalHandler)(GVariant* parameters);
  * the process only). Subscribing the same member twice is a no-op. */
 bool Subscribe(const char* interface, const char* member, SignalHandler handler);
 
+/* Opens a connection in place of a lost one, with every subscription made
+ * so far; true when there is one (or nothing is subscribed). */
+bool Reconnect();
+
 /* Emits a signal (taking a floating `parameters`) and flushes it, so that it
  * leaves before a short-lived process ends. False without a usable bus. */
 bool Emit(const char* interface, const char* member, GVariant* parameters);

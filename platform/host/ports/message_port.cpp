@@ -39,6 +39,7 @@
 #include <gio/gio.h>
 
 #include <cstring>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,6 +54,7 @@
 #include "ports/held_sends.h"
 #include "ports/port_delivery.h"
 #include "identity/credentials.h"
+#include "log/log_budget.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "message_port_xml.h"
@@ -68,6 +70,9 @@ namespace {
 #define PORT_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
+/* The names whose owner changes the bus thread follows: applications' and
+ * ports'. */
+constexpr char kNameNamespace[] = "org.tilvane";
 constexpr char kInterface[] = "org.tilvane.MessagePort";
 constexpr char kErrorPortNotFound[] = "org.tilvane.MessagePort.Error.PortNotFound";
 constexpr char kErrorNotAuthorized[] = "org.tilvane.MessagePort.Error.NotAuthorized";
@@ -90,9 +95,12 @@ struct Bus {
     guint objectId = 0;
     guint nameWatchId = 0;
     guint deliveryFilterId = 0;
+    gulong closedHandlerId = 0;
     std::string appId;
     std::string busName;
     bool ownsName = false;
+    /* Every local port has claimed its name on this connection. */
+    bool portsClaimed = false;
 };
 
 struct PortState {
@@ -108,6 +116,14 @@ struct PortState {
     std::vector<SentMessage> sent;
     /* Unique connection name -> the application id it was found to own. */
     std::map<std::string, std::string> verifiedSenders;
+
+    /* Connections opened so far, and whether one of them owned the
+     * application's name: a connection that replaces a lost one owns it
+     * again. Under busMutex. */
+    uint64_t opens = 0;
+    bool ownedNameBefore = false;
+    /* Told when the connection is lost (ConnectionLostHandler). */
+    std::atomic<void (*)()> lostHandler{nullptr};
 };
 
 PortState& ThePortState()
@@ -179,6 +195,7 @@ gboolean DeliverToCallback(gpointer data)
         PORT_LOGD("message for port %s dropped: the port was unregistered", delivery->port.c_str());
         return G_SOURCE_REMOVE;
     }
+    LogSourceScope logSource(delivery->senderApp);
     port.callback(port.id, delivery->senderApp.c_str(),
                   delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message.get(),
                   port.userData);
@@ -315,7 +332,10 @@ void OnMethodCallCB(GDBusConnection* connection, const gchar* sender, const gcha
                                           methodName);
 }
 
-/* A connection that loses an application name is no longer that application. */
+/* A connection that loses an application name is no longer that application;
+ * a watched port whose name or application's name lost its owner is gone.
+ * Run on the bus thread in order with the calls made to the object, so that
+ * a message a port sent before it went is delivered before its end is told. */
 void OnNameOwnerChangedCB(GDBusConnection* connection, const gchar* /*senderName*/, const gchar* /*objectPath*/,
                           const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters,
                           gpointer /*userData*/)
@@ -324,7 +344,8 @@ void OnNameOwnerChangedCB(GDBusConnection* connection, const gchar* /*senderName
     const gchar* oldOwner = nullptr;
     const gchar* newOwner = nullptr;
     g_variant_get(parameters, "(&s&s&s)", &name, &oldOwner, &newOwner);
-    if (*oldOwner == '\0') {
+    NotePortWatchOwnerChange(connection, name, oldOwner, newOwner);
+    if (*oldOwner == '\0' || !g_str_has_prefix(name, kAppBusNameNamespace)) {
         return;
     }
     identity::ForgetConnection(connection, oldOwner);
@@ -350,10 +371,41 @@ gboolean QuitBusLoop(gpointer loop)
     return G_SOURCE_REMOVE;
 }
 
+/* On the bus thread: the connection was closed. A close of our own is not a
+ * loss; any other (the daemon dropped the connection, or went away) is
+ * handed to the lost handler on the application's loop. */
+gboolean NotifyConnectionLostCB(gpointer /*data*/)
+{
+    void (*handler)() = ThePortState().lostHandler.load();
+    if (handler != nullptr) {
+        handler();
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void OnConnectionClosedCB(GDBusConnection* /*connection*/, gboolean remotePeerVanished, GError* error,
+                          gpointer /*userData*/)
+{
+    if (!remotePeerVanished && error == nullptr) {
+        return;
+    }
+    PORT_LOGE("message bus connection lost: %s", error != nullptr ? error->message : "the bus went away");
+    if (ThePortState().lostHandler.load() != nullptr) {
+        GSource* source = g_idle_source_new();
+        g_source_set_priority(source, G_PRIORITY_DEFAULT);
+        g_source_set_callback(source, NotifyConnectionLostCB, nullptr, nullptr);
+        g_source_attach(source, nullptr);
+        g_source_unref(source);
+    }
+}
+
 void CloseBus(std::unique_ptr<Bus> bus)
 {
     if (!bus) {
         return;
+    }
+    if (bus->closedHandlerId != 0) {
+        g_signal_handler_disconnect(bus->connection.get(), bus->closedHandlerId);
     }
     if (bus->objectId != 0) {
         g_dbus_connection_unregister_object(bus->connection.get(), bus->objectId);
@@ -407,13 +459,15 @@ std::unique_ptr<Bus> OpenBus()
         nullptr, nullptr, error.Out()));
     if (bus->connection) {
         g_dbus_connection_set_exit_on_close(bus->connection.get(), FALSE);
+        bus->closedHandlerId =
+            g_signal_connect(bus->connection.get(), "closed", G_CALLBACK(OnConnectionClosedCB), nullptr);
         bus->deliveryFilterId = AddDeliveryReplyFilter(bus->connection.get());
         static const GDBusInterfaceVTable vtable = {OnMethodCallCB, nullptr, nullptr, {nullptr}};
         bus->objectId = g_dbus_connection_register_object(bus->connection.get(), kObjectPath, InterfaceInfo(),
                                                           &vtable, nullptr, nullptr, error.Out());
         bus->nameWatchId = g_dbus_connection_signal_subscribe(
             bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-            "/org/freedesktop/DBus", kAppBusNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
+            "/org/freedesktop/DBus", kNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
             OnNameOwnerChangedCB, nullptr, nullptr);
         /* The request interfaces answer on the default main context. */
         RegisterRequestObjects(bus->connection.get());
@@ -455,12 +509,37 @@ int OwnName(Bus& bus)
     return MESSAGE_PORT_ERROR_NONE;
 }
 
-/* The connection, opened when needed, with the application's name owned when
- * `needName`. Null with *result set when the bus cannot be used. */
-GDBusConnectionPtr Connection(bool needName, int* result)
+/* The names of the local ports, for claiming them on a new connection. */
+std::vector<std::string> LocalPortNames()
 {
     PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.busMutex);
+    std::lock_guard<std::mutex> lock(s.mutex);
+    std::vector<std::string> names;
+    for (const auto& entry : s.ports) {
+        names.push_back(entry.first);
+    }
+    return names;
+}
+
+/* With busMutex held: every local port claims its name on `bus`; the first
+ * failure ends the round (logged by ClaimPortName). */
+int ClaimLocalPorts(Bus& bus)
+{
+    for (const std::string& port : LocalPortNames()) {
+        const int claimed = ClaimPortName(bus.connection.get(), bus.appId, port);
+        if (claimed != MESSAGE_PORT_ERROR_NONE) {
+            return claimed;
+        }
+    }
+    bus.portsClaimed = true;
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+/* With busMutex held: the connection open and, when `needName` or when a
+ * connection before it owned the name, the application's name and its ports'
+ * names owned. `reopened` tells that a lost connection was replaced. */
+int EnsureConnectionLocked(PortState& s, bool needName, bool& reopened)
+{
     if (s.bus && g_dbus_connection_is_closed(s.bus->connection.get())) {
         PORT_LOGE("message bus connection lost; reconnecting");
         CloseBus(std::move(s.bus));
@@ -468,19 +547,44 @@ GDBusConnectionPtr Connection(bool needName, int* result)
     if (!s.bus) {
         s.bus = OpenBus();
         if (!s.bus) {
-            *result = MESSAGE_PORT_ERROR_IO_ERROR;
-            return nullptr;
+            return MESSAGE_PORT_ERROR_IO_ERROR;
         }
+        reopened = ++s.opens > 1;
     }
-    if (needName && !s.bus->ownsName) {
+    if ((needName || s.ownedNameBefore) && !s.bus->ownsName) {
         const int owned = OwnName(*s.bus);
         if (owned != MESSAGE_PORT_ERROR_NONE) {
-            *result = owned;
+            return owned;
+        }
+        s.ownedNameBefore = true;
+    }
+    if (!s.bus->portsClaimed && s.bus->ownsName) {
+        ClaimLocalPorts(*s.bus);  // a port that cannot claim its name yet is tried again on the next call
+    }
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+/* The connection, opened when needed, with the application's name owned when
+ * `needName`. Null with *result set when the bus cannot be used. A connection
+ * that replaces a lost one owns again every name the process owned. */
+GDBusConnectionPtr Connection(bool needName, int* result)
+{
+    PortState& s = ThePortState();
+    bool reopened = false;
+    GDBusConnectionPtr connection;
+    {
+        std::lock_guard<std::mutex> lock(s.busMutex);
+        *result = EnsureConnectionLocked(s, needName, reopened);
+        if (*result != MESSAGE_PORT_ERROR_NONE) {
             return nullptr;
         }
+        connection.reset(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
     }
-    *result = MESSAGE_PORT_ERROR_NONE;
-    return GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
+    if (reopened) {
+        ReclaimRequestNames();
+        RecheckPortWatches(connection.get());
+    }
+    return connection;
 }
 
 /* ---- sending ------------------------------------------------------------------ */
@@ -596,15 +700,17 @@ std::string ConnectedAppId()
     return s.bus ? s.bus->appId : std::string();
 }
 
-NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error)
+NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error,
+                           bool queue)
 {
     constexpr guint32 kDoNotQueue = 0x4;
     constexpr guint32 kPrimaryOwner = 1;
+    constexpr guint32 kInQueue = 2;
     constexpr guint32 kAlreadyOwner = 4;
     ScopedError failure;
     GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                   "org.freedesktop.DBus", "RequestName",
-                                                  g_variant_new("(su)", name.c_str(), kDoNotQueue),
+                                                  g_variant_new("(su)", name.c_str(), queue ? 0u : kDoNotQueue),
                                                   G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr,
                                                   failure.Out()));
     if (!reply) {
@@ -613,6 +719,9 @@ NameRequest RequestBusName(GDBusConnection* connection, const std::string& name,
     }
     guint32 answer = 0;
     g_variant_get(reply.get(), "(u)", &answer);
+    if (answer == kInQueue) {
+        return NameRequest::Queued;
+    }
     return answer == kPrimaryOwner || answer == kAlreadyOwner ? NameRequest::Owned : NameRequest::OwnedByAnother;
 }
 
@@ -624,6 +733,37 @@ bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::str
 int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& reason)
 {
     return KnownSenderOwnsApp(sender, appId, reason);
+}
+
+void SetConnectionLostHandler(void (*handler)())
+{
+    ThePortState().lostHandler.store(handler);
+}
+
+bool RestoreBusConnection(std::string& why)
+{
+    int result = MESSAGE_PORT_ERROR_NONE;
+    GDBusConnectionPtr connection = Connection(false, &result);
+    if (!connection) {
+        why = result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE ? "the application's name is owned by another process"
+                                                                : "the bus cannot be reached";
+        return false;
+    }
+    bool portsClaimed = false;
+    {
+        PortState& s = ThePortState();
+        std::lock_guard<std::mutex> lock(s.busMutex);
+        portsClaimed = s.bus && s.bus->portsClaimed;
+    }
+    if (!portsClaimed) {
+        why = "a port's name is owned by another process";
+        return false;
+    }
+    if (!ReclaimRequestNames()) {
+        why = "a provider's name is owned by another process";
+        return false;
+    }
+    return true;
 }
 
 bool InvokeOnBusThread(GSourceFunc function, gpointer data, GDestroyNotify destroy)
@@ -649,6 +789,12 @@ void ResetMessagePorts()
         CloseBus(std::move(s.bus));
     }
     ForgetDeliveries();
+    ForgetPortWatches();
+    {
+        std::lock_guard<std::mutex> busLock(s.busMutex);
+        s.opens = 0;
+        s.ownedNameBefore = false;
+    }
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.ports.clear();

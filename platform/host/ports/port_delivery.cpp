@@ -4,6 +4,7 @@
  */
 #include "ports/port_delivery.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "identity/app_identity.h"
 #include "bus/bus_connection.h"
@@ -21,12 +23,14 @@
 #include "base/host_state.h"
 #include "message_port.h"
 #include "config/platform_config.h"
+#include "identity/credentials.h"
 
 namespace tilvane {
 namespace host {
 namespace {
 
 #define DELIVERY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
+#define DELIVERY_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
 #define DELIVERY_LOGW(...) __dlog_print(LOG_ID_MAIN, DLOG_WARN, kPlatformLogTag, __VA_ARGS__)
 #define DELIVERY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
@@ -83,7 +87,8 @@ OwnerCache& TheOwnerCache()
     return *cache;
 }
 
-void NoteOwnerChange(GDBusMessage* message)
+
+void NoteOwnerChange(GDBusConnection* connection, GDBusMessage* message)
 {
     if (g_strcmp0(g_dbus_message_get_member(message), "NameOwnerChanged") != 0 ||
         g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") != 0) {
@@ -97,6 +102,8 @@ void NoteOwnerChange(GDBusMessage* message)
     const gchar* oldOwner = nullptr;
     const gchar* newOwner = nullptr;
     g_variant_get(body, "(&s&s&s)", &name, &oldOwner, &newOwner);
+    const gchar* own = g_dbus_connection_get_unique_name(connection);
+    NoteQueuedPortName(name, newOwner, own != nullptr ? own : "");
     OwnerCache& cache = TheOwnerCache();
     std::lock_guard<std::mutex> lock(cache.mutex);
     ++cache.changes;
@@ -179,7 +186,7 @@ void ExpireOverdue(DeliveryState& s, gint64 nowUs)
     }
 }
 
-GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean incoming,
+GDBusMessage* OnMessageCB(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                           gpointer /*userData*/)
 {
     if (!incoming) {
@@ -187,7 +194,7 @@ GDBusMessage* OnMessageCB(GDBusConnection* /*connection*/, GDBusMessage* message
     }
     const GDBusMessageType type = g_dbus_message_get_message_type(message);
     if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
-        NoteOwnerChange(message);
+        NoteOwnerChange(connection, message);
         return message;
     }
     if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR) {
@@ -289,6 +296,84 @@ std::string BusNameForPort(const std::string& appId, const std::string& port)
     return PortBusName(appId, port);
 }
 
+namespace {
+
+/* Port names this connection waits for in the bus daemon's queue: name ->
+ * "port P of A", for the line that says when it got one. */
+struct QueuedPortNames {
+    std::mutex mutex;
+    std::map<std::string, std::string> names;
+};
+
+QueuedPortNames& TheQueuedPortNames()
+{
+    static QueuedPortNames* queued = new QueuedPortNames();
+    return *queued;
+}
+
+/* In the verified identity mode, the connection that holds `name` runs as a
+ * user that `appId`, bound to users of its own, is not: a squatter. True
+ * with what it is in `who`. */
+bool HeldBySquatter(GDBusConnection* connection, const std::string& name, const std::string& appId,
+                    std::string& who)
+{
+    std::vector<uid_t> users;
+    std::string holder;
+    uid_t uid = 0;
+    if (identity::CurrentMode() != identity::Mode::Verified || !identity::BoundUsers(appId, users) ||
+        !AskNameOwner(connection, name, holder) || holder.empty() ||
+        !identity::ConnectionUser(connection, holder, uid)) {
+        return false;
+    }
+    if (std::find(users.begin(), users.end(), uid) != users.end()) {
+        return false;
+    }
+    who = holder + ", user " + std::to_string(uid);
+    return true;
+}
+
+/* Waits for the name of a port that a squatter holds, in the daemon's queue:
+ * the port is registered now and is announced when the squatter lets go. */
+int QueueForPortName(GDBusConnection* connection, const std::string& appId, const std::string& port,
+                     const std::string& name, const std::string& squatter)
+{
+    std::string error;
+    const NameRequest queued = RequestBusName(connection, name, kDaemonCallTimeoutMs, error, true);
+    if (queued == NameRequest::Failed) {
+        DELIVERY_LOGE("cannot queue for the name of port %s of %s (%s): %s", port.c_str(), appId.c_str(),
+                      name.c_str(), error.c_str());
+        return MESSAGE_PORT_ERROR_IO_ERROR;
+    }
+    if (queued == NameRequest::Owned) {
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    {
+        QueuedPortNames& waiting = TheQueuedPortNames();
+        std::lock_guard<std::mutex> lock(waiting.mutex);
+        waiting.names[name] = "port " + port + " of " + appId;
+    }
+    DELIVERY_LOGW("port %s of %s is held by a connection of another user (%s); the port is registered and "
+                  "announced as soon as that connection lets its name go",
+                  port.c_str(), appId.c_str(), squatter.c_str());
+    return MESSAGE_PORT_ERROR_NONE;
+}
+
+}  // namespace
+
+void NoteQueuedPortName(const std::string& name, const std::string& newOwner, const std::string& ownUniqueName)
+{
+    if (newOwner.empty() || newOwner != ownUniqueName) {
+        return;
+    }
+    QueuedPortNames& waiting = TheQueuedPortNames();
+    std::lock_guard<std::mutex> lock(waiting.mutex);
+    auto it = waiting.names.find(name);
+    if (it != waiting.names.end()) {
+        DELIVERY_LOGI("%s announced: the connection that held its name let it go", it->second.c_str());
+        waiting.names.erase(it);
+    }
+}
+
 int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
 {
     const std::string name = PortBusName(appId, port);
@@ -300,6 +385,10 @@ int ClaimPortName(GDBusConnection* connection, const std::string& appId, const s
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
     if (owned == NameRequest::OwnedByAnother) {
+        std::string squatter;
+        if (HeldBySquatter(connection, name, appId, squatter)) {
+            return QueueForPortName(connection, appId, port, name, squatter);
+        }
         DELIVERY_LOGE("port %s of %s is held by another connection (%s)", port.c_str(), appId.c_str(), name.c_str());
         return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
     }
@@ -317,6 +406,13 @@ void ReleasePortName(GDBusConnection* connection, const std::string& appId, cons
     if (!reply) {
         DELIVERY_LOGD("cannot release %s: %s", name.c_str(), error.Message());
     }
+}
+
+bool ApplicationOwner(GDBusConnection* connection, const std::string& appId, std::string& owner)
+{
+    const std::string appName = BusNameForAppId(appId);
+    owner.clear();
+    return appName.empty() || NameOwner(connection, appName, owner);
 }
 
 int RemotePortExists(GDBusConnection* connection, const std::string& appId, const std::string& port, bool* exist)

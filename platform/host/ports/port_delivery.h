@@ -35,8 +35,15 @@ namespace host {
 std::string PortBusName(const std::string& appId, const std::string& port);
 
 /* Makes `connection` own the name of `port` of `appId`. A MESSAGE_PORT_ERROR_*:
- * RESOURCE_UNAVAILABLE when another connection owns it. */
+ * RESOURCE_UNAVAILABLE when another connection owns it that may act as the
+ * application. One that may not (another user, in the verified identity
+ * mode) cannot hold the port back: the connection queues for the name with
+ * the bus daemon, which hands it over as soon as that connection lets it go,
+ * and the claim succeeds at once. */
 int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port);
+/* Told of every owner change of a name: logs when this connection, whose
+ * unique name is `ownUniqueName`, got the name of a port it queued for. */
+void NoteQueuedPortName(const std::string& name, const std::string& newOwner, const std::string& ownUniqueName);
 void ReleasePortName(GDBusConnection* connection, const std::string& appId, const std::string& port);
 
 /* Whether `port` of `appId` runs, from the bus daemon's name owners only.
@@ -56,6 +63,21 @@ guint AddDeliveryReplyFilter(GDBusConnection* connection);
 
 /* Forgets every delivery in flight (the connection was closed). */
 void ForgetDeliveries();
+
+/* The unique name that owns the bus name of `appId`, "" when none; false when
+ * the daemon cannot be asked. */
+bool ApplicationOwner(GDBusConnection* connection, const std::string& appId, std::string& owner);
+
+/* Owned by port_watch.cpp. Told of every owner change of an org.tilvane name
+ * (on GDBus's worker thread): a name that lost its owner ends the remote
+ * ports watched under it. */
+void NotePortWatchOwnerChange(GDBusConnection* connection, const char* name, const char* oldOwner,
+                              const char* newOwner);
+/* After a new connection: the watched ports whose application no longer runs
+ * are reported gone (their end may have passed while there was no bus). */
+void RecheckPortWatches(GDBusConnection* connection);
+/* Forgets every watch. */
+void ForgetPortWatches();
 
 
 }  // namespace host
