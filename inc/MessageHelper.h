@@ -64,15 +64,34 @@ public:
     std::string GetLocalPortNameFromKey(std::string key, std::string appId);
 
 private:
+    /* What the helper keeps beside a subscriber: the package it counts
+     * against, and the watch that drops it when its port goes (-1: none). */
+    struct SubscriberInfo
+    {
+        std::string strPackageId;
+        int nWatcherId;
+    };
+
     void DumpSubscribers();
     /* False, with a log line, when a new subscriber would pass the bounds of
-     * the list (128 ports per application, 256 subscribers in all). */
-    bool SubscriberAllowed(const std::string& key, const std::string& appId, const std::string& portName);
+     * the list (128 ports per package, 256 subscribers in all); a new
+     * subscriber's package in `packageId`. */
+    bool SubscriberAllowed(const std::string& key, const std::string& appId, const std::string& portName,
+                           std::string& packageId);
+    void WatchSubscriber(const std::string& key, const std::string& appId, const std::string& portName,
+                         const std::string& packageId);
+    /* Removes a subscriber and its watch. */
+    void ForgetSubscriber(const std::string& key);
+    /* Platform callback: a subscriber's port is gone; user data is the helper. */
+    static void SubscriberGoneCB(const char* remoteAppId, const char* remotePort, bool trustedRemotePort,
+                                 void* pUserData);
 
     /* "<port>_<application id>" (or "" for an empty port) -> application id. */
     std::map<std::string, std::string> m_mapSubscribers;
     std::string m_strLocalPortName;
     int m_nReserved;
+    /* Key as above -> what is kept beside it (not for the download manager). */
+    std::map<std::string, SubscriberInfo> m_mapSubscriberInfo;
 };
 
 #endif

@@ -1,9 +1,11 @@
 #include "MessageHelper.h"
 
+#include <app_info.h>
 #include <message_port.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <utility>
 
 #include "TilesModel.h"
@@ -27,9 +29,11 @@ const int REGISTER_RETRY_COUNT = 60;
 const int RESEND_COUNT = 5;
 
 /* Bounds of the subscriber list, whatever applications send: ports of one
- * application, and subscribers in all (the download manager included). A
- * subscription beyond them is refused with one log line. */
-const size_t MAX_SUBSCRIBED_PORTS_PER_APP = 128;
+ * package (its applications and its bare package id together), and
+ * subscribers in all (the download manager included), so that one package
+ * can never fill the list. A subscription beyond them is refused with one
+ * log line. */
+const size_t MAX_SUBSCRIBED_PORTS_PER_PACKAGE = 128;
 const size_t MAX_SUBSCRIBERS = 256;
 
 const int RESULT_INVALID = -22;
@@ -46,6 +50,24 @@ std::string SubscriberKey(const std::string& appId, const std::string& portName)
     return portName + "_" + appId;
 }
 
+/* The package of an application id: its installed package, else the id
+ * itself (a bare package id, or an id that no package declares). */
+std::string PackageOf(const std::string& appId)
+{
+    app_info_h pInfo = nullptr;
+    if (app_info_create(appId.c_str(), &pInfo) != APP_MANAGER_ERROR_NONE || pInfo == nullptr) {
+        return appId;
+    }
+    char* pPackageId = nullptr;
+    std::string packageId = appId;
+    if (app_info_get_package(pInfo, &pPackageId) == APP_MANAGER_ERROR_NONE && pPackageId != nullptr) {
+        packageId = pPackageId;
+        free(pPackageId);
+    }
+    app_info_destroy(pInfo);
+    return packageId;
+}
+
 }  // namespace
 
 CMessageHelper::CMessageHelper(std::string localPortName)
@@ -55,6 +77,11 @@ CMessageHelper::CMessageHelper(std::string localPortName)
 
 CMessageHelper::~CMessageHelper()
 {
+    for (const auto& subscriber : m_mapSubscriberInfo) {
+        if (subscriber.second.nWatcherId > 0) {
+            message_port_remove_registration_event_cb(subscriber.second.nWatcherId);
+        }
+    }
 }
 
 int CMessageHelper::Init()
@@ -121,15 +148,60 @@ void CMessageHelper::SubscribalRequest(std::string appId, std::string portName)
 {
     LOGI("Start SubscribalRequest");
     std::string key = SubscriberKey(appId, portName);
-    if (!SubscriberAllowed(key, appId, portName)) {
+    std::string packageId;
+    if (!SubscriberAllowed(key, appId, portName, packageId)) {
         return;
     }
-    m_mapSubscribers.insert(std::make_pair(key, appId));
+    if (m_mapSubscribers.insert(std::make_pair(key, appId)).second) {
+        WatchSubscriber(key, appId, portName, packageId);
+    }
     LOGI("[%s] was added - [%s]", appId.c_str(), portName.c_str());
     DumpSubscribers();
 }
 
-bool CMessageHelper::SubscriberAllowed(const std::string& key, const std::string& appId, const std::string& portName)
+/* A subscriber stays while its port runs: when the port goes (its
+ * application left the bus), it is dropped. */
+void CMessageHelper::WatchSubscriber(const std::string& key, const std::string& appId, const std::string& portName,
+                                     const std::string& packageId)
+{
+    SubscriberInfo info{packageId, -1};
+    if (!portName.empty() &&
+        message_port_add_unregistered_cb(appId.c_str(), portName.c_str(), false, SubscriberGoneCB, this,
+                                         &info.nWatcherId) != MESSAGE_PORT_ERROR_NONE) {
+        info.nWatcherId = -1;
+    }
+    m_mapSubscriberInfo[key] = info;
+}
+
+void CMessageHelper::ForgetSubscriber(const std::string& key)
+{
+    auto info = m_mapSubscriberInfo.find(key);
+    if (info != m_mapSubscriberInfo.end()) {
+        if (info->second.nWatcherId > 0) {
+            message_port_remove_registration_event_cb(info->second.nWatcherId);
+        }
+        m_mapSubscriberInfo.erase(info);
+    }
+    m_mapSubscribers.erase(key);
+}
+
+void CMessageHelper::SubscriberGoneCB(const char* remoteAppId, const char* remotePort, bool /*trustedRemotePort*/,
+                                      void* pUserData)
+{
+    CMessageHelper* pHelper = static_cast<CMessageHelper*>(pUserData);
+    if (pHelper == nullptr || remoteAppId == nullptr || remotePort == nullptr) {
+        return;
+    }
+    std::string key = SubscriberKey(remoteAppId, remotePort);
+    if (pHelper->m_mapSubscribers.count(key) == 0) {
+        return;
+    }
+    pHelper->ForgetSubscriber(key);
+    LOGI("[%s] was dropped - [%s] : its port is gone", remoteAppId, remotePort);
+}
+
+bool CMessageHelper::SubscriberAllowed(const std::string& key, const std::string& appId, const std::string& portName,
+                                       std::string& packageId)
 {
     if (m_mapSubscribers.count(key) != 0) {
         return true;
@@ -139,15 +211,21 @@ bool CMessageHelper::SubscriberAllowed(const std::string& key, const std::string
              m_mapSubscribers.size());
         return false;
     }
-    size_t appPorts = 0;
-    for (const auto& subscriber : m_mapSubscribers) {
-        if (subscriber.second == appId) {
-            ++appPorts;
+    packageId = PackageOf(appId);
+    size_t packagePorts = 0;
+    for (const auto& subscriber : m_mapSubscriberInfo) {
+        if (subscriber.second.strPackageId == packageId) {
+            ++packagePorts;
         }
     }
-    if (appPorts >= MAX_SUBSCRIBED_PORTS_PER_APP) {
-        LOGI("[%s] was not added - [%s] : the application has %zu subscribed ports", appId.c_str(),
-             portName.c_str(), appPorts);
+    if (packagePorts >= MAX_SUBSCRIBED_PORTS_PER_PACKAGE) {
+        if (packageId == appId) {
+            LOGI("[%s] was not added - [%s] : the application has %zu subscribed ports", appId.c_str(),
+                 portName.c_str(), packagePorts);
+        } else {
+            LOGI("[%s] was not added - [%s] : the package %s has %zu subscribed ports", appId.c_str(),
+                 portName.c_str(), packageId.c_str(), packagePorts);
+        }
         return false;
     }
     return true;
@@ -157,7 +235,7 @@ void CMessageHelper::UnsubscribalRequest(std::string appId, std::string portName
 {
     LOGI("Start UnsubscribalRequest");
     std::string key = SubscriberKey(appId, portName);
-    m_mapSubscribers.erase(key);
+    ForgetSubscriber(key);
     LOGI("[%s] was removed", appId.c_str());
     DumpSubscribers();
 }

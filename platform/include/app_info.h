@@ -37,6 +37,9 @@ int app_info_create(const char *app_id, app_info_h *app_info);
  * callback that returns false ends the walk; the result is still NONE. */
 int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback, void *user_data);
 
+/* The id of the application's package, in a new string the caller frees. */
+int app_info_get_package(app_info_h app_info, char **package);
+
 int app_info_destroy(app_info_h app_info);
 
 #ifdef __cplusplus

@@ -4,6 +4,8 @@
  */
 #include "app_info.h"
 
+#include <string.h>
+
 #include <new>
 #include <string>
 #include <utility>
@@ -55,6 +57,18 @@ extern "C" int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_
         }
     }
     return APP_MANAGER_ERROR_NONE;
+}
+
+extern "C" int app_info_get_package(app_info_h app_info, char** package)
+{
+    if (tilvane::host::ShouldFail("app_info_get_package")) {
+        return APP_MANAGER_ERROR_IO_ERROR;
+    }
+    if (app_info == nullptr || package == nullptr) {
+        return APP_MANAGER_ERROR_INVALID_PARAMETER;
+    }
+    *package = strdup(app_info->packageId.c_str());
+    return *package != nullptr ? APP_MANAGER_ERROR_NONE : APP_MANAGER_ERROR_OUT_OF_MEMORY;
 }
 
 extern "C" int app_info_destroy(app_info_h app_info)
