@@ -25,6 +25,7 @@ const char kOpenConfig[] =
     "    <allow receive_sender=\"*\"/>\n"
     "    <allow own=\"*\"/>\n"
     "  </policy>\n"
+    "  <limit name=\"max_message_size\">33554432</limit>\n"
     "</busconfig>\n";
 
 /* The daemon's options: `configFile`, or an open configuration written into

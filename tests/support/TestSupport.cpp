@@ -242,23 +242,35 @@ std::string PlatformSandbox::DatabaseDirectory() const
 
 /* ---- message bus ----------------------------------------------------------- */
 
-PrivateBus::PrivateBus() : PrivateBus(std::vector<std::string>{"--session"})
+PrivateBus::PrivateBus() : PrivateBus(std::vector<std::string>{"--config-file=" + DefaultConfigFile()})
 {
 }
 
-PrivateBus::PrivateBus(const std::vector<std::string>& daemonOptions) : m_pid(-1), m_hadAddress(false)
+PrivateBus::PrivateBus(const std::vector<std::string>& daemonOptions)
+    : m_options(daemonOptions), m_pid(-1), m_hadAddress(false)
 {
     const char* previous = std::getenv("DBUS_SESSION_BUS_ADDRESS");
     m_hadAddress = previous != nullptr;
     m_previousAddress = previous != nullptr ? previous : "";
+    if (Start()) {
+        setenv("DBUS_SESSION_BUS_ADDRESS", m_address.c_str(), 1);
+    }
+}
 
+std::string PrivateBus::DefaultConfigFile()
+{
+    return TILVANE_TEST_BUS_CONFIG;
+}
+
+bool PrivateBus::Start()
+{
     int fds[2];
     if (pipe(fds) != 0) {
-        return;
+        return false;
     }
     /* Everything the child needs is prepared before fork: it only execs. */
     std::vector<std::string> args = {"dbus-daemon"};
-    args.insert(args.end(), daemonOptions.begin(), daemonOptions.end());
+    args.insert(args.end(), m_options.begin(), m_options.end());
     args.push_back("--nofork");
     args.push_back("--nopidfile");
     args.push_back("--print-address=" + std::to_string(fds[1]));
@@ -276,7 +288,7 @@ PrivateBus::PrivateBus(const std::vector<std::string>& daemonOptions) : m_pid(-1
     close(fds[1]);
     if (pid < 0) {
         close(fds[0]);
-        return;
+        return false;
     }
     m_pid = pid;
     std::string address;
@@ -286,13 +298,30 @@ PrivateBus::PrivateBus(const std::vector<std::string>& daemonOptions) : m_pid(-1
     }
     close(fds[0]);
     if (address.empty()) {
+        Stop();
+        return false;
+    }
+    /* Without the daemon's guid: a daemon started again at the same address
+     * has another, and a client that names the old one cannot connect. */
+    m_address = address.substr(0, address.find(",guid="));
+    return true;
+}
+
+void PrivateBus::Stop()
+{
+    if (m_pid > 0) {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
         m_pid = -1;
-        return;
     }
-    m_address = address;
-    setenv("DBUS_SESSION_BUS_ADDRESS", m_address.c_str(), 1);
+}
+
+bool PrivateBus::Restart()
+{
+    const std::string before = m_address;
+    Stop();
+    m_address.clear();
+    return Start() && m_address == before;
 }
 
 PrivateBus::~PrivateBus()

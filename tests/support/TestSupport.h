@@ -121,12 +121,15 @@ private:
 
 /* A dbus-daemon of its own for one test: started by the constructor, which
  * points DBUS_SESSION_BUS_ADDRESS at it, and killed by the destructor, which
- * puts the variable back. Start it before anything connects to the bus. */
+ * puts the variable back. Start it before anything connects to the bus. By
+ * default it runs with tests/data/private-bus.conf: a session bus whose
+ * message limit is stated (32 MiB). */
 class PrivateBus
 {
 public:
     PrivateBus();
-    /* A dbus-daemon started with `daemonOptions` instead of "--session". */
+    /* A dbus-daemon started with `daemonOptions` instead of the default
+     * configuration file. */
     explicit PrivateBus(const std::vector<std::string>& daemonOptions);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
@@ -135,7 +138,21 @@ public:
     bool IsRunning() const { return !m_address.empty(); }
     const std::string& Address() const { return m_address; }
 
+    /* Kills the daemon (every connection is lost at once). */
+    void Stop();
+    /* Kills the daemon and starts it again with the same options; with an
+     * address option it listens where it did before. False when the new
+     * daemon does not run or listens elsewhere. (Addresses are kept without
+     * the daemon's guid, so that clients can connect to the new daemon.) */
+    bool Restart();
+
+    /* The default configuration file. */
+    static std::string DefaultConfigFile();
+
 private:
+    bool Start();
+
+    std::vector<std::string> m_options;
     int m_pid;
     std::string m_address;
     bool m_hadAddress;
