@@ -23,6 +23,7 @@
 #include "bundle.h"
 #include "bundle_ptr.h"
 #include "content_provider_dispatch.h"
+#include "bundle/row_codec.h"
 
 using tilvane::client::Cell;
 using tilvane::client::ContentClient;
@@ -421,4 +422,52 @@ TEST_F(ContentInterfaceTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest
     // Once for both requests.
     tilvane::test::IterateMainContextUntil([] { return false; }, 1500);
     EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before + 1);
+}
+
+TEST_F(ContentInterfaceTest, RowsLargerThanAReplyCarriesAreRefusedBeforeAnythingIsSent)
+{
+    RegisterAll(kTiles);
+    /* 1,000 rows of about 30 bytes do not fit in 16 KiB of message. */
+    tilvane::host::SetConfigurationText("[identity]\nmode = development\n[bus]\nmax-message-bytes = 16384\n");
+    Result all = m_client.Select(kTiles, {"_id", "title"}, "", {}, "_id", "");
+    EXPECT_EQ(all.outcome, Outcome::NoResult);
+    EXPECT_EQ(all.message, "the result is larger than a reply can carry; select fewer rows or columns");
+    EXPECT_EQ(tilvane::client::Explain(all),
+              "failed: the result is larger than a reply can carry; select fewer rows or columns");
+    EXPECT_EQ(tilvane::test::CountLines("tilvane-platform",
+                                        "request Content.Select of org.example.shelf.app failed: the result is larger "
+                                        "than a reply can carry"),
+              1);
+    EXPECT_EQ(CSharedQueryObject::GetStoredCount(), 0u);
+    /* Fewer rows fit; so do the row ids of the provider. */
+    Result some = m_client.Select(kTiles, {"_id", "title"}, "", {}, "_id", "100");
+    ASSERT_TRUE(some.Ok()) << some.message;
+    EXPECT_EQ(some.rows.rows.size(), 100u);
+    EXPECT_TRUE(m_client.GetRowIds(kTiles, "", {}).Ok());
+}
+
+TEST(RowEncoderCeilingTest, RowsStopAtTheCeilingAndSayWhetherTheyFit)
+{
+    tilvane::test::TempDir dir;
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(dir.File("rows.db").c_str(), &db), SQLITE_OK);
+    auto encode = [db](const char* sql, size_t ceiling, std::string& encoded) {
+        sqlite3_stmt* statement = nullptr;
+        sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+        const tilvane::host::RowsEncoding ended = tilvane::host::EncodeStatementRows(statement, encoded, ceiling);
+        sqlite3_finalize(statement);
+        return ended;
+    };
+    std::string encoded;
+    /* Format, one column "x" (4 + 1), the row count, then 3 rows of one
+     * integer (9 bytes each): 1 + 4 + 5 + 4 + 27 = 41 bytes. */
+    const char* threeRows = "SELECT 1 AS x UNION ALL SELECT 2 UNION ALL SELECT 3";
+    EXPECT_EQ(encode(threeRows, 41, encoded), tilvane::host::RowsEncoding::Done);
+    EXPECT_EQ(encoded.size(), 41u);
+    encoded.clear();
+    EXPECT_EQ(encode(threeRows, 40, encoded), tilvane::host::RowsEncoding::TooLarge);
+    EXPECT_TRUE(encoded.empty());
+    /* A value far over the ceiling is never copied whole. */
+    EXPECT_EQ(encode("SELECT randomblob(1000000)", 1000, encoded), tilvane::host::RowsEncoding::TooLarge);
+    sqlite3_close(db);
 }
