@@ -11,7 +11,7 @@ namespace {
 
 /* Defaults: see docs/configuration.md, "[log]". */
 constexpr int64_t kDefaultAppBytes = 512 * 1024;
-constexpr int64_t kDefaultServiceBytes = 1024 * 1024;
+constexpr int64_t kDefaultServiceBytes = 4 * 1024 * 1024;
 constexpr int64_t kDefaultIntervalMs = 10000;
 /* Applications followed one by one; lines of further ones share one budget. */
 constexpr size_t kMaxSources = 1024;

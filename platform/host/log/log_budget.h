@@ -2,8 +2,10 @@
  * The log's byte budgets per source, as journald holds each service to a
  * rate. Every line the per-site rate limit lets through (dlog.cpp) counts
  * against the budget of the service as a whole; a line logged while the
- * service handles a request or a message of an application (LogSourceScope)
- * counts against that application's budget as well. In each interval a
+ * service handles a request of an application on either request interface
+ * (LogSourceScope) counts against that application's budget as well.
+ * (Messages on message ports, whose handling the subscription bounds and the
+ * per-site limits already bound, count against the service's budget only.) In each interval a
  * budget lets lines through until their bytes reach it; further lines are
  * dropped, and the first line of that source in a later interval is preceded
  * by one line saying how many were:

@@ -54,7 +54,6 @@
 #include "ports/held_sends.h"
 #include "ports/port_delivery.h"
 #include "identity/credentials.h"
-#include "log/log_budget.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "message_port_xml.h"
@@ -195,7 +194,6 @@ gboolean DeliverToCallback(gpointer data)
         PORT_LOGD("message for port %s dropped: the port was unregistered", delivery->port.c_str());
         return G_SOURCE_REMOVE;
     }
-    LogSourceScope logSource(delivery->senderApp);
     port.callback(port.id, delivery->senderApp.c_str(),
                   delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message.get(),
                   port.userData);
