@@ -11,7 +11,14 @@
 #include <map>
 #include <string>
 
+#include <host_control.h>
+#include <tzplatform_config.h>
+
+#include "ContentDbConnection.h"
+#include "ContentProviderParam.h"
 #include "ImagePath.h"
+#include "SharedQueryObject.h"
+#include "content_provider_dispatch.h"
 #include "Json.h"
 #include "LauncherData.h"
 #include "PreviewServer.h"
@@ -254,6 +261,51 @@ TEST_F(PreviewServerTest, UnknownPathsHostsAndMissingFiles)
     EXPECT_EQ(Get("/etc/passwd").status, 404u);
     EXPECT_EQ(Get("/preview.js").status, 404u);  // not in this web folder
     EXPECT_EQ(Get("/", "attacker.example").status, 403u);
+}
+
+/* A section whose tiles would not fit in one reply: the tiles call answers
+ * with the service's reason, which the page shows. The provider runs in this
+ * process on the service's URI, with a message limit of 16 KiB. */
+bool LargeTilesCB(PT_PROVIDER_SELECT_IN_PARAM& /*in*/, PT_PROVIDER_SELECT_OUT_PARAM& out)
+{
+    static CContentDbConnection* db = nullptr;
+    if (db == nullptr) {
+        db = new CContentDbConnection(tzplatform_getenv(TZ_SYS_DB), "large.db");
+        std::string error;
+        if (!db->OpenOperation() ||
+            db->ExcuteSQL("CREATE TABLE tiles (_id INTEGER PRIMARY KEY, tile_title TEXT);"
+                          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100)"
+                          " INSERT INTO tiles SELECT i, printf('%.*c', 1000, 'x') FROM n;",
+                          error) != 0) {
+            return false;
+        }
+    }
+    std::vector<std::string> projection = {"_id", "tile_title"};
+    auto cursor = db->SelectRequest("tiles", projection, "", {}, "", "");
+    if (CSharedQueryObject::StoreCursor(cursor, "tiles", out.strSharedName, out.nColumnCount) != 0) {
+        return false;
+    }
+    out.nRequestId = CSharedQueryObject::GetRequestID();
+    return true;
+}
+
+TEST(PreviewLauncherDataTest, TilesTooLargeForOneReplyShowTheServicesReason)
+{
+    tilvane::test::PrivateBus bus;
+    ASSERT_TRUE(bus.IsRunning());
+    tilvane::test::PlatformSandbox sandbox;
+    tilvane::host::SetConfigurationText("[identity]\nmode = development\n[bus]\nmax-message-bytes = 16384\n");
+    tilvane::host::SetOwnAppId("org.example.preview");
+    ASSERT_TRUE(register_select_db_callback("content://com.quillon.px.tiles/tiles", LargeTilesCB, nullptr));
+    tilvane::preview::LauncherData data([] { return int64_t{0}; });
+    const tilvane::preview::Answer answer = data.Tiles(7);
+    EXPECT_EQ(answer.status, 502u);
+    EXPECT_NE(answer.json.find("the service did not give the rows: failed: the result is larger than a reply can "
+                               "carry; select fewer rows or columns"),
+              std::string::npos)
+        << answer.json;
+    tilvane::content::ClearRegistrations();
+    CSharedQueryObject::Clear();
 }
 
 }  // namespace

@@ -96,10 +96,12 @@ std::vector<size_t> PositionOrder(const RowSet& rows, const std::string& positio
     return order;
 }
 
+/* The service's reason is shown: a result too large for one reply, a
+ * statement past its budget, a refusal. */
 Answer Failure(const Result& result)
 {
     JsonWriter json;
-    json.BeginObject().Key("error").String("the service did not give the rows: " + client::Describe(result)).EndObject();
+    json.BeginObject().Key("error").String("the service did not give the rows: " + client::Explain(result)).EndObject();
     return {502, json.Text()};
 }
 
