@@ -74,4 +74,44 @@ void RunInterleaved(benchmark::State& state, const std::string& figure, double g
     RecordRatio(figure, goal, subjectSeconds / pairs, baselineSeconds / pairs, baselineName);
 }
 
+/*
+ * As RunInterleaved, but each pair runs in the order of its number: A B, then
+ * B A. Where both sides are the same kind of work on the same state, the side
+ * that runs first in a pair can be slower for that alone (the first of two
+ * like requests warms what the second finds warm); alternating the order
+ * charges both sides with it alike.
+ */
+inline void NothingBefore(bool /*subject*/) {}
+
+/* `before` runs untimed before each side, told whether the subject is next. */
+template <typename Subject, typename Baseline, typename Before = void (*)(bool)>
+void RunAlternating(benchmark::State& state, const std::string& figure, double goal, int pairs, Subject&& subject,
+                    Baseline&& baseline, const std::string& baselineName, Before&& before = NothingBefore)
+{
+    using Clock = std::chrono::steady_clock;
+    double seconds[2] = {0, 0};
+    bool failed = false;
+    auto timed = [&](int side) {
+        before(side == 0);
+        const Clock::time_point start = Clock::now();
+        const bool ok = side == 0 ? subject() : baseline();
+        seconds[side] += std::chrono::duration<double>(Clock::now() - start).count();
+        return ok;
+    };
+    for (auto _ : state) {
+        for (int i = 0; i < pairs && !failed; ++i) {
+            const int first = i % 2;
+            failed = !timed(first) || !timed(1 - first);
+        }
+    }
+    if (failed || pairs <= 0) {
+        state.SkipWithError("a side failed");
+        return;
+    }
+    state.counters["subject_us"] = seconds[0] / pairs * 1e6;
+    state.counters["baseline_us"] = seconds[1] / pairs * 1e6;
+    state.counters["ratio"] = seconds[1] > 0 ? seconds[0] / seconds[1] : 0;
+    RecordRatio(figure, goal, seconds[0] / pairs, seconds[1] / pairs, baselineName);
+}
+
 #endif

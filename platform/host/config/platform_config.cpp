@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <atomic>
 #include <mutex>
 
 #include "dlog.h"
@@ -40,6 +41,9 @@ ConfigState& TheConfigState()
     static ConfigState* state = new ConfigState();
     return *state;
 }
+
+/* Bumped whenever what was read is dropped. */
+std::atomic<uint64_t> g_generation{0};
 
 std::string DefaultPath()
 {
@@ -158,10 +162,16 @@ std::string Source()
     return WithFile([&](GKeyFile*) { return TheConfigState().source; });
 }
 
+uint64_t Generation()
+{
+    return g_generation.load(std::memory_order_acquire);
+}
+
 void Forget()
 {
     ConfigState& s = TheConfigState();
     std::lock_guard<std::mutex> lock(s.mutex);
+    ++g_generation;
     s.loaded = false;
     s.testText = false;
     s.testTextValue.clear();
@@ -175,6 +185,7 @@ void SetConfigurationText(const std::string& keyFileText)
 {
     config::ConfigState& s = config::TheConfigState();
     std::lock_guard<std::mutex> lock(s.mutex);
+    ++config::g_generation;
     s.loaded = false;
     s.testText = true;
     s.testTextValue = keyFileText;

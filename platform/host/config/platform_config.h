@@ -40,6 +40,10 @@ std::string Source();
 /* Forgets what was read, so that the next use reads again. */
 void Forget();
 
+/* Changes whenever what was read is dropped (Forget, SetConfigurationText):
+ * for callers that keep values they read on a hot path. */
+uint64_t Generation();
+
 }  // namespace config
 }  // namespace host
 }  // namespace tilvane

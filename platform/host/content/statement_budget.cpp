@@ -3,7 +3,9 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "config/platform_config.h"
@@ -19,7 +21,7 @@ namespace {
 /* Defaults; docs/configuration.md says why each is what it is. */
 constexpr int64_t kDefaultStatementMs = 2000;
 constexpr int64_t kDefaultValueBytes = 2 * 1024 * 1024;
-constexpr int64_t kDefaultLikePatternBytes = 128;
+constexpr int64_t kDefaultLikePatternBytes = 64;
 constexpr int64_t kDefaultHeapBytes = 64 * 1024 * 1024;
 /* SQLite's own ceiling for a length limit. */
 constexpr int64_t kMaxLengthLimit = 1000000000;
@@ -94,9 +96,7 @@ std::string BudgetOf(const std::string& reason, const StatementBudgets& budgets)
     return "length budget " + std::to_string(budgets.valueBytes) + " bytes";
 }
 
-}  // namespace
-
-StatementBudgets ConfiguredStatementBudgets()
+StatementBudgets ReadStatementBudgets()
 {
     StatementBudgets budgets;
     const int64_t statementMs = host::config::Integer("budget", "statement-ms", kDefaultStatementMs);
@@ -106,6 +106,23 @@ StatementBudgets ConfiguredStatementBudgets()
         PositiveOr(host::config::Integer("budget", "like-pattern-bytes", kDefaultLikePatternBytes), kDefaultLikePatternBytes);
     const int64_t heapBytes = host::config::Integer("budget", "heap-bytes", kDefaultHeapBytes);
     budgets.heapBytes = heapBytes >= 0 ? heapBytes : kDefaultHeapBytes;
+    return budgets;
+}
+
+}  // namespace
+
+/* Read again only when the configuration changed: every request asks. */
+StatementBudgets ConfiguredStatementBudgets()
+{
+    static std::mutex mutex;
+    static uint64_t generation = UINT64_MAX;
+    static StatementBudgets budgets{};
+    const uint64_t now = host::config::Generation();
+    std::lock_guard<std::mutex> lock(mutex);
+    if (now != generation) {
+        budgets = ReadStatementBudgets();
+        generation = now;
+    }
     return budgets;
 }
 
