@@ -254,6 +254,35 @@ TEST_F(BudgetTest, AnEndlessWhereClauseIsInterruptedOnBothInterfaces)
     ExpectServiceAnswers();
 }
 
+/* The same clause in an update, a delete and a row-id lookup, on both
+ * interfaces where they exist: each is interrupted, nothing is changed. */
+TEST_F(BudgetTest, WritesAndRowIdLookupsWithAnEndlessWhereClauseAreInterruptedToo)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    ASSERT_NO_FATAL_FAILURE(StartService());
+    const std::vector<std::vector<std::string>> requests = {
+        {"data", "update", "tiles", "--where", kEndlessWhere, "tile_title=changed"},
+        {"data", "update", "tiles", "--interface", "data-control", "--where", kEndlessWhere, "tile_title=changed"},
+        {"data", "delete", "tiles", "--where", kEndlessWhere},
+        {"data", "delete", "tiles", "--interface", "data-control", "--where", kEndlessWhere},
+        {"data", "ids", "tiles", "--where", kEndlessWhere}};
+    for (const std::vector<std::string>& words : requests) {
+        std::vector<std::string> argv = {TILVANECTL_BINARY};
+        argv.insert(argv.end(), words.begin(), words.end());
+        const std::string name = "write-" + std::to_string(++m_attacks);
+        Process attacker(argv,
+                         {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), std::string("TILVANE_APP_ID=") + kAttacker,
+                          std::string("TILVANE_DATA_CONTROL_PROVIDER_ID=") + kProviderId, "TILVANE_LOG_LEVEL=W"},
+                         m_logs.File(name + ".out"), m_logs.File(name + ".err"));
+        EXPECT_EQ(attacker.Wait(10000), 1) << words[1] << " " << words[3];
+        EXPECT_NE(attacker.Err().find(kTimeBudget), std::string::npos) << words[1] << ": " << attacker.Err();
+    }
+    tilvane::test::RawDatabase db(DatabasePath());
+    EXPECT_EQ(db.Scalar("SELECT count(*) FROM tiles WHERE tile_section_raw_id = 101"), "200");
+    EXPECT_EQ(db.Scalar("SELECT count(*) FROM tiles WHERE tile_title = 'changed'"), "0");
+    ExpectServiceAnswers();
+}
+
 TEST_F(BudgetTest, AnEndlessInListGrowsNoTemporaryFile)
 {
     ASSERT_TRUE(m_bus.IsRunning());

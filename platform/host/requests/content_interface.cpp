@@ -120,6 +120,10 @@ bool DispatchStep(const std::string& clientApp, ContentStep& step, const Request
         if (found && !answered) {
             outcome.error = kErrorNoResult;
             outcome.errorText = NoResultText(report, "the provider's row-id lookup failed");
+        } else if (found && !report.budget.empty()) {
+            /* The provider stops at a failed step and answers what it had read. */
+            outcome.error = kErrorNoResult;
+            outcome.errorText = report.budget;
         }
     }
     outcome.changedRows = outcome.result == 0 ? report.changedRows : 0;
