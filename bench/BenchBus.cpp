@@ -1,5 +1,7 @@
 #include "BenchBus.h"
 
+#include <glib.h>
+#include <message_port.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,5 +86,33 @@ void StopBenchServices()
     stoppers.swap(BenchServiceStoppers());
     for (void (*stop)() : stoppers) {
         stop();
+    }
+}
+
+bool WaitForBenchService(const char* appId, const char* port)
+{
+    for (int attempt = 0; attempt < 300; ++attempt) {
+        bool exist = false;
+        if (message_port_check_remote_port(appId, port, &exist) == 0 && exist) {
+            return true;
+        }
+        g_usleep(100000);
+    }
+    return false;
+}
+
+void StopBenchServiceAndRemove(pid_t& pid, std::string& root)
+{
+    if (pid > 0) {
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+    if (!root.empty()) {
+        const std::string command = "rm -rf '" + root + "'";
+        if (std::system(command.c_str()) != 0) {
+            std::fprintf(stderr, "cannot remove %s\n", root.c_str());
+        }
+        root.clear();
     }
 }

@@ -6,6 +6,10 @@
 #ifndef TILVANE_BENCH_BUS_H
 #define TILVANE_BENCH_BUS_H
 
+#include <sys/types.h>
+
+#include <string>
+
 /* True when a bus is there (DBUS_SESSION_BUS_ADDRESS then names it). */
 bool EnsureBenchBus();
 
@@ -14,5 +18,11 @@ bool EnsureBenchBus();
  * stop it, and one about to start a service stops the others first. */
 void RegisterBenchService(void (*stop)());
 void StopBenchServices();
+
+/* Waits (up to 30 s) until the service `appId` has registered `port`. */
+bool WaitForBenchService(const char* appId, const char* port);
+/* Ends the service `pid` (SIGTERM, waited for) and removes its platform root
+ * `root`; both are cleared. */
+void StopBenchServiceAndRemove(pid_t& pid, std::string& root);
 
 #endif

@@ -125,21 +125,9 @@ private:
                                    std::string("TILVANE_APP_ID=") + kServiceAppId, "TILVANE_LOG_LEVEL=D"},
                                   s_root + "/service.err")
                           : -1;
-        m_ready = s_pid > 0 && WaitForService() && Seed();
+        m_ready = s_pid > 0 && WaitForBenchService(kServiceAppId, "preview-event-receiver") && Seed();
         std::atexit(StopAll);
         RegisterBenchService(StopAll);
-    }
-
-    static bool WaitForService()
-    {
-        for (int attempt = 0; attempt < 300; ++attempt) {
-            bool exist = false;
-            if (message_port_check_remote_port(kServiceAppId, "preview-event-receiver", &exist) == 0 && exist) {
-                return true;
-            }
-            g_usleep(100000);
-        }
-        return false;
     }
 
     /* The attacker's 200 tiles and this process's one, written as the
@@ -161,21 +149,7 @@ private:
         return ok;
     }
 
-    static void StopAll()
-    {
-        if (s_pid > 0) {
-            kill(s_pid, SIGTERM);
-            waitpid(s_pid, nullptr, 0);
-            s_pid = -1;
-        }
-        if (!s_root.empty()) {
-            const std::string command = "rm -rf '" + s_root + "'";
-            if (std::system(command.c_str()) != 0) {
-                std::fprintf(stderr, "cannot remove %s\n", s_root.c_str());
-            }
-            s_root.clear();
-        }
-    }
+    static void StopAll() { StopBenchServiceAndRemove(s_pid, s_root); }
 
     bool m_ready = false;
     static pid_t s_pid;

@@ -82,7 +82,7 @@ private:
         if (!installed || !StartService()) {
             return;
         }
-        if (WaitForService()) {
+        if (WaitForBenchService(kServiceAppId, "preview-event-receiver")) {
             m_stuck.reset(new tilvane::test::StuckReceiver(kStuckAppId, {kStuckPort}));
             m_ready = m_stuck->Ready();
         }
@@ -114,33 +114,7 @@ private:
         return s_servicePid > 0;
     }
 
-    static bool WaitForService()
-    {
-        for (int attempt = 0; attempt < 300; ++attempt) {
-            bool exist = false;
-            if (message_port_check_remote_port(kServiceAppId, "preview-event-receiver", &exist) == 0 && exist) {
-                return true;
-            }
-            g_usleep(100000);
-        }
-        return false;
-    }
-
-    static void StopAll()
-    {
-        if (s_servicePid > 0) {
-            kill(s_servicePid, SIGTERM);
-            waitpid(s_servicePid, nullptr, 0);
-            s_servicePid = -1;
-        }
-        if (!s_root.empty()) {
-            const std::string command = "rm -rf '" + s_root + "'";
-            if (std::system(command.c_str()) != 0) {
-                std::fprintf(stderr, "cannot remove %s\n", s_root.c_str());
-            }
-            s_root.clear();
-        }
-    }
+    static void StopAll() { StopBenchServiceAndRemove(s_servicePid, s_root); }
 
     bool m_ready = false;
     /* A subscriber whose calls are never answered. */

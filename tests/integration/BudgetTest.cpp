@@ -31,6 +31,7 @@
 #include <tilvane_client.h>
 
 #include "PreviewApps.h"
+#include "ServiceUnderTest.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
@@ -41,7 +42,7 @@ using tilvane::client::ContentClient;
 using tilvane::test::Process;
 using tilvane::test::TempDir;
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kProviderId[] = "content://com.quillon.px.tiles";
 const char kAttacker[] = "org.example.attacker.ui";
 const char kVictim[] = "org.example.news.ui";
@@ -65,25 +66,15 @@ int64_t MillisecondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
 }
 
-class BudgetTest : public ::testing::Test
+class BudgetTest : public tilvane::test::ServiceUnderTestFixture
 {
 protected:
     void SetUp() override
     {
-        tilvane::host::Reset();
-        tilvane::host::SetPlatformRoot(m_root.Path());
+        ServiceUnderTestFixture::SetUp();
         ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.attacker", kAttacker));
         ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.news", kVictim));
         tilvane::host::SetOwnAppId(kVictim);
-    }
-
-    void TearDown() override
-    {
-        if (m_service) {
-            m_service->Signal(SIGTERM);
-            m_service->Wait(20000);
-        }
-        tilvane::host::Reset();
     }
 
     /* The service with `configuration` after the development identity mode
@@ -91,15 +82,10 @@ protected:
      * one tile in the database. */
     void StartService(const std::string& configuration = std::string())
     {
-        std::filesystem::create_directories(m_root.Path() + "/etc");
-        tilvane::test::WriteFile(m_root.Path() + "/etc/tilvane.conf",
-                                 "[identity]\nmode = development\n[budget]\nstatement-ms = " +
-                                     std::to_string(kBudgetMs) + "\n" + configuration);
-        m_service.reset(new Process({TILVANE_SERVICE_BINARY},
-                                    {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
-                                     std::string("TILVANE_APP_ID=") + kServiceAppId,
-                                     "SQLITE_TMPDIR=" + TemporaryDirectory()},
-                                    m_logs.File("service.out"), m_logs.File("service.err")));
+        tilvane::test::WriteConfiguration(m_root.Path(), "[identity]\nmode = development\n[budget]\nstatement-ms = " +
+                                                             std::to_string(kBudgetMs) + "\n" + configuration);
+        m_service = tilvane::test::StartServiceUnderTest(m_root.Path(), m_logs,
+                                                         {"SQLITE_TMPDIR=" + TemporaryDirectory()});
         ASSERT_TRUE(m_service->WaitFor("local port preview-event-receiver registered", true, 30000))
             << m_service->Err();
         tilvane::test::RawDatabase db(DatabasePath());
@@ -204,24 +190,8 @@ protected:
         return bytes + DeletedOpenFiles();
     }
 
-    /* The service's pid, from its own log lines "...(PID): ". */
-    long ServicePid() const
-    {
-        const std::string log = m_service->Err();
-        const std::string marker = "D/tilvane-platform(";
-        const size_t at = log.find(marker);
-        return at == std::string::npos ? -1 : std::stol(log.substr(at + marker.size()));
-    }
-
-    /* Resident memory of the service in bytes (/proc/PID/statm). */
-    long ResidentBytes() const
-    {
-        std::ifstream statm("/proc/" + std::to_string(ServicePid()) + "/statm");
-        long size = 0;
-        long resident = 0;
-        statm >> size >> resident;
-        return resident * sysconf(_SC_PAGESIZE);
-    }
+    long ServicePid() const { return tilvane::test::ServicePid(*m_service); }
+    long ResidentBytes() const { return tilvane::test::ResidentBytes(ServicePid()); }
 
     size_t DeletedOpenFiles() const
     {
@@ -236,9 +206,6 @@ protected:
     }
 
     tilvane::test::PrivateBus m_bus;
-    TempDir m_root;
-    TempDir m_logs;
-    std::unique_ptr<Process> m_service;
     ContentClient m_client;
     int m_attacks = 0;
     std::string m_projection;

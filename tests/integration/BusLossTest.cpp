@@ -23,6 +23,7 @@
 #include <tilvane_client.h>
 
 #include "PreviewApps.h"
+#include "ServiceUnderTest.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
@@ -35,7 +36,7 @@ using tilvane::test::PrivateBus;
 using tilvane::test::Process;
 using tilvane::test::TempDir;
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kProviderId[] = "content://com.quillon.px.tiles";
 const char kCaller[] = "org.example.news.ui";
 
@@ -58,35 +59,20 @@ std::string ConfigWithMessageLimit(const TempDir& dir, size_t bytes)
     return path;
 }
 
-class BusLossTest : public ::testing::Test
+class BusLossTest : public tilvane::test::ServiceUnderTestFixture
 {
 protected:
     void SetUp() override
     {
-        tilvane::host::Reset();
-        tilvane::host::SetPlatformRoot(m_root.Path());
+        ServiceUnderTestFixture::SetUp();
         ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.news", kCaller));
         tilvane::host::SetOwnAppId(kCaller);
     }
 
-    void TearDown() override
-    {
-        if (m_service) {
-            m_service->Signal(SIGTERM);
-            m_service->Wait(20000);
-        }
-        tilvane::host::Reset();
-    }
-
     void StartService(const std::string& configuration)
     {
-        std::filesystem::create_directories(m_root.Path() + "/etc");
-        tilvane::test::WriteFile(m_root.Path() + "/etc/tilvane.conf",
-                                 "[identity]\nmode = development\n" + configuration);
-        m_service.reset(new Process({TILVANE_SERVICE_BINARY},
-                                    {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
-                                     std::string("TILVANE_APP_ID=") + kServiceAppId},
-                                    m_logs.File("service.out"), m_logs.File("service.err")));
+        tilvane::test::WriteConfiguration(m_root.Path(), "[identity]\nmode = development\n" + configuration);
+        m_service = tilvane::test::StartServiceUnderTest(m_root.Path(), m_logs);
         ASSERT_TRUE(m_service->WaitFor("local port preview-event-receiver registered", true, 30000))
             << m_service->Err();
         ASSERT_TRUE(m_service->WaitFor("main loop running", true, 30000)) << m_service->Err();
@@ -128,9 +114,6 @@ protected:
     }
 
     TempDir m_busDir;
-    TempDir m_root;
-    TempDir m_logs;
-    std::unique_ptr<Process> m_service;
     ContentClient m_client;
     int m_tools = 0;
 };

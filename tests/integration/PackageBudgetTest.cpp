@@ -26,6 +26,7 @@
 #include <tilvane_client.h>
 
 #include "PreviewApps.h"
+#include "ServiceUnderTest.h"
 #include "StuckReceiver.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
@@ -37,7 +38,7 @@ using tilvane::test::Process;
 using tilvane::test::StuckReceiver;
 using tilvane::test::TempDir;
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 
 int CountOf(const std::string& text, const std::string& what)
 {
@@ -62,34 +63,13 @@ private:
     bundle* m_bundle;
 };
 
-class PackageBudgetTest : public ::testing::Test
+class PackageBudgetTest : public tilvane::test::ServiceUnderTestFixture
 {
 protected:
-    void SetUp() override
-    {
-        tilvane::host::Reset();
-        tilvane::host::SetPlatformRoot(m_root.Path());
-    }
-
-    void TearDown() override
-    {
-        if (m_service) {
-            m_service->Signal(SIGTERM);
-            m_service->Wait(20000);
-        }
-        tilvane::host::Reset();
-    }
-
     void StartService(const std::string& configuration, const std::vector<std::string>& environment = {})
     {
-        std::filesystem::create_directories(m_root.Path() + "/etc");
-        tilvane::test::WriteFile(m_root.Path() + "/etc/tilvane.conf",
-                                 "[identity]\nmode = development\n" + configuration);
-        std::vector<std::string> env = {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
-                                        std::string("TILVANE_APP_ID=") + kServiceAppId};
-        env.insert(env.end(), environment.begin(), environment.end());
-        m_service.reset(new Process({TILVANE_SERVICE_BINARY}, env, m_logs.File("service.out"),
-                                    m_logs.File("service.err")));
+        tilvane::test::WriteConfiguration(m_root.Path(), "[identity]\nmode = development\n" + configuration);
+        m_service = tilvane::test::StartServiceUnderTest(m_root.Path(), m_logs, environment);
         ASSERT_TRUE(m_service->WaitFor("main loop running", true, 30000)) << m_service->Err();
     }
 
@@ -105,9 +85,6 @@ protected:
     }
 
     tilvane::test::PrivateBus m_bus;
-    TempDir m_root;
-    TempDir m_logs;
-    std::unique_ptr<Process> m_service;
 };
 
 TEST_F(PackageBudgetTest, OnePackageCannotFillTheSubscriberListAndItsSubscriptionsGoWithIt)

@@ -31,6 +31,7 @@
 #include <tilvane_client.h>
 
 #include "MultiUserBus.h"
+#include "ServiceUnderTest.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
@@ -41,7 +42,7 @@ using tilvane::test::ChildProcess;
 using tilvane::test::Process;
 using tilvane::test::TempDir;
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char* const kPorts[] = {"accelerator_port", "launcher_event_port", "preview-event-receiver"};
 
 int UserId(const char* name)
@@ -92,7 +93,7 @@ int CountOf(const std::string& text, const std::string& what)
     return count;
 }
 
-class PortSquatterTest : public ::testing::Test
+class PortSquatterTest : public tilvane::test::ServiceUnderTestFixture
 {
 protected:
     void SetUp() override
@@ -100,29 +101,14 @@ protected:
         if (!tilvane::test::CanSwitchUsers() || UserId("nobody") <= 0) {
             GTEST_SKIP() << "a squatter of another user needs root and the user nobody";
         }
-        tilvane::host::Reset();
         chmod(m_root.Path().c_str(), 0755);
-        std::filesystem::create_directories(m_root.Path() + "/etc");
-        tilvane::test::WriteFile(m_root.Path() + "/etc/tilvane.conf",
-                                 "[identity]\nmode = verified\nplatform-users = 0\n");
-        tilvane::host::SetPlatformRoot(m_root.Path());
+        tilvane::test::WriteConfiguration(m_root.Path(), "[identity]\nmode = verified\nplatform-users = 0\n");
+        ServiceUnderTestFixture::SetUp();
         /* A platform id, bound to the platform user this test runs as. */
         tilvane::host::SetOwnAppId("ContentServiceManager");
     }
 
-    void TearDown() override
-    {
-        if (m_service) {
-            m_service->Signal(SIGTERM);
-            m_service->Wait(20000);
-        }
-        tilvane::host::Reset();
-    }
-
     tilvane::test::MultiUserBus m_bus;
-    TempDir m_root;
-    TempDir m_logs;
-    std::unique_ptr<Process> m_service;
 };
 
 TEST_F(PortSquatterTest, TheServiceAnswersAtOnceAndTakesItsPortsWhenTheSquatterLeaves)
@@ -133,11 +119,7 @@ TEST_F(PortSquatterTest, TheServiceAnswersAtOnceAndTakesItsPortsWhenTheSquatterL
     ASSERT_TRUE(squatter->Started() && squatter->Go() && squatter->WaitReady());
 
     const auto start = std::chrono::steady_clock::now();
-    m_service = std::make_unique<Process>(
-        std::vector<std::string>{TILVANE_SERVICE_BINARY},
-        std::vector<std::string>{"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
-                                 std::string("TILVANE_APP_ID=") + kServiceAppId},
-        m_logs.File("service.out"), m_logs.File("service.err"));
+    m_service = tilvane::test::StartServiceUnderTest(m_root.Path(), m_logs);
     tilvane::client::ContentClient client;
     tilvane::client::Result first;
     ASSERT_TRUE(tilvane::test::IterateMainContextUntil(

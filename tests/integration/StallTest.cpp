@@ -23,6 +23,7 @@
 #include <tilvane_client.h>
 
 #include "PermissionHelper.h"
+#include "ServiceUnderTest.h"
 #include "StuckReceiver.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
@@ -109,27 +110,8 @@ protected:
             << m_service->Err();
     }
 
-    /* The service's pid, from its own log lines "...(PID): ". */
-    long ServicePid() const
-    {
-        const std::string log = m_service->Err();
-        const std::string marker = "D/tilvane-platform(";
-        const size_t at = log.find(marker);
-        if (at == std::string::npos) {
-            return -1;
-        }
-        return std::stol(log.substr(at + marker.size()));
-    }
-
-    /* Resident memory of the service in bytes (/proc/PID/statm). */
-    long ResidentBytes() const
-    {
-        std::ifstream statm("/proc/" + std::to_string(ServicePid()) + "/statm");
-        long size = 0;
-        long resident = 0;
-        statm >> size >> resident;
-        return resident * sysconf(_SC_PAGESIZE);
-    }
+    long ServicePid() const { return tilvane::test::ServicePid(*m_service); }
+    long ResidentBytes() const { return tilvane::test::ResidentBytes(ServicePid()); }
 
     /* A delete through the content interface, which posts a preview event; its time in ms. */
     int64_t TimedDelete()
