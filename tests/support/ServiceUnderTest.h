@@ -45,12 +45,13 @@ inline std::unique_ptr<Process> StartServiceUnderTest(const std::string& root, c
                                      logs.File("service.out"), logs.File("service.err"));
 }
 
-/* Ends a service that still runs, in order (SIGTERM, up to 20 s). */
+/* Ends a service that still runs, in order (SIGTERM, up to 20 s): its exit
+ * code is 0 (a sanitizer's report would make it another). */
 inline void StopServiceUnderTest(std::unique_ptr<Process>& service)
 {
     if (service) {
         service->Signal(SIGTERM);
-        service->Wait(20000);
+        EXPECT_EQ(service->Wait(20000), 0) << service->Err().substr(0, 20000);
         service.reset();
     }
 }
