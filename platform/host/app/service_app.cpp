@@ -26,6 +26,8 @@
 #include "host_control.h"
 #include "message_port.h"
 #include "config/platform_config.h"
+#include "config/platform_files.h"
+#include "identity/bus_policy.h"
 #include "tilvane_version.h"
 
 namespace tilvane {
@@ -403,6 +405,9 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
     ApplyLogBudgets();
     if (programStart) {
         ChooseDefaultAppId();
+        /* Files an earlier version (or a careless umask) left readable are
+         * the platform's own again before anything opens them. */
+        files::CorrectModesAtStart({BusPolicyFile()});
         if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
             std::exit(kExitStartFailed);
         }

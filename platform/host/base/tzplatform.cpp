@@ -55,7 +55,8 @@ std::string PlatformRoot()
     return Absolute(root);
 }
 
-bool MakeDirectories(const std::string& path)
+/* Makes `path` and the folders above it; the last one gets `leafMode`. */
+bool MakeDirectories(const std::string& path, mode_t leafMode)
 {
     std::string partial;
     size_t pos = 0;
@@ -65,7 +66,7 @@ bool MakeDirectories(const std::string& path)
         if (partial.empty()) {
             continue;
         }
-        if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
+        if (mkdir(partial.c_str(), pos == std::string::npos ? leafMode : 0755) != 0 && errno != EEXIST) {
             return false;
         }
     }
@@ -97,13 +98,16 @@ extern "C" const char* tzplatform_getenv(enum tzplatform_variable id)
 {
     using namespace tilvane::host;
     const char* relative = nullptr;
+    /* The database folder is the platform's own: no application lists or
+     * opens anything in it (config/platform_files.h keeps its mode). */
+    mode_t mode = 0755;
     switch (id) {
-    case TZ_SYS_DB: relative = "/opt/dbspace"; break;
+    case TZ_SYS_DB: relative = "/opt/dbspace"; mode = 0700; break;
     case TZ_USER_APP: relative = "/opt/usr/apps"; break;
     default: return nullptr;
     }
     const std::string path = PlatformRoot() + relative;
-    if (!MakeDirectories(path)) {
+    if (!MakeDirectories(path, mode)) {
         __dlog_print(LOG_ID_MAIN, DLOG_WARN, kPlatformLogTag, "cannot create directory %s: %s",
                      path.c_str(), strerror(errno));
     }

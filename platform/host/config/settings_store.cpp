@@ -5,15 +5,12 @@
 #include "config/settings_store.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 
 #include "base/host_state.h"
 #include "config/shared_database_file.h"
 #include "dlog.h"
-#include "tzplatform_config.h"
 
 #define SETTINGS_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
@@ -27,29 +24,14 @@ const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS config_keys (name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
     "CREATE TABLE IF NOT EXISTS system_info (key INTEGER PRIMARY KEY, value INTEGER NOT NULL);";
 
-/* The settings file, opened for one operation. Only its owner (the platform
- * user that made it) may write it: applications read configuration keys, they
- * never set them. */
+/* The settings file, opened for one operation. Like every file of the
+ * platform it is its platform user's only (platform_files.h): applications
+ * neither set nor read configuration keys; they hear of changes through the
+ * bus's signals. */
 class Store : public SharedDatabaseFile
 {
 public:
-    Store() : SharedDatabaseFile(kSettingsFile, kSchema, "settings") { KeepOwnerOnlyWritable(); }
-
-private:
-    static void KeepOwnerOnlyWritable()
-    {
-        const char* directory = tzplatform_getenv(TZ_SYS_DB);
-        if (directory == nullptr) {
-            return;
-        }
-        for (const char* suffix : {"", "-wal", "-shm"}) {
-            const std::string path = std::string(directory) + "/" + kSettingsFile + suffix;
-            struct stat info;
-            if (stat(path.c_str(), &info) == 0 && info.st_uid == geteuid() && (info.st_mode & 0022) != 0) {
-                chmod(path.c_str(), info.st_mode & ~static_cast<mode_t>(0022));
-            }
-        }
-    }
+    Store() : SharedDatabaseFile(kSettingsFile, kSchema, "settings") {}
 };
 
 /* A prepared statement, finalised at the end of the scope. */

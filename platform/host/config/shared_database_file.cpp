@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "base/host_state.h"
+#include "config/platform_files.h"
 #include "dlog.h"
 #include "tzplatform_config.h"
 
@@ -37,6 +38,7 @@ SharedDatabaseFile::SharedDatabaseFile(const char* fileName, const char* schema,
         return;
     }
     const std::string path = std::string(directory) + "/" + fileName;
+    files::CreateFile(path);
     if (sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
         __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, "%s: cannot open %s: %s", label, path.c_str(),

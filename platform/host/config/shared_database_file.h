@@ -4,6 +4,8 @@
  * store), shared by processes: WAL, synchronous NORMAL, foreign keys on, a
  * busy timeout, and the file's schema in place. Every operation opens its own
  * connection, so a change made by another process is seen by the next call.
+ * A new file gets the platform's file mode (platform_files.h): no
+ * application's user reads or writes it.
  */
 #ifndef TILVANE_PLATFORM_SHARED_DATABASE_FILE_H
 #define TILVANE_PLATFORM_SHARED_DATABASE_FILE_H

@@ -1,9 +1,12 @@
 #include "content/database.h"
 
+#include <cerrno>
+#include <cstring>
 #include <mutex>
 #include <set>
 #include <utility>
 
+#include "config/platform_files.h"
 #include "content/clean_close.h"
 #include "content/content_log.h"
 #include "content/statement_budget.h"
@@ -30,6 +33,12 @@ OpenDatabases& TheOpenDatabases()
 std::shared_ptr<Database> Database::Open(const std::string& path, int& rc)
 {
     ConsumeCleanCloseRecord(path);
+    // Made with the platform's file mode before SQLite opens it: SQLite
+    // gives the journal and WAL files the database's own mode.
+    if (!path.empty() && path[0] != ':' && path.compare(0, 5, "file:") != 0 &&
+        !tilvane::host::files::CreateFile(path)) {
+        CONTENT_LOGD("cannot create %s with the platform's file mode: %s", path.c_str(), strerror(errno));
+    }
     sqlite3* raw = nullptr;
     // No mutex of SQLite's own on the connection: every use of the handle is
     // under this Database's mutex already, and SQLite's would be taken again

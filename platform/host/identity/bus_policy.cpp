@@ -9,6 +9,7 @@
 #include "dlog.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
+#include "config/platform_files.h"
 
 #define POLICY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
 #define POLICY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
@@ -60,6 +61,11 @@ std::string BusPolicyDirectory()
     return PlatformRootDirectory() + "/etc/dbus/tilvane-bus.d";
 }
 
+std::string BusPolicyFile()
+{
+    return BusPolicyDirectory() + "/" + kPolicyFile;
+}
+
 std::string BusPolicyText(const std::vector<RegisteredPackage>& packages)
 {
     std::string text =
@@ -99,12 +105,11 @@ void UpdateBusPolicy()
         POLICY_LOGE("bus policy: cannot make %s", directory.c_str());
         return;
     }
-    const std::string path = directory + "/" + kPolicyFile;
+    const std::string path = BusPolicyFile();
     const std::string text = BusPolicyText(ListPackages());
-    ScopedError error;
-    if (!g_file_set_contents_full(path.c_str(), text.c_str(), static_cast<gssize>(text.size()),
-                                  G_FILE_SET_CONTENTS_CONSISTENT, 0644, error.Out())) {
-        POLICY_LOGE("bus policy: cannot write %s: %s", path.c_str(), error.Message());
+    std::string error;
+    if (!files::WriteFile(path, text, error)) {
+        POLICY_LOGE("bus policy: cannot write %s: %s", path.c_str(), error.c_str());
         return;
     }
     POLICY_LOGD("bus policy written to %s", path.c_str());

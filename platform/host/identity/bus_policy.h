@@ -19,6 +19,10 @@ namespace host {
 /* The folder the base configuration includes: <platform root>/etc/dbus/tilvane-bus.d. */
 std::string BusPolicyDirectory();
 
+/* BusPolicyDirectory()/tilvane-apps.conf: written with the platform's file
+ * mode (platform_files.h), for the bus daemon (root, or the platform group). */
+std::string BusPolicyFile();
+
 /* The policy file's text for `packages` and the configured platform users. */
 std::string BusPolicyText(const std::vector<RegisteredPackage>& packages);
 
