@@ -117,6 +117,11 @@ std::string BusNameForAppId(const std::string& appId)
     return EscapedBusName(kAppBusNamePrefix, appId);
 }
 
+std::string PortBusNamePrefix(const std::string& appId)
+{
+    return EscapedBusName(kPortBusNamePrefix, appId);
+}
+
 bool AppIdForBusName(const std::string& busName, std::string& appId)
 {
     const std::string prefix(kAppBusNamePrefix);

@@ -13,6 +13,11 @@ namespace host {
 
 /* Every application's bus name starts with this, followed by its escaped id. */
 constexpr const char* kAppBusNamePrefix = "org.tilvane.App.A";
+/* Every port's bus name starts with this, its application's escaped id, then
+ * ".H" and a digest of the port's name: the names of one application's ports
+ * share a prefix, which the bus policy grants to that application's user
+ * alone (own_prefix). */
+constexpr const char* kPortBusNamePrefix = "org.tilvane.Port.A";
 /* The namespace of all application bus names (for NameOwnerChanged matches). */
 constexpr const char* kAppBusNameNamespace = "org.tilvane.App";
 
@@ -24,6 +29,10 @@ std::string CurrentAppId();
  * "_" and two lower-case hex digits; empty when `text` is empty or the name
  * would pass the bus's 255-byte limit. */
 std::string EscapedBusName(const char* prefix, const std::string& text);
+
+/* kPortBusNamePrefix and the escaped `appId`: the prefix of every port name
+ * of that application; empty when the id cannot own a name. */
+std::string PortBusNamePrefix(const std::string& appId);
 
 /* Forgets the override. */
 void ClearOwnAppIdOverride();

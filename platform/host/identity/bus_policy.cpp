@@ -21,11 +21,24 @@ namespace {
 constexpr char kPolicyFile[] = "tilvane-apps.conf";
 constexpr int kReloadTimeoutMs = 10000;
 
-void AddOwnRule(std::string& text, const std::string& id)
+/* The names of application `id` and of its ports: the application's user
+ * may own them. An id that stands for the platform is never granted (the
+ * registry refuses such ids; one left from the development mode is skipped). */
+void AddOwnRules(std::string& text, const std::string& id)
 {
+    std::string platformId;
+    if (identity::IsLikePlatformId(id, platformId)) {
+        POLICY_LOGE("bus policy: '%s' is like the platform's id '%s'; its names are not granted", id.c_str(),
+                    platformId.c_str());
+        return;
+    }
     const std::string name = BusNameForAppId(id);
+    const std::string ports = PortBusNamePrefix(id);
     if (!name.empty()) {
         text += "    <allow own=\"" + name + "\"/>\n";
+    }
+    if (!ports.empty()) {
+        text += "    <allow own_prefix=\"" + ports + "\"/>\n";
     }
 }
 
@@ -85,9 +98,9 @@ std::string BusPolicyText(const std::vector<RegisteredPackage>& packages)
             continue;
         }
         text += "  <policy user=\"" + std::to_string(package.userId) + "\">\n";
-        AddOwnRule(text, package.packageId);
+        AddOwnRules(text, package.packageId);
         for (const RegisteredApplication& app : package.applications) {
-            AddOwnRule(text, app.appId);
+            AddOwnRules(text, app.appId);
         }
         text += "  </policy>\n";
     }

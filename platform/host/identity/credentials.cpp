@@ -38,11 +38,12 @@ constexpr int kBusCallTimeoutMs = 10000;
 constexpr size_t kMaxCachedConnections = 4096;
 
 /* The platform's own application ids: the white-listed system services, the
- * live-TV pseudo applications and the service itself. */
-const std::array<const char*, 13> kPlatformAppIds = {
+ * live-TV pseudo applications, the service itself and the command-line tool
+ * (which a platform user runs as "tilvanectl" unless it names another id). */
+const std::array<const char*, 14> kPlatformAppIds = {
     "DownloadManager", "ContentServiceManager", "livetv_antenna", "livetv_mbr_1",   "livetv_mbr_2",
     "livetv_mbr_3",    "livetv_mbr_4",          "livetv_dish",    "livetv_twc",     "livetv_directv",
-    "livetv_rvu",      "livetv_none_mbr",       "com.quillon.px.tilvane"};
+    "livetv_rvu",      "livetv_none_mbr",       "com.quillon.px.tilvane", "tilvanectl"};
 
 struct CredentialState {
     std::mutex mutex;
@@ -150,6 +151,21 @@ bool IsPlatformAppId(const std::string& id)
     }
     const std::vector<std::string> extra = config::StringList(kGroup, "platform-ids");
     return std::find(extra.begin(), extra.end(), id) != extra.end();
+}
+
+bool IsLikePlatformId(const std::string& id, std::string& platformId)
+{
+    std::vector<std::string> ids(kPlatformAppIds.begin(), kPlatformAppIds.end());
+    const std::vector<std::string> extra = config::StringList(kGroup, "platform-ids");
+    ids.insert(ids.end(), extra.begin(), extra.end());
+    ids.push_back(config::String("service", "app-id", "com.quillon.px.tilvane"));
+    for (const std::string& known : ids) {
+        if (g_ascii_strcasecmp(known.c_str(), id.c_str()) == 0) {
+            platformId = known;
+            return true;
+        }
+    }
+    return false;
 }
 
 bool BoundUsers(const std::string& appId, std::vector<uid_t>& users)

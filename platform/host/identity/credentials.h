@@ -44,6 +44,11 @@ bool IsPlatformUser(uid_t uid);
 /* True when `id` is one of the platform's own application ids. */
 bool IsPlatformAppId(const std::string& id);
 
+/* True when `id` equals, case ignored, one of the platform's own ids or the
+ * service's id ([service] app-id); `platformId` is the one it equals. No
+ * package may take such an id in the verified mode. */
+bool IsLikePlatformId(const std::string& id, std::string& platformId);
+
 /* The users that may act as `appId`; false when the id is bound to nobody
  * (not installed, not a platform id) or the registry cannot be read. */
 bool BoundUsers(const std::string& appId, std::vector<uid_t>& users);

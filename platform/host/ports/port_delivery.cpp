@@ -36,8 +36,9 @@ namespace {
 
 using GDBusMessagePtr = std::unique_ptr<GDBusMessage, GObjectUnref>;
 
-constexpr char kPortNamePrefix[] = "org.tilvane.Port.H";
-constexpr size_t kPortNameDigits = 40;
+constexpr size_t kPortNameDigits = 32;
+/* The bus's limit on the length of a name. */
+constexpr size_t kMaxBusNameLength = 255;
 constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
 constexpr char kInterface[] = "org.tilvane.MessagePort";
 /* Calls to the bus daemon only: it answers at once unless it has stopped. */
@@ -286,9 +287,10 @@ void NoSignalCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, cons
 
 std::string PortBusName(const std::string& appId, const std::string& port)
 {
-    const std::string text = std::to_string(appId.size()) + ":" + appId + port;
-    GCharPtr digest(g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.c_str(), static_cast<gssize>(text.size())));
-    return kPortNamePrefix + std::string(digest.get()).substr(0, kPortNameDigits);
+    const std::string prefix = PortBusNamePrefix(appId);
+    GCharPtr digest(g_compute_checksum_for_string(G_CHECKSUM_SHA256, port.c_str(), static_cast<gssize>(port.size())));
+    const std::string name = prefix + ".H" + std::string(digest.get()).substr(0, kPortNameDigits);
+    return prefix.empty() || name.size() > kMaxBusNameLength ? std::string() : name;
 }
 
 std::string BusNameForPort(const std::string& appId, const std::string& port)
@@ -377,6 +379,11 @@ void NoteQueuedPortName(const std::string& name, const std::string& newOwner, co
 int ClaimPortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
 {
     const std::string name = PortBusName(appId, port);
+    if (name.empty()) {
+        DELIVERY_LOGE("port %s of %s cannot be announced: its bus name would pass the bus's limit", port.c_str(),
+                      appId.c_str());
+        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    }
     std::string error;
     const NameRequest owned = RequestBusName(connection, name, kDaemonCallTimeoutMs, error);
     if (owned == NameRequest::Failed) {
@@ -398,6 +405,9 @@ int ClaimPortName(GDBusConnection* connection, const std::string& appId, const s
 void ReleasePortName(GDBusConnection* connection, const std::string& appId, const std::string& port)
 {
     const std::string name = PortBusName(appId, port);
+    if (name.empty()) {
+        return;
+    }
     ScopedError error;
     GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                   "org.freedesktop.DBus", "ReleaseName",
@@ -429,8 +439,12 @@ int RemotePortExists(GDBusConnection* connection, const std::string& appId, cons
     if (appOwner.empty()) {
         return MESSAGE_PORT_ERROR_NONE;
     }
+    const std::string portName = PortBusName(appId, port);
     std::string portOwner;
-    if (!NameOwner(connection, PortBusName(appId, port), portOwner)) {
+    if (portName.empty()) {
+        return MESSAGE_PORT_ERROR_NONE;
+    }
+    if (!NameOwner(connection, portName, portOwner)) {
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
     *exist = portOwner == appOwner;

@@ -5,11 +5,12 @@
  * Announcing a port. Registering a local port also makes the process's
  * connection own the port's bus name,
  *
- *   org.tilvane.Port.H<40 hex digits: SHA-256 of "<length of id>:<id><port>">
+ *   org.tilvane.Port.A<escaped id>.H<32 hex digits: SHA-256 of the port's name>
  *
- * so the bus daemon itself knows which ports run. A port exists for a sender
- * when the owner of that name is the connection that owns the application's
- * name; both are asked of the bus daemon (GetNameOwner), never of the
+ * (app_identity.h), so the bus daemon itself knows which ports run, and its
+ * policy lets only the application's user own the names of its ports. A port
+ * exists for a sender when the owner of that name is the connection that owns
+ * the application's name; both are asked of the bus daemon (GetNameOwner), never of the
  * application, so a check is answered even when the application never reads.
  *
  * Sending. A Deliver call is written to the bus and the sender goes on: the

@@ -10,8 +10,12 @@
  */
 #include "registry/app_registry.h"
 
+#include <pwd.h>
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <array>
+#include <mutex>
 #include <set>
 
 #include "identity/bus_policy.h"
@@ -53,6 +57,13 @@ const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS web_apps ("
     "  package_id TEXT PRIMARY KEY REFERENCES packages(package_id) ON DELETE CASCADE,"
     "  web_app_id TEXT NOT NULL);";
+
+/* getpwent walks one list per process. */
+std::mutex& AccountListMutex()
+{
+    static std::mutex* mutex = new std::mutex();
+    return *mutex;
+}
 
 /* One connection to the registry file, with the schema in place. */
 class Connection : public SharedDatabaseFile
@@ -181,6 +192,21 @@ bool FitsStoreRecord(const std::string& text)
     return text.size() <= static_cast<size_t>(QEB_APP_RECORD_TEXT_MAX) && text.find('\0') == std::string::npos;
 }
 
+/* The rule that a collision of ids breaks, as refusals give it. */
+const char kCollisionRule[] =
+    "an id may not equal a platform id, the service's id or any id of another package, whatever the case";
+
+/* The ids a package takes on the bus: its own and its applications', with
+ * what each is called in a refusal. */
+std::vector<std::pair<std::string, std::string>> IdsOf(const RegisteredPackage& package)
+{
+    std::vector<std::pair<std::string, std::string>> ids = {{"package id", package.packageId}};
+    for (const RegisteredApplication& app : package.applications) {
+        ids.emplace_back("application id", app.appId);
+    }
+    return ids;
+}
+
 /* In the verified identity mode, ids and the user follow the platform's rules. */
 bool ValidateIdentity(const RegisteredPackage& package, std::string* error)
 {
@@ -188,17 +214,15 @@ bool ValidateIdentity(const RegisteredPackage& package, std::string* error)
         return true;
     }
     std::string rule;
-    if (!IsValidPlatformId(package.packageId, &rule)) {
-        SetError(error, "the package id '" + package.packageId + "' is refused: " + rule);
-        return false;
-    }
-    for (const RegisteredApplication& app : package.applications) {
-        if (!IsValidPlatformId(app.appId, &rule)) {
-            SetError(error, "the application id '" + app.appId + "' is refused: " + rule);
+    for (const auto& [kind, id] : IdsOf(package)) {
+        if (!IsValidPlatformId(id, &rule)) {
+            SetError(error, "the " + kind + " '" + id + "' is refused: " + rule);
             return false;
         }
-        if (identity::IsPlatformAppId(app.appId)) {
-            SetError(error, "the application id '" + app.appId + "' is one of the platform's own ids");
+        std::string platformId;
+        if (identity::IsLikePlatformId(id, platformId)) {
+            SetError(error, "the " + kind + " '" + id + "' is one of the platform's own ids ('" + platformId +
+                                "'): " + kCollisionRule);
             return false;
         }
     }
@@ -256,48 +280,128 @@ bool ValidatePackage(const RegisteredPackage& package, std::string* error)
     return true;
 }
 
+/* Whether `uid` has an account: the bus daemon closes the connections of a
+ * user it cannot look up, so only such a user can ever run an application. */
+bool HasAccount(int64_t uid)
+{
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    std::array<char, 4096> buffer{};
+    return getpwuid_r(static_cast<uid_t>(uid), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+}
+
+/* The users of accounts in [first, last], in ascending order. */
+std::vector<int64_t> AccountsInRange(int64_t first, int64_t last)
+{
+    std::vector<int64_t> uids;
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    std::array<char, 4096> buffer{};
+    std::lock_guard<std::mutex> lock(AccountListMutex());
+    setpwent();
+    while (getpwent_r(&entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+        if (found->pw_uid >= first && found->pw_uid <= last) {
+            uids.push_back(found->pw_uid);
+        }
+    }
+    endpwent();
+    std::sort(uids.begin(), uids.end());
+    uids.erase(std::unique(uids.begin(), uids.end()), uids.end());
+    return uids;
+}
+
+/* Whether the registry binds `uid` to a package other than `packageId`: the
+ * package's id in `owner`. */
+bool UserIsTaken(Connection& connection, int64_t uid, const std::string& packageId, std::string& owner)
+{
+    Statement taken(connection, "SELECT package_id FROM packages WHERE user_id = ? AND package_id <> ?");
+    taken.Bind(1, uid).Bind(2, packageId);
+    if (taken.Step() != SQLITE_ROW) {
+        return false;
+    }
+    owner = taken.Text(0);
+    return true;
+}
+
+/* In the verified mode only users with an account are bound; the development
+ * mode runs every process as one user and looks at none. */
+bool AccountsMatter()
+{
+    return identity::CurrentMode() == identity::Mode::Verified;
+}
+
+/* The lowest user of [first, last] that may be allocated (an account, when
+ * accounts matter, neither a platform user nor another package's); -1 when none. */
+int64_t FreeUserInRange(Connection& connection, const std::string& packageId, int64_t first, int64_t last)
+{
+    std::vector<int64_t> candidates;
+    if (AccountsMatter()) {
+        candidates = AccountsInRange(first, last);
+    } else {
+        Statement used(connection, "SELECT user_id FROM packages WHERE user_id BETWEEN ? AND ? ORDER BY user_id");
+        used.Bind(1, first).Bind(2, last);
+        int64_t candidate = first;
+        while (used.Step() == SQLITE_ROW && used.Int(0, -1) <= candidate) {
+            candidate = std::max(candidate, used.Int(0, -1) + 1);
+        }
+        return candidate <= last && candidate >= 0 ? candidate : -1;
+    }
+    std::string owner;
+    for (int64_t uid : candidates) {
+        if (!identity::IsPlatformUser(static_cast<uid_t>(uid)) && !UserIsTaken(connection, uid, packageId, owner)) {
+            return uid;
+        }
+    }
+    return -1;
+}
+
+std::string NoFreeUserText(int64_t first, int64_t last)
+{
+    const std::string range = std::to_string(first) + ".." + std::to_string(last);
+    if (!AccountsMatter()) {
+        return "no free user is left in " + range;
+    }
+    return "no free user account is left in " + range +
+           ": create an account for the package in that range (for example: useradd --system --uid " +
+           std::to_string(first) + " app" + std::to_string(first) +
+           "), or set [identity] first-app-user and last-app-user to a range of existing accounts, or give the "
+           "manifest a 'user' line that names an existing user";
+}
+
 /* The package's user: the one asked for (refused when another package has
- * it), else the one it had, else the lowest free one of the configured range. */
+ * it, or, when accounts matter, when it has no account), else the one it had
+ * (while it still has an account), else the lowest free one of the
+ * configured range. */
 bool ChooseUser(Connection& connection, const std::string& packageId, int64_t& userId, std::string* error)
 {
+    std::string owner;
     if (userId >= 0) {
-        Statement taken(connection, "SELECT package_id FROM packages WHERE user_id = ? AND package_id <> ?");
-        taken.Bind(1, userId).Bind(2, packageId);
-        const int rc = taken.Step();
-        if (rc == SQLITE_ROW) {
-            SetError(error, "user " + std::to_string(userId) + " belongs to the package '" + taken.Text(0) + "'");
+        if (UserIsTaken(connection, userId, packageId, owner)) {
+            SetError(error, "user " + std::to_string(userId) + " belongs to the package '" + owner + "'");
             return false;
         }
-        if (rc != SQLITE_DONE) {
-            SetError(error, "the application registry cannot be read");
+        if (AccountsMatter() && !HasAccount(userId)) {
+            SetError(error, "user " + std::to_string(userId) +
+                                " has no account on this system, and the bus closes the connections of a user it "
+                                "cannot look up: create the account, or name an existing user in the manifest's "
+                                "'user' line");
             return false;
         }
         return true;
     }
     Statement previous(connection, "SELECT user_id FROM packages WHERE package_id = ? AND user_id IS NOT NULL");
     previous.Bind(1, packageId);
-    if (previous.Step() == SQLITE_ROW) {
+    if (previous.Step() == SQLITE_ROW && (!AccountsMatter() || HasAccount(previous.Int(0, -1)))) {
         userId = previous.Int(0, -1);
         return true;
     }
     const int64_t first = config::Integer("identity", "first-app-user", kDefaultFirstAppUser);
     const int64_t last = config::Integer("identity", "last-app-user", kDefaultLastAppUser);
-    Statement used(connection, "SELECT user_id FROM packages WHERE user_id BETWEEN ? AND ? ORDER BY user_id");
-    used.Bind(1, first).Bind(2, last);
-    int64_t candidate = first;
-    while (used.Step() == SQLITE_ROW) {
-        const int64_t taken = used.Int(0, -1);
-        if (taken == candidate) {
-            ++candidate;
-        } else if (taken > candidate) {
-            break;
-        }
-    }
-    if (candidate > last || candidate < 0) {
-        SetError(error, "no free user is left in " + std::to_string(first) + ".." + std::to_string(last));
+    userId = FreeUserInRange(connection, packageId, first, last);
+    if (userId < 0) {
+        SetError(error, NoFreeUserText(first, last));
         return false;
     }
-    userId = candidate;
     return true;
 }
 
@@ -458,6 +562,35 @@ bool ApplicationsAreFree(Connection& connection, const RegisteredPackage& packag
     return true;
 }
 
+/* In the verified identity mode no id of the package may equal, case
+ * ignored, an id of another package (its package id or an application id):
+ * the bus policy could then grant one user another's names. */
+bool IdsAreFree(Connection& connection, const RegisteredPackage& package, std::string* error)
+{
+    if (identity::CurrentMode() != identity::Mode::Verified) {
+        return true;
+    }
+    for (const auto& [kind, id] : IdsOf(package)) {
+        Statement taken(connection,
+                        "SELECT package_id, 'the package' FROM packages WHERE package_id = ?1 COLLATE NOCASE "
+                        "AND package_id <> ?2 UNION ALL "
+                        "SELECT package_id, 'application ''' || app_id || ''' of the package' FROM applications "
+                        "WHERE app_id = ?1 COLLATE NOCASE AND package_id <> ?2 LIMIT 1");
+        taken.Bind(1, id).Bind(2, package.packageId);
+        const int rc = taken.Step();
+        if (rc == SQLITE_ROW) {
+            SetError(error, "the " + kind + " '" + id + "' is " + taken.Text(1) + " '" + taken.Text(0) + "': " +
+                                kCollisionRule);
+            return false;
+        }
+        if (rc != SQLITE_DONE) {
+            SetError(error, "the application registry cannot be read");
+            return false;
+        }
+    }
+    return true;
+}
+
 /* Writes the application and its metadata in declaration order. */
 bool WriteApplication(Connection& connection, const std::string& packageId, const RegisteredApplication& app,
                       int64_t appPosition)
@@ -521,7 +654,7 @@ bool InstallPackage(const RegisteredPackage& package, std::string* error)
         SetError(error, "the application registry is busy or cannot be written");
         return false;
     }
-    if (!ApplicationsAreFree(connection, package, error)) {
+    if (!ApplicationsAreFree(connection, package, error) || !IdsAreFree(connection, package, error)) {
         return false;
     }
     int64_t userId = package.userId;
