@@ -147,15 +147,17 @@ CAppSectionChangeManager::~CAppSectionChangeManager()
 
 namespace {
 
-/* Under strict confinement, uninstall and visibility messages are acted on only
- * for the senders the integrator trusts; the default mode acts for anyone. */
+/* Under strict confinement, install, uninstall and visibility messages are
+ * acted on only for the platform (confinement_policy_sender_is_platform); the
+ * default mode acts for anyone. */
 bool ActsForSender(const char* remoteAppId, const char* messageKind)
 {
-    if (!confinement_policy_is_strict() || confinement_policy_is_trusted_sender(remoteAppId)) {
+    if (!confinement_policy_is_strict() || confinement_policy_sender_is_platform(remoteAppId)) {
         return true;
     }
     std::string reason = std::string(messageKind) + " message from " +
-                         (remoteAppId != nullptr ? remoteAppId : "(unknown)") + " dropped: not a trusted sender";
+                         (remoteAppId != nullptr ? remoteAppId : "(unknown)") +
+                         " dropped: not a platform sender";
     confinement_policy_refuse(CONFINEMENT_RULE_TRUSTED_SENDER, reason.c_str());
     return false;
 }
@@ -194,6 +196,9 @@ void CAppSectionChangeManager::HandleAcceleratorEvent(int /*localPortId*/, const
     // Text that does not start with a number converts to 0: an install.
     long action = std::strtol(pAction, nullptr, 10);
     if (action == 0) {
+        if (!ActsForSender(remoteAppId, "install")) {
+            return;
+        }
         long long acceleratorId = HandleAppInstall(message);
         LOGI("Accelerator Id = %lld", acceleratorId);
 

@@ -46,6 +46,14 @@ int confinement_policy_max_where_bytes(void);
  * services, as the configuration names them). False for null. */
 bool confinement_policy_is_trusted_sender(const char* app_id);
 
+/* True when the sender of the message-port message being handled counts as
+ * the platform, for which alone the change-manager ports act under strict
+ * confinement: in the verified identity mode, when the bus reports that it
+ * runs as a platform user (outside a message's callback: when this process
+ * does); in the development mode, where every process runs as one user, when
+ * `app_id` is one of the platform's own ids or of the trusted senders. */
+bool confinement_policy_sender_is_platform(const char* app_id);
+
 /* Records that strict confinement refused the request in progress: logs one
  * line naming `rule`, and the request interface answers the caller with an error
  * that carries `reason` (in place of the handler's result). Outside a request

@@ -44,6 +44,9 @@ const char kProviderId[] = "content://com.quillon.px.tiles";
 const char kHostile[] = "org.example.news.ui";
 const char kQuotePackage[] = "org.example.q' OR '1'='1";
 const char kQuoteApp[] = "org.example.quote.ui";
+/* A package that declares nothing: its application has level 0. */
+const char kMutePackage[] = "org.example.mute";
+const char kMute[] = "org.example.mute.ui";
 
 enum class Mode { Default, Strict };
 
@@ -198,6 +201,11 @@ protected:
         InstallApplication("org.example.sports", "org.example.sports.ui");
         InstallApplication("org.example.films", "org.example.films.ui");
         InstallApplication(kQuotePackage, kQuoteApp);
+        std::string error;
+        ASSERT_TRUE(tilvane::host::InstallPackage(
+            tilvane::host::RegisteredPackage{kMutePackage, {tilvane::host::RegisteredApplication{kMute, {}}}, ""},
+            &error))
+            << error;
 
         m_service = std::make_unique<Process>(
             std::vector<std::string>{TILVANE_SERVICE_BINARY},
@@ -266,6 +274,46 @@ Result DcSelectTiles(Catalogue& c, const std::string& where, std::vector<std::st
     return c.dataControl.Select("tiles", columns, where, "tile_id");
 }
 
+/* Reads the text `subquery` selects one byte at a time, by a binary search
+ * over a yes-or-no question put to a select of the caller's own rows (of
+ * `table`): are they answered? Stops at the first request that is not
+ * answered and returns it; otherwise an answer whose message is the text
+ * read, and the number of requests it took. */
+Result ReadThroughOwnRows(Catalogue& c, const char* table, const std::string& subquery, int& requests)
+{
+    std::string text;
+    requests = 0;
+    for (int position = 1; position <= 40; ++position) {
+        int low = 0;
+        int high = 128; /* the byte is in [low, high) */
+        while (high - low > 1) {
+            const int middle = (low + high) / 2;
+            const std::string where = "unicode(substr((" + subquery + "), " + std::to_string(position) +
+                                      ", 1)) >= " + std::to_string(middle);
+            const Result answer = c.content.Select(Uri(table), {"_id"}, where, {}, "", "");
+            ++requests;
+            if (answer.outcome != Outcome::Answered) {
+                return answer;
+            }
+            (answer.rows.rows.empty() ? high : low) = middle;
+        }
+        if (low == 0) {
+            break; /* past the end: unicode('') is NULL, no row */
+        }
+        text += static_cast<char>(low);
+    }
+    Result read;
+    read.outcome = Outcome::Answered;
+    read.message = text;
+    return read;
+}
+
+void ExpectReadText(const std::string& expected, const Result& result)
+{
+    EXPECT_EQ(result.outcome, Outcome::Answered) << Text(result);
+    EXPECT_EQ(result.message, expected);
+}
+
 const std::vector<HostileRequest>& Requests()
 {
     static const std::vector<HostileRequest> requests = {
@@ -302,7 +350,8 @@ const std::vector<HostileRequest>& Requests()
              EXPECT_EQ(result.outcome, Outcome::Answered) << Text(result);
              EXPECT_NE(Text(result).find("org.example.sports"), std::string::npos) << Text(result);
          },
-         "where-clause", nullptr},
+         /* Its SELECT is a statement beyond the caller's own. */
+         "statement-authorizer", nullptr},
         {"WhereWithSubqueryIntoAnotherTable",
          [](Catalogue& c) {
              return SelectTiles(c, "tile_id IN (SELECT section_id FROM sections) OR 1=1");
@@ -329,6 +378,45 @@ const std::vector<HostileRequest>& Requests()
              EXPECT_TRUE(result.rows.rows.empty());
          },
          "limits", nullptr},
+        /* ---- reaching other rows through the statement itself ---- */
+        {"WhereReadingAnotherPackagesTitleThroughASubqueryOfItsOwnTable",
+         [](Catalogue& c) {
+             int requests = 0;
+             return ReadThroughOwnRows(c, "tiles", "SELECT tile_title FROM tiles WHERE _id = 2001", requests);
+         },
+         [](Catalogue&, const Result& result) { ExpectReadText("sports one", result); }, "statement-authorizer",
+         nullptr},
+        {"WhereReadingAnotherPackagesNameThroughASubqueryOfItsOwnTable",
+         [](Catalogue& c) {
+             int requests = 0;
+             return ReadThroughOwnRows(c, "accelerators",
+                                       "SELECT accelerator_app_pkg_name FROM accelerators WHERE _id = 200", requests);
+         },
+         [](Catalogue&, const Result& result) { ExpectReadText("org.example.sports", result); },
+         "statement-authorizer", nullptr},
+        {"WhereAskingWhetherAnotherPackageHasATitle",
+         /* SQLite reads "IN (SELECT column FROM table)" straight from the
+          * table, without telling an authorizer of a subquery. */
+         [](Catalogue& c) { return SelectTiles(c, "'sports one' IN (SELECT tile_title FROM tiles)"); },
+         ExpectOwnTilesOnly, "statement-authorizer", nullptr},
+        {"WhereWithRecursiveCommonTableExpression",
+         [](Catalogue& c) {
+             return SelectTiles(c, "EXISTS (WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c WHERE x < "
+                                   "1000) SELECT 1 FROM c WHERE x = 1000)");
+         },
+         ExpectOwnTilesOnly, "statement-authorizer", nullptr},
+        {"WhereWithRandomblob",
+         [](Catalogue& c) { return SelectTiles(c, "length(randomblob(100000)) > 0"); }, ExpectOwnTilesOnly,
+         "statement-authorizer", nullptr},
+        {"WhereWithZeroblobOnDataControl",
+         [](Catalogue& c) { return DcSelectTiles(c, "length(zeroblob(100000)) > 0"); }, ExpectOwnTilesOnly,
+         "statement-authorizer", nullptr},
+        {"WhereWithPrintf",
+         [](Catalogue& c) { return SelectTiles(c, "length(printf('%.*c', 100000, 'x')) = 100000"); },
+         ExpectOwnTilesOnly, "statement-authorizer", nullptr},
+        {"WhereWithCharOfAComputedValue",
+         [](Catalogue& c) { return SelectTiles(c, "char(unicode(tile_title)) = 'n'"); }, ExpectOwnTilesOnly,
+         "statement-authorizer", nullptr},
         /* ---- projections ---- */
         {"ProjectionSubquery",
          [](Catalogue& c) {
@@ -442,7 +530,8 @@ const std::vector<HostileRequest>& Requests()
          [](Catalogue& c, const Result& result) {
              EXPECT_EQ(result.code, 0);
              EXPECT_TRUE(c.WaitForServiceLine("strict confinement refused (rule trusted-sender) for (no request): "
-                                              "uninstall message from org.example.news.ui dropped"))
+                                              "uninstall message from org.example.news.ui dropped: not a platform "
+                                              "sender"))
                  << c.ServiceLog();
          }},
         {"VisibilityOfAnotherPackage",
@@ -458,8 +547,41 @@ const std::vector<HostileRequest>& Requests()
          [](Catalogue& c, const Result& result) {
              EXPECT_EQ(result.code, 0);
              EXPECT_TRUE(c.WaitForServiceLine("strict confinement refused (rule trusted-sender) for (no request): "
-                                              "visibility message from org.example.news.ui dropped"))
+                                              "visibility message from org.example.news.ui dropped: not a platform "
+                                              "sender"))
                  << c.ServiceLog();
+         }},
+        {"InstallOfItsOwnPackageByALevelZeroApplication",
+         [](Catalogue& c) {
+             /* This process has not used the bus yet: it can still become the
+              * application of a package that declares nothing (level 0). */
+             tilvane::host::SetOwnAppId(kMute);
+             Result before = c.content.Select(Uri("accelerators"), {"_id"}, "", {}, "", "");
+             EXPECT_EQ(before.outcome, Outcome::NoResult) << Text(before);
+             Result sent = c.SendToPort("accelerator_port", {{"action", "0"}, {"accelerator_app_pkg_name", kMutePackage}});
+             EXPECT_EQ(sent.code, 0);
+             return sent;
+         },
+         [](Catalogue& c, const Result&) {
+             EXPECT_TRUE(c.WaitForScalar("SELECT count(*) FROM accelerators WHERE accelerator_app_pkg_name = '" +
+                                             std::string(kMutePackage) + "'",
+                                         "1"));
+             /* Its launcher entry gives it the public level. */
+             Result after = c.content.Select(Uri("accelerators"), {"_id"}, "", {}, "", "");
+             EXPECT_EQ(after.outcome, Outcome::Answered) << Text(after);
+             EXPECT_EQ(after.rows.rows.size(), 1u);
+         },
+         nullptr,
+         [](Catalogue& c, const Result&) {
+             EXPECT_TRUE(c.WaitForServiceLine("strict confinement refused (rule trusted-sender) for (no request): "
+                                              "install message from org.example.mute.ui dropped: not a platform "
+                                              "sender"))
+                 << c.ServiceLog();
+             EXPECT_EQ(c.Scalar("SELECT count(*) FROM accelerators WHERE accelerator_app_pkg_name = '" +
+                                std::string(kMutePackage) + "'"),
+                       "0");
+             Result after = c.content.Select(Uri("accelerators"), {"_id"}, "", {}, "", "");
+             EXPECT_EQ(after.outcome, Outcome::NoResult) << Text(after);
          }},
         /* ---- limits ---- */
         {"ValueLargerThanTheLimit",

@@ -20,6 +20,7 @@
 #include "ContentDbConnection.h"
 #include "ContentProviderParam.h"
 #include "TestSupport.h"
+#include "content/statement_authorizer.h"
 
 using tilvane::test::CountExactLines;
 using tilvane::test::CountLines;
@@ -161,21 +162,63 @@ TEST_F(StatementAuthorizerTest, DefaultModeLetsARequestStatementReachEveryTable)
 TEST_F(StatementAuthorizerTest, StrictModeKeepsARequestStatementToItsOwnTable)
 {
     tilvane::host::SetConfigurationText(kStrict);
-    EXPECT_TRUE(Select("title = 'a' OR _id IN (SELECT _id FROM tiles WHERE length(title) = 1)"));
+    EXPECT_TRUE(Select("title = 'a' OR length(title) = 1 AND substr(title, 1, 1) >= 'a'"));
 
     EXPECT_FALSE(Select("_id IN (SELECT _id FROM sections)"));
     EXPECT_EQ(CountExactLines(kPlatformTag, "strict confinement refused (rule statement-authorizer) for "
-                                            "org.example.caller: the statement may use only table tiles, not "
-                                            "reading table sections"),
+                                            "org.example.caller: the statement may reach only the request's own "
+                                            "rows: a subquery (a SELECT inside the statement) is refused"),
               1);
     EXPECT_FALSE(Select("title IN (SELECT owner FROM sections)"));
     EXPECT_FALSE(Select("EXISTS (SELECT 1 FROM sqlite_master)"));
-    EXPECT_EQ(CountLines(kPlatformTag, "not reading table sqlite_master"), 1);
     EXPECT_FALSE(Select("load_extension('x') IS NULL"));
-    EXPECT_EQ(CountLines(kPlatformTag, "not function load_extension"), 1);
+    EXPECT_EQ(CountLines(kPlatformTag, "rows: function load_extension is not one of the value functions a statement "
+                                       "may call (abs, coalesce,"),
+              1);
     EXPECT_FALSE(Select("EXISTS (SELECT 1 FROM pragma_table_info('sections'))"));
     g_projection = {"(SELECT owner FROM sections LIMIT 1)"};
     EXPECT_FALSE(Select(""));
+    g_projection = {"_id"};
+    /* Another table named in the statement itself. */
+    EXPECT_FALSE(Select("sections.owner = 'x'"));
+}
+
+TEST_F(StatementAuthorizerTest, StrictModeRefusesSubqueriesOfTheOwnTableCommonTableExpressionsAndUnboundedFunctions)
+{
+    tilvane::host::SetConfigurationText(kStrict);
+    struct Case {
+        const char* where;
+        const char* refusal;
+    };
+    const std::vector<Case> cases = {
+        /* A subquery of the same table is not confined by the row filter. */
+        {"unicode(substr((SELECT title FROM tiles WHERE _id = 10), 1, 1)) >= 97",
+         "a subquery (a SELECT inside the statement) is refused"},
+        {"_id IN (SELECT _id FROM tiles)", "a subquery (a SELECT inside the statement) is refused"},
+        {"EXISTS (WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT 1 FROM c WHERE x < 0)",
+         "rows: a "},
+        {"length(randomblob(900000000)) > 0", "function randomblob is not one of the value functions"},
+        {"length(zeroblob(30000000)) > 0", "function zeroblob is not one"},
+        {"length(printf('%.*c', 40000000, 'x')) > 0", "function printf is not one"},
+        {"length(format('%.*c', 40000000, 'x')) > 0", "function format is not one"},
+        {"length(char(120, 120)) > 0", "function char is not one"},
+        {"length(replace(title, '', title)) > 0", "function replace is not one"},
+        {"random() > 0", "function random is not one"},
+    };
+    for (const Case& c : cases) {
+        tilvane::host::ClearCapturedLog();
+        EXPECT_FALSE(Select(c.where)) << c.where;
+        EXPECT_EQ(CountLines(kPlatformTag, std::string("strict confinement refused (rule statement-authorizer) for "
+                                                       "org.example.caller: the statement may reach only the "
+                                                       "request's own rows: ")),
+                  1)
+            << c.where;
+        EXPECT_EQ(CountLines(kPlatformTag, c.refusal), 1) << c.where;
+    }
+    /* The default mode keeps every one of them. */
+    tilvane::host::SetConfigurationText("[strict]\nconfinement = false\n");
+    EXPECT_TRUE(Select("unicode(substr((SELECT title FROM tiles WHERE _id = 10), 1, 1)) >= 97"));
+    EXPECT_TRUE(Select("length(char(120, 120)) > 0"));
 }
 
 TEST_F(StatementAuthorizerTest, StrictModeRefusesAttachAndPragmaInAPreparedRequestStatement)
@@ -256,6 +299,24 @@ TEST_F(StatementAuthorizerTest, StrictModeLeavesStatementsOutsideARequestAlone)
     tilvane::host::SetConfigurationText(kStrict);
     g_where = "_id IN (SELECT _id FROM sections)";
     EXPECT_NE(g_connection->SelectRequest("tiles", g_projection, g_where, ""), nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(StatementKeywordsTest, SelectAndWithAreCountedOutsideQuotesAndCommentsOnly)
+{
+    using tilvane::content::CountKeywords;
+    EXPECT_EQ(CountKeywords("SELECT _id FROM \"tiles\" WHERE (title = 'select')").select, 1);
+    EXPECT_TRUE(CountKeywords("  select 1").firstIsSelect);
+    EXPECT_FALSE(CountKeywords("UPDATE tiles SET a = 1").firstIsSelect);
+    EXPECT_EQ(CountKeywords("x = 'a''select' AND \"sel\"\"ect\" = [select] AND `select` = 1 -- select\n").select, 0);
+    EXPECT_EQ(CountKeywords("x = 1 /* select */ AND y IN (SeLeCt 1)").select, 1);
+    EXPECT_EQ(CountKeywords("x IN (SELECT/**/1)").select, 1);
+    EXPECT_EQ(CountKeywords("selected = 1 AND _select = 2 AND select_ = 3").select, 0);
+    EXPECT_EQ(CountKeywords("EXISTS (WITH c AS (VALUES(1)) SELECT 1 FROM c)").with, 1);
+    EXPECT_EQ(CountKeywords("x = 'unterminated select").select, 0);
 }
 
 }  // namespace

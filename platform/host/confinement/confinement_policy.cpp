@@ -4,6 +4,8 @@
  */
 #include "confinement_policy.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "base/host_state.h"
 #include "config/platform_config.h"
 #include "confinement/request_confinement.h"
+#include "identity/credentials.h"
 
 namespace tilvane {
 namespace host {
@@ -110,6 +113,18 @@ extern "C" bool confinement_policy_is_trusted_sender(const char* app_id)
     }
     const std::vector<std::string> trusted = config::StringList(kGroup, "trusted-senders");
     return std::find(trusted.begin(), trusted.end(), app_id) != trusted.end();
+}
+
+extern "C" bool confinement_policy_sender_is_platform(const char* app_id)
+{
+    if (identity::CurrentMode() == identity::Mode::Development) {
+        return app_id != nullptr && (identity::IsPlatformAppId(app_id) || confinement_policy_is_trusted_sender(app_id));
+    }
+    uid_t uid = 0;
+    if (!identity::CurrentMessageSender(uid)) {
+        uid = geteuid();
+    }
+    return identity::IsPlatformUser(uid);
 }
 
 extern "C" void confinement_policy_refuse(const char* rule, const char* reason)

@@ -38,12 +38,12 @@ int AcquireRequestStatement(Database& database, sqlite3* handle, const std::stri
         return database.Statements().Acquire(handle, sql, lease);
     }
     tilvane::content::ScopedStatementAuthorizer authorizer(database, table);
-    const int rc = database.Statements().Acquire(handle, sql, "\x01confined:" + table + "\x01" + sql, lease);
+    const int rc = authorizer.CheckText(sql)
+                       ? database.Statements().Acquire(handle, sql, "\x01confined:" + table + "\x01" + sql, lease)
+                       : SQLITE_AUTH;
     if (!authorizer.Refusal().empty()) {
         CONTENT_LOGE("statement on %s refused by the authorizer: %s", table.c_str(), authorizer.Refusal().c_str());
-        confinement_policy_refuse(CONFINEMENT_RULE_STATEMENT,
-                                  ("the statement may use only table " + table + ", not " + authorizer.Refusal())
-                                      .c_str());
+        confinement_policy_refuse(CONFINEMENT_RULE_STATEMENT, authorizer.Refusal().c_str());
     }
     return rc;
 }
@@ -710,16 +710,16 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
     if (request != nullptr) {
         authorizer.reset(new tilvane::content::ScopedStatementAuthorizer(*db.shared(), request->table));
     }
-    int rc = tilvane::content::PrepareStatement(db.handle(), sql.c_str(), static_cast<int>(sql.size() + 1), statement,
-                                                tail);
+    const bool textRefused = authorizer && !authorizer->CheckText(sql);
+    int rc = textRefused ? SQLITE_AUTH
+                         : tilvane::content::PrepareStatement(db.handle(), sql.c_str(),
+                                                              static_cast<int>(sql.size() + 1), statement, tail);
     if (authorizer && !authorizer->Refusal().empty()) {
-        confinement_policy_refuse(CONFINEMENT_RULE_STATEMENT, ("the statement may use only table " + request->table +
-                                                               ", not " + authorizer->Refusal())
-                                                                  .c_str());
+        confinement_policy_refuse(CONFINEMENT_RULE_STATEMENT, authorizer->Refusal().c_str());
     }
     authorizer.reset();
     if (rc != SQLITE_OK) {
-        errorMessage = db->ErrorMessage();
+        errorMessage = textRefused ? sqlite3_errstr(SQLITE_AUTH) : db->ErrorMessage();
         tilvane::host::RecordStatementError(errorMessage.c_str());
         tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);

@@ -15,14 +15,17 @@ namespace tilvane {
 namespace content {
 namespace {
 
-/* Functions that compute a value from their arguments and nothing else. */
+/* The functions a confined statement may call: each computes a value from
+ * its arguments alone (the row's own values) and makes it no longer than a
+ * small multiple of them. Not here, among others: functions that make values
+ * of a length the caller chooses (randomblob, zeroblob, printf, format, char,
+ * replace, concat), aggregates (which need a subquery to reach other rows),
+ * random, and everything that reaches beyond values (load_extension, ...). */
 const char* const kValueFunctions[] = {
-    "abs",      "avg",        "char",       "coalesce", "count",     "date",       "datetime", "glob",
-    "group_concat", "hex",    "ifnull",     "iif",      "instr",     "julianday",  "length",   "like",
-    "likelihood", "likely",   "lower",      "ltrim",    "max",       "min",        "nullif",   "printf",
-    "format",   "quote",      "replace",    "round",    "rtrim",     "sign",       "strftime", "substr",
-    "substring", "sum",       "time",       "total",    "trim",      "typeof",     "unicode",  "unixepoch",
-    "unlikely", "upper",      "zeroblob",   "random",   "randomblob", "concat",    "concat_ws", "octet_length",
+    "abs",     "coalesce", "date",   "datetime", "glob",   "hex",       "ifnull",       "iif",      "instr",
+    "julianday", "length", "like",   "likelihood", "likely", "lower",   "ltrim",        "max",      "min",
+    "nullif",  "octet_length", "quote", "round",  "rtrim",  "sign",      "strftime",     "substr",   "substring",
+    "time",    "trim",     "typeof", "unicode",  "unixepoch", "unlikely", "upper",
 };
 
 bool IsValueFunction(const char* name)
@@ -36,6 +39,87 @@ bool IsValueFunction(const char* name)
         }
     }
     return false;
+}
+
+/* Skips a quoted text or name that starts at `i` (its quote doubled inside
+ * it stands for itself); the index after it. */
+size_t SkipQuoted(const std::string& sql, size_t i, char close)
+{
+    for (++i; i < sql.size(); ++i) {
+        if (sql[i] == close) {
+            if (close != ']' && i + 1 < sql.size() && sql[i + 1] == close) {
+                ++i;
+                continue;
+            }
+            return i + 1;
+        }
+    }
+    return sql.size();
+}
+
+/* Skips a comment that starts at `i`, or returns `i` when none does. */
+size_t SkipComment(const std::string& sql, size_t i)
+{
+    if (sql.compare(i, 2, "--") == 0) {
+        const size_t end = sql.find('\n', i);
+        return end == std::string::npos ? sql.size() : end + 1;
+    }
+    if (sql.compare(i, 2, "/*") == 0) {
+        const size_t end = sql.find("*/", i + 2);
+        return end == std::string::npos ? sql.size() : end + 2;
+    }
+    return i;
+}
+
+bool IsWordByte(char c)
+{
+    const unsigned char byte = static_cast<unsigned char>(c);
+    return std::isalnum(byte) || c == '_' || c == '$' || byte >= 0x80;
+}
+
+}  // namespace
+
+SqlKeywords CountKeywords(const std::string& sql)
+{
+    SqlKeywords found;
+    bool first = true;
+    for (size_t i = 0; i < sql.size();) {
+        const char c = sql[i];
+        const size_t afterComment = SkipComment(sql, i);
+        if (afterComment != i) {
+            i = afterComment;
+        } else if (c == '\'' || c == '"' || c == '`' || c == '[') {
+            i = SkipQuoted(sql, i, c == '[' ? ']' : c);
+            first = false;
+        } else if (IsWordByte(c)) {
+            size_t end = i;
+            while (end < sql.size() && IsWordByte(sql[end])) {
+                ++end;
+            }
+            const std::string word = sql.substr(i, end - i);
+            const bool select = strcasecmp(word.c_str(), "select") == 0;
+            found.firstIsSelect = found.firstIsSelect || (first && select);
+            found.select += select ? 1 : 0;
+            found.with += strcasecmp(word.c_str(), "with") == 0 ? 1 : 0;
+            first = false;
+            i = end;
+        } else {
+            first = first && std::isspace(static_cast<unsigned char>(c));
+            ++i;
+        }
+    }
+    return found;
+}
+
+namespace {
+
+std::string ValueFunctionList()
+{
+    std::string list;
+    for (const char* name : kValueFunctions) {
+        list += (list.empty() ? "" : ", ") + std::string(name);
+    }
+    return list;
 }
 
 bool SameTable(const std::string& table, const char* name)
@@ -135,16 +219,39 @@ bool ScopedStatementAuthorizer::IsKeyColumn(const char* table, const char* colum
 int ScopedStatementAuthorizer::Refuse(const char* what, const char* object)
 {
     if (m_refusal.empty()) {
-        m_refusal = std::string(what) + " " + (object != nullptr ? object : "");
+        m_refusal = "the statement may use only table " + m_table + ", not " + what + " " + (object != nullptr ? object : "");
     }
     return SQLITE_DENY;
 }
 
-int ScopedStatementAuthorizer::Authorize(int action, const char* first, const char* second, const char* trigger)
+int ScopedStatementAuthorizer::RefuseReach(const std::string& reason)
 {
-    if (trigger != nullptr) {
-        return SQLITE_OK; /* the schema's own trigger */
+    if (m_refusal.empty()) {
+        m_refusal = "the statement may reach only the request's own rows: " + reason;
     }
+    return SQLITE_DENY;
+}
+
+bool ScopedStatementAuthorizer::CheckText(const std::string& sql)
+{
+    const SqlKeywords keywords = CountKeywords(sql);
+    const int ownSelects = keywords.firstIsSelect ? 1 : 0;
+    if (keywords.with > 0) {
+        RefuseReach("a common table expression (WITH) is refused");
+        return false;
+    }
+    if (keywords.select > ownSelects) {
+        RefuseReach("a subquery (a SELECT inside the statement) is refused");
+        return false;
+    }
+    return true;
+}
+
+int ScopedStatementAuthorizer::Authorize(int action, const char* first, const char* second, const char* /*view*/)
+{
+    /* The last argument names the trigger or view an access comes from; a
+     * common table expression names itself there too, so it is not trusted
+     * (the schema has no triggers of its own). */
     LearnCascade();
     if (m_statementKind < 0) {
         m_statementKind = action; /* SQLite names the statement's kind first */
@@ -153,9 +260,18 @@ int ScopedStatementAuthorizer::Authorize(int action, const char* first, const ch
         m_statementKind == SQLITE_INSERT || m_statementKind == SQLITE_UPDATE || m_statementKind == SQLITE_DELETE;
     switch (action) {
     case SQLITE_SELECT:
+        /* The statement's own select is the first thing SQLite reports of it;
+         * any other is a subquery (or a common table expression), which would
+         * read rows that the request's row filter does not confine. */
+        if (m_statementKind == SQLITE_SELECT && !m_sawOwnSelect) {
+            m_sawOwnSelect = true;
+            return SQLITE_OK;
+        }
+        return RefuseReach("a subquery (a SELECT inside the statement) is refused");
+    case SQLITE_RECURSIVE:
+        return RefuseReach("a common table expression (WITH) is refused");
     case SQLITE_TRANSACTION:
     case SQLITE_SAVEPOINT:
-    case SQLITE_RECURSIVE:
         return SQLITE_OK;
     case SQLITE_READ:
         /* A column of a subquery's result has no table. */
@@ -170,7 +286,11 @@ int ScopedStatementAuthorizer::Authorize(int action, const char* first, const ch
     case SQLITE_DELETE:
         return IsCascadeTable(first) ? SQLITE_OK : Refuse("writing table", first);
     case SQLITE_FUNCTION:
-        return IsValueFunction(second) ? SQLITE_OK : Refuse("function", second);
+        return IsValueFunction(second)
+                   ? SQLITE_OK
+                   : RefuseReach("function " + std::string(second != nullptr ? second : "") +
+                                 " is not one of the value functions a statement may call (" + ValueFunctionList() +
+                                 ")");
     case SQLITE_PRAGMA:
         return Refuse("pragma", first);
     case SQLITE_ATTACH:

@@ -2,15 +2,19 @@
  * Content library internals: the SQLite authorizer that strict confinement
  * puts on a connection while a request statement is prepared.
  *
- * It lets the statement read and write only its own table. Refused: any other
- * table (sqlite_master / sqlite_schema and the temporary schema included),
- * ATTACH and DETACH, PRAGMA, schema changes, and every function that is not
- * an ordinary value function (load_extension, fts3_tokenizer and the like).
- * Statements that the schema's triggers run are allowed, because the schema
- * is the service's own; so is what the foreign keys of an insert, update or
- * delete need: reading the key columns of a link whose child is the table or one of the tables its
- * deletions cascade to, and deleting or updating rows of those tables. SQLite
- * consults an authorizer only while preparing.
+ * It lets the statement read and write only its own table, and reach only
+ * the rows its own where clause (with the request's row filter) selects.
+ * Refused: any other table (sqlite_master / sqlite_schema and the temporary
+ * schema included), a SELECT beyond the statement's own (a subquery, which
+ * the row filter would not confine, even one of the same table), a common
+ * table expression, ATTACH and DETACH, PRAGMA, schema changes, and every
+ * function outside a short list of value functions of bounded result. The
+ * schema has no triggers: what a trigger or view would run is judged like the
+ * statement itself. What the foreign keys of an insert, update or delete
+ * need is allowed: reading the key columns of a link whose child is the
+ * table or one of the tables its deletions cascade to, and deleting or
+ * updating rows of those tables. SQLite consults an authorizer only while
+ * preparing.
  */
 #ifndef TILVANE_CONTENT_STATEMENT_AUTHORIZER_H
 #define TILVANE_CONTENT_STATEMENT_AUTHORIZER_H
@@ -39,6 +43,17 @@ std::vector<ForeignKeyLink> ReadForeignKeyLinks(sqlite3* db);
 
 class Database;
 
+/* The keywords of an SQL text that matter to the confinement, counted as
+ * SQLite's tokenizer would see them: never inside a quoted text or name or a
+ * comment. */
+struct SqlKeywords
+{
+    int select = 0;
+    int with = 0;
+    bool firstIsSelect = false; /* the text's first word is SELECT */
+};
+SqlKeywords CountKeywords(const std::string& sql);
+
 class ScopedStatementAuthorizer
 {
 public:
@@ -52,13 +67,23 @@ public:
     ScopedStatementAuthorizer(const ScopedStatementAuthorizer&) = delete;
     ScopedStatementAuthorizer& operator=(const ScopedStatementAuthorizer&) = delete;
 
-    /* The first refusal, as "<action> <object>", or "" when nothing was refused. */
+    /* Checks the statement's text before it is prepared: SQLite does not
+     * report every subquery to an authorizer (an "IN (SELECT column FROM
+     * table)" is read straight from the table), so a SELECT beyond the
+     * statement's own, and WITH, are refused from the words. False (with the
+     * refusal) when it is refused. */
+    bool CheckText(const std::string& sql);
+
+    /* The first refusal as a reason for the caller ("the statement may use
+     * only table tiles, not reading table sections"), or "" when nothing was
+     * refused. */
     const std::string& Refusal() const { return m_refusal; }
 
-    int Authorize(int action, const char* first, const char* second, const char* trigger);
+    int Authorize(int action, const char* first, const char* second, const char* view);
 
 private:
     int Refuse(const char* what, const char* object);
+    int RefuseReach(const std::string& reason);
 
     bool IsKeyColumn(const char* table, const char* column) const;
     bool IsCascadeTable(const char* table) const;
@@ -76,6 +101,9 @@ private:
      * Key columns are readable for writes only, which need them for their
      * foreign-key checks. */
     int m_statementKind = -1;
+    /* Whether the select of a select statement was reported (any further one
+     * is a subquery). */
+    bool m_sawOwnSelect = false;
     std::string m_refusal;
 };
 

@@ -66,7 +66,28 @@ std::string UsersText(const std::vector<uid_t>& users)
     return text;
 }
 
+thread_local bool t_senderKnown = false;
+thread_local uid_t t_senderUid = 0;
+
 }  // namespace
+
+bool CurrentMessageSender(uid_t& uid)
+{
+    uid = t_senderUid;
+    return t_senderKnown;
+}
+
+ScopedMessageSender::ScopedMessageSender(bool known, uid_t uid) : m_wasKnown(t_senderKnown), m_previous(t_senderUid)
+{
+    t_senderKnown = known;
+    t_senderUid = uid;
+}
+
+ScopedMessageSender::~ScopedMessageSender()
+{
+    t_senderKnown = m_wasKnown;
+    t_senderUid = m_previous;
+}
 
 bool ParseUser(const std::string& text, uid_t& uid)
 {

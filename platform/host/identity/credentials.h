@@ -70,6 +70,25 @@ bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, cons
  * user; `reason` as above. Always true in development mode. */
 bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, std::string& reason);
 
+/* The user of the process that sent the message-port message whose callback
+ * runs on this thread, as the bus reported it (the port layer sets it around
+ * the callback); false outside such a callback or when it is not known (the
+ * development mode does not ask). */
+bool CurrentMessageSender(uid_t& uid);
+
+class ScopedMessageSender
+{
+public:
+    ScopedMessageSender(bool known, uid_t uid);
+    ~ScopedMessageSender();
+    ScopedMessageSender(const ScopedMessageSender&) = delete;
+    ScopedMessageSender& operator=(const ScopedMessageSender&) = delete;
+
+private:
+    bool m_wasKnown;
+    uid_t m_previous;
+};
+
 /* A user given as a number or a name; false when it is neither. */
 bool ParseUser(const std::string& text, uid_t& uid);
 

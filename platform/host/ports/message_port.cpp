@@ -37,6 +37,7 @@
 #include "message_port.h"
 
 #include <gio/gio.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <atomic>
@@ -177,6 +178,10 @@ struct Delivery {
     bool hasSenderPort;
     std::string senderPort;
     BundlePtr message;
+    /* The sender's user as the bus reported it (verified mode), or this
+     * process's own for a send that did not use the bus. */
+    bool senderUserKnown;
+    uid_t senderUser;
 };
 
 void FreeDelivery(gpointer data)
@@ -194,6 +199,7 @@ gboolean DeliverToCallback(gpointer data)
         PORT_LOGD("message for port %s dropped: the port was unregistered", delivery->port.c_str());
         return G_SOURCE_REMOVE;
     }
+    identity::ScopedMessageSender sender(delivery->senderUserKnown, delivery->senderUser);
     port.callback(port.id, delivery->senderApp.c_str(),
                   delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message.get(),
                   port.userData);
@@ -201,10 +207,16 @@ gboolean DeliverToCallback(gpointer data)
 }
 
 /* Takes ownership of `message`. Safe from any thread. */
-void PostDelivery(const std::string& port, const std::string& senderApp, const char* senderPort, bundle* message)
+void PostDelivery(const std::string& port, const std::string& senderApp, const char* senderPort, bundle* message,
+                  bool senderUserKnown, uid_t senderUser)
 {
-    Delivery* delivery =
-        new Delivery{port, senderApp, senderPort != nullptr, senderPort != nullptr ? senderPort : "", BundlePtr(message)};
+    Delivery* delivery = new Delivery{port,
+                                      senderApp,
+                                      senderPort != nullptr,
+                                      senderPort != nullptr ? senderPort : "",
+                                      BundlePtr(message),
+                                      senderUserKnown,
+                                      senderUser};
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(source, DeliverToCallback, delivery, FreeDelivery);
@@ -307,7 +319,10 @@ void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* param
     /* The answer is on its way before the callback can run: a receiver that
      * ends from its callback must not make the sender see a failed send. */
     g_dbus_connection_flush_sync(connection, nullptr, nullptr);
-    PostDelivery(port, senderApp, *senderPort != '\0' ? senderPort : nullptr, message);
+    uid_t senderUser = 0;
+    const bool senderUserKnown = identity::CurrentMode() == identity::Mode::Verified &&
+                                 identity::ConnectionUser(connection, sender, senderUser);
+    PostDelivery(port, senderApp, *senderPort != '\0' ? senderPort : nullptr, message, senderUserKnown, senderUser);
 }
 
 void OnMethodCallCB(GDBusConnection* connection, const gchar* sender, const gchar* /*objectPath*/,
@@ -618,7 +633,7 @@ int Deliver(const char* appId, const char* port, bundle* message, const std::str
         if (copy == nullptr) {
             return MESSAGE_PORT_ERROR_OUT_OF_MEMORY;
         }
-        PostDelivery(port, appId, localPort.empty() ? nullptr : localPort.c_str(), copy);
+        PostDelivery(port, appId, localPort.empty() ? nullptr : localPort.c_str(), copy, true, geteuid());
         return MESSAGE_PORT_ERROR_NONE;
     }
     const std::string busName = BusNameForAppId(appId);
