@@ -151,6 +151,18 @@ bool AppIdForBusName(const std::string& busName, std::string& appId);
 /* The bus name that a process owns while its port `port` of application
  * `appId` is registered (docs/messaging.md). */
 std::string BusNameForPort(const std::string& appId, const std::string& port);
+
+/* Waits up to `timeoutMs` until every message-port message this process sent
+ * has been answered by its receiver (a receiver answers once it has checked
+ * the sender, before the port's callback runs); the refusals among the
+ * answers ("<error name>: <text>", oldest first) are moved to `refusals`.
+ * False when some are still unanswered. */
+bool WaitForDeliveryAnswers(int timeoutMs, std::vector<std::string>* refusals);
+
+/* Whether configuration-key changes and power-off raised by this process
+ * count: always in the development identity mode; in the verified mode only
+ * when it runs as a platform user. */
+bool CountsAsPlatform();
 /* How many message-port deliveries to `appId` wait for their answer. */
 int UnansweredDeliveries(const std::string& appId);
 

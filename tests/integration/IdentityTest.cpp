@@ -339,8 +339,15 @@ TEST_F(IdentityTest, PowerOffAndResetKeyFromAnApplicationUserClearNothing)
     ASSERT_EQ(Count(hubSections), 1);
     ASSERT_EQ(Count("SELECT COUNT(*) FROM tiles"), 2);
 
-    /* Raised by the news application's user: ignored, one line each. */
-    Outcome powerOff = Ctl(kNewsUser, kNewsApp, {"power-off", "13"});
+    /* tilvanectl says that it would not count, and sends nothing. */
+    Outcome refused = Ctl(kNewsUser, kNewsApp, {"power-off", "13"});
+    EXPECT_EQ(refused.status, 1) << refused.err;
+    EXPECT_NE(refused.err.find("tilvanectl power-off: identities are verified and this tool runs as user " + kNews +
+                               ", not a platform user: a power-off counts only from the platform; nothing was sent"),
+              std::string::npos)
+        << refused.err;
+    /* Raised by the news application's user all the same: ignored, one line each. */
+    Outcome powerOff = RawSelect(kNewsUser, kNewsApp, {"power-off", "13"});
     EXPECT_EQ(powerOff.status, 0) << powerOff.err;
     Outcome forged = RunProgram(m_logs, m_root.Path(), kNewsUser,
                                 {"/usr/bin/dbus-send", "--bus=" + m_bus.Address(), "--type=signal",
@@ -358,7 +365,11 @@ TEST_F(IdentityTest, PowerOffAndResetKeyFromAnApplicationUserClearNothing)
     EXPECT_GE(CountInLog("runs as user " + kNews + ", not a platform user"), 1) << ServiceLog();
     /* The settings file is not the application's to write. */
     Outcome keySet = Ctl(kNewsUser, kNewsApp, {"key", "set", "memory/korro/halcyon_reset_event", "1"});
-    EXPECT_NE(keySet.status, 0) << keySet.out;
+    EXPECT_EQ(keySet.status, 1) << keySet.out;
+    EXPECT_NE(keySet.err.find("not a platform user: a configuration key (the settings are the platform's own) counts "
+                              "only from the platform"),
+              std::string::npos)
+        << keySet.err;
     EXPECT_EQ(Ctl(kRoot, kServiceAppId, {"key", "get", "memory/korro/halcyon_reset_event"}).status, 1);
     EXPECT_EQ(CountInLog("halcyon reset callback called"), 0) << ServiceLog();
     EXPECT_EQ(Count(hubSections), 1);

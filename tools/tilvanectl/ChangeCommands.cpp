@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Delivery.h"
 #include "TilesModel.h"
 
 namespace tilvanectl {
@@ -152,6 +153,9 @@ int ParseInstallArguments(const std::vector<std::string>& args, InstallRequest& 
  * until the answer or the timeout; EXIT_FAILED (explained) when it cannot be sent. */
 int AskForInstall(const InstallRequest& request, ReplySession& session)
 {
+    if (RequirePlatformSender("accelerator install", "install") != EXIT_OK) {
+        return EXIT_FAILED;
+    }
     int port = message_port_register_local_port(kReplyPort, OnReplyCB, &session);
     if (port <= 0) {
         ExplainSendFailure("accelerator", port, request.service, kAcceleratorPort);
@@ -169,6 +173,10 @@ int AskForInstall(const InstallRequest& request, ReplySession& session)
     message.reset();
     if (sent != MESSAGE_PORT_ERROR_NONE) {
         ExplainSendFailure("accelerator", sent, request.service, kAcceleratorPort);
+        message_port_unregister_local_port(port);
+        return EXIT_FAILED;
+    }
+    if (ConfirmDelivery("accelerator install", request.service) != EXIT_OK) {
         message_port_unregister_local_port(port);
         return EXIT_FAILED;
     }
@@ -214,9 +222,11 @@ int RunAcceleratorInstall(const std::vector<std::string>& args)
     return EXIT_OK;
 }
 
-/* A message without an answer: uninstall, or a launcher visibility change. */
-int SendPlain(const char* group, const std::vector<std::pair<const char*, std::string>>& entries, const char* port,
-              const std::vector<std::string>& args, size_t firstOption)
+/* A message without an answer of the service's own (uninstall, or a launcher
+ * visibility change): sent once strict confinement would act on it, and
+ * confirmed by the receiver's answer to the delivery. */
+int SendPlain(const char* group, const char* kind, const std::vector<std::pair<const char*, std::string>>& entries,
+              const char* port, const std::vector<std::string>& args, size_t firstOption)
 {
     std::string service = ServiceFromEnvironment();
     for (size_t i = firstOption; i < args.size(); ++i) {
@@ -226,6 +236,9 @@ int SendPlain(const char* group, const std::vector<std::pair<const char*, std::s
             std::fprintf(stderr, "tilvanectl %s: unknown or incomplete argument '%s'\n", group, args[i].c_str());
             return EXIT_USAGE;
         }
+    }
+    if (RequirePlatformSender(group, kind) != EXIT_OK) {
+        return EXIT_FAILED;
     }
     BundlePtr message = MakeBundle();
     for (const auto& entry : entries) {
@@ -237,7 +250,7 @@ int SendPlain(const char* group, const std::vector<std::pair<const char*, std::s
         ExplainSendFailure(group, sent, service, port);
         return EXIT_FAILED;
     }
-    return EXIT_OK;
+    return ConfirmDelivery(group, service);
 }
 
 }  // namespace
@@ -256,7 +269,7 @@ int RunAcceleratorCommand(const std::vector<std::string>& args)
             std::fprintf(stderr, "tilvanectl accelerator uninstall: a PACKAGE is needed\n");
             return EXIT_USAGE;
         }
-        return SendPlain("accelerator",
+        return SendPlain("accelerator", "uninstall",
                          {{"action", "1"}, {TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, args[1]}},
                          kAcceleratorPort, args, 2);
     }
@@ -272,7 +285,9 @@ void PrintAcceleratorHelp()
         "       tilvanectl accelerator uninstall PACKAGE [--service ID]\n"
         "install asks the service (port \"accelerator_port\") for PACKAGE's launcher entry and prints its id;\n"
         "exit 1 when the service answers -1 or does not answer in time (default 10 s).\n"
-        "uninstall removes the entry; the service does not answer.\n"
+        "uninstall removes the entry; the service does not answer, and the tool exits 1 with the reason when\n"
+        "the service refuses the message (or, under strict confinement, would drop it: only the platform's\n"
+        "install, uninstall and visibility messages count).\n"
         "The service id is com.quillon.px.tilvane, or $TILVANE_SERVICE_APP_ID, or --service.\n");
 }
 
@@ -282,7 +297,7 @@ int RunLauncherCommand(const std::vector<std::string>& args)
         std::fprintf(stderr, "tilvanectl launcher: expected 'visible PACKAGE' or 'hidden PACKAGE'\n");
         return EXIT_USAGE;
     }
-    return SendPlain("launcher",
+    return SendPlain("launcher", "visibility",
                      {{"visibility", args[0]}, {TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME, args[1]}},
                      kLauncherEventPort, args, 2);
 }
@@ -297,6 +312,9 @@ void PrintLauncherHelp()
 
 int RunKeyCommand(const std::vector<std::string>& args)
 {
+    if (RequirePlatformUser("key", "a configuration key (the settings are the platform's own)") != EXIT_OK) {
+        return EXIT_FAILED;
+    }
     if (args.size() == 3 && args[0] == "set") {
         long value = 0;
         if (args[1].empty() || !ParseInt(args[2], value)) {
@@ -346,6 +364,9 @@ int RunPowerOffCommand(const std::vector<std::string>& args)
         std::fprintf(stderr, "tilvanectl power-off: expected an integer TYPE\n");
         return EXIT_USAGE;
     }
+    if (RequirePlatformUser("power-off", "a power-off") != EXIT_OK) {
+        return EXIT_FAILED;
+    }
     tilvane::host::RaisePowerOff(static_cast<int>(type));
     return EXIT_OK;
 }
@@ -363,6 +384,10 @@ int RunSystemInfoCommand(const std::vector<std::string>& args)
     if (args.size() != 3 || args[0] != "set" || !ParseInt(args[1], key) || (args[2] != "true" && args[2] != "false")) {
         std::fprintf(stderr, "tilvanectl system-info: expected 'set KEY true|false'\n");
         return EXIT_USAGE;
+    }
+    if (RequirePlatformUser("system-info", "a system-information value (the settings are the platform's own)") !=
+        EXIT_OK) {
+        return EXIT_FAILED;
     }
     if (!tilvane::host::SetSystemInfoBool(static_cast<int>(key), args[2] == "true")) {
         std::fprintf(stderr, "tilvanectl system-info: cannot write the platform settings\n");

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Delivery.h"
 
 namespace tilvanectl {
 namespace {
@@ -278,7 +279,7 @@ int Subscribe(const EventOptions& options)
         int sent = SendRequest(options, portId, "SubscribePreviewEvent");
         if (sent != MESSAGE_PORT_ERROR_NONE) {
             ExplainSendFailure(sent, options.service);
-        } else {
+        } else if (ConfirmDelivery("events", options.service) == EXIT_OK) {
             guint sigint = g_unix_signal_add(SIGINT, OnStopSignalCB, &session);
             guint sigterm = g_unix_signal_add(SIGTERM, OnStopSignalCB, &session);
             session.options = &options;
@@ -325,9 +326,13 @@ int Unsubscribe(const EventOptions& options)
         return EXIT_FAILED;
     }
     int sent = SendRequest(options, portId, "UnsubscribePreviewEvent");
+    const int confirmed = sent == MESSAGE_PORT_ERROR_NONE ? ConfirmDelivery("events", options.service) : EXIT_FAILED;
     message_port_unregister_local_port(portId);
     if (sent != MESSAGE_PORT_ERROR_NONE) {
         ExplainSendFailure(sent, options.service);
+        return EXIT_FAILED;
+    }
+    if (confirmed != EXIT_OK) {
         return EXIT_FAILED;
     }
     std::printf("unsubscribed %s, port %s\n", OwnAppId().c_str(), options.port.c_str());
@@ -348,7 +353,7 @@ int Trigger(const EventOptions& options)
         int sent = SendRequest(options, portId, "TriggerPreviewEvent");
         if (sent != MESSAGE_PORT_ERROR_NONE) {
             ExplainSendFailure(sent, options.service);
-        } else {
+        } else if (ConfirmDelivery("events", options.service) == EXIT_OK) {
             guint timeout = g_timeout_add_seconds(static_cast<guint>(options.timeoutSeconds), OnTimeoutCB, &session);
             g_main_loop_run(loop);
             if (!session.timedOut) {

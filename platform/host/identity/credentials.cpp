@@ -310,6 +310,11 @@ bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, st
 
 }  // namespace identity
 
+bool CountsAsPlatform()
+{
+    return identity::CurrentMode() == identity::Mode::Development || identity::IsPlatformUser(geteuid());
+}
+
 bool IsValidPlatformId(const std::string& id, std::string* rule)
 {
     bool valid = !id.empty() && id.size() <= kMaxPlatformIdLength && g_ascii_isalpha(id[0]);

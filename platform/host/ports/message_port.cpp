@@ -287,6 +287,18 @@ bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::s
     return true;
 }
 
+/* What a refused sender is told: whether the id it claims is anybody's, not
+ * whose it is. */
+std::string RefusalForSender(const std::string& claimedApp)
+{
+    std::vector<uid_t> users;
+    if (identity::CurrentMode() == identity::Mode::Verified && !identity::BoundUsers(claimedApp, users)) {
+        return "application " + claimedApp + " is bound to no user";
+    }
+    return "the sender may not act as application " + claimedApp +
+           ": it does not own that application's name, or does not run as its user";
+}
+
 void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* parameters,
                GDBusMethodInvocation* invocation)
 {
@@ -300,7 +312,7 @@ void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* param
     if (!SenderOwnsApp(connection, sender, senderApp, reason)) {
         PORT_LOGE("message for port %s dropped: %s", port, reason.c_str());
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
-                                                   "the sender does not own the name of the application it claims");
+                                                   RefusalForSender(senderApp).c_str());
         return;
     }
     LocalPort local{};

@@ -120,7 +120,25 @@ struct DeliveryState {
     bool exitWaitRegistered = false;
     std::map<guint32, Pending> pending; /* by the call's serial */
     std::map<std::string, Receiver> receivers; /* by application id */
+    /* The refusals among the answers, for WaitForDeliveryAnswers (bounded). */
+    std::vector<std::string> refusals;
 };
+
+constexpr size_t kMaxKeptRefusals = 64;
+
+/* "<error name>: <text>" of an error answer. */
+std::string RefusalText(GDBusMessage* message)
+{
+    const gchar* name = g_dbus_message_get_error_name(message);
+    std::string text = name != nullptr ? name : "error";
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(s)"))) {
+        const gchar* detail = nullptr;
+        g_variant_get(body, "(&s)", &detail);
+        text += std::string(": ") + detail;
+    }
+    return text;
+}
 
 DeliveryState& TheDeliveryState()
 {
@@ -209,9 +227,12 @@ GDBusMessage* OnMessageCB(GDBusConnection* connection, GDBusMessage* message, gb
         return message; /* the answer of another call */
     }
     if (type == G_DBUS_MESSAGE_TYPE_ERROR) {
-        const gchar* name = g_dbus_message_get_error_name(message);
+        const std::string refusal = RefusalText(message);
         DELIVERY_LOGD("message to %s/%s not delivered: %s", it->second.appId.c_str(), it->second.port.c_str(),
-                      name != nullptr ? name : "error");
+                      refusal.c_str());
+        if (s.refusals.size() < kMaxKeptRefusals) {
+            s.refusals.push_back(refusal);
+        }
     }
     const std::string appId = it->second.appId;
     s.pending.erase(it);
@@ -527,6 +548,20 @@ void ForgetDeliveries()
     std::lock_guard<std::mutex> lock(s.mutex);
     s.pending.clear();
     s.receivers.clear();
+    s.refusals.clear();
+}
+
+bool WaitForDeliveryAnswers(int timeoutMs, std::vector<std::string>* refusals)
+{
+    DeliveryState& s = TheDeliveryState();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    const bool answered = s.settled.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                             [&s] { return s.pending.empty(); });
+    if (refusals != nullptr) {
+        refusals->insert(refusals->end(), s.refusals.begin(), s.refusals.end());
+    }
+    s.refusals.clear();
+    return answered;
 }
 
 int UnansweredDeliveries(const std::string& appId)
