@@ -159,6 +159,9 @@ std::string BusNameForPort(const std::string& appId, const std::string& port);
  * False when some are still unanswered. */
 bool WaitForDeliveryAnswers(int timeoutMs, std::vector<std::string>* refusals);
 
+/* True in the verified identity mode (the configuration's [identity] mode). */
+bool IdentitiesVerified();
+
 /* Whether configuration-key changes and power-off raised by this process
  * count: always in the development identity mode; in the verified mode only
  * when it runs as a platform user. */

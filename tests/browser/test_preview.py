@@ -5,8 +5,8 @@ The real service and tilvane-preview run on a private bus and a temporary
 platform root; two applications publish their content with tilvanectl, and a
 headless Chromium driven through WebDriver looks at the page: the launcher
 row, the sections and tiles in position order with their texts and marks, the
-display periods, the keyboard focus, live updates without a reload, escaping
-and the image path guard. A screenshot of the page is saved at
+display periods, the keyboard focus, live updates without a reload, escaping,
+the image guard and the secret in the address. A screenshot of the page is saved at
 TILVANE_PREVIEW_SCREENSHOT (ctest: <build>/tests/browser/preview.png).
 """
 
@@ -146,11 +146,13 @@ class PreviewInBrowserTest(unittest.TestCase):
         self.assertEqual(status, 200, body)
         return json.loads(body)
 
-    def http_get(self, path, host=None):
+    def http_get(self, path, host=None, secret=True):
+        """GET of `path` under the preview's secret address (or, with
+        secret=False, as it stands)."""
         address = urllib.parse.urlsplit(self.stack.address)
         connection = http.client.HTTPConnection(address.hostname, address.port, timeout=WAIT)
         headers = {"Host": host} if host else {}
-        connection.request("GET", path, headers=headers)
+        connection.request("GET", address.path.rstrip("/") + path if secret else path, headers=headers)
         response = connection.getresponse()
         body = response.read().decode("utf-8", "replace")
         result = (response.status, dict(response.getheaders()), body)
@@ -213,7 +215,7 @@ class PreviewInBrowserTest(unittest.TestCase):
         self.assertEqual(len(gamma.find_elements(self.By.CSS_SELECTOR, ".mark.playable")), 0)
         self.assertEqual(len(gamma.find_elements(self.By.CSS_SELECTOR, ".progress")), 0)
 
-    def test_03_image_ratio_and_image_from_the_platform_root(self):
+    def test_03_image_ratio_and_image_from_the_images_folder(self):
         frame = self.tile("alpha").find_element(self.By.CSS_SELECTOR, ".tile-image")
         self.assertAlmostEqual(frame.size["width"] / frame.size["height"], 16 / 9, delta=0.03)
         delta = self.tile("delta").find_element(self.By.CSS_SELECTOR, ".tile-image")
@@ -229,7 +231,7 @@ class PreviewInBrowserTest(unittest.TestCase):
         self.assertEqual(self.tile("epsilon").find_element(self.By.CSS_SELECTOR, ".placeholder")
                          .get_attribute("textContent"), "Epsilon")
 
-    def test_04_titles_are_text_and_image_paths_stay_under_the_root(self):
+    def test_04_titles_are_text_and_images_come_from_the_images_folder_only(self):
         xss = self.tile("xss")
         self.assertEqual(xss.find_element(self.By.CSS_SELECTOR, ".tile-title").get_attribute("textContent"),
                          XSS_TITLE)
@@ -241,28 +243,46 @@ class PreviewInBrowserTest(unittest.TestCase):
         self.assertTrue(os.path.exists(os.path.join(self.stack.dir, "outside.svg")))
         self.wait_page(lambda: xss.find_elements(self.By.CSS_SELECTOR, ".placeholder"), "the refused image's placeholder")
         self.assertEqual(xss.find_element(self.By.CSS_SELECTOR, ".placeholder").get_attribute("textContent"), XSS_TITLE)
-        for path in ("../outside.svg", "/opt/../../outside.svg", "/opt/dbspace/.preview.db"):
-            status, _, body = self.http_get("/api/image?path=" + urllib.parse.quote(path, safe=""))
-            self.assertEqual(status, 403, path + ": " + body)
-        fetched = self.script("return fetch('/api/image?path=' + encodeURIComponent('../outside.svg'))"
-                              ".then(r => r.status)")
+        # Images are asked for by their row: the tile's own path is read, from the images folder only.
+        status, _, body = self.http_get("/api/tiles/%d/image" % self.tile_row_id("xss"))
+        self.assertEqual(status, 403, body)
+        self.assertIn("only images under /opt/usr/apps are served", body)
+        fetched = self.script("return fetch('api/tiles/' + arguments[0] + '/image').then(r => r.status)",
+                              self.tile_row_id("xss"))
         self.assertEqual(fetched, 403)
+        status, headers, _ = self.http_get("/api/tiles/%d/image" % self.tile_row_id("alpha"))
+        self.assertEqual(status, 200)
+        self.assertEqual(headers.get("Content-Type"), "image/svg+xml")
+        # No path can be asked for as such any more.
         status, _, _ = self.http_get("/api/image?path=" + urllib.parse.quote(
             "/opt/usr/apps/org.example.videos/res/alpha.svg"))
-        self.assertEqual(status, 200)
+        self.assertEqual(status, 404)
 
-    def test_05_headers_and_host_checks(self):
+    def test_05_headers_host_checks_and_the_secret(self):
         status, headers, body = self.http_get("/")
         self.assertEqual(status, 200)
         policy = headers.get("Content-Security-Policy", "")
         self.assertIn("script-src 'self'", policy)
         self.assertNotIn("unsafe-inline", policy.split("script-src", 1)[1].split(";")[0])
         self.assertEqual(headers.get("X-Content-Type-Options"), "nosniff")
-        self.assertNotIn("<script>", body.replace('<script src="/preview.js" defer></script>', ""))
+        self.assertNotIn("<script>", body.replace('<script src="preview.js" defer></script>', ""))
         status, _, _ = self.http_get("/api/entries", host="attacker.example:80")
         self.assertEqual(status, 403)
         status, _, _ = self.http_get("/api/sections/x/tiles")
         self.assertEqual(status, 404)
+        # Without the secret of this start, or with another, nothing is answered.
+        secret = urllib.parse.urlsplit(self.stack.address).path.strip("/")
+        wrong = ("0" if secret[0] != "0" else "1") + secret[1:]
+        paths = ["/", "/api/entries", "/api/events", "/preview.js", "/" + wrong + "/api/entries"]
+        if secret.upper() != secret:
+            paths.append("/" + secret.upper() + "/api/entries")
+        for path in paths:
+            status, _, body = self.http_get(path, secret=False)
+            self.assertEqual(status, 403, path + ": " + body)
+            self.assertIn("secret address", body)
+        status, headers, _ = self.http_get("/" + secret, secret=False)
+        self.assertEqual(status, 302)
+        self.assertTrue(headers.get("Location", "").endswith("/" + secret + "/"), headers.get("Location"))
 
     def test_06_listens_on_loopback_only(self):
         port = urllib.parse.urlsplit(self.stack.address).port
@@ -335,9 +355,8 @@ class PreviewInBrowserTest(unittest.TestCase):
         self.script("window.previewMarker = 'still the same page'")
         before = int(self.script("return Number(document.body.dataset.lastChange || 0)"))
 
-        # Its image comes from an address that answers (the preview's own image path).
-        url = self.stack.address + "api/image?path=" + urllib.parse.quote(
-            "/opt/usr/apps/org.example.videos/res/alpha.svg", safe="")
+        # Its image comes from an address that answers (the preview's own image of Alpha).
+        url = self.stack.address + "api/tiles/%d/image" % self.tile_row_id("alpha")
         self.publisher.add_tiles(VIDEOS, self.second_section, [
             {"tile_id": "zeta", "tile_title": "Zeta", "tile_position": 3, "tile_favorite": 1, "tile_image_url": url}])
         self.wait_page(lambda: self.section_tiles("Second") == ["Delta", "Epsilon", "Zeta"], "the new tile")

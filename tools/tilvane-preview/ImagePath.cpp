@@ -1,12 +1,15 @@
 #include "ImagePath.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <cstdlib>
-#include <memory>
+#include <cerrno>
+#include <cstring>
 #include <sstream>
-#include <vector>
+#include <thread>
 
 namespace tilvane {
 namespace preview {
@@ -29,24 +32,142 @@ ImageFile Missing(const std::string& reason)
     return result;
 }
 
-/* The canonical path of an existing file, "" when it does not exist. */
-std::string RealPath(const std::string& path)
+/* An open file descriptor, closed on destruction. */
+class Fd
 {
-    std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
-    return real ? std::string(real.get()) : std::string();
-}
-
-std::vector<std::string> Components(const std::string& path)
-{
-    std::vector<std::string> parts;
-    std::stringstream stream(path);
-    std::string part;
-    while (std::getline(stream, part, '/')) {
-        if (!part.empty() && part != ".") {
-            parts.push_back(part);
+public:
+    explicit Fd(int fd = -1) : m_fd(fd) {}
+    ~Fd()
+    {
+        if (m_fd >= 0) {
+            close(m_fd);
         }
     }
-    return parts;
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    Fd& operator=(Fd&& other) noexcept
+    {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
+    int Get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+/* Why an openat on the way failed, for the answer. */
+ImageFile OpenFailure(const std::string& component)
+{
+    if (errno == ENOENT) {
+        return Missing("no such file in the images folder");
+    }
+    if (errno == ELOOP || errno == ENOTDIR) {
+        return Refuse("'" + component + "' is a symbolic link or not a folder: only files that really lie under "
+                      "the images folder are served");
+    }
+    if (errno == EACCES || errno == EPERM) {
+        return Refuse("the package's user may not read it");
+    }
+    return Refuse(std::string("cannot open it: ") + strerror(errno));
+}
+
+/* Reads a regular file of at most kMaxImageBytes that `fd` is open on. */
+ImageFile ReadRegularFile(int fd)
+{
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        return Refuse("not a regular file");
+    }
+    if (static_cast<unsigned long long>(info.st_size) > kMaxImageBytes) {
+        return Refuse("larger than " + std::to_string(kMaxImageBytes) + " bytes");
+    }
+    ImageFile file;
+    file.data.resize(static_cast<size_t>(info.st_size));
+    size_t done = 0;
+    while (done < file.data.size()) {
+        const ssize_t n = read(fd, &file.data[done], file.data.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    file.data.resize(done);
+    file.lookup = ImageLookup::Found;
+    return file;
+}
+
+/* Walks from `imagesDir` down `components`, never following a link. */
+ImageFile Walk(const std::string& imagesDir, const std::vector<std::string>& components)
+{
+    Fd folder(open(imagesDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.Get() < 0) {
+        return errno == ENOENT ? Missing("there is no images folder") : OpenFailure(kImagesDevicePath);
+    }
+    for (size_t i = 0; i + 1 < components.size(); ++i) {
+        Fd next(openat(folder.Get(), components[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (next.Get() < 0) {
+            return OpenFailure(components[i]);
+        }
+        folder = std::move(next);
+    }
+    Fd file(openat(folder.Get(), components.back().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.Get() < 0) {
+        return OpenFailure(components.back());
+    }
+    return ReadRegularFile(file.Get());
+}
+
+/* Takes the package's user and group for this thread's file access alone
+ * (setfsuid and setgroups as system calls change the calling thread only);
+ * false when this process may not. */
+bool TakePackageIdentity(const ImageReader& reader)
+{
+    if (syscall(SYS_setgroups, 0, nullptr) != 0) {
+        return false;
+    }
+    syscall(SYS_setfsgid, reader.gid);
+    syscall(SYS_setfsuid, reader.uid);
+    /* An invalid id changes nothing and tells the one in force. */
+    return static_cast<uid_t>(syscall(SYS_setfsuid, -1)) == reader.uid &&
+           static_cast<gid_t>(syscall(SYS_setfsgid, -1)) == reader.gid;
+}
+
+ImageFile WalkAs(const std::string& imagesDir, const std::vector<std::string>& components, const ImageReader& reader)
+{
+    if (!reader.asPackage) {
+        return Walk(imagesDir, components);
+    }
+    ImageFile result;
+    std::thread walker([&] {
+        result = TakePackageIdentity(reader)
+                     ? Walk(imagesDir, components)
+                     : Refuse("images are read with the privileges of the package that owns them, which this "
+                              "preview cannot take (it does not run as root)");
+    });
+    walker.join();
+    return result;
+}
+
+bool StartsWith(const std::string& text, size_t at, const char* prefix)
+{
+    return text.compare(at, std::strlen(prefix), prefix) == 0;
+}
+
+/* An SVG document: optional byte-order mark and blanks, then an XML
+ * declaration, a comment, a doctype or the svg element, and "<svg" early on. */
+bool LooksLikeSvg(const std::string& bytes)
+{
+    size_t at = StartsWith(bytes, 0, "\xEF\xBB\xBF") ? 3 : 0;
+    while (at < bytes.size() && g_ascii_isspace(bytes[at])) {
+        ++at;
+    }
+    const bool opens = StartsWith(bytes, at, "<?xml") || StartsWith(bytes, at, "<svg") ||
+                       StartsWith(bytes, at, "<!--") || StartsWith(bytes, at, "<!DOCTYPE svg");
+    return opens && bytes.substr(0, 4096).find("<svg") != std::string::npos;
 }
 
 }  // namespace
@@ -68,56 +189,80 @@ std::string ImageContentType(const std::string& name)
     return "";
 }
 
-ImageFile ResolveImagePath(const std::string& root, const std::string& requested)
+std::string SniffImageType(const std::string& bytes)
 {
-    if (requested.empty()) {
-        return Missing("no image path");
+    if (StartsWith(bytes, 0, "\x89PNG\r\n\x1a\n")) {
+        return "image/png";
     }
-    if (requested.find('\0') != std::string::npos) {
-        return Refuse("the path holds a NUL byte");
+    if (StartsWith(bytes, 0, "\xFF\xD8\xFF")) {
+        return "image/jpeg";
     }
-    const std::vector<std::string> parts = Components(requested);
-    if (parts.empty()) {
-        return Missing("no image path");
+    if (StartsWith(bytes, 0, "GIF87a") || StartsWith(bytes, 0, "GIF89a")) {
+        return "image/gif";
     }
-    for (const std::string& part : parts) {
+    if (bytes.size() >= 12 && StartsWith(bytes, 0, "RIFF") && StartsWith(bytes, 8, "WEBP")) {
+        return "image/webp";
+    }
+    if (bytes.size() >= 14 && StartsWith(bytes, 0, "BM")) {
+        return "image/bmp";
+    }
+    return LooksLikeSvg(bytes) ? "image/svg+xml" : "";
+}
+
+bool ImageComponents(const std::string& devicePath, std::vector<std::string>& components, std::string& reason)
+{
+    components.clear();
+    if (devicePath.find('\0') != std::string::npos) {
+        reason = "the path holds a NUL byte";
+        return false;
+    }
+    const std::string prefix = std::string(kImagesDevicePath) + "/";
+    if (devicePath.compare(0, prefix.size(), prefix) != 0) {
+        reason = "only images under " + std::string(kImagesDevicePath) + " are served";
+        return false;
+    }
+    std::stringstream stream(devicePath.substr(prefix.size()));
+    std::string part;
+    while (std::getline(stream, part, '/')) {
+        if (part.empty()) {
+            continue;
+        }
         if (part == "..") {
-            return Refuse("the path leaves its folder (..)");
+            reason = "the path leaves its folder (..)";
+            return false;
         }
         if (part[0] == '.') {
-            return Refuse("hidden files are not served");
+            reason = "hidden files and '.' are not served";
+            return false;
         }
+        components.push_back(part);
     }
-    const std::string contentType = ImageContentType(parts.back());
-    if (contentType.empty()) {
-        return Refuse("not an image file name");
+    if (components.empty() || ImageContentType(components.back()).empty()) {
+        reason = "not an image file name";
+        return false;
     }
+    return true;
+}
 
-    const std::string realRoot = RealPath(root);
-    if (realRoot.empty()) {
-        return Missing("the platform root does not exist");
+ImageFile ReadImage(const std::string& imagesDir, const std::string& devicePath, const ImageReader& reader)
+{
+    if (devicePath.empty()) {
+        return Missing("no image path");
     }
-    const std::string base = realRoot == "/" ? "" : realRoot;
-    std::string candidate = base;
-    for (const std::string& part : parts) {
-        candidate += "/" + part;
+    std::vector<std::string> components;
+    std::string reason;
+    if (!ImageComponents(devicePath, components, reason)) {
+        return Refuse(reason);
     }
-    const std::string realFile = RealPath(candidate);
-    if (realFile.empty()) {
-        return Missing("no such file under the platform root");
+    ImageFile file = WalkAs(imagesDir, components, reader);
+    if (file.lookup != ImageLookup::Found) {
+        return file;
     }
-    if (realFile.compare(0, base.size() + 1, base + "/") != 0) {
-        return Refuse("the file lies outside the platform root");
+    file.contentType = SniffImageType(file.data);
+    if (file.contentType.empty()) {
+        return Refuse("the file's bytes are not an image's");
     }
-    struct stat info {};
-    if (stat(realFile.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        return Missing("not a regular file");
-    }
-    ImageFile found;
-    found.lookup = ImageLookup::Found;
-    found.file = realFile;
-    found.contentType = contentType;
-    return found;
+    return file;
 }
 
 }  // namespace preview

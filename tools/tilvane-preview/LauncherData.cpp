@@ -211,5 +211,53 @@ Answer LauncherData::Tiles(int64_t sectionId) const
     return {200, json.Text()};
 }
 
+/* The cells of one column of the one row that `where` (with `id` bound)
+ * selects; false unless exactly one row is there. */
+bool LauncherData::OneRow(const char* uri, const std::vector<std::string>& columns, const char* idColumn, int64_t id,
+                          std::vector<std::string>& values) const
+{
+    Result result = m_client.Select(uri, columns, std::string(idColumn) + " = ?", {std::to_string(id)}, "", "");
+    if (!result.Ok() || result.rows.rows.size() != 1) {
+        return false;
+    }
+    values.clear();
+    for (const Cell& cell : result.rows.rows[0]) {
+        values.push_back(cell.type == Cell::Type::Text      ? cell.text
+                         : cell.type == Cell::Type::Integer ? std::to_string(cell.integer)
+                                                            : std::string());
+    }
+    return values.size() == columns.size();
+}
+
+bool LauncherData::EntryIcon(int64_t entryId, ImageSource& source) const
+{
+    std::vector<std::string> entry;
+    if (!OneRow(A::CONTENT_URI, {A::ACCELERATOR_ICON, AI::ACCELERATOR_APP_PKG_NAME}, A::_ID, entryId, entry)) {
+        return false;
+    }
+    source.path = entry[0];
+    source.package = entry[1];
+    return true;
+}
+
+bool LauncherData::TileImage(int64_t tileId, ImageSource& source) const
+{
+    std::vector<std::string> tile;
+    std::vector<std::string> section;
+    std::vector<std::string> entry;
+    if (!OneRow(T::CONTENT_URI, {T::TILE_IMAGE_PATH, T::TILE_SECTION_RAW_ID}, T::_ID, tileId, tile) ||
+        tile[1].empty() ||
+        !OneRow(S::CONTENT_URI, {S::SECTION_ACCELERATOR_RAW_ID}, S::_ID, g_ascii_strtoll(tile[1].c_str(), nullptr, 10),
+                section) ||
+        section[0].empty() ||
+        !OneRow(A::CONTENT_URI, {AI::ACCELERATOR_APP_PKG_NAME}, A::_ID,
+                g_ascii_strtoll(section[0].c_str(), nullptr, 10), entry)) {
+        return false;
+    }
+    source.path = tile[0];
+    source.package = entry[0];
+    return true;
+}
+
 }  // namespace preview
 }  // namespace tilvane

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tilvane {
 namespace preview {
@@ -44,6 +45,12 @@ int64_t PeriodBoundSeconds(int64_t stored);
  * includes its start and excludes its end. */
 PeriodCheck CheckPeriod(int64_t displayFrom, int64_t displayUntil, int64_t nowSeconds);
 
+/* An image of the content and the package whose row names it. */
+struct ImageSource {
+    std::string path;    /* the device path the row holds ("" when none) */
+    std::string package; /* the package id of the launcher entry the row is under */
+};
+
 class LauncherData {
 public:
     /* `now` gives the present time in seconds since the epoch. */
@@ -53,7 +60,16 @@ public:
     Answer Sections(int64_t entryId) const;
     Answer Tiles(int64_t sectionId) const;
 
+    /* The image path of tile `tileId` (tile_image_path) or the icon path of
+     * entry `entryId` (accelerator_icon), with the package that owns the row;
+     * false when the row is not there or the service does not answer. */
+    bool TileImage(int64_t tileId, ImageSource& source) const;
+    bool EntryIcon(int64_t entryId, ImageSource& source) const;
+
 private:
+    bool OneRow(const char* uri, const std::vector<std::string>& columns, const char* idColumn, int64_t id,
+                std::vector<std::string>& values) const;
+
     client::ContentClient m_client;
     std::function<int64_t()> m_now;
 };

@@ -1,10 +1,11 @@
 #include "PreviewServer.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
 
-#include "ImagePath.h"
 #include "Json.h"
 
 namespace tilvane {
@@ -17,6 +18,7 @@ const char kContentSecurityPolicy[] =
     "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 const char kJson[] = "application/json; charset=utf-8";
 const guint kKeepAliveSeconds = 15;
+const size_t kTokenBytes = 16;
 
 void SetCommonHeaders(SoupServerMessage* message)
 {
@@ -96,8 +98,39 @@ std::vector<std::string> PathWords(const std::string& path)
     return words;
 }
 
+std::string NewToken()
+{
+    unsigned char bytes[kTokenBytes];
+    size_t filled = 0;
+    while (filled < sizeof(bytes)) {
+        const ssize_t n = getrandom(bytes + filled, sizeof(bytes) - filled, 0);
+        if (n > 0) {
+            filled += static_cast<size_t>(n);
+        }
+    }
+    static const char kHex[] = "0123456789abcdef";
+    std::string token;
+    for (unsigned char byte : bytes) {
+        token += kHex[byte >> 4];
+        token += kHex[byte & 0x0f];
+    }
+    return token;
+}
+
+bool SameSecret(const std::string& given, const std::string& secret)
+{
+    unsigned char differ = given.size() == secret.size() ? 0 : 1;
+    for (size_t i = 0; i < secret.size(); ++i) {
+        differ |= static_cast<unsigned char>(secret[i] ^ (i < given.size() ? given[i] : 0));
+    }
+    return differ == 0 && !secret.empty();
+}
+
 PreviewServer::PreviewServer(Settings settings, const LauncherData& data) : m_settings(std::move(settings)), m_data(data)
 {
+    if (m_settings.token.empty()) {
+        m_settings.token = NewToken();
+    }
 }
 
 PreviewServer::~PreviewServer()
@@ -105,9 +138,11 @@ PreviewServer::~PreviewServer()
     if (m_keepAlive != 0) {
         g_source_remove(m_keepAlive);
     }
-    for (SoupServerMessage* stream : m_streams) {
-        g_signal_handlers_disconnect_by_data(stream, this);
-        g_object_unref(stream);
+    for (Stream& stream : m_streams) {
+        g_source_destroy(stream.peerWatch);
+        g_source_unref(stream.peerWatch);
+        g_signal_handlers_disconnect_by_data(stream.message, this);
+        g_object_unref(stream.message);
     }
     m_streams.clear();
     if (m_server != nullptr) {
@@ -144,16 +179,33 @@ bool PreviewServer::Start(std::string& error)
 
 std::string PreviewServer::Address() const
 {
-    return "http://127.0.0.1:" + std::to_string(m_port) + "/";
+    return "http://127.0.0.1:" + std::to_string(m_port) + "/" + m_settings.token + "/";
 }
 
 void PreviewServer::RequestCB(SoupServer* /*server*/, SoupServerMessage* message, const char* path,
-                              GHashTable* query, gpointer self)
+                              GHashTable* /*query*/, gpointer self)
 {
-    static_cast<PreviewServer*>(self)->Handle(message, path != nullptr ? path : "/", query);
+    static_cast<PreviewServer*>(self)->Handle(message, path != nullptr ? path : "/");
 }
 
-void PreviewServer::Handle(SoupServerMessage* message, const std::string& path, GHashTable* query)
+bool PreviewServer::StripSecret(SoupServerMessage* message, const std::string& path, std::string& rest)
+{
+    const size_t end = path.find('/', 1);
+    const std::string first = path.substr(1, end == std::string::npos ? std::string::npos : end - 1);
+    if (!SameSecret(first, m_settings.token)) {
+        RespondError(message, SOUP_STATUS_FORBIDDEN,
+                     "the preview answers only under the secret address it printed when it started");
+        return false;
+    }
+    if (end == std::string::npos) {
+        soup_server_message_set_redirect(message, SOUP_STATUS_FOUND, ("/" + m_settings.token + "/").c_str());
+        return false;
+    }
+    rest = path.substr(end);
+    return true;
+}
+
+void PreviewServer::Handle(SoupServerMessage* message, const std::string& path)
 {
     SetCommonHeaders(message);
     GSocketAddress* peer = soup_server_message_get_remote_address(message);
@@ -173,32 +225,41 @@ void PreviewServer::Handle(SoupServerMessage* message, const std::string& path, 
         RespondError(message, SOUP_STATUS_METHOD_NOT_ALLOWED, "the preview only reads");
         return;
     }
-    if (path == "/" || path == "/index.html") {
+    std::string rest;
+    if (!StripSecret(message, path, rest)) {
+        return;
+    }
+    if (rest == "/" || rest == "/index.html") {
         ServeWebFile(message, "index.html", "text/html; charset=utf-8");
-    } else if (path == "/preview.js") {
+    } else if (rest == "/preview.js") {
         ServeWebFile(message, "preview.js", "text/javascript; charset=utf-8");
-    } else if (path == "/preview.css") {
+    } else if (rest == "/preview.css") {
         ServeWebFile(message, "preview.css", "text/css; charset=utf-8");
-    } else if (path.rfind("/api/", 0) == 0) {
-        HandleApi(message, path, query);
+    } else if (rest.rfind("/api/", 0) == 0) {
+        HandleApi(message, rest);
     } else {
         RespondError(message, SOUP_STATUS_NOT_FOUND, "no such page");
     }
 }
 
-void PreviewServer::HandleApi(SoupServerMessage* message, const std::string& path, GHashTable* query)
+void PreviewServer::HandleApi(SoupServerMessage* message, const std::string& path)
 {
     const std::vector<std::string> words = PathWords(path);
     int64_t id = 0;
+    const bool withId = words.size() == 4 && ParseId(words[2], id);
+    ImageSource source;
     Answer answer;
     if (words.size() == 2 && words[1] == "entries") {
         answer = m_data.Entries();
-    } else if (words.size() == 4 && words[1] == "entries" && words[3] == "sections" && ParseId(words[2], id)) {
+    } else if (withId && words[1] == "entries" && words[3] == "sections") {
         answer = m_data.Sections(id);
-    } else if (words.size() == 4 && words[1] == "sections" && words[3] == "tiles" && ParseId(words[2], id)) {
+    } else if (withId && words[1] == "sections" && words[3] == "tiles") {
         answer = m_data.Tiles(id);
-    } else if (words.size() == 2 && words[1] == "image") {
-        ServeImage(message, query);
+    } else if (withId && words[1] == "entries" && words[3] == "icon") {
+        ServeImage(message, m_data.EntryIcon(id, source), source);
+        return;
+    } else if (withId && words[1] == "tiles" && words[3] == "image") {
+        ServeImage(message, m_data.TileImage(id, source), source);
         return;
     } else if (words.size() == 2 && words[1] == "events") {
         OpenStream(message);
@@ -223,67 +284,154 @@ void PreviewServer::ServeWebFile(SoupServerMessage* message, const std::string& 
     soup_server_message_set_response(message, contentType, SOUP_MEMORY_TAKE, contents, length);
 }
 
-void PreviewServer::ServeImage(SoupServerMessage* message, GHashTable* query)
+void PreviewServer::ServeImage(SoupServerMessage* message, bool found, const ImageSource& source)
 {
-    const char* requested = query != nullptr ? static_cast<const char*>(g_hash_table_lookup(query, "path")) : nullptr;
-    ImageFile image = ResolveImagePath(m_settings.platformRoot, requested != nullptr ? requested : "");
-    if (image.lookup == ImageLookup::Refused) {
-        RespondError(message, SOUP_STATUS_FORBIDDEN, image.reason);
+    if (!found || source.path.empty()) {
+        RespondError(message, SOUP_STATUS_NOT_FOUND, found ? "the row names no image file" : "no such row");
         return;
     }
-    gchar* contents = nullptr;
-    gsize length = 0;
-    if (image.lookup == ImageLookup::NotFound ||
-        !g_file_get_contents(image.file.c_str(), &contents, &length, nullptr)) {
-        RespondError(message, SOUP_STATUS_NOT_FOUND, image.reason.empty() ? "cannot read the image" : image.reason);
+    ImageReader reader;
+    std::string why;
+    if (m_settings.readerOf && !m_settings.readerOf(source.package, reader, why)) {
+        RespondError(message, SOUP_STATUS_FORBIDDEN, why);
+        return;
+    }
+    ImageFile image = ReadImage(m_settings.imagesDir, source.path, reader);
+    if (image.lookup != ImageLookup::Found) {
+        RespondError(message, image.lookup == ImageLookup::Refused ? SOUP_STATUS_FORBIDDEN : SOUP_STATUS_NOT_FOUND,
+                     image.reason);
         return;
     }
     // An image opened on its own (an SVG above all) runs in a sandbox.
     soup_message_headers_replace(soup_server_message_get_response_headers(message), "Content-Security-Policy",
                                  "default-src 'none'; style-src 'unsafe-inline'; sandbox");
     soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
-    soup_server_message_set_response(message, image.contentType.c_str(), SOUP_MEMORY_TAKE, contents, length);
+    soup_server_message_set_response(message, image.contentType.c_str(), SOUP_MEMORY_COPY, image.data.data(),
+                                     image.data.size());
 }
 
 void PreviewServer::OpenStream(SoupServerMessage* message)
 {
+    GSocket* socket = soup_server_message_get_socket(message);
+    if (m_streams.size() >= m_settings.maxStreams || socket == nullptr) {
+        RespondError(message, SOUP_STATUS_SERVICE_UNAVAILABLE,
+                     "the preview follows at most " + std::to_string(m_settings.maxStreams) + " pages at once");
+        return;
+    }
     SoupMessageHeaders* headers = soup_server_message_get_response_headers(message);
     soup_message_headers_set_encoding(headers, SOUP_ENCODING_CHUNKED);
     soup_message_headers_set_content_type(headers, "text/event-stream", nullptr);
+    soup_message_headers_replace(headers, "Connection", "close");
     soup_message_body_set_accumulate(soup_server_message_get_response_body(message), FALSE);
     soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
     g_signal_connect(message, "finished", G_CALLBACK(StreamFinishedCB), this);
-    m_streams.push_back(static_cast<SoupServerMessage*>(g_object_ref(message)));
+    g_signal_connect(message, "wrote-body-data", G_CALLBACK(StreamWroteCB), this);
+    /* A peer of an event stream sends nothing more: readable means it closed
+     * (or misbehaves), and the stream ends at once. */
+    GSource* watch = g_socket_create_source(socket, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), nullptr);
+    g_source_set_callback(watch, reinterpret_cast<GSourceFunc>(reinterpret_cast<void (*)()>(PeerActivityCB)), this,
+                          nullptr);
+    g_source_attach(watch, nullptr);
+    m_streams.push_back(Stream{static_cast<SoupServerMessage*>(g_object_ref(message)), watch, 0});
     std::fprintf(stderr, "tilvane-preview: a page follows the changes (%zu open)\n", m_streams.size());
     JsonWriter json;
     json.BeginObject().Key("streams").Integer(static_cast<int64_t>(m_streams.size())).EndObject();
-    Send(message, "retry: 1000\nevent: hello\ndata: " + json.Text() + "\n\n");
+    Send(m_streams.back(), "retry: 1000\nevent: hello\ndata: " + json.Text() + "\n\n");
 }
 
-void PreviewServer::Send(SoupServerMessage* message, const std::string& text)
+PreviewServer::Stream* PreviewServer::FindStream(SoupServerMessage* message)
 {
-    soup_message_body_append(soup_server_message_get_response_body(message), SOUP_MEMORY_COPY, text.data(),
+    auto it = std::find_if(m_streams.begin(), m_streams.end(),
+                           [message](const Stream& stream) { return stream.message == message; });
+    return it == m_streams.end() ? nullptr : &*it;
+}
+
+void PreviewServer::Send(Stream& stream, const std::string& text)
+{
+    if (stream.queued + text.size() > m_settings.maxQueuedBytes) {
+        EndStream(stream.message, "it does not read");
+        return;
+    }
+    stream.queued += text.size();
+    soup_message_body_append(soup_server_message_get_response_body(stream.message), SOUP_MEMORY_COPY, text.data(),
                              text.size());
+    soup_server_message_unpause(stream.message);
+}
+
+/* Shuts the connection down (a peer that does not read would never take
+ * the end of the response) and ends the response; libsoup then fails to
+ * write, closes the connection and says "finished", which releases the
+ * stream. */
+void PreviewServer::EndStream(SoupServerMessage* message, const char* why)
+{
+    Stream* stream = FindStream(message);
+    if (stream == nullptr || stream->peerWatch == nullptr) {
+        return;
+    }
+    std::fprintf(stderr, "tilvane-preview: a page's stream ends: %s\n", why);
+    g_source_destroy(stream->peerWatch);
+    g_source_unref(stream->peerWatch);
+    stream->peerWatch = nullptr;
+    GSocket* socket = soup_server_message_get_socket(message);
+    if (socket != nullptr) {
+        g_socket_shutdown(socket, TRUE, TRUE, nullptr);
+    }
+    soup_message_body_complete(soup_server_message_get_response_body(message));
     soup_server_message_unpause(message);
+}
+
+gboolean PreviewServer::PeerActivityCB(GSocket* socket, GIOCondition /*condition*/, gpointer self)
+{
+    PreviewServer* server = static_cast<PreviewServer*>(self);
+    for (Stream& stream : server->m_streams) {
+        if (soup_server_message_get_socket(stream.message) == socket && stream.peerWatch != nullptr) {
+            /* The source is destroyed by EndStream; its callback must not
+             * run again meanwhile. */
+            server->EndStream(stream.message, "its page went away");
+            break;
+        }
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void PreviewServer::StreamWroteCB(SoupServerMessage* message, guint size, gpointer self)
+{
+    Stream* stream = static_cast<PreviewServer*>(self)->FindStream(message);
+    if (stream != nullptr) {
+        stream->queued -= std::min<size_t>(stream->queued, size);
+    }
 }
 
 void PreviewServer::StreamFinishedCB(SoupServerMessage* message, gpointer self)
 {
     PreviewServer* server = static_cast<PreviewServer*>(self);
-    auto it = std::find(server->m_streams.begin(), server->m_streams.end(), message);
-    if (it != server->m_streams.end()) {
-        server->m_streams.erase(it);
-        g_signal_handlers_disconnect_by_data(message, self);
-        g_object_unref(message);
-        std::fprintf(stderr, "tilvane-preview: a page went away (%zu open)\n", server->m_streams.size());
+    auto it = std::find_if(server->m_streams.begin(), server->m_streams.end(),
+                           [message](const Stream& stream) { return stream.message == message; });
+    if (it == server->m_streams.end()) {
+        return;
     }
+    if (it->peerWatch != nullptr) {
+        g_source_destroy(it->peerWatch);
+        g_source_unref(it->peerWatch);
+    }
+    server->m_streams.erase(it);
+    g_signal_handlers_disconnect_by_data(message, self);
+    g_object_unref(message);
+    std::fprintf(stderr, "tilvane-preview: a page went away (%zu open)\n", server->m_streams.size());
 }
 
 gboolean PreviewServer::KeepAliveCB(gpointer self)
 {
     PreviewServer* server = static_cast<PreviewServer*>(self);
-    for (SoupServerMessage* stream : std::vector<SoupServerMessage*>(server->m_streams)) {
-        server->Send(stream, ": still here\n\n");
+    std::vector<SoupServerMessage*> messages;
+    for (const Stream& stream : server->m_streams) {
+        messages.push_back(stream.message);
+    }
+    for (SoupServerMessage* message : messages) {
+        Stream* stream = server->FindStream(message);
+        if (stream != nullptr && stream->peerWatch != nullptr) {
+            server->Send(*stream, ": still here\n\n");
+        }
     }
     return G_SOURCE_CONTINUE;
 }
@@ -291,8 +439,15 @@ gboolean PreviewServer::KeepAliveCB(gpointer self)
 void PreviewServer::Broadcast(const std::string& event, const std::string& json)
 {
     const std::string text = "event: " + event + "\ndata: " + json + "\n\n";
-    for (SoupServerMessage* stream : std::vector<SoupServerMessage*>(m_streams)) {
-        Send(stream, text);
+    std::vector<SoupServerMessage*> messages;
+    for (const Stream& stream : m_streams) {
+        messages.push_back(stream.message);
+    }
+    for (SoupServerMessage* message : messages) {
+        Stream* stream = FindStream(message);
+        if (stream != nullptr && stream->peerWatch != nullptr) {
+            Send(*stream, text);
+        }
     }
 }
 

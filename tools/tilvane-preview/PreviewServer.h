@@ -1,17 +1,27 @@
 /*
  * The preview's web server, on libsoup and the GLib main loop of the thread
- * that starts it. It listens on the loopback address only and answers a peer
+ * that starts it. It listens on the loopback address only, answers a peer
  * only when its address is a loopback one and the request names this server
- * as its host.
+ * as its host, and only under a secret path of its own: every page, API
+ * answer, event stream and image is under /<token>/, the token being a
+ * secret made at each start and printed in the address (so that no other
+ * local user, nor a page of another site, can read what the preview shows).
  *
- *   GET /                           the page (index.html of the web folder)
- *   GET /preview.js, /preview.css   its script and style
- *   GET /api/entries                launcher entries
- *   GET /api/entries/ID/sections    sections of an entry
- *   GET /api/sections/ID/tiles      tiles of a section
- *   GET /api/image?path=PATH        an image file under the platform root
- *   GET /api/events                 Server-Sent Events: "change" for each
- *                                   preview event, "hello" when connected
+ *   GET /<token>/                           the page (index.html of the web folder)
+ *   GET /<token>/preview.js, preview.css    its script and style
+ *   GET /<token>/api/entries                launcher entries
+ *   GET /<token>/api/entries/ID/sections    sections of an entry
+ *   GET /<token>/api/entries/ID/icon        the entry's icon file
+ *   GET /<token>/api/sections/ID/tiles      tiles of a section
+ *   GET /<token>/api/tiles/ID/image         the tile's image file
+ *   GET /<token>/api/events                 Server-Sent Events: "change" for
+ *                                           each preview event, "hello" when
+ *                                           connected
+ *
+ * Images are read as ImagePath.h says, with the reader that the settings give
+ * for the package that owns the row. An event stream ends, and everything it
+ * held is released, as soon as its peer closes (or sends anything) and when
+ * its peer stops reading; at most `maxStreams` are open at once.
  *
  * Every answer carries a Content-Security-Policy that allows scripts and
  * styles of this server only (no inline script), and "nosniff".
@@ -22,9 +32,11 @@
 #include <gio/gio.h>
 #include <libsoup/soup.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "ImagePath.h"
 #include "LauncherData.h"
 
 namespace tilvane {
@@ -40,12 +52,26 @@ bool IsOwnHost(const std::string& host, unsigned port);
 /* Splits an API path ("/api/entries/12/sections") into its words. */
 std::vector<std::string> PathWords(const std::string& path);
 
+/* A new secret for the address: 32 hex digits from the system's random source. */
+std::string NewToken();
+
+/* Compares a secret without telling, by the time it takes, how much matched. */
+bool SameSecret(const std::string& given, const std::string& secret);
+
 class PreviewServer {
 public:
+    /* Who may read the images of `package`: filled and true, or false with
+     * the reason it may not be served. */
+    using ReaderOf = std::function<bool(const std::string& package, ImageReader& reader, std::string& why)>;
+
     struct Settings {
         unsigned port = 8470;     /* 0: any free port */
         std::string webDir;       /* index.html, preview.js, preview.css */
-        std::string platformRoot; /* images are served from under it */
+        std::string imagesDir;    /* <platform root>/opt/usr/apps */
+        std::string token;        /* the secret path; NewToken() when empty */
+        size_t maxStreams = 64;   /* event streams open at once */
+        size_t maxQueuedBytes = 1024 * 1024; /* event bytes a stream's peer has not read yet */
+        ReaderOf readerOf;        /* the preview's own privileges when empty */
     };
 
     PreviewServer(Settings settings, const LauncherData& data);
@@ -55,7 +81,7 @@ public:
 
     /* Starts listening on 127.0.0.1; false with `error` filled when it cannot. */
     bool Start(std::string& error);
-    /* The page's address, "http://127.0.0.1:PORT/". */
+    /* The page's address, "http://127.0.0.1:PORT/<token>/". */
     std::string Address() const;
     unsigned Port() const { return m_port; }
 
@@ -64,23 +90,35 @@ public:
     size_t OpenStreams() const { return m_streams.size(); }
 
 private:
+    struct Stream {
+        SoupServerMessage* message;
+        GSource* peerWatch;
+        size_t queued; /* appended, not yet written to the socket */
+    };
+
     static void RequestCB(SoupServer* server, SoupServerMessage* message, const char* path, GHashTable* query,
                           gpointer self);
     static void StreamFinishedCB(SoupServerMessage* message, gpointer self);
+    static void StreamWroteCB(SoupServerMessage* message, guint size, gpointer self);
+    static gboolean PeerActivityCB(GSocket* socket, GIOCondition condition, gpointer self);
     static gboolean KeepAliveCB(gpointer self);
 
-    void Handle(SoupServerMessage* message, const std::string& path, GHashTable* query);
-    void HandleApi(SoupServerMessage* message, const std::string& path, GHashTable* query);
+    void Handle(SoupServerMessage* message, const std::string& path);
+    /* The path after the secret, or false (answered) when it is not there. */
+    bool StripSecret(SoupServerMessage* message, const std::string& path, std::string& rest);
+    void HandleApi(SoupServerMessage* message, const std::string& path);
     void ServeWebFile(SoupServerMessage* message, const std::string& name, const char* contentType);
-    void ServeImage(SoupServerMessage* message, GHashTable* query);
+    void ServeImage(SoupServerMessage* message, bool found, const ImageSource& source);
     void OpenStream(SoupServerMessage* message);
-    void Send(SoupServerMessage* message, const std::string& text);
+    void Send(Stream& stream, const std::string& text);
+    Stream* FindStream(SoupServerMessage* message);
+    void EndStream(SoupServerMessage* message, const char* why);
 
     Settings m_settings;
     const LauncherData& m_data;
     SoupServer* m_server = nullptr;
     unsigned m_port = 0;
-    std::vector<SoupServerMessage*> m_streams;
+    std::vector<Stream> m_streams;
     guint m_keepAlive = 0;
 };
 

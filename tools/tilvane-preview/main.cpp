@@ -2,14 +2,21 @@
  * tilvane-preview: the launcher as the home screen shows it, in a browser.
  *
  *   tilvane-preview [--port N] [--app-id ID] [--service ID] [--event-port NAME] [--web-dir DIR]
+ *                   [--allow-verified-mode]
  *
  * Runs as a platform application with the internal read level (by default the
  * content service's id), reads the launcher content through the client
  * library, subscribes to preview events and serves one page on 127.0.0.1 that
- * follows every change as it happens.
+ * follows every change as it happens, under a secret address made at each
+ * start (PreviewServer.h). It is a development tool: it shows every package's
+ * content, so where identities are verified (a device) it starts only when a
+ * platform user asks for it explicitly, and reads each image with the
+ * privileges of the package that owns it.
  */
 #include <glib-unix.h>
 #include <glib.h>
+#include <host_control.h>
+#include <pwd.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -38,6 +45,7 @@ struct Options {
     std::string service;
     std::string eventPort = kDefaultEventPort;
     std::string webDir;
+    bool allowVerifiedMode = false;
 };
 
 void PrintUsage()
@@ -55,9 +63,16 @@ void PrintUsage()
         "                      else %s)\n"
         "  --event-port NAME   the local message port for preview events (default %s)\n"
         "  --web-dir DIR       the folder of index.html, preview.js and preview.css\n"
+        "  --allow-verified-mode\n"
+        "                      start where identities are verified (a device): the preview\n"
+        "                      shows every package's content, so it starts there only when a\n"
+        "                      platform user asks for it with this option\n"
         "  --help              show this text\n"
         "\n"
-        "Environment: TILVANE_PLATFORM_ROOT (images are served from under it),\n"
+        "The address it prints holds a secret made at this start; every page, API answer,\n"
+        "event stream and image is served under it only.\n"
+        "\n"
+        "Environment: TILVANE_PLATFORM_ROOT (images from <root>/opt/usr/apps),\n"
         "DBUS_SESSION_BUS_ADDRESS, TILVANE_LOG_LEVEL (default W here).\n",
         kDefaultPort, kDefaultAppId, kDefaultServiceAppId, kDefaultEventPort);
 }
@@ -78,6 +93,10 @@ int ParseOptions(int argc, char** argv, Options& options)
         if (word == "--help") {
             PrintUsage();
             return 0;
+        }
+        if (word == "--allow-verified-mode") {
+            options.allowVerifiedMode = true;
+            continue;
         }
         if (!hasValue) {
             std::fprintf(stderr, "tilvane-preview: unknown or incomplete option '%s' (see --help)\n", word.c_str());
@@ -180,6 +199,54 @@ std::string EventJson(const tilvane::preview::EventEntries& entries, int64_t seq
     return json.Text();
 }
 
+/* Where identities are verified, the preview runs only as a platform user
+ * and only when asked for explicitly; 0 to go on, else the exit code. */
+int CheckIdentityMode(const Options& options)
+{
+    if (!tilvane::host::IdentitiesVerified()) {
+        return 0;
+    }
+    if (!tilvane::host::CountsAsPlatform()) {
+        std::fprintf(stderr,
+                     "tilvane-preview: identities are verified here and this user (%u) is not a platform user: the "
+                     "preview shows every package's content, so only a platform user may run it\n",
+                     static_cast<unsigned>(geteuid()));
+        return 1;
+    }
+    if (!options.allowVerifiedMode) {
+        std::fprintf(stderr,
+                     "tilvane-preview: identities are verified here (a device, not a workstation): the preview "
+                     "shows every package's content, so it starts only when asked for with --allow-verified-mode\n");
+        return 1;
+    }
+    return 0;
+}
+
+/* In the verified mode an image is read as the user of the package that
+ * owns it, or not at all. */
+bool PackageReader(const std::string& package, tilvane::preview::ImageReader& reader, std::string& why)
+{
+    for (const tilvane::host::RegisteredPackage& installed : tilvane::host::ListPackages()) {
+        if (installed.packageId != package || installed.userId < 0) {
+            continue;
+        }
+        struct passwd entry;
+        struct passwd* found = nullptr;
+        char buffer[4096];
+        if (getpwuid_r(static_cast<uid_t>(installed.userId), &entry, buffer, sizeof buffer, &found) != 0 ||
+            found == nullptr) {
+            break;
+        }
+        reader.asPackage = true;
+        reader.uid = found->pw_uid;
+        reader.gid = found->pw_gid;
+        return true;
+    }
+    why = "images are read with the privileges of the package that owns them, and '" + package +
+          "' is no installed package with a user";
+    return false;
+}
+
 gboolean OnStopSignalCB(gpointer loop)
 {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
@@ -199,12 +266,19 @@ int main(int argc, char** argv)
     // The host platform takes the process's application id from here.
     setenv("TILVANE_APP_ID", options.appId.c_str(), 1);
     signal(SIGPIPE, SIG_IGN);
+    const int refused = CheckIdentityMode(options);
+    if (refused != 0) {
+        return refused;
+    }
 
     tilvane::preview::LauncherData data(NowSeconds);
     tilvane::preview::PreviewServer::Settings settings;
     settings.port = options.port;
     settings.webDir = FindWebDir(options.webDir);
-    settings.platformRoot = PlatformRoot();
+    settings.imagesDir = PlatformRoot() + tilvane::preview::kImagesDevicePath;
+    if (tilvane::host::IdentitiesVerified()) {
+        settings.readerOf = PackageReader;
+    }
     if (!HasPage(settings.webDir)) {
         std::fprintf(stderr, "tilvane-preview: no index.html in %s (choose the folder with --web-dir)\n",
                      settings.webDir.c_str());
@@ -227,8 +301,9 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    std::fprintf(stderr, "tilvane-preview: reading as %s, page files from %s, images from under %s\n",
-                 options.appId.c_str(), settings.webDir.c_str(), settings.platformRoot.c_str());
+    std::fprintf(stderr, "tilvane-preview: reading as %s, page files from %s, images from %s%s\n",
+                 options.appId.c_str(), settings.webDir.c_str(), settings.imagesDir.c_str(),
+                 settings.readerOf ? " as the package that owns each" : "");
     std::printf("tilvane-preview: %s\n", server.Address().c_str());
     std::fflush(stdout);
 

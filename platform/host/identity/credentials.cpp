@@ -310,6 +310,11 @@ bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, st
 
 }  // namespace identity
 
+bool IdentitiesVerified()
+{
+    return identity::CurrentMode() == identity::Mode::Verified;
+}
+
 bool CountsAsPlatform()
 {
     return identity::CurrentMode() == identity::Mode::Development || identity::IsPlatformUser(geteuid());

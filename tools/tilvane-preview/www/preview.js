@@ -30,8 +30,11 @@ async function getJson(path) {
   return body;
 }
 
-function imageSource(path, url) {
-  if (path) return "/api/image?path=" + encodeURIComponent(path);
+// Every address of the preview is relative to the page's own, whose path
+// holds the secret the preview printed. A file the row names is asked for by
+// the row, so that the preview reads it as the package that owns the row.
+function imageSource(rowImage, path, url) {
+  if (path) return rowImage;
   if (url && /^https?:\/\//i.test(url)) return url;
   return null;
 }
@@ -70,13 +73,13 @@ function shownTiles(section) {
 async function loadEverything() {
   const navigation = state.navigation;
   const wanted = state.entries[state.entryIndex];
-  const entries = (await getJson("/api/entries")).entries;
+  const entries = (await getJson("api/entries")).entries;
   let entryIndex = wanted ? entries.findIndex((entry) => entry._id === wanted._id) : -1;
   if (entryIndex < 0) entryIndex = Math.min(state.entryIndex, Math.max(entries.length - 1, 0));
   let sections = [];
   if (entries.length > 0) {
-    sections = (await getJson("/api/entries/" + entries[entryIndex]._id + "/sections")).sections;
-    const tiles = await Promise.all(sections.map((section) => getJson("/api/sections/" + section._id + "/tiles")));
+    sections = (await getJson("api/entries/" + entries[entryIndex]._id + "/sections")).sections;
+    const tiles = await Promise.all(sections.map((section) => getJson("api/sections/" + section._id + "/tiles")));
     sections.forEach((section, index) => { section.tiles = tiles[index].tiles; });
   }
   // The user went to another entry meanwhile: the load that move asked for follows.
@@ -244,7 +247,7 @@ function renderEntry(entry, index) {
   node.dataset.package = entry.accelerator_app_pkg_name || "";
   const title = entryTitle(entry);
   const icon = entry.accelerator_icon || "";
-  node.append(imageOrPlaceholder(imageSource(icon.startsWith("/") ? icon : null, icon), "entry-icon",
+  node.append(imageOrPlaceholder(imageSource("api/entries/" + entry._id + "/icon", icon.startsWith("/") ? icon : null, icon), "entry-icon",
     title.charAt(0).toUpperCase()));
   node.append(element("span", "entry-title", title));
   if (!entry.enabled) {
@@ -273,7 +276,7 @@ function renderTile(tile, sectionIndex, tileIndex) {
   const frame = element("div", "tile-image");
   frame.style.aspectRatio = aspectRatio(tile.tile_image_ratio);
   frame.dataset.ratio = tile.tile_image_ratio || "";
-  frame.append(imageOrPlaceholder(imageSource(tile.tile_image_path, tile.tile_image_url), "tile-picture", title));
+  frame.append(imageOrPlaceholder(imageSource("api/tiles/" + tile._id + "/image", tile.tile_image_path, tile.tile_image_url), "tile-picture", title));
   node.append(frame);
 
   const progress = Number(tile.tile_progress) || 0;
@@ -346,7 +349,7 @@ function describeChange(change) {
 
 function listen() {
   const live = document.getElementById("live");
-  const source = new EventSource("/api/events");
+  const source = new EventSource("api/events");
   source.addEventListener("hello", () => {
     live.className = "live-on";
     live.textContent = "live";
