@@ -7,7 +7,7 @@ PACKAGES=(
     g++ cmake ninja-build pkg-config
     libsqlite3-dev libglib2.0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    dbus-daemon dbus-bin util-linux
+    dbus-daemon dbus-bin util-linux sqlite3 curl
     bsdutils python3
     libsoup-3.0-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core

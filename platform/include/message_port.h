@@ -28,6 +28,9 @@ typedef enum {
     MESSAGE_PORT_ERROR_CERTIFICATE_NOT_MATCH = -0x01130000 | 0x02,
     MESSAGE_PORT_ERROR_MAX_EXCEEDED = -0x01130000 | 0x03,
     MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE = -0x01130000 | 0x04,
+    /* The bus's policy refuses the application's (or the port's) name to
+     * this process's user. */
+    MESSAGE_PORT_ERROR_PERMISSION_DENIED = -EACCES,
 } message_port_error_e;
 
 /* Called for each message that arrives on a local port. `remote_port` is the

@@ -9,7 +9,6 @@
  */
 #include <gtest/gtest.h>
 
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,7 +26,6 @@
 #include "TestProcess.h"
 #include "TestSupport.h"
 
-using tilvane::test::AsUser;
 using tilvane::test::CanSwitchUsers;
 using tilvane::test::MultiUserBus;
 using tilvane::test::Process;
@@ -42,13 +40,8 @@ const char kProvider[] = "content://com.quillon.px.tiles";
 constexpr int kRoot = 0;
 /* The applications' users must exist: the bus daemon looks up each
  * connection's groups and drops a connection whose user it cannot find. */
-int UserId(const char* name)
-{
-    struct passwd* entry = getpwnam(name);
-    return entry != nullptr ? static_cast<int>(entry->pw_uid) : -1;
-}
-const int kNewsUser = UserId("daemon");
-const int kSportsUser = UserId("nobody");
+const int kNewsUser = tilvane::test::UserIdOf("daemon");
+const int kSportsUser = tilvane::test::UserIdOf("nobody");
 const std::string kNews = std::to_string(kNewsUser);
 const std::string kSports = std::to_string(kSportsUser);
 const char kNewsApp[] = "org.example.news.ui";
@@ -76,13 +69,9 @@ void WriteIdentityConfig(const std::string& root, const std::string& mode)
 Outcome RunProgram(const TempDir& logs, const std::string& root, int uid, const std::vector<std::string>& argv,
                    const std::string& appId)
 {
-    static int runs = 0;
-    const std::string name = "run-" + std::to_string(++runs);
-    Process process(uid >= 0 ? AsUser(static_cast<unsigned>(uid), argv) : argv,
-                    {"TILVANE_PLATFORM_ROOT=" + root, "TILVANE_APP_ID=" + appId, "TILVANE_LOG_LEVEL=W"},
-                    logs.File(name + ".out"), logs.File(name + ".err"));
-    const int status = process.Wait(30000);
-    return {status, process.Out(), process.Err()};
+    const tilvane::test::RunResult run = tilvane::test::RunAs(
+        logs, uid, argv, {"TILVANE_PLATFORM_ROOT=" + root, "TILVANE_APP_ID=" + appId, "TILVANE_LOG_LEVEL=W"});
+    return {run.status, run.out, run.err};
 }
 
 std::string Manifest(const std::string& packageId, const std::string& appId, int uid)
@@ -387,6 +376,39 @@ TEST_F(IdentityTest, PowerOffAndResetKeyFromAnApplicationUserClearNothing)
     }
     EXPECT_EQ(Count("SELECT COUNT(*) FROM tiles"), 0) << ServiceLog();
     EXPECT_EQ(Count(hubSections), 0);
+}
+
+TEST_F(IdentityTest, TheToolExitsOneWithTheReasonWhenTheServiceRefusesItsMessage)
+{
+    StartService();
+    PublishContent(kNewsUser, kNewsApp, "news");
+    /* An application's user running the tool with its default id, the
+     * platform's "tilvanectl": the service refuses, and the tool says why. */
+    Outcome trigger = RunProgram(m_logs, m_root.Path(), kNewsUser, {TILVANECTL_BINARY, "events", "trigger",
+                                                                    "--timeout", "3"}, "tilvanectl");
+    EXPECT_EQ(trigger.status, 1) << trigger.err;
+    EXPECT_NE(trigger.err.find("refused the message: org.tilvane.MessagePort.Error.NotAuthorized: the sender may not "
+                               "act as application tilvanectl"),
+              std::string::npos)
+        << trigger.err;
+    EXPECT_NE(trigger.err.find("this tool runs as application 'tilvanectl' and user " + kNews), std::string::npos)
+        << trigger.err;
+    /* An id that no package has. */
+    Outcome hidden = Ctl(kSportsUser, "org.example.ghost", {"launcher", "hidden", "org.example.news"});
+    EXPECT_EQ(hidden.status, 1) << hidden.err;
+    EXPECT_NE(hidden.err.find("NotAuthorized: application org.example.ghost is bound to no user"), std::string::npos)
+        << hidden.err;
+    /* The platform user with the same default id is the platform. */
+    Outcome platform = Ctl(kRoot, "tilvanectl", {"launcher", "hidden", "org.example.news"});
+    EXPECT_EQ(platform.status, 0) << platform.err;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (Count("SELECT accelerator_enabled FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.news'") !=
+               0 &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(Count("SELECT accelerator_enabled FROM accelerators WHERE accelerator_app_pkg_name = 'org.example.news'"),
+              0);
 }
 
 TEST_F(IdentityTest, DevelopmentModeSaysSoAtStartAndBelievesEveryClaim)

@@ -1,11 +1,14 @@
 #include "MultiUserBus.h"
 
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+
+#include "TestProcess.h"
 
 namespace tilvane {
 namespace test {
@@ -63,6 +66,23 @@ std::vector<std::string> AsUser(unsigned uid, const std::vector<std::string>& ar
                                         "--regid=" + std::to_string(uid), "--clear-groups"};
     command.insert(command.end(), argv.begin(), argv.end());
     return command;
+}
+
+int UserIdOf(const char* name)
+{
+    struct passwd* entry = getpwnam(name);
+    return entry != nullptr ? static_cast<int>(entry->pw_uid) : -1;
+}
+
+RunResult RunAs(const TempDir& logs, int uid, const std::vector<std::string>& argv,
+                const std::vector<std::string>& environment)
+{
+    static int runs = 0;
+    const std::string name = "run-" + std::to_string(++runs);
+    Process process(uid >= 0 ? AsUser(static_cast<unsigned>(uid), argv) : argv, environment,
+                    logs.File(name + ".out"), logs.File(name + ".err"));
+    const int status = process.Wait(30000);
+    return {status, process.Out(), process.Err()};
 }
 
 }  // namespace test

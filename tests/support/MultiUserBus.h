@@ -40,6 +40,20 @@ bool CanSwitchUsers();
  * groups), through setpriv. */
 std::vector<std::string> AsUser(unsigned uid, const std::vector<std::string>& argv);
 
+/* The user of an account name, -1 when there is none. */
+int UserIdOf(const char* name);
+
+struct RunResult {
+    int status; /* the exit code, -1 when it did not end within 30 s */
+    std::string out;
+    std::string err;
+};
+
+/* Runs `argv` with `environment` added (as `uid`, or as this process's user
+ * when uid < 0), its output kept in files of `logs`, and waits for it. */
+RunResult RunAs(const TempDir& logs, int uid, const std::vector<std::string>& argv,
+                const std::vector<std::string>& environment);
+
 }  // namespace test
 }  // namespace tilvane
 

@@ -102,6 +102,7 @@ public:
     }
 
     void Signal(int signal) const { kill(m_pid, signal); }
+    pid_t Pid() const { return m_pid; }
 
     /* The exit code (128 + signal when killed), or -1 when it did not end in time. */
     int Wait(int timeoutMs, bool iterate = false)

@@ -46,6 +46,7 @@ struct Options {
     std::string eventPort = kDefaultEventPort;
     std::string webDir;
     bool allowVerifiedMode = false;
+    unsigned maxStreams = 64;
 };
 
 void PrintUsage()
@@ -63,6 +64,7 @@ void PrintUsage()
         "                      else %s)\n"
         "  --event-port NAME   the local message port for preview events (default %s)\n"
         "  --web-dir DIR       the folder of index.html, preview.js and preview.css\n"
+        "  --max-streams N     the most pages that follow the changes at once (default 64)\n"
         "  --allow-verified-mode\n"
         "                      start where identities are verified (a device): the preview\n"
         "                      shows every package's content, so it starts there only when a\n"
@@ -111,6 +113,14 @@ int ParseOptions(int argc, char** argv, Options& options)
                 return 2;
             }
             options.port = static_cast<unsigned>(port);
+        } else if (word == "--max-streams") {
+            char* end = nullptr;
+            long count = std::strtol(value.c_str(), &end, 10);
+            if (*end != '\0' || count < 1 || count > 100000) {
+                std::fprintf(stderr, "tilvane-preview: --max-streams takes a number from 1 to 100000\n");
+                return 2;
+            }
+            options.maxStreams = static_cast<unsigned>(count);
         } else if (word == "--app-id") {
             options.appId = value;
         } else if (word == "--service") {
@@ -276,6 +286,7 @@ int main(int argc, char** argv)
     settings.port = options.port;
     settings.webDir = FindWebDir(options.webDir);
     settings.imagesDir = PlatformRoot() + tilvane::preview::kImagesDevicePath;
+    settings.maxStreams = options.maxStreams;
     if (tilvane::host::IdentitiesVerified()) {
         settings.readerOf = PackageReader;
     }

@@ -64,6 +64,8 @@ void ExplainSendFailure(const char* group, int result, const std::string& servic
     } else if (result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE) {
         std::fprintf(stderr, "tilvanectl %s: this application id already runs on the bus; choose another with --app-id\n",
                      group);
+    } else if (result == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
+        ExplainRefusedName(group);
     } else {
         std::fprintf(stderr, "tilvanectl %s: cannot send to '%s' port '%s' (error %d)\n", group, service.c_str(), port,
                      result);

@@ -24,6 +24,15 @@ std::string OwnAppId()
 
 }  // namespace
 
+void ExplainRefusedName(const char* group)
+{
+    std::fprintf(stderr,
+                 "tilvanectl %s: the bus refuses the name of application '%s' to this user (%u): an application's "
+                 "names belong to its package's user (the platform's ids to platform users); choose your "
+                 "application's id with --app-id\n",
+                 group, OwnAppId().c_str(), static_cast<unsigned>(geteuid()));
+}
+
 int ConfirmDelivery(const char* group, const std::string& service)
 {
     std::vector<std::string> refusals;

@@ -13,6 +13,10 @@
 
 namespace tilvanectl {
 
+/* One line on standard error: the bus refused this process the name of its
+ * application id (or of a port of it). */
+void ExplainRefusedName(const char* group);
+
 /* Waits for the answers to what was sent: EXIT_OK when the service took
  * every message; EXIT_FAILED after one line on standard error naming the
  * refusal, or saying that no answer came. */

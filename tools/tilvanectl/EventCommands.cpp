@@ -149,6 +149,8 @@ void ExplainRegistrationFailure(int result, const std::string& port)
                      "tilvanectl events: application id '%s' is already running on the bus; "
                      "choose another with --app-id\n",
                      OwnAppId().c_str());
+    } else if (result == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
+        ExplainRefusedName("events");
     } else if (result == MESSAGE_PORT_ERROR_IO_ERROR) {
         std::fprintf(stderr,
                      "tilvanectl events: cannot reach the message bus (DBUS_SESSION_BUS_ADDRESS); "

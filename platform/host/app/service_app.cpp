@@ -6,6 +6,7 @@
 #include "service_app.h"
 
 #include <glib-unix.h>
+#include <unistd.h>
 #include <glib.h>
 #include <signal.h>
 
@@ -373,6 +374,9 @@ bool StartUpPreconditionsHold(const char* program)
     if (result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE) {
         std::fprintf(stderr, "%s: cannot start: application %s already runs on the bus (%s is owned by another "
                      "process)\n", program, appId.c_str(), BusNameForAppId(appId).c_str());
+    } else if (result == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
+        std::fprintf(stderr, "%s: cannot start: the bus refuses the name of application %s to this user (%u)\n",
+                     program, appId.c_str(), static_cast<unsigned>(geteuid()));
     } else if (result == MESSAGE_PORT_ERROR_INVALID_PARAMETER) {
         std::fprintf(stderr, "%s: cannot start: application id \"%s\" cannot own a bus name\n", program,
                      appId.c_str());

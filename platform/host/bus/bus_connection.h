@@ -37,8 +37,9 @@ int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& 
 
 /* org.freedesktop.DBus.RequestName of `name` for `connection`, never queued
  * behind another owner unless `queue` (then Queued while another owns it).
- * `error` says why when Failed. */
-enum class NameRequest { Owned, OwnedByAnother, Queued, Failed };
+ * Denied: the bus's policy refuses the name to this connection's user.
+ * `error` says why when Denied or Failed. */
+enum class NameRequest { Owned, OwnedByAnother, Queued, Denied, Failed };
 NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error,
                            bool queue = false);
 

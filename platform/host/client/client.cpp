@@ -172,6 +172,11 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
     }
     int portResult = 0;
     GDBusConnectionPtr connection = host::SharedBusConnection(true, &portResult);
+    if (portResult == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
+        result.outcome = Outcome::NotAuthorized;
+        result.message = "the bus refuses this application's name to this process's user";
+        return nullptr;
+    }
     if (!connection) {
         result.outcome = Outcome::BusError;
         result.message = "the message bus cannot be used as this application (" + std::to_string(portResult) + ")";
@@ -370,7 +375,8 @@ std::string Describe(const Result& result)
     case Outcome::NotServed:
         return "not served: no provider answers this request";
     case Outcome::NotAuthorized:
-        return "not authorized: the bus did not confirm this application id";
+        return "not authorized: " +
+               (result.message.empty() ? std::string("the bus did not confirm this application id") : result.message);
     case Outcome::InvalidRequest:
         return "invalid request: " + result.message;
     case Outcome::BusError:

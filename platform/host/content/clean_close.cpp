@@ -12,6 +12,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "config/platform_files.h"
 #include "content/content_log.h"
 
 namespace tilvane {
@@ -106,18 +107,9 @@ void WriteCleanCloseRecord(const std::string& path)
         return;
     }
     LetTheClockPass(st);
-    const std::string temporary = RecordPath(path) + ".new";
-    {
-        std::ofstream out(temporary, std::ios::trunc);
-        out << Identity(st) << '\n';
-        if (!out) {
-            std::remove(temporary.c_str());
-            return;
-        }
-    }
-    if (std::rename(temporary.c_str(), RecordPath(path).c_str()) != 0) {
-        std::remove(temporary.c_str());
-    }
+    /* A file of the platform like the database beside it (platform_files.h). */
+    std::string error;
+    tilvane::host::files::WriteFile(RecordPath(path), Identity(st) + "\n", error);
 }
 
 bool OpenedAfterCleanClose(const std::string& path)

@@ -520,6 +520,11 @@ int OwnName(Bus& bus)
     }
     std::string error;
     const NameRequest owned = RequestBusName(bus.connection.get(), bus.busName, kCallTimeoutMs, error);
+    if (owned == NameRequest::Denied) {
+        PORT_LOGE("the bus refuses the name of application %s (%s) to this process's user: %s", bus.appId.c_str(),
+                  bus.busName.c_str(), error.c_str());
+        return MESSAGE_PORT_ERROR_PERMISSION_DENIED;
+    }
     if (owned == NameRequest::Failed) {
         PORT_LOGE("cannot request bus name %s: %s", bus.busName.c_str(), error.c_str());
         return MESSAGE_PORT_ERROR_IO_ERROR;
@@ -740,7 +745,10 @@ NameRequest RequestBusName(GDBusConnection* connection, const std::string& name,
                                                   failure.Out()));
     if (!reply) {
         error = failure.Message();
-        return NameRequest::Failed;
+        GCharPtr remote(g_dbus_error_get_remote_error(failure.Get()));
+        return remote && std::strcmp(remote.get(), "org.freedesktop.DBus.Error.AccessDenied") == 0
+                   ? NameRequest::Denied
+                   : NameRequest::Failed;
     }
     guint32 answer = 0;
     g_variant_get(reply.get(), "(u)", &answer);

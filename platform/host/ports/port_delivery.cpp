@@ -362,7 +362,7 @@ int QueueForPortName(GDBusConnection* connection, const std::string& appId, cons
 {
     std::string error;
     const NameRequest queued = RequestBusName(connection, name, kDaemonCallTimeoutMs, error, true);
-    if (queued == NameRequest::Failed) {
+    if (queued == NameRequest::Failed || queued == NameRequest::Denied) {
         DELIVERY_LOGE("cannot queue for the name of port %s of %s (%s): %s", port.c_str(), appId.c_str(),
                       name.c_str(), error.c_str());
         return MESSAGE_PORT_ERROR_IO_ERROR;
@@ -407,6 +407,11 @@ int ClaimPortName(GDBusConnection* connection, const std::string& appId, const s
     }
     std::string error;
     const NameRequest owned = RequestBusName(connection, name, kDaemonCallTimeoutMs, error);
+    if (owned == NameRequest::Denied) {
+        DELIVERY_LOGE("the bus refuses the name of port %s of %s (%s) to this process's user", port.c_str(),
+                      appId.c_str(), name.c_str());
+        return MESSAGE_PORT_ERROR_PERMISSION_DENIED;
+    }
     if (owned == NameRequest::Failed) {
         DELIVERY_LOGE("cannot announce port %s of %s (%s): %s", port.c_str(), appId.c_str(), name.c_str(),
                       error.c_str());

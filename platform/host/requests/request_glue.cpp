@@ -84,7 +84,7 @@ bool OwnName(const std::string& name)
     }
     std::string error;
     const NameRequest owned = RequestBusName(connection.get(), name, kBusCallTimeoutMs, error);
-    if (owned == NameRequest::Failed) {
+    if (owned == NameRequest::Failed || owned == NameRequest::Denied) {
         REQUEST_LOGE("cannot request bus name %s: %s", name.c_str(), error.c_str());
         return false;
     }
