@@ -1,6 +1,7 @@
 #include "MessageHelper.h"
 
 #include <app_info.h>
+#include <confinement_policy.h>
 #include <message_port.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -259,6 +260,22 @@ void CMessageHelper::TestTriggerPreviewEventRequest(std::string appId, std::stri
     SendEvent(appId, portName, pEvent.get());
 }
 
+namespace {
+
+/* Under strict confinement an event tells of one package's change: it reaches
+ * the platform's subscribers and the applications of that package, no other
+ * application. The default mode sends every event to every subscriber. */
+bool MayHearOf(const std::string& appId, bundle* pMessage)
+{
+    if (!confinement_policy_is_strict() || confinement_policy_is_platform_app(appId.c_str())) {
+        return true;
+    }
+    const char* pPackage = bundle_get_val(pMessage, TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME);
+    return pPackage != nullptr && PackageOf(appId) == pPackage;
+}
+
+}  // namespace
+
 int CMessageHelper::Send(bundle* pMessage, bool bRetry)
 {
     LOGI("Start SendEvent");
@@ -277,6 +294,10 @@ int CMessageHelper::Send(bundle* pMessage, bool bRetry)
         LOGI("Sending %ith event", index);
         const std::string& appId = subscriber.second;
         std::string portName = GetLocalPortNameFromKey(subscriber.first, appId);
+        if (!MayHearOf(appId, pMessage)) {
+            LOGD("event withheld from %s: another package's (strict confinement)", appId.c_str());
+            continue;
+        }
 
         bool exist = false;
         if (message_port_check_remote_port(appId.c_str(), portName.c_str(), &exist) != MESSAGE_PORT_ERROR_NONE) {

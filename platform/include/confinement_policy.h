@@ -54,6 +54,12 @@ bool confinement_policy_is_trusted_sender(const char* app_id);
  * `app_id` is one of the platform's own ids or of the trusted senders. */
 bool confinement_policy_sender_is_platform(const char* app_id);
 
+/* True when `app_id` is the platform's as a receiver: one of the platform's
+ * own ids (bound to platform users in the verified identity mode); in the
+ * development mode also one of the trusted senders. Under strict confinement
+ * only such applications hear of every package's changes. */
+bool confinement_policy_is_platform_app(const char* app_id);
+
 /* Records that strict confinement refused the request in progress: logs one
  * line naming `rule`, and the request interface answers the caller with an error
  * that carries `reason` (in place of the handler's result). Outside a request

@@ -716,6 +716,43 @@ TEST_F(IsolationTest, OnlyThePlatformInstallsUninstallsOrHidesLauncherEntries)
     EXPECT_EQ(Snapshot(), before);
 }
 
+TEST_F(IsolationTest, PreviewEventsOfAPackageReachOnlyItsOwnApplicationsAndThePlatform)
+{
+    StartService();
+    auto subscribe = [&](int uid, const std::string& appId, const std::string& name) {
+        std::vector<std::string> argv = {TILVANECTL_BINARY, "events", "subscribe"};
+        if (!appId.empty()) {
+            argv.insert(argv.begin() + 1, {"--app-id", appId});
+        }
+        auto tool = std::make_unique<Process>(tilvane::test::AsUser(static_cast<unsigned>(uid), argv),
+                                              std::vector<std::string>{"TILVANE_PLATFORM_ROOT=" + Root()},
+                                              m_logs.File(name + ".out"), m_logs.File(name + ".err"));
+        EXPECT_TRUE(tool->WaitFor("subscribed to preview events", true, 20000)) << tool->Err();
+        return tool;
+    };
+    /* The news package's bare id listens: its application publishes meanwhile
+     * (one process per id on the bus). */
+    auto newsListener = subscribe(kNewsUser, "org.example.news", "news-listener");
+    auto platformListener = subscribe(kRoot, "", "platform-listener");
+    PublishBoth();
+    /* Each publisher ends with its sync end mark: one event of each package. */
+    for (int uid : {kSportsUser, kNewsUser}) {
+        const std::string app = uid == kNewsUser ? kNewsApp : kSportsApp;
+        ASSERT_EQ(Ctl(uid, app, {"data", "insert", "tiles", "tiles_sync_event=sync_end"}).status, 0);
+    }
+    EXPECT_TRUE(newsListener->WaitFor("accelerator_app_pkg_name=org.example.news", false, 20000))
+        << newsListener->Out();
+    EXPECT_TRUE(platformListener->WaitFor("accelerator_app_pkg_name=org.example.news", false, 20000));
+    EXPECT_NE(platformListener->Out().find("accelerator_app_pkg_name=org.example.sports"), std::string::npos)
+        << platformListener->Out();
+    /* The sports events were sent before the last news one, on the same road. */
+    EXPECT_EQ(newsListener->Out().find("org.example.sports"), std::string::npos) << newsListener->Out();
+    for (auto* listener : {newsListener.get(), platformListener.get()}) {
+        listener->Signal(SIGTERM);
+        EXPECT_EQ(listener->Wait(10000), 0) << listener->Err();
+    }
+}
+
 /* ---- the tool ---------------------------------------------------------------------- */
 
 TEST_F(IsolationTest, RunByAPlatformUserTheToolIsThePlatformAndEveryCommandWorks)

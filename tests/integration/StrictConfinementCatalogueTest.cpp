@@ -16,6 +16,7 @@
 #include <message_port.h>
 #include <tilvane_client.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -179,6 +180,41 @@ public:
         result.code = message_port_send_message(kServiceAppId, port, message);
         result.outcome = Outcome::Answered;
         bundle_free(message);
+        return result;
+    }
+
+    /* Subscribes this process to preview events, has the sports application
+     * (another process) and then this one send their sync end marks, and
+     * answers with the packages of the events heard, in order. */
+    Result EventsHeardWhileSportsAndNewsPublish()
+    {
+        static std::vector<std::string> heard;
+        heard.clear();
+        const int port = message_port_register_local_port(
+            "catalogue-events",
+            [](int, const char*, const char*, bool, bundle* event, void*) {
+                const char* package = bundle_get_val(event, "accelerator_app_pkg_name");
+                heard.push_back(package != nullptr ? package : "");
+            },
+            nullptr);
+        bundle* request = bundle_create();
+        bundle_add_str(request, "request_type", "SubscribePreviewEvent");
+        EXPECT_EQ(message_port_send_message_with_local_port(kServiceAppId, "preview-event-receiver", request, port), 0);
+        bundle_free(request);
+        EXPECT_TRUE(WaitForServiceLine("[org.example.news.ui] was added - [catalogue-events]")) << ServiceLog();
+        Process sports({TILVANECTL_BINARY, "--app-id", "org.example.sports.ui", "data", "insert", "tiles",
+                        "tiles_sync_event=sync_end"},
+                       {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_CONFIG=" + m_config.File("tilvane.conf")},
+                       m_logs.File("sports.out"), m_logs.File("sports.err"));
+        EXPECT_EQ(sports.Wait(30000, true), 0) << sports.Err();
+        content.Insert(Uri("tiles"), {{"tiles_sync_event", "sync_end"}});
+        tilvane::test::IterateMainContextUntil(
+            [] { return std::find(heard.begin(), heard.end(), "org.example.news") != heard.end(); }, 10000);
+        Result result;
+        result.outcome = Outcome::Answered;
+        for (const std::string& package : heard) {
+            result.message += (result.message.empty() ? "" : ",") + package;
+        }
         return result;
     }
 
@@ -582,6 +618,15 @@ const std::vector<HostileRequest>& Requests()
                        "0");
              Result after = c.content.Select(Uri("accelerators"), {"_id"}, "", {}, "", "");
              EXPECT_EQ(after.outcome, Outcome::NoResult) << Text(after);
+         }},
+        {"PreviewEventsOfAnotherPackage",
+         [](Catalogue& c) { return c.EventsHeardWhileSportsAndNewsPublish(); },
+         [](Catalogue&, const Result& result) {
+             EXPECT_NE(result.message.find("org.example.sports"), std::string::npos) << result.message;
+         },
+         nullptr,
+         [](Catalogue&, const Result& result) {
+             EXPECT_EQ(result.message, "org.example.news") << result.message;
          }},
         /* ---- limits ---- */
         {"ValueLargerThanTheLimit",

@@ -118,13 +118,22 @@ extern "C" bool confinement_policy_is_trusted_sender(const char* app_id)
 extern "C" bool confinement_policy_sender_is_platform(const char* app_id)
 {
     if (identity::CurrentMode() == identity::Mode::Development) {
-        return app_id != nullptr && (identity::IsPlatformAppId(app_id) || confinement_policy_is_trusted_sender(app_id));
+        return confinement_policy_is_platform_app(app_id);
     }
     uid_t uid = 0;
     if (!identity::CurrentMessageSender(uid)) {
         uid = geteuid();
     }
     return identity::IsPlatformUser(uid);
+}
+
+extern "C" bool confinement_policy_is_platform_app(const char* app_id)
+{
+    if (app_id == nullptr) {
+        return false;
+    }
+    return identity::IsPlatformAppId(app_id) ||
+           (identity::CurrentMode() == identity::Mode::Development && confinement_policy_is_trusted_sender(app_id));
 }
 
 extern "C" void confinement_policy_refuse(const char* rule, const char* reason)
