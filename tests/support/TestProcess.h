@@ -101,6 +101,17 @@ public:
         return true;
     }
 
+    /* How often `text` stands in the output (or error output). */
+    int Count(const std::string& text, bool inErr = true) const
+    {
+        const std::string output = inErr ? Err() : Out();
+        int count = 0;
+        for (size_t at = output.find(text); at != std::string::npos; at = output.find(text, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
+
     void Signal(int signal) const { kill(m_pid, signal); }
     pid_t Pid() const { return m_pid; }
 

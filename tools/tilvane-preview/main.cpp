@@ -257,6 +257,19 @@ bool PackageReader(const std::string& package, tilvane::preview::ImageReader& re
     return false;
 }
 
+tilvane::preview::PreviewServer::Settings ServerSettings(const Options& options)
+{
+    tilvane::preview::PreviewServer::Settings settings;
+    settings.port = options.port;
+    settings.webDir = FindWebDir(options.webDir);
+    settings.imagesDir = PlatformRoot() + tilvane::preview::kImagesDevicePath;
+    settings.maxStreams = options.maxStreams;
+    if (tilvane::host::IdentitiesVerified()) {
+        settings.readerOf = PackageReader;
+    }
+    return settings;
+}
+
 gboolean OnStopSignalCB(gpointer loop)
 {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
@@ -282,14 +295,7 @@ int main(int argc, char** argv)
     }
 
     tilvane::preview::LauncherData data(NowSeconds);
-    tilvane::preview::PreviewServer::Settings settings;
-    settings.port = options.port;
-    settings.webDir = FindWebDir(options.webDir);
-    settings.imagesDir = PlatformRoot() + tilvane::preview::kImagesDevicePath;
-    settings.maxStreams = options.maxStreams;
-    if (tilvane::host::IdentitiesVerified()) {
-        settings.readerOf = PackageReader;
-    }
+    const tilvane::preview::PreviewServer::Settings settings = ServerSettings(options);
     if (!HasPage(settings.webDir)) {
         std::fprintf(stderr, "tilvane-preview: no index.html in %s (choose the folder with --web-dir)\n",
                      settings.webDir.c_str());
