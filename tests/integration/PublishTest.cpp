@@ -177,7 +177,9 @@ TEST_F(PublishTest, APublishWhoseThirdStepFailsLeavesThePreviousContentByteForBy
 {
     /* Values of more than 64 bytes are refused: the third step of a replace
      * (the first section) carries one. */
-    Configure("[strict]\nconfinement = true\nvalue-bytes = 64\n");
+    /* The listener is a trusted sender: under strict confinement only the
+     * platform hears of another package's changes. */
+    Configure("[strict]\nconfinement = true\nvalue-bytes = 64\ntrusted-senders = org.example.listener\n");
     Process* service = RunningService();
     Process* subscriber = Start({TILVANECTL_BINARY, "--app-id", "org.example.listener", "events", "subscribe"},
                                 "subscriber");
@@ -221,7 +223,9 @@ TEST_F(PublishTest, APublishWhoseThirdStepFailsLeavesThePreviousContentByteForBy
 
 TEST_F(PublishTest, ARefusedPublishOfTilvanectlLeavesNoneOfItsSectionsPublished)
 {
-    Configure("[strict]\nconfinement = true\nvalue-bytes = 64\n");
+    /* The listener is a trusted sender: under strict confinement only the
+     * platform hears of another package's changes. */
+    Configure("[strict]\nconfinement = true\nvalue-bytes = 64\ntrusted-senders = org.example.listener\n");
     RunningService();
     ASSERT_EQ(Ctl({"--app-id", kPublisher, "publish", std::string(TILVANE_EXAMPLES_DIR) + "/publish/news.json"}), 0);
     const std::string before = Dump();
