@@ -135,6 +135,9 @@ bool InstallPackage(const RegisteredPackage& package, std::string* error = nullp
 bool RemovePackage(const std::string& packageId, std::string* error = nullptr);
 /* Every installed package in the order of installation; empty on failure. */
 std::vector<RegisteredPackage> ListPackages();
+/* The same, false when the registry cannot be read (it is the platform's
+ * own: an application's user cannot open it). */
+bool ReadInstalledPackages(std::vector<RegisteredPackage>& packages);
 
 /* ---- application identity and message ports ------------------------------- */
 

@@ -331,6 +331,12 @@ TEST_F(IsolationTest, EveryFileOfThePlatformIsClosedToApplicationUsersWhateverTh
         EXPECT_NE(opened.status, 0) << name << ": " << opened.out;
         EXPECT_EQ(opened.out.find("CREATE TABLE"), std::string::npos) << opened.out;
     }
+    /* Nor through the tool: it says why instead of listing nothing. */
+    RunResult list = Ctl(kNewsUser, kNewsApp, {"app", "list"});
+    EXPECT_EQ(list.status, 1);
+    EXPECT_NE(list.err.find("the application registry cannot be read (it is the platform's own"), std::string::npos)
+        << list.err;
+    EXPECT_EQ(list.out.find("org.example.sports"), std::string::npos);
     EXPECT_EQ(Snapshot(), before);
 }
 

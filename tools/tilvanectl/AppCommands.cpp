@@ -118,7 +118,13 @@ int List(const std::vector<std::string>& args)
         std::fprintf(stderr, "tilvanectl app list: takes no arguments but --json\n");
         return EXIT_USAGE;
     }
-    std::vector<RegisteredPackage> packages = tilvane::host::ListPackages();
+    std::vector<RegisteredPackage> packages;
+    if (!tilvane::host::ReadInstalledPackages(packages)) {
+        std::fprintf(stderr,
+                     "tilvanectl app list: the application registry cannot be read (it is the platform's own: "
+                     "run as a platform user)\n");
+        return EXIT_FAILED;
+    }
     if (json) {
         PrintPackagesAsJson(packages);
         return EXIT_OK;

@@ -695,6 +695,11 @@ bool RemovePackage(const std::string& packageId, std::string* error)
     return true;
 }
 
+bool ReadInstalledPackages(std::vector<RegisteredPackage>& packages)
+{
+    return registry::ReadPackages(packages) == registry::Result::Ok;
+}
+
 std::vector<RegisteredPackage> ListPackages()
 {
     std::vector<RegisteredPackage> packages;
