@@ -84,6 +84,11 @@ protected:
     void SetUp() override
     {
         host::Reset();
+        /* Every process of these tests runs as one user: what the test
+         * installs before it writes its configuration is installed in the
+         * development mode too (the verified mode binds only users with an
+         * account). */
+        UseDevelopmentIdentities(m_root.Path());
         host::SetPlatformRoot(m_root.Path());
     }
 
