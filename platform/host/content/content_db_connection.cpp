@@ -38,8 +38,10 @@ int AcquireRequestStatement(Database& database, sqlite3* handle, const std::stri
         return database.Statements().Acquire(handle, sql, lease);
     }
     tilvane::content::ScopedStatementAuthorizer authorizer(database, table);
-    const int rc = authorizer.CheckText(sql)
-                       ? database.Statements().Acquire(handle, sql, "\x01confined:" + table + "\x01" + sql, lease)
+    const std::string key = "\x01confined:" + table + "\x01" + sql;
+    /* A statement kept under the key passed both checks when it was prepared. */
+    const int rc = database.Statements().Holds(key) || authorizer.CheckText(sql)
+                       ? database.Statements().Acquire(handle, sql, key, lease)
                        : SQLITE_AUTH;
     if (!authorizer.Refusal().empty()) {
         CONTENT_LOGE("statement on %s refused by the authorizer: %s", table.c_str(), authorizer.Refusal().c_str());

@@ -101,6 +101,9 @@ public:
      * statements whose preparation depended on more than their text). */
     int Acquire(sqlite3* db, const std::string& sql, const std::string& key, StatementLease& lease);
 
+    /* Whether a statement is kept under `key`. */
+    bool Holds(const std::string& key) const { return m_entries.count(key) != 0; }
+
     /* Finalises every statement that is not lent out. */
     void Clear();
     size_t Size() const { return m_entries.size(); }
