@@ -18,9 +18,11 @@
 #include <vector>
 
 #include "identity/app_identity.h"
+#include "admin/admin_interface.h"
 #include "app/bus_supervision.h"
+#include "app/run_configuration.h"
+#include "app/service_manager.h"
 #include "bus/bus_connection.h"
-#include "log/log_budget.h"
 #include "confinement_policy.h"
 #include "base/host_state.h"
 #include "dlog.h"
@@ -28,6 +30,7 @@
 #include "message_port.h"
 #include "config/platform_config.h"
 #include "config/platform_files.h"
+#include "log/log_sink.h"
 #include "identity/bus_policy.h"
 #include "tilvane_version.h"
 
@@ -36,6 +39,7 @@ namespace host {
 namespace {
 
 #define PLATFORM_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
+#define PLATFORM_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
 #define PLATFORM_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 struct EventHandler {
@@ -58,6 +62,11 @@ struct AppState {
     /* Handles are ids, never pointers, so that a stale handle is harmless. */
     uintptr_t nextHandlerId = 1;
     std::vector<EventHandler> handlers;
+    /* service_app_main has read its command line: the handlers added before
+     * it (a program adds them first) are logged then, so that a program asked
+     * for --help or --version writes nothing but its answer. */
+    bool mainStarted = false;
+    std::vector<int> unloggedHandlerTypes;
 };
 
 AppState& TheAppState()
@@ -75,7 +84,8 @@ void QuitLoop(const char* why)
         return;
     }
     if (!s.exitRequested) {
-        PLATFORM_LOGD("terminating: %s", why);
+        PLATFORM_LOGI("terminating: %s", why);
+        service_manager::NotifyStopping(std::string("stopping: ") + why);
     }
     s.exitRequested = true;
     g_main_loop_quit(s.loop);
@@ -97,6 +107,22 @@ struct AppControlCall {
     service_app_control_cb callback;
     void* userData;
 };
+
+/* SIGHUP: the configuration is read again. */
+gboolean OnHangupSignal(gpointer /*data*/)
+{
+    run_configuration::Reload();
+    return G_SOURCE_CONTINUE;
+}
+
+/* The loop turns: requests are served from now on. */
+gboolean OnServing(gpointer /*data*/)
+{
+    const std::string status = "serving requests as " + CurrentAppId();
+    PLATFORM_LOGI("ready: %s", status.c_str());
+    service_manager::NotifyReady(status);
+    return G_SOURCE_REMOVE;
+}
 
 gboolean OnFirstIdle(gpointer data)
 {
@@ -150,11 +176,15 @@ public:
         g_source_set_callback(signal_, G_SOURCE_FUNC(OnTerminationSignal),
                               nullptr, nullptr);
         g_source_attach(signal_, nullptr);
+        /* Kept from the start as well: a SIGHUP during start-up is answered
+         * once the loop runs, and never ends the process. */
+        hangup_ = Attach(g_unix_signal_source_new(SIGHUP), OnHangupSignal, nullptr);
     }
 
     ~LoopRun()
     {
-        for (GSource* source : {idle_, signal_}) {
+        service_manager::StopWatchdog();
+        for (GSource* source : {idle_, serving_, hangup_, signal_}) {
             if (source != nullptr) {
                 g_source_destroy(source);
                 g_source_unref(source);
@@ -176,6 +206,14 @@ public:
         idle_ = Attach(g_idle_source_new(), OnFirstIdle, &call_);
     }
 
+    /* Says that requests are served as soon as the loop turns, and pings the
+     * service manager's watchdog from the loop while it turns. */
+    void AnnounceServingWhenRunning()
+    {
+        serving_ = Attach(g_idle_source_new(), OnServing, nullptr);
+        service_manager::StartWatchdog();
+    }
+
     void Run() { g_main_loop_run(loop_); }
 
 private:
@@ -188,7 +226,9 @@ private:
 
     GMainLoop* loop_ = nullptr;
     GSource* signal_ = nullptr;
+    GSource* hangup_ = nullptr;
     GSource* idle_ = nullptr;
+    GSource* serving_ = nullptr;
     AppControlCall call_{nullptr, nullptr};
 };
 
@@ -199,6 +239,23 @@ void ClearAppEventHandlers()
     AppState& s = TheAppState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.handlers.clear();
+    s.mainStarted = false;
+    s.unloggedHandlerTypes.clear();
+}
+
+/* The handlers added before service_app_main read its command line. */
+void LogHandlersAddedBefore()
+{
+    std::vector<int> types;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.mainStarted = true;
+        types.swap(s.unloggedHandlerTypes);
+    }
+    for (const int type : types) {
+        PLATFORM_LOGD("event handler added: type %d", type);
+    }
 }
 
 std::vector<app_event_type_e> RegisteredAppEventTypes()
@@ -263,6 +320,9 @@ constexpr char kDefaultServiceAppId[] = "com.quillon.px.tilvane";
 constexpr int kExitStartFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitBusLost = 3;
+/* The unit does not restart a service that stopped for this one
+ * (RestartPreventExitStatus=6): it is the integrator's to fix. */
+constexpr int kExitNotConfigured = 6;
 
 const char* ProgramName(int argc, char** argv)
 {
@@ -278,8 +338,9 @@ void PrintUsage(FILE* out, const char* program)
     std::fprintf(out,
         "Usage: %s [--help] [--version]\n"
         "\n"
-        "Runs the service application in the foreground until SIGTERM or SIGINT (Ctrl-C).\n"
-        "Log lines go to standard error.\n"
+        "Runs the service application in the foreground until SIGTERM or SIGINT (Ctrl-C);\n"
+        "SIGHUP reads the configuration again. Log lines go to standard error (to the\n"
+        "journal, with their priorities, when systemd connected it there).\n"
         "\n"
         "Options:\n"
         "  --help     show this text\n"
@@ -288,17 +349,23 @@ void PrintUsage(FILE* out, const char* program)
         "Environment:\n"
         "  TILVANE_PLATFORM_ROOT  folder under which every platform path resolves\n"
         "                         (default: ./tilvane-data); databases live in <root>/opt/dbspace\n"
-        "  TILVANE_LOG_LEVEL      lowest priority logged: V, D, I, W, E or F (default: D)\n"
+        "  TILVANE_LOG_LEVEL      lowest priority logged: V, D, I, W, E or F\n"
+        "                         (default: the configuration's [log] level, else D)\n"
         "  TILVANE_APP_ID         the application id the service runs as (default: %s)\n"
         "  TILVANE_DATA_CONTROL_PROVIDER_ID\n"
         "                         the data-control provider id it serves\n"
         "                         (default: content://com.quillon.px.tiles)\n"
-        "  TILVANE_CONFIG         the integrator's configuration file\n"
-        "                         (default: <root>/etc/tilvane.conf)\n"
+        "  TILVANE_CONFIG         the integrator's configuration file; the service does not\n"
+        "                         start when it names a file that is missing or unreadable\n"
+        "                         (default: <root>/etc/tilvane.conf when it exists)\n"
+        "  TILVANE_LOG_RATE_BURST, TILVANE_LOG_RATE_INTERVAL_MS, TILVANE_LOG_RATE_BYTES\n"
+        "                         the log's rate limit per call site (default: [log] rate-*)\n"
         "  DBUS_SESSION_BUS_ADDRESS  the message bus it serves on (required)\n"
+        "  NOTIFY_SOCKET, WATCHDOG_USEC  set by systemd: readiness and watchdog pings\n"
         "\n"
         "Exit codes: 0 ended normally, 1 could not start, 2 wrong command line,\n"
-        "3 lost the message bus and could not get back on it within [bus] reconnect-ms.\n",
+        "3 lost the message bus and could not get back on it within [bus] reconnect-ms,\n"
+        "6 the configuration file is missing or cannot be read (tilvane.conf(5)).\n",
         program, kDefaultServiceAppId);
 }
 
@@ -337,22 +404,70 @@ void ChooseDefaultAppId()
     tilvane::host::SetOwnAppId(tilvane::host::config::String("service", "app-id", kDefaultServiceAppId));
 }
 
-int64_t NonNegativeSetting(const char* group, const char* key, int64_t fallback)
-{
-    const int64_t value = tilvane::host::config::Integer(group, key, fallback);
-    return value >= 0 ? value : fallback;
-}
-
-/* The log's byte budgets from the integrator's configuration ([log]). */
-void ApplyLogBudgets()
+/* The configuration, read before anything else: a file TILVANE_CONFIG names
+ * that does not exist or cannot be read, or a file of the platform root that
+ * cannot be read, stops a program's start with one message. Then the
+ * settings it gives the log apply before the first line, and the start line
+ * says where it came from. */
+void ReadConfigurationAtStart(bool programStart, const char* program)
 {
     using namespace tilvane::host;
-    LogBudgets budgets = DefaultLogBudgets();
-    budgets.appBytes = NonNegativeSetting("log", "app-bytes", budgets.appBytes);
-    budgets.serviceBytes = NonNegativeSetting("log", "service-bytes", budgets.serviceBytes);
-    budgets.intervalMs = NonNegativeSetting("log", "budget-interval-ms", budgets.intervalMs);
-    SetLogBudgets(budgets);
+    const config::Resolution where = config::Resolve(programStart);
+    if (programStart && !where.problem.empty()) {
+        std::fprintf(stderr, "%s: cannot start: %s\n", program, where.problem.c_str());
+        std::exit(kExitNotConfigured);
+    }
+    run_configuration::ApplyRunTimeSettings();
+    LogHandlersAddedBefore();
+    run_configuration::LogAtStart(where);
 }
+
+/* The statistics, backup, restore and check on the service's connection. */
+void ExportOperatorInterface()
+{
+    int result = 0;
+    tilvane::host::GDBusConnectionPtr connection = tilvane::host::SharedBusConnection(true, &result);
+    tilvane::host::admin::ExportAdminInterface(connection.get());
+}
+
+/* The log lines written while the bus connection is first opened: written
+ * once it is open, dropped when it cannot be, so that the one message saying
+ * why the service does not start is the only one. */
+class LinesHeldWhileConnecting {
+public:
+    LinesHeldWhileConnecting() { tilvane::host::SetLogSink(Hold, this); }
+    ~LinesHeldWhileConnecting() { tilvane::host::SetLogSink(nullptr, nullptr); }
+    LinesHeldWhileConnecting(const LinesHeldWhileConnecting&) = delete;
+    LinesHeldWhileConnecting& operator=(const LinesHeldWhileConnecting&) = delete;
+
+    void WriteHeldLines()
+    {
+        tilvane::host::SetLogSink(nullptr, nullptr);
+        std::vector<Line> lines;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            lines.swap(m_lines);
+        }
+        for (const Line& line : lines) {
+            __dlog_print(LOG_ID_MAIN, line.priority, line.tag.c_str(), "%s", line.message.c_str());
+        }
+    }
+
+private:
+    struct Line {
+        int priority;
+        std::string tag;
+        std::string message;
+    };
+    static void Hold(int priority, const char* tag, const char* message, void* self)
+    {
+        auto* held = static_cast<LinesHeldWhileConnecting*>(self);
+        std::lock_guard<std::mutex> lock(held->m_mutex);
+        held->m_lines.push_back(Line{priority, tag, message});
+    }
+    std::mutex m_mutex;
+    std::vector<Line> m_lines;
+};
 
 /* The bus must be there and the application's name free before the service
  * is created: a second instance, or one with nowhere to serve, ends at once
@@ -367,8 +482,10 @@ bool StartUpPreconditionsHold(const char* program)
         return false;
     }
     int result = 0;
+    LinesHeldWhileConnecting held;
     GDBusConnectionPtr connection = SharedBusConnection(true, &result);
     if (connection) {
+        held.WriteHeldLines();
         return true;
     }
     if (result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE) {
@@ -406,7 +523,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         PLATFORM_LOGE("service_app_main: invalid parameter");
         return APP_ERROR_INVALID_PARAMETER;
     }
-    ApplyLogBudgets();
+    ReadConfigurationAtStart(programStart, ProgramName(argc, argv));
     if (programStart) {
         ChooseDefaultAppId();
         /* Files an earlier version (or a careless umask) left readable are
@@ -415,6 +532,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
             std::exit(kExitStartFailed);
         }
+        ExportOperatorInterface();
     }
 
     LoopRun run;
@@ -437,9 +555,8 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         s.exitRequested = false;
     };
 
-    /* The integrator's choice, stated once before the service sets up anything
-     * (at debug priority, as every line of the application's life). */
-    PLATFORM_LOGD(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
+    /* The integrator's choice, stated once before the service sets up anything. */
+    PLATFORM_LOGI(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
     if (!callback->create(user_data)) {
         PLATFORM_LOGE("service application create callback failed");
         detach();
@@ -463,6 +580,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         }
         PLATFORM_LOGD("main loop running");
         StartBusSupervision(EndForLostBus);
+        run.AnnounceServingWhenRunning();
         run.Run();
         StopBusSupervision();
     }
@@ -505,13 +623,20 @@ extern "C" int service_app_add_event_handler(app_event_handler_h* event_handler,
     }
     AppState& s = TheAppState();
     uintptr_t id = 0;
+    bool logNow = false;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         id = s.nextHandlerId++;
         s.handlers.push_back(EventHandler{id, event_type, callback, user_data});
+        logNow = s.mainStarted;
+        if (!logNow) {
+            s.unloggedHandlerTypes.push_back(type);
+        }
     }
     *event_handler = reinterpret_cast<app_event_handler_h>(id);
-    PLATFORM_LOGD("event handler added: type %d", type);
+    if (logNow) {
+        PLATFORM_LOGD("event handler added: type %d", type);
+    }
     return APP_ERROR_NONE;
 }
 

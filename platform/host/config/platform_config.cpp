@@ -2,9 +2,11 @@
  * The integrator's configuration file (platform_config.h).
  */
 #include "config/platform_config.h"
+#include "config/config_keys.h"
 
 #include <glib.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <atomic>
@@ -14,7 +16,6 @@
 #include "host_control.h"
 #include "base/host_state.h"
 
-#define CONFIG_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
 #define CONFIG_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 namespace tilvane {
@@ -33,6 +34,7 @@ struct ConfigState {
     bool testText = false;
     std::string testTextValue;
     std::string source;
+    Resolution resolution;
     KeyFilePtr file;
 };
 
@@ -45,23 +47,48 @@ ConfigState& TheConfigState()
 /* Bumped whenever what was read is dropped. */
 std::atomic<uint64_t> g_generation{0};
 
-std::string DefaultPath()
+/* The file to read: the one TILVANE_CONFIG names, else the platform root's. */
+Resolution Locate()
 {
+    Resolution where;
     const char* fromEnvironment = std::getenv("TILVANE_CONFIG");
     if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
-        return fromEnvironment;
+        where.path = fromEnvironment;
+        where.named = true;
+        return where;
     }
-    return PlatformRootDirectory() + "/etc/tilvane.conf";
+    const std::string fallback = PlatformRootDirectory() + "/etc/tilvane.conf";
+    if (g_file_test(fallback.c_str(), G_FILE_TEST_EXISTS)) {
+        where.path = fallback;
+    }
+    return where;
+}
+
+/* Parses the file of `where` into `file`; false with where.problem set. */
+bool ParseFile(Resolution& where, GKeyFile* file)
+{
+    if (where.named && !g_file_test(where.path.c_str(), G_FILE_TEST_EXISTS)) {
+        where.problem = "the configuration file " + where.path + " named by TILVANE_CONFIG does not exist";
+        return false;
+    }
+    GError* error = nullptr;
+    if (!g_key_file_load_from_file(file, where.path.c_str(), G_KEY_FILE_NONE, &error)) {
+        where.problem = "configuration " + where.path + " cannot be read (" + error->message + ")";
+        g_error_free(error);
+        return false;
+    }
+    return true;
 }
 
 /* With the state's mutex held. */
-GKeyFile* LoadedLocked(ConfigState& s)
+GKeyFile* LoadedLocked(ConfigState& s, bool quiet = false)
 {
     if (s.loaded) {
         return s.file.get();
     }
     s.loaded = true;
     s.file.reset(g_key_file_new());
+    s.resolution = Resolution();
     GError* error = nullptr;
     if (s.testText) {
         if (!g_key_file_load_from_data(s.file.get(), s.testTextValue.c_str(), s.testTextValue.size(),
@@ -71,20 +98,22 @@ GKeyFile* LoadedLocked(ConfigState& s)
         }
         return s.file.get();
     }
-    const std::string path = DefaultPath();
-    if (!g_file_test(path.c_str(), G_FILE_TEST_EXISTS)) {
+    s.resolution = Locate();
+    if (s.resolution.path.empty()) {
         return s.file.get();
     }
-    if (!g_key_file_load_from_file(s.file.get(), path.c_str(), G_KEY_FILE_NONE, &error)) {
-        /* A broken file is the integrator's mistake: say so, run on defaults. */
-        CONFIG_LOGE("configuration %s cannot be read (%s); built-in defaults are used", path.c_str(),
-                    error->message);
-        g_error_free(error);
+    if (!ParseFile(s.resolution, s.file.get())) {
+        /* A broken or missing file is the integrator's mistake: a service
+         * stops on it (Resolve); any other program says so and runs on the
+         * defaults. */
+        if (!quiet) {
+            CONFIG_LOGE("%s; built-in defaults are used", s.resolution.problem.c_str());
+        }
         s.file.reset(g_key_file_new());
         return s.file.get();
     }
-    s.source = path;
-    CONFIG_LOGI("configuration read from %s", path.c_str());
+    s.resolution.read = true;
+    s.source = s.resolution.path;
     return s.file.get();
 }
 
@@ -177,6 +206,110 @@ void Forget()
     s.testTextValue.clear();
     s.source.clear();
     s.file.reset();
+}
+
+Resolution Resolve(bool quiet)
+{
+    ConfigState& s = TheConfigState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    LoadedLocked(s, quiet);
+    return s.resolution;
+}
+
+namespace {
+
+/* Every key of `file`, group by group. */
+std::vector<Entry> EntriesOf(GKeyFile* file)
+{
+    std::vector<Entry> entries;
+    gchar** groups = g_key_file_get_groups(file, nullptr);
+    for (gchar** group = groups; group != nullptr && *group != nullptr; ++group) {
+        gchar** keys = g_key_file_get_keys(file, *group, nullptr, nullptr);
+        for (gchar** key = keys; key != nullptr && *key != nullptr; ++key) {
+            gchar* value = g_key_file_get_value(file, *group, *key, nullptr);
+            entries.push_back(Entry{*group, *key, value != nullptr ? value : ""});
+            g_free(value);
+        }
+        g_strfreev(keys);
+    }
+    g_strfreev(groups);
+    return entries;
+}
+
+std::string ValueOf(GKeyFile* file, const std::string& group, const std::string& key)
+{
+    gchar* value = g_key_file_get_value(file, group.c_str(), key.c_str(), nullptr);
+    std::string text = value != nullptr ? value : "";
+    g_free(value);
+    return text;
+}
+
+bool Sets(GKeyFile* file, const std::string& group, const std::string& key)
+{
+    return g_key_file_has_key(file, group.c_str(), key.c_str(), nullptr) != FALSE;
+}
+
+/* Compares one key of the old and the new file; a key that may not change
+ * while the service runs is put back in `next` as it was. */
+void CompareKey(GKeyFile* before, GKeyFile* next, const std::string& group, const std::string& key,
+                std::vector<Change>& changes)
+{
+    const bool wasSet = Sets(before, group, key);
+    const bool isSet = Sets(next, group, key);
+    const std::string was = ValueOf(before, group, key);
+    const std::string is = ValueOf(next, group, key);
+    if (wasSet == isSet && was == is) {
+        return;
+    }
+    const KeyInfo* info = FindKey(group, key);
+    Change change{group, key, was, is, info != nullptr && info->reloadable};
+    if (!change.applied) {
+        if (wasSet) {
+            g_key_file_set_value(next, group.c_str(), key.c_str(), was.c_str());
+        } else {
+            g_key_file_remove_key(next, group.c_str(), key.c_str(), nullptr);
+        }
+    }
+    changes.push_back(change);
+}
+
+}  // namespace
+
+std::vector<Entry> Entries()
+{
+    return WithFile([&](GKeyFile* file) { return EntriesOf(file); });
+}
+
+bool Reload(std::vector<Change>& changes, std::string& problem)
+{
+    ConfigState& s = TheConfigState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    GKeyFile* before = LoadedLocked(s, true);
+    Resolution where = s.testText ? Resolution() : Locate();
+    KeyFilePtr next(g_key_file_new());
+    if (s.testText) {
+        g_key_file_load_from_data(next.get(), s.testTextValue.c_str(), s.testTextValue.size(), G_KEY_FILE_NONE,
+                                  nullptr);
+    } else if (!where.path.empty() && !ParseFile(where, next.get())) {
+        problem = where.problem;
+        return false;
+    }
+    std::vector<std::pair<std::string, std::string>> seen;
+    for (GKeyFile* file : {before, next.get()}) {
+        for (const Entry& entry : EntriesOf(file)) {
+            const auto key = std::make_pair(entry.group, entry.key);
+            if (std::find(seen.begin(), seen.end(), key) == seen.end()) {
+                seen.push_back(key);
+                CompareKey(before, next.get(), entry.group, entry.key, changes);
+            }
+        }
+    }
+    ++g_generation;
+    s.file = std::move(next);
+    s.resolution = where;
+    s.resolution.read = !where.path.empty();
+    s.source = where.path;
+    return true;
 }
 
 }  // namespace config

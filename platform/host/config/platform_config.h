@@ -3,12 +3,15 @@
  * "[group]" and "key = value" lines) that decides how the host platform runs.
  * Applications never write it; docs/configuration.md lists every group and key.
  *
- * Where it is read from, first match wins:
- *   1. the file named by TILVANE_CONFIG;
- *   2. <platform root>/etc/tilvane.conf (the platform root of tzplatform.cpp);
+ * Where it is read from:
+ *   1. the file named by TILVANE_CONFIG, when that is set: a file it names
+ *      that does not exist or cannot be read is a problem (Resolve), never
+ *      silently replaced by another file;
+ *   2. otherwise <platform root>/etc/tilvane.conf (the platform root of
+ *      tzplatform.cpp), when it exists;
  *   3. nothing: every key has its built-in default.
- * It is read once per process, on first use; the control API's
- * SetConfigurationText replaces it for tests.
+ * It is read once per process, on first use, and again on Reload (a service
+ * told SIGHUP); the control API's SetConfigurationText replaces it for tests.
  *
  * Internal to the host platform.
  */
@@ -39,6 +42,51 @@ std::string Source();
 
 /* Forgets what was read, so that the next use reads again. */
 void Forget();
+
+/* Where the configuration was looked for and what came of it. */
+struct Resolution {
+    /* The file that was read or looked for; "" when none was named and the
+     * platform root has none (or a test text is in force). */
+    std::string path;
+    /* TILVANE_CONFIG named it. */
+    bool named = false;
+    /* It was read. */
+    bool read = false;
+    /* Why a named file, or a file that exists, could not be used; "" when
+     * nothing went wrong. The built-in defaults are then in force. */
+    std::string problem;
+};
+
+/* Reads the configuration when it was not read yet and says where it came
+ * from. A problem is written to the log once, unless `quiet` (a service that
+ * reports it itself and stops) asked for the first read. */
+Resolution Resolve(bool quiet = false);
+
+struct Entry {
+    std::string group;
+    std::string key;
+    std::string value;
+};
+
+/* Every key the configuration sets, group by group in the file's order. */
+std::vector<Entry> Entries();
+
+/* One key whose value a reload found changed. */
+struct Change {
+    std::string group;
+    std::string key;
+    /* "" when the key was not set. */
+    std::string before;
+    std::string after;
+    /* False: the key cannot change while the service runs; the value read
+     * at start stays in force until the next start. */
+    bool applied = false;
+};
+
+/* Reads the file again. Keys that may change at run time (config_keys.h)
+ * take their new values; every other key keeps the value read before. False,
+ * with `problem` and nothing changed, when the file cannot be read now. */
+bool Reload(std::vector<Change>& changes, std::string& problem);
 
 /* Changes whenever what was read is dropped (Forget, SetConfigurationText):
  * for callers that keep values they read on a hot path. */

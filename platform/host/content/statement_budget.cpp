@@ -13,6 +13,7 @@
 #include "content/content_log.h"
 #include "content/database.h"
 #include "requests/request_report.h"
+#include "stats/request_stats.h"
 
 namespace tilvane {
 namespace content {
@@ -31,6 +32,9 @@ constexpr int64_t kMaxLengthLimit = 1000000000;
 constexpr int kProgressSteps = 1000;
 
 thread_local StatementBudgetScope* t_scope = nullptr;
+/* When the statement running on this thread began, for the statistics of the
+ * request it serves (request_stats.h); 0 when none is timed. */
+thread_local int64_t t_statementStartUs = 0;
 std::atomic<bool> g_timingInstalled{true};
 
 /* The coarse clock costs no system call; its few milliseconds of resolution
@@ -53,14 +57,31 @@ int ProgressCB(void* /*userData*/)
     return scope != nullptr && scope->OverTime(MonotonicUs()) ? 1 : 0;
 }
 
-/* A statement begins running. The programs of its triggers (their text a
- * comment, "-- ...") are part of it and do not start its time again. */
+/* A statement begins running (SQLITE_TRACE_STMT): the programs of its
+ * triggers (their text a comment, "-- ...") are part of it and do not start
+ * its time again. Or it has run to its end or been reset
+ * (SQLITE_TRACE_PROFILE): the statistics of the request count its time,
+ * read from the precise clock (SQLite's own figure has a resolution of
+ * milliseconds). */
 int TraceCB(unsigned type, void* /*userData*/, void* /*statement*/, void* text)
 {
+    if (type == SQLITE_TRACE_PROFILE) {
+        if (t_statementStartUs != 0) {
+            host::stats::NoteStatement(host::stats::MonotonicUs() - t_statementStartUs);
+            t_statementStartUs = 0;
+        }
+        return 0;
+    }
     StatementBudgetScope* scope = t_scope;
     const char* sql = static_cast<const char*>(text);
-    if (type == SQLITE_TRACE_STMT && scope != nullptr && !(sql != nullptr && std::strncmp(sql, "--", 2) == 0)) {
+    if (type != SQLITE_TRACE_STMT || (sql != nullptr && std::strncmp(sql, "--", 2) == 0)) {
+        return 0;
+    }
+    if (scope != nullptr) {
         scope->StatementStarted(MonotonicUs());
+    }
+    if (host::stats::CountingRequest()) {
+        t_statementStartUs = host::stats::MonotonicUs();
     }
     return 0;
 }
@@ -69,7 +90,7 @@ void InstallTiming(sqlite3* db, bool installed)
 {
     if (installed) {
         sqlite3_progress_handler(db, kProgressSteps, ProgressCB, nullptr);
-        sqlite3_trace_v2(db, SQLITE_TRACE_STMT, TraceCB, nullptr);
+        sqlite3_trace_v2(db, SQLITE_TRACE_STMT | SQLITE_TRACE_PROFILE, TraceCB, nullptr);
     } else {
         sqlite3_progress_handler(db, 0, nullptr, nullptr);
         sqlite3_trace_v2(db, 0, nullptr, nullptr);
@@ -79,6 +100,25 @@ void InstallTiming(sqlite3* db, bool installed)
 int LengthLimit(int64_t bytes)
 {
     return static_cast<int>(bytes < kMaxLengthLimit ? bytes : kMaxLengthLimit);
+}
+
+void ApplyLengthLimits(sqlite3* db, const StatementBudgets& budgets)
+{
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, LengthLimit(budgets.valueBytes));
+    sqlite3_limit(db, SQLITE_LIMIT_SQL_LENGTH, LengthLimit(budgets.valueBytes));
+    sqlite3_limit(db, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, LengthLimit(budgets.likePatternBytes));
+}
+
+host::stats::Budget StatisticsBudget(const std::string& reason)
+{
+    using host::stats::Budget;
+    if (reason == kTimeBudgetText) {
+        return Budget::Time;
+    }
+    if (reason == kMemoryBudgetText) {
+        return Budget::Memory;
+    }
+    return reason == kPatternBudgetText ? Budget::Pattern : Budget::Length;
 }
 
 /* What the log line of a request that ran past `reason` says of the budget. */
@@ -130,15 +170,20 @@ int ApplyStatementBudgets(sqlite3* db)
 {
     const StatementBudgets budgets = ConfiguredStatementBudgets();
     sqlite3_hard_heap_limit64(budgets.heapBytes);
-    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, LengthLimit(budgets.valueBytes));
-    sqlite3_limit(db, SQLITE_LIMIT_SQL_LENGTH, LengthLimit(budgets.valueBytes));
-    sqlite3_limit(db, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, LengthLimit(budgets.likePatternBytes));
+    ApplyLengthLimits(db, budgets);
     InstallTiming(db, g_timingInstalled.load());
     const int rc = RegisterLinearFunctions(db);
     if (rc != SQLITE_OK) {
         return rc;
     }
     return sqlite3_exec(db, "PRAGMA temp_store=MEMORY", nullptr, nullptr, nullptr);
+}
+
+void ReapplyStatementBudgets()
+{
+    const StatementBudgets budgets = ConfiguredStatementBudgets();
+    sqlite3_hard_heap_limit64(budgets.heapBytes);
+    Database::ForEachOpenHandle([&budgets](sqlite3* db) { ApplyLengthLimits(db, budgets); });
 }
 
 void SetStatementTimingInstalled(bool installed)
@@ -177,6 +222,7 @@ void StatementBudgetScope::Fail(const char* reason)
     if (m_failure.empty()) {
         m_failure = reason;
         host::RecordBudgetFailure(reason);
+        host::stats::NoteBudgetHit(StatisticsBudget(m_failure));
     }
 }
 

@@ -60,6 +60,11 @@ StatementBudgets ConfiguredStatementBudgets();
  * and the heap limit on the process the first time. SQLite's result code. */
 int ApplyStatementBudgets(sqlite3* db);
 
+/* Puts the budgets as the configuration now says on the process (the heap
+ * limit) and on every open connection (the length limits): after the
+ * configuration was read again. The time budget is read by every request. */
+void ReapplyStatementBudgets();
+
 /* Installs (true) or removes the time budget's progress handler and trace
  * hook on every open connection; for the benchmarks that weigh its cost. */
 void SetStatementTimingInstalled(bool installed);

@@ -30,7 +30,9 @@
 
 #include "host_control.h"
 #include "base/host_state.h"
+#include "log/journal_format.h"
 #include "log/log_budget.h"
+#include "log/log_settings.h"
 #include "log/log_sink.h"
 #include "requests/request_report.h"
 
@@ -74,8 +76,32 @@ RateLimit& TheRateLimit()
     return *limit;
 }
 
-int64_t ReadNonNegative(const char* variable, int64_t fallback)
+/* The configuration's settings (log_settings.h), under their own lock. */
+struct Configured {
+    std::mutex mutex;
+    LogSettings settings;
+};
+
+Configured& TheConfigured()
 {
+    static Configured* configured = new Configured();
+    return *configured;
+}
+
+LogSettings ConfiguredSettings()
+{
+    Configured& c = TheConfigured();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    return c.settings;
+}
+
+/* The environment's value of `variable`, else the configuration's, else
+ * `fallback`. */
+int64_t ReadNonNegative(const char* variable, int64_t configured, int64_t fallback)
+{
+    if (configured >= 0) {
+        fallback = configured;
+    }
     const char* text = getenv(variable);
     if (text == nullptr || *text == '\0') {
         return fallback;
@@ -101,9 +127,11 @@ bool AdmitLine(const char* fmt, int64_t* suppressedBefore)
     RateLimit& limit = TheRateLimit();
     std::lock_guard<std::mutex> lock(limit.mutex);
     if (!limit.loaded) {
-        limit.burst = ReadNonNegative("TILVANE_LOG_RATE_BURST", kDefaultBurst);
-        limit.burstBytes = ReadNonNegative("TILVANE_LOG_RATE_BYTES", kDefaultBurstBytes);
-        const int64_t intervalMs = ReadNonNegative("TILVANE_LOG_RATE_INTERVAL_MS", kDefaultIntervalMs);
+        const LogSettings configured = ConfiguredSettings();
+        limit.burst = ReadNonNegative("TILVANE_LOG_RATE_BURST", configured.rateBurst, kDefaultBurst);
+        limit.burstBytes = ReadNonNegative("TILVANE_LOG_RATE_BYTES", configured.rateBytes, kDefaultBurstBytes);
+        const int64_t intervalMs =
+            ReadNonNegative("TILVANE_LOG_RATE_INTERVAL_MS", configured.rateIntervalMs, kDefaultIntervalMs);
         limit.intervalUs = (intervalMs > 0 ? intervalMs : kDefaultIntervalMs) * 1000;
         limit.loaded = true;
     }
@@ -192,7 +220,10 @@ int MinimumPriority()
 {
     int level = gMinimumPriority.load(std::memory_order_acquire);
     if (level == 0) {
-        level = ParseLogLevel(getenv("TILVANE_LOG_LEVEL"));
+        const char* fromEnvironment = getenv("TILVANE_LOG_LEVEL");
+        level = fromEnvironment != nullptr && *fromEnvironment != '\0'
+                    ? ParseLogLevel(fromEnvironment)
+                    : ParseLogLevel(ConfiguredSettings().level.c_str());
         gMinimumPriority.store(level, std::memory_order_release);
     }
     return level;
@@ -295,6 +326,11 @@ size_t WriteLine(int prio, const char* tag, const std::string& message)
     if (SendToSink(prio, tag, message)) {
         return message.size();
     }
+    if (StandardErrorIsJournal()) {
+        const std::string line = JournalLine(prio, tag, message);
+        WriteAll(line);
+        return line.size();
+    }
     char pid[32];
     snprintf(pid, sizeof pid, "(%d): ", static_cast<int>(getpid()));
     std::string line;
@@ -356,6 +392,12 @@ void DropLogLine(int /*priority*/, const char* /*tag*/, const char* /*message*/,
 
 void ForgetLogLevel()
 {
+    {
+        Configured& c = TheConfigured();
+        std::lock_guard<std::mutex> lock(c.mutex);
+        c.settings = LogSettings();
+    }
+    ForgetJournalStream();
     gMinimumPriority.store(0, std::memory_order_release);
     ForgetLogBudgets();
     RateLimit& limit = TheRateLimit();
@@ -364,6 +406,25 @@ void ForgetLogLevel()
     limit.sites.clear();
     limit.formatted = 0;
     limit.suppressedTotal = 0;
+}
+
+void SetConfiguredLogSettings(const LogSettings& settings)
+{
+    {
+        Configured& c = TheConfigured();
+        std::lock_guard<std::mutex> lock(c.mutex);
+        c.settings = settings;
+    }
+    gMinimumPriority.store(0, std::memory_order_release);
+    RateLimit& limit = TheRateLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    limit.loaded = false;
+}
+
+char CurrentLogLevelLetter()
+{
+    const int level = MinimumPriority();
+    return level == DLOG_SILENT ? 'S' : PriorityLetter(level);
 }
 
 LogRateCounters LogRateCountersNow()

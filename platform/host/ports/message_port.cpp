@@ -54,6 +54,7 @@
 #include "bus/bus_connection.h"
 #include "ports/held_sends.h"
 #include "ports/port_delivery.h"
+#include "stats/request_stats.h"
 #include "identity/credentials.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
@@ -687,6 +688,10 @@ int SendMessage(const char* function, const char* appId, const char* port, bundl
 {
     int result = ShouldFail(function) ? MESSAGE_PORT_ERROR_IO_ERROR : Deliver(appId, port, message, localPort);
     Record(appId, port, localPort, message, result);
+    stats::NoteMessage(result == MESSAGE_PORT_ERROR_NONE             ? nullptr
+                       : result == MESSAGE_PORT_ERROR_PORT_NOT_FOUND ? "port-not-found"
+                       : result == MESSAGE_PORT_ERROR_MAX_EXCEEDED   ? "receiver-not-answering"
+                                                                     : "send-failed");
     return result;
 }
 

@@ -77,6 +77,9 @@ void NotePortWatchOwnerChange(GDBusConnection* connection, const char* name, con
 /* After a new connection: the watched ports whose application no longer runs
  * are reported gone (their end may have passed while there was no bus). */
 void RecheckPortWatches(GDBusConnection* connection);
+/* The remote ports this process watches (message_port_add_unregistered_cb):
+ * the service's preview-event subscribers. */
+size_t WatchedRemotePorts();
 /* Forgets every watch. */
 void ForgetPortWatches();
 

@@ -120,6 +120,13 @@ void ForgetPortWatches()
     s.nextId = 1;
 }
 
+size_t WatchedRemotePorts()
+{
+    WatchState& s = TheWatchState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.watches.size();
+}
+
 }  // namespace host
 }  // namespace tilvane
 

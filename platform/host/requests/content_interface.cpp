@@ -16,6 +16,7 @@
 #include "requests/request_glue.h"
 #include "bundle/row_codec.h"
 #include "requests/reply_budget.h"
+#include "requests/refusal_reasons.h"
 
 namespace tilvane {
 namespace host {
@@ -205,6 +206,7 @@ void ReplyWrite(Job& job, ContentStep& step)
         return;
     }
     const bool inserts = step.kind == content::RequestKind::Insert || step.kind == content::RequestKind::BulkInsert;
+    CountResultCode(outcome.result);
     g_dbus_method_invocation_return_value(
         job.invocation.get(), g_variant_new("(ixs)", outcome.result,
                                             static_cast<gint64>(inserts ? outcome.rowId : outcome.changedRows),

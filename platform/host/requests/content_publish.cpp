@@ -43,6 +43,7 @@
 #include "content/outer_transaction.h"
 #include "ports/held_sends.h"
 #include "requests/content_steps.h"
+#include "requests/refusal_reasons.h"
 #include "requests/request_glue.h"
 
 namespace tilvane {
@@ -299,6 +300,11 @@ GVariant* AnswerPublish(const std::string& clientApp, GVariant* parameters, std:
         return nullptr;
     }
     const PublishEnd end = Publish(clientApp, steps);
+    if (!end.error.empty()) {
+        CountErrorAnswer(end.error.c_str(), end.reason);
+    } else {
+        CountResultCode(end.result);
+    }
     if (end.step < 0) {
         REQUEST_LOGI("publish of %s: %zu step(s) stored", clientApp.c_str(), steps.size());
     } else {

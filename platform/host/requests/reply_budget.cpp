@@ -5,6 +5,7 @@
 #include "config/platform_config.h"
 #include "requests/request_glue.h"
 #include "requests/request_report.h"
+#include "stats/request_stats.h"
 
 namespace tilvane {
 namespace host {
@@ -33,6 +34,7 @@ size_t MaxReplyPayloadBytes()
 void NoteReplyTooLarge(const std::string& app, const std::string& request)
 {
     RecordBudgetFailure(kReplyTooLargeText);
+    stats::NoteBudgetHit(stats::Budget::Reply);
     REQUEST_LOGE("request %s of %s failed: %s (a reply carries at most %zu bytes of rows)", request.c_str(),
                  app.c_str(), kReplyTooLargeText, MaxReplyPayloadBytes());
 }

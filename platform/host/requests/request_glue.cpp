@@ -38,6 +38,8 @@
 #include "app/idle_trim.h"
 #include "content/statement_budget.h"
 #include "log/log_budget.h"
+#include "requests/refusal_reasons.h"
+#include "stats/request_stats.h"
 #include "TilesModel.h"
 #include "request_interfaces_xml.h"
 
@@ -247,6 +249,7 @@ const gchar* OrNull(const gchar* text)
 
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message)
 {
+    CountErrorAnswer(name, message);
     g_dbus_method_invocation_return_dbus_error(invocation, name, message);
 }
 
@@ -364,16 +367,25 @@ void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason)
     ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
 }
 
+/* Runs the job, or refuses its sender, counted in the statistics. */
+void ServeJob(Job& job)
+{
+    static const std::string kDataControlName = "DataControl";
+    static const std::string kContentName = "Content";
+    stats::RequestScope counted(job.interface == kDataControlInterface ? kDataControlName : kContentName, job.method,
+                                job.arrivedUs);
+    if (job.refusal.empty()) {
+        RunJob(job);
+    } else {
+        RefuseSender(job.invocation.get(), job.refusal);
+    }
+}
+
 /* A job whose sender was checked on the bus thread, back on the main context. */
 gboolean RunCheckedJobCB(gpointer data)
 {
     --unsettledChecks;
-    Job* job = static_cast<Job*>(data);
-    if (job->refusal.empty()) {
-        RunJob(*job);
-    } else {
-        RefuseSender(job->invocation.get(), job->refusal);
-    }
+    ServeJob(*static_cast<Job*>(data));
     return G_SOURCE_REMOVE;
 }
 
@@ -427,15 +439,12 @@ void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender,
     g_variant_get_child(parameters, 0, "&s", &clientApp);
     std::unique_ptr<Job> job(new Job{
         std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
-        interfaceName, methodName, GVariantPtr(g_variant_ref(parameters)), clientApp, ""});
+        interfaceName, methodName, GVariantPtr(g_variant_ref(parameters)), clientApp, "", stats::MonotonicUs()});
     std::string reason;
     const int known = unsettledChecks == 0 ? KnownSenderIsApp(sender, clientApp, reason) : -1;
-    if (known == 1) {
-        RunJob(*job);
-        return;
-    }
-    if (known == 0) {
-        RefuseSender(invocation, reason);
+    if (known != -1) {
+        job->refusal = known == 1 ? std::string() : reason;
+        ServeJob(*job);
         return;
     }
     SenderCheck* check = new SenderCheck{std::move(job)};

@@ -132,6 +132,8 @@ struct Job {
     std::string clientApp;
     /* Why the sender was refused; empty when it may make the call. */
     std::string refusal;
+    /* When the call reached the process (stats::MonotonicUs). */
+    int64_t arrivedUs = 0;
 };
 
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message);

@@ -1,0 +1,168 @@
+/*
+ * The table of the configuration's keys (config_keys.h).
+ */
+#include "config/config_keys.h"
+
+#include <glib.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace tilvane {
+namespace host {
+namespace config {
+
+const std::vector<KeyInfo>& KnownKeys()
+{
+    using K = KeyKind;
+    static const std::vector<KeyInfo> keys = {
+        {"service", "app-id", K::Text, "com.quillon.px.tilvane", false},
+        {"message-port", "max-unanswered", K::Integer, "1024", true},
+        {"message-port", "unanswered-quiet-ms", K::Integer, "1000", true},
+        {"message-port", "delivery-timeout-ms", K::Integer, "10000", true},
+        {"strict", "confinement", K::Boolean, "false", false},
+        {"strict", "trusted-senders", K::List, "", false},
+        {"strict", "sections-per-package", K::Integer, "64", true},
+        {"strict", "tiles-per-package", K::Integer, "1024", true},
+        {"strict", "value-bytes", K::Integer, "16384", true},
+        {"strict", "where-bytes", K::Integer, "8192", true},
+        {"identity", "mode", K::Text, "verified", false},
+        {"identity", "platform-users", K::List, "0", false},
+        {"identity", "platform-ids", K::List, "", false},
+        {"identity", "first-app-user", K::Integer, "5000", false},
+        {"identity", "last-app-user", K::Integer, "59999", false},
+        {"identity", "signal-linger-ms", K::Integer, "200", false},
+        {"identity-users", "*", K::List, "", false},
+        {"files", "group", K::Text, "", false},
+        {"data-control", "provider-id", K::Text, "content://com.quillon.px.tiles", false},
+        {"data-control", "data-ids", K::List, "accelerators;sections;tiles", false},
+        {"content", "lookup-indexes", K::List, "accelerators.accelerator_app_pkg_name;tiles.tile_id", false},
+        {"budget", "statement-ms", K::Integer, "2000", true},
+        {"budget", "value-bytes", K::Integer, "2097152", true},
+        {"budget", "like-pattern-bytes", K::Integer, "64", true},
+        {"budget", "heap-bytes", K::Integer, "67108864", true},
+        {"bus", "max-message-bytes", K::Integer, "33554432", true},
+        {"bus", "reconnect-ms", K::Integer, "10000", true},
+        {"log", "level", K::Text, "D", true},
+        {"log", "rate-burst", K::Integer, "2000", true},
+        {"log", "rate-interval-ms", K::Integer, "10000", true},
+        {"log", "rate-bytes", K::Integer, "262144", true},
+        {"log", "app-bytes", K::Integer, "524288", true},
+        {"log", "service-bytes", K::Integer, "4194304", true},
+        {"log", "budget-interval-ms", K::Integer, "10000", true},
+        {"stats", "enabled", K::Boolean, "true", true},
+    };
+    return keys;
+}
+
+const KeyInfo* FindKey(const std::string& group, const std::string& key)
+{
+    for (const KeyInfo& info : KnownKeys()) {
+        if (group == info.group && (key == info.key || std::strcmp(info.key, "*") == 0)) {
+            return &info;
+        }
+    }
+    return nullptr;
+}
+
+namespace {
+
+std::string Trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::string NormalisedList(const std::string& value)
+{
+    std::string joined;
+    gchar** parts = g_strsplit_set(value.c_str(), ";,", -1);
+    for (gchar** part = parts; part != nullptr && *part != nullptr; ++part) {
+        const std::string item = Trimmed(*part);
+        if (!item.empty()) {
+            joined += (joined.empty() ? "" : ";") + item;
+        }
+    }
+    g_strfreev(parts);
+    return joined;
+}
+
+}  // namespace
+
+std::string NormalisedValue(KeyKind kind, const std::string& value)
+{
+    const std::string text = Trimmed(value);
+    if (kind == KeyKind::Integer) {
+        char* end = nullptr;
+        const long long number = std::strtoll(text.c_str(), &end, 10);
+        return !text.empty() && *end == '\0' ? std::to_string(number) : text;
+    }
+    if (kind == KeyKind::Boolean) {
+        if (text == "true" || text == "1") {
+            return "true";
+        }
+        if (text == "false" || text == "0") {
+            return "false";
+        }
+        return text;
+    }
+    return kind == KeyKind::List ? NormalisedList(text) : text;
+}
+
+bool IsDefaultValue(const KeyInfo& info, const std::string& value)
+{
+    return NormalisedValue(info.kind, value) == NormalisedValue(info.kind, info.defaultText);
+}
+
+namespace {
+
+std::string WhereText(const Resolution& where)
+{
+    if (where.path.empty()) {
+        return "configuration: none (TILVANE_CONFIG is not set and the platform root has no etc/tilvane.conf)";
+    }
+    return "configuration " + where.path + (where.named ? " (named by TILVANE_CONFIG)" : "");
+}
+
+}  // namespace
+
+ConfigurationReport DescribeConfiguration(const Resolution& where, const std::vector<Entry>& entries)
+{
+    ConfigurationReport report;
+    std::string differing;
+    size_t count = 0;
+    for (const Entry& entry : entries) {
+        const KeyInfo* info = FindKey(entry.group, entry.key);
+        if (info == nullptr) {
+            report.unknown.push_back(WhereText(where) + ": unknown key [" + entry.group + "] " + entry.key +
+                                     " is ignored");
+            continue;
+        }
+        if (!IsDefaultValue(*info, entry.value)) {
+            differing += (count++ == 0 ? "" : ", ") + ("[" + entry.group + "] " + entry.key + " = " + entry.value);
+        }
+    }
+    report.summary = WhereText(where);
+    if (where.path.empty()) {
+        report.summary += "; every key has its built-in default";
+    } else if (count == 0) {
+        report.summary += ": every key has its default";
+    } else {
+        report.summary += ": " + std::to_string(count) + (count == 1 ? " key differs" : " keys differ") +
+                          " from the defaults: " + differing;
+    }
+    return report;
+}
+
+std::string DescribeChange(const Change& change)
+{
+    auto shown = [](const std::string& value) { return value.empty() ? std::string("(unset)") : value; };
+    return "[" + change.group + "] " + change.key + " " + shown(change.before) + " -> " + shown(change.after);
+}
+
+}  // namespace config
+}  // namespace host
+}  // namespace tilvane

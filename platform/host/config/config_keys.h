@@ -1,0 +1,64 @@
+/*
+ * Every key of the integrator's configuration that the platform knows: its
+ * group, its name, its built-in default as text, and whether a running
+ * service takes a new value when it is told to read the file again (SIGHUP).
+ * docs/configuration.md describes each. The table is what the service's start
+ * line ("... keys differ from the defaults") and a reload's lines compare
+ * with, and what tells a key the platform does not know (a misspelt one) from
+ * the others. Internal to the host platform.
+ */
+#ifndef TILVANE_PLATFORM_CONFIG_KEYS_H
+#define TILVANE_PLATFORM_CONFIG_KEYS_H
+
+#include <string>
+#include <vector>
+
+#include "config/platform_config.h"
+
+namespace tilvane {
+namespace host {
+namespace config {
+
+enum class KeyKind { Text, Integer, Boolean, List };
+
+struct KeyInfo {
+    const char* group;
+    /* "*": any key of the group (the group's keys are names of the
+     * integrator's choosing, such as the platform ids of [identity-users]). */
+    const char* key;
+    KeyKind kind;
+    const char* defaultText;
+    /* Taken by a running service when the file is read again. */
+    bool reloadable;
+};
+
+const std::vector<KeyInfo>& KnownKeys();
+
+/* The entry of `group` and `key`, or null when the platform does not know it. */
+const KeyInfo* FindKey(const std::string& group, const std::string& key);
+
+/* `value` written the way the key's kind compares: integers as numbers,
+ * booleans as "true"/"false", lists as their items joined by ";", text
+ * trimmed. A value that does not read as the kind stays as it is written. */
+std::string NormalisedValue(KeyKind kind, const std::string& value);
+
+/* True when `value` means the same as the key's default. */
+bool IsDefaultValue(const KeyInfo& info, const std::string& value);
+
+/* What a service says of its configuration at start: `summary`, where it
+ * came from and every key that differs from its default; `unknown`, one line
+ * per key the platform does not know (and ignores). */
+struct ConfigurationReport {
+    std::string summary;
+    std::vector<std::string> unknown;
+};
+ConfigurationReport DescribeConfiguration(const Resolution& where, const std::vector<Entry>& entries);
+
+/* "[log] level D -> I" of a change a reload found. */
+std::string DescribeChange(const Change& change);
+
+}  // namespace config
+}  // namespace host
+}  // namespace tilvane
+
+#endif
