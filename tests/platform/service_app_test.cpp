@@ -266,7 +266,7 @@ TEST_F(ServiceAppTest, RequestTerminationWithoutLoopDoesNothing)
     EXPECT_EQ(r.terminates, 1);
 }
 
-TEST_F(ServiceAppTest, LifecycleIsLoggedAtDebug)
+TEST_F(ServiceAppTest, TheLinesAnOperatorNeedsAreAtInformationTheRestAtDebug)
 {
     tilvane::host::StartLogCapture();
     Recorder r;
@@ -276,11 +276,21 @@ TEST_F(ServiceAppTest, LifecycleIsLoggedAtDebug)
 
     const auto lines = tilvane::host::CapturedLog();
     std::vector<std::string> messages;
+    std::vector<std::string> information;
     for (const auto& line : lines) {
         EXPECT_EQ(line.tag, "tilvane-platform");
-        EXPECT_EQ(line.priority, DLOG_DEBUG) << line.message;
+        EXPECT_TRUE(line.priority == DLOG_DEBUG || line.priority == DLOG_INFO) << line.message;
         messages.push_back(line.message);
+        if (line.priority == DLOG_INFO) {
+            information.push_back(line.message);
+        }
     }
+    /* Where the configuration came from, strict confinement, ready, stopping. */
+    ASSERT_EQ(information.size(), 4u) << ::testing::PrintToString(information);
+    EXPECT_EQ(information[0].rfind("configuration", 0), 0u) << information[0];
+    EXPECT_EQ(information[1], "strict confinement off");
+    EXPECT_EQ(information[2].rfind("ready: serving requests as ", 0), 0u) << information[2];
+    EXPECT_EQ(information[3], "terminating: service_app_exit");
     auto position = [&messages](const std::string& prefix) -> size_t {
         return static_cast<size_t>(
             std::find_if(messages.begin(), messages.end(),
@@ -288,13 +298,15 @@ TEST_F(ServiceAppTest, LifecycleIsLoggedAtDebug)
             messages.begin());
     };
     const size_t created = position("service application created");
+    const size_t ready = position("ready: ");
     const size_t terminating = position("terminating");
     const size_t ended = position("main loop ended");
     const size_t size = messages.size();
     ASSERT_LT(created, size);
     ASSERT_LT(terminating, size);
     ASSERT_LT(ended, size);
-    EXPECT_LT(created, terminating);
+    EXPECT_LT(created, ready);
+    EXPECT_LT(ready, terminating);
     EXPECT_LT(terminating, ended);
 }
 
@@ -378,14 +390,29 @@ TEST_F(ServiceAppTest, InjectedEventHandlerFailure)
     EXPECT_EQ(tilvane::host::CallCount("service_app_add_event_handler"), 2);
 }
 
-TEST_F(ServiceAppTest, EventHandlerAddIsLogged)
+TEST_F(ServiceAppTest, EventHandlersAddedBeforeTheStartAreLoggedWhenItStartsAndLaterOnesAtOnce)
 {
     tilvane::host::StartLogCapture();
     app_event_handler_h handler = nullptr;
     ASSERT_EQ(service_app_add_event_handler(&handler, APP_EVENT_REGION_FORMAT_CHANGED, OnLanguage, nullptr),
               APP_ERROR_NONE);
-    EXPECT_EQ(tilvane::host::CapturedMessages("tilvane-platform"),
-              std::vector<std::string>{"event handler added: type 4"});
+    /* A program adds its handlers before service_app_main reads its command
+     * line: nothing is written yet, so that --version writes only its answer. */
+    EXPECT_TRUE(tilvane::host::CapturedMessages("tilvane-platform").empty());
+    Recorder r;
+    r.onAppControl = [](Recorder*) {
+        app_event_handler_h later = nullptr;
+        service_app_add_event_handler(&later, APP_EVENT_LANGUAGE_CHANGED, OnLanguage, nullptr);
+        service_app_exit();
+    };
+    service_app_lifecycle_callback_s callbacks = Callbacks();
+    ASSERT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
+    const std::vector<std::string> messages = tilvane::host::CapturedMessages("tilvane-platform");
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "event handler added: type 4"), 1);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "event handler added: type 2"), 1);
+    const auto added = std::find(messages.begin(), messages.end(), "event handler added: type 4");
+    const auto created = std::find(messages.begin(), messages.end(), "service application created");
+    EXPECT_LT(added, created);
 }
 
 TEST_F(ServiceAppTest, ResetDropsEventHandlers)

@@ -22,6 +22,10 @@ int RunPowerOffCommand(const std::vector<std::string>& args);
 void PrintPowerOffHelp();
 int RunSystemInfoCommand(const std::vector<std::string>& args);
 void PrintSystemInfoHelp();
+int RunStatsCommand(const std::vector<std::string>& args);
+void PrintStatsHelp();
+int RunDbCommand(const std::vector<std::string>& args);
+void PrintDbHelp();
 
 const std::vector<CommandGroup>& CommandGroups()
 {
@@ -39,6 +43,9 @@ const std::vector<CommandGroup>& CommandGroups()
         {"key", "set, read or remove an integer configuration key", RunKeyCommand, PrintKeyHelp},
         {"power-off", "announce a power-off of a type", RunPowerOffCommand, PrintPowerOffHelp},
         {"system-info", "set a boolean system-information value", RunSystemInfoCommand, PrintSystemInfoHelp},
+        {"stats", "the running service's statistics (platform users); reset them", RunStatsCommand, PrintStatsHelp,
+         true},
+        {"db", "back up, restore and check the service's database (platform users)", RunDbCommand, PrintDbHelp},
     };
     return groups;
 }

@@ -25,6 +25,8 @@ struct CommandGroup
     const char* summary;
     int (*run)(const std::vector<std::string>& args);
     void (*printHelp)();
+    /* The group does something without a command (tilvanectl stats). */
+    bool runsWithoutCommand = false;
 };
 
 /* The groups, in the order `tilvanectl --help` lists them. */

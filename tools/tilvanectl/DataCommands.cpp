@@ -136,30 +136,15 @@ void PrintRows(const tilvane::client::RowSet& rows, bool json)
         std::cout << (rows.rows.empty() ? "]\n" : "\n]\n");
         return;
     }
-    std::vector<size_t> widths;
-    for (const std::string& column : rows.columns) {
-        widths.push_back(DisplayWidth(column));
-    }
-    for (const auto& row : rows.rows) {
-        for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
-            widths[c] = std::max(widths[c], DisplayWidth(CellText(row[c])));
-        }
-    }
-    auto printLine = [&](const std::vector<std::string>& cells) {
-        std::string line;
-        for (size_t c = 0; c < cells.size(); ++c) {
-            line += c + 1 < cells.size() ? PadToWidth(cells[c], widths[c] + 2) : cells[c];
-        }
-        std::cout << line << "\n";
-    };
-    printLine(rows.columns);
+    std::vector<std::vector<std::string>> texts;
     for (const auto& row : rows.rows) {
         std::vector<std::string> cells;
         for (const Cell& cell : row) {
             cells.push_back(CellText(cell));
         }
-        printLine(cells);
+        texts.push_back(std::move(cells));
     }
+    std::cout << FormatTable(rows.columns, texts);
     std::cout << "(" << rows.rows.size() << (rows.rows.size() == 1 ? " row)\n" : " rows)\n");
 }
 

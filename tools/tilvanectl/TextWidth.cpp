@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+
 namespace tilvanectl {
 
 size_t DisplayWidth(const std::string& text)
@@ -25,6 +27,31 @@ std::string PadToWidth(const std::string& text, size_t width)
 {
     const size_t have = DisplayWidth(text);
     return have >= width ? text : text + std::string(width - have, ' ');
+}
+
+std::string FormatTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<size_t> widths;
+    for (const std::string& column : header) {
+        widths.push_back(DisplayWidth(column));
+    }
+    for (const auto& row : rows) {
+        for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
+            widths[c] = std::max(widths[c], DisplayWidth(row[c]));
+        }
+    }
+    std::string text;
+    auto addLine = [&](const std::vector<std::string>& cells) {
+        for (size_t c = 0; c < cells.size(); ++c) {
+            text += c + 1 < cells.size() && c < widths.size() ? PadToWidth(cells[c], widths[c] + 2) : cells[c];
+        }
+        text += "\n";
+    };
+    addLine(header);
+    for (const auto& row : rows) {
+        addLine(row);
+    }
+    return text;
 }
 
 }  // namespace tilvanectl

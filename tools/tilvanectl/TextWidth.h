@@ -7,6 +7,7 @@
 #define TILVANECTL_TEXT_WIDTH_H
 
 #include <string>
+#include <vector>
 
 namespace tilvanectl {
 
@@ -15,6 +16,9 @@ size_t DisplayWidth(const std::string& text);
 /* `text` followed by blanks up to `width` columns (nothing added when it is
  * already as wide). */
 std::string PadToWidth(const std::string& text, size_t width);
+
+/* The header and the rows as lines of aligned columns, two blanks apart. */
+std::string FormatTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
 
 }  // namespace tilvanectl
 

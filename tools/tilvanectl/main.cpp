@@ -151,7 +151,7 @@ int main(int argc, char** argv)
             return tilvanectl::EXIT_OK;
         }
     }
-    if (args.empty() || (args.size() == 1 && args[0] == "help")) {
+    if ((args.empty() && !group->runsWithoutCommand) || (args.size() == 1 && args[0] == "help")) {
         if (args.empty()) {
             PrintToStandardError(group->printHelp);
             return tilvanectl::EXIT_USAGE;

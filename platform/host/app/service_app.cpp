@@ -210,7 +210,9 @@ public:
      * service manager's watchdog from the loop while it turns. */
     void AnnounceServingWhenRunning()
     {
-        serving_ = Attach(g_idle_source_new(), OnServing, nullptr);
+        serving_ = g_idle_source_new();
+        g_source_set_priority(serving_, G_PRIORITY_HIGH);
+        Attach(serving_, OnServing, nullptr);
         service_manager::StartWatchdog();
     }
 
@@ -575,12 +577,12 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
         exitBeforeLoop = true;
     }
     if (!exitBeforeLoop) {
+        run.AnnounceServingWhenRunning();
         if (callback->app_control != nullptr) {
             run.CallAppControlWhenIdle(callback->app_control, user_data);
         }
         PLATFORM_LOGD("main loop running");
         StartBusSupervision(EndForLostBus);
-        run.AnnounceServingWhenRunning();
         run.Run();
         StopBusSupervision();
     }

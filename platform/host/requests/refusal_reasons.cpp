@@ -29,6 +29,18 @@ std::string StrictRule(const std::string& text)
     return "strict-" + text.substr(start, end == std::string::npos ? std::string::npos : end - start);
 }
 
+/* The reason of a provider's refusal told in the client's words (the
+ * provider's own text or ReasonForProviderText's), "" for any other text. */
+const char* KnownRefusal(const std::string& text)
+{
+    const std::string words = ReasonForProviderText(text);
+    const std::string& said = words.empty() ? text : words;
+    if (said == "permission level too low") {
+        return "permission-level";
+    }
+    return said == "this table cannot be changed through this request" ? "invalid-uri" : "";
+}
+
 }  // namespace
 
 std::string RefusalOfError(const char* errorName, const std::string& text)
@@ -45,13 +57,17 @@ std::string RefusalOfError(const char* errorName, const std::string& text)
     if (std::strcmp(errorName, kErrorRefused) == 0) {
         return StrictRule(text);
     }
+    const std::string known = KnownRefusal(text);
     if (std::strcmp(errorName, kErrorProviderError) == 0) {
-        return ReasonForProviderText(text) == "permission level too low" ? "permission-level" : "provider-error";
+        return known.empty() ? "provider-error" : known;
     }
     if (std::strcmp(errorName, kErrorNoResult) == 0) {
         /* A data-control insert that carries a sync mark writes no row and
          * is answered so on purpose. */
-        return text.rfind("sync ", 0) == 0 ? std::string() : "no-result";
+        if (text.rfind("sync ", 0) == 0) {
+            return std::string();
+        }
+        return known.empty() ? "no-result" : known;
     }
     return "error";
 }
