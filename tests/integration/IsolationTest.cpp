@@ -776,6 +776,47 @@ TEST_F(IsolationTest, RunByAPlatformUserTheToolIsThePlatformAndEveryCommandWorks
     EXPECT_NE(powerOff.err.find("not a platform user: a power-off counts only from the platform"), std::string::npos);
 }
 
+TEST_F(IsolationTest, OnlyAPlatformUserReadsTheStatisticsOrBacksUpRestoresAndChecksTheDatabase)
+{
+    StartService();
+    PublishBoth();
+    const std::string before = Scalar("SELECT group_concat(tile_title) FROM tiles");
+    const std::string backup = m_logs.File("platform.db");
+    RunResult made = DefaultCtl(kRoot, {"db", "backup", backup});
+    ASSERT_EQ(made.status, 0) << made.err;
+    EXPECT_EQ(Mode(backup), "0600");
+    EXPECT_EQ(DefaultCtl(kRoot, {"stats"}).status, 0);
+    EXPECT_EQ(DefaultCtl(kRoot, {"db", "check"}).status, 0);
+    /* A folder every user may write, and the copy readable by all: what stops
+     * the others below is the service, not the files. */
+    TempDir openFolder;
+    const std::string open = openFolder.Path();
+    ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+    const std::string readable = open + "/copy.db";
+    std::filesystem::copy_file(backup, readable);
+    ASSERT_EQ(chmod(readable.c_str(), 0644), 0);
+    for (const auto& who : std::vector<std::pair<int, std::string>>{{kNewsUser, kNewsApp}, {kLocalUser, "sys.tool"}}) {
+        const std::string refusal = "refused: user " + std::to_string(who.first) +
+                                    " is not a platform user: only platform users may use it";
+        for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+                 {"stats"}, {"stats", "reset"}, {"db", "check"}, {"db", "backup", open + "/stolen.db"},
+                 {"db", "restore", readable}}) {
+            RunResult run = Ctl(who.first, who.second, words);
+            EXPECT_EQ(run.status, 1) << words[0] << " " << words[1 % words.size()];
+            EXPECT_NE(run.err.find(refusal), std::string::npos) << run.err;
+            EXPECT_EQ(run.out, "");
+        }
+        EXPECT_FALSE(std::filesystem::exists(open + "/stolen.db"));
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(open)) {
+        EXPECT_EQ(entry.path().string(), readable) << "a half copy was left";
+    }
+    EXPECT_EQ(Scalar("SELECT group_concat(tile_title) FROM tiles"), before);
+    /* The statistics were not reset by them. */
+    RunResult stats = DefaultCtl(kRoot, {"stats", "--json"});
+    EXPECT_NE(stats.out.find("\"kind\": \"Insert\", \"requests\": 4"), std::string::npos) << stats.out;
+}
+
 /* ---- users ------------------------------------------------------------------------- */
 
 TEST_F(IsolationTest, APackageWithoutAUserLineGetsAnExistingAccountOrAClearRefusal)

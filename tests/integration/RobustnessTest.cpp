@@ -151,11 +151,12 @@ protected:
 
     std::string DatabasePath() const { return m_root.Path() + "/opt/dbspace/.preview.db"; }
 
-    /* Tiles stored per title (the bulk's marker). */
-    std::map<std::string, int> RowsPerMarker(const std::string& prefix) const
+    /* Tiles stored per title (the bulk's marker), in the service's database
+     * or in `file`. */
+    std::map<std::string, int> RowsPerMarker(const std::string& prefix, const std::string& file = "") const
     {
         std::map<std::string, int> counts;
-        RawDatabase db(DatabasePath());
+        RawDatabase db(file.empty() ? DatabasePath() : file);
         for (const std::string& title :
              db.Column("SELECT tile_title FROM tiles WHERE tile_title LIKE '" + prefix + "-%'")) {
             ++counts[title];
@@ -163,9 +164,9 @@ protected:
         return counts;
     }
 
-    std::string IntegrityCheck() const
+    std::string IntegrityCheck(const std::string& file = "") const
     {
-        std::vector<std::string> result = RawDatabase(DatabasePath()).Column("PRAGMA integrity_check");
+        std::vector<std::string> result = RawDatabase(file.empty() ? DatabasePath() : file).Column("PRAGMA integrity_check");
         return result.size() == 1 ? result[0] : "findings: " + std::to_string(result.size());
     }
 
@@ -268,6 +269,75 @@ TEST_F(RobustnessTest, SeveralClientsWithMixedRequestsLoseNothingAcknowledged)
     EXPECT_EQ("ok", IntegrityCheck());
     std::printf("[ load ] %d clients x %d requests: %zu tiles inserted, %zu deleted\n", kClients, kRequests, inserted,
                 deleted);
+}
+
+/* tilvanectl as the platform, to its end: its exit code. */
+int PlatformTool(const std::string& root, const TempDir& logs, const std::vector<std::string>& words)
+{
+    static int runs = 0;
+    std::vector<std::string> argv = {TILVANECTL_BINARY};
+    argv.insert(argv.end(), words.begin(), words.end());
+    const std::string name = "tool-" + std::to_string(++runs);
+    Process tool(argv, {"TILVANE_PLATFORM_ROOT=" + root, "TILVANE_APP_ID=tilvanectl"}, logs.File(name + ".out"),
+                 logs.File(name + ".err"));
+    const int code = tool.Wait(60000);
+    EXPECT_EQ(0, code) << tool.Err();
+    return code;
+}
+
+TEST_F(RobustnessTest, BackupsTakenDuringLoadAreWholeAndOneRestoresToAnIdenticalDatabase)
+{
+    constexpr int kRows = 5;
+    constexpr int kBackups = 5;
+    InstallWriter("org.example.bulk", "org.example.bulk.ui");
+    InstallWriter("org.example.load", "org.example.load.ui");
+    StartService();
+    const std::string section = SectionOf("org.example.bulk.ui");
+    ASSERT_FALSE(section.empty());
+    const std::string output = m_logs.File("bulk.out");
+    std::unique_ptr<Process> bulks =
+        StartClient("org.example.bulk.ui", {"bulk", section, "b", "100000", std::to_string(kRows), output});
+    std::unique_ptr<Process> mixed =
+        StartClient("org.example.load.ui", {"mixed", "load", "400", "7", m_logs.File("mixed.out")});
+    std::vector<std::string> backups;
+    for (int b = 0; b < kBackups; ++b) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        backups.push_back(m_logs.File("backup-" + std::to_string(b) + ".db"));
+        ASSERT_EQ(0, PlatformTool(m_root.Path(), m_logs, {"db", "backup", backups.back()}));
+    }
+    tilvane::test::WriteFile(output + ".stop", "");
+    ASSERT_EQ(0, bulks->Wait(30000)) << bulks->Err();
+    ASSERT_EQ(0, mixed->Wait(120000)) << mixed->Err();
+
+    /* Each copy is one moment of the database: sound, and no bulk in part.
+     * The load went on between them: each holds more bulks than the one
+     * before. */
+    size_t previous = 0;
+    for (const std::string& backup : backups) {
+        EXPECT_EQ("ok", IntegrityCheck(backup)) << backup;
+        EXPECT_TRUE(RawDatabase(backup).Column("PRAGMA foreign_key_check").empty()) << backup;
+        const std::map<std::string, int> stored = RowsPerMarker("b", backup);
+        for (const auto& entry : stored) {
+            EXPECT_EQ(kRows, entry.second) << backup << ": bulk " << entry.first << " is in part";
+        }
+        EXPECT_GT(stored.size(), previous) << backup;
+        previous = stored.size();
+    }
+    /* The database went on changing after the copies; restoring the
+     * middle one makes it that copy again, row for row. */
+    const std::vector<std::string> tables = {"accelerators", "sections", "tiles"};
+    const std::string middle = backups[kBackups / 2];
+    ASSERT_NE(RawDatabase(DatabasePath()).Dump(tables), RawDatabase(middle).Dump(tables));
+    ASSERT_EQ(0, PlatformTool(m_root.Path(), m_logs, {"db", "restore", middle}));
+    EXPECT_EQ(RawDatabase(DatabasePath()).Dump(tables), RawDatabase(middle).Dump(tables));
+    EXPECT_EQ("ok", IntegrityCheck());
+    /* The service serves the restored rows at once. */
+    const std::string after = m_logs.File("after.out");
+    std::unique_ptr<Process> client = StartClient("org.example.bulk.ui", {"bulk", section, "after", "1", "1", after});
+    ASSERT_EQ(0, client->Wait(30000)) << client->Err();
+    EXPECT_EQ(1u, Marked(ReadAll(after), "ack").size()) << ReadAll(after);
+    EXPECT_EQ(1, RowsPerMarker("after")["after-0"]);
+    EXPECT_EQ(RowsPerMarker("b"), RowsPerMarker("b", middle));
 }
 
 TEST_F(RobustnessTest, BulksWhileTheDiskFillsAreStoredWholeOrAnsweredWithAFailure)
