@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "StderrCapture.h"
+#include "log/journal_format.h"
+#include "log/log_settings.h"
 #include <host_control.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sstream>
@@ -205,6 +208,54 @@ TEST_F(DlogTest, MinimumPriorityFiltersStderrButNotCapture)
     EXPECT_NE(lines[1].find("error line"), std::string::npos);
     EXPECT_EQ(tilvane::host::CapturedMessages("tag"),
               (std::vector<std::string>{"debug line", "info line", "warn line", "error line"}));
+}
+
+TEST_F(DlogTest, TheConfigurationsLevelAppliesUnlessTheEnvironmentNamesOne)
+{
+    tilvane::host::LogSettings settings;
+    settings.level = "W";
+    tilvane::host::SetConfiguredLogSettings(settings);
+    EXPECT_EQ(tilvane::host::CurrentLogLevelLetter(), 'W');
+    {
+        StderrCapture capture;
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "tag", "info line");
+        __dlog_print(LOG_ID_MAIN, DLOG_WARN, "tag", "warn line");
+        const auto lines = Lines(capture.Stop());
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_NE(lines[0].find("warn line"), std::string::npos);
+    }
+    setenv("TILVANE_LOG_LEVEL", "I", 1);
+    tilvane::host::SetConfiguredLogSettings(settings);
+    EXPECT_EQ(tilvane::host::CurrentLogLevelLetter(), 'I');
+}
+
+TEST_F(DlogTest, WhenStandardErrorIsTheJournalLinesCarryTheirPriorityAndNoTimeStamp)
+{
+    EXPECT_EQ(tilvane::host::JournalLine(DLOG_INFO, "tilvane", "a line"), "<6>tilvane: a line\n");
+    EXPECT_EQ(tilvane::host::JournalLine(DLOG_DEBUG, "t", "d"), "<7>t: d\n");
+    EXPECT_EQ(tilvane::host::JournalLine(DLOG_VERBOSE, "t", "v"), "<7>t: v\n");
+    EXPECT_EQ(tilvane::host::JournalLine(DLOG_WARN, "t", "w"), "<4>t: w\n");
+    EXPECT_EQ(tilvane::host::JournalLine(DLOG_ERROR, "t", "e"), "<3>t: e\n");
+    EXPECT_EQ(tilvane::host::JournalLine(DLOG_FATAL, "t", "f"), "<2>t: f\n");
+
+    StderrCapture capture;
+    struct stat info;
+    ASSERT_EQ(fstat(STDERR_FILENO, &info), 0);
+    const std::string stream = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+    for (const std::string& value : {std::string("garbage"), std::to_string(info.st_dev) + ":1", stream}) {
+        setenv("JOURNAL_STREAM", value.c_str(), 1);
+        tilvane::host::Reset();
+        EXPECT_EQ(tilvane::host::StandardErrorIsJournal(), value == stream) << value;
+        __dlog_print(LOG_ID_MAIN, DLOG_WARN, "tag", "warned");
+    }
+    unsetenv("JOURNAL_STREAM");
+    tilvane::host::Reset();
+    const auto lines = Lines(capture.Stop());
+    ASSERT_EQ(lines.size(), 3u);
+    ParsedLine parsed;
+    EXPECT_TRUE(ParseLine(lines[0], parsed)) << lines[0];
+    EXPECT_TRUE(ParseLine(lines[1], parsed)) << lines[1];
+    EXPECT_EQ(lines[2], "<4>tag: warned");
 }
 
 TEST_F(DlogTest, LevelByNameAndNumber)
