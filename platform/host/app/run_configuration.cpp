@@ -54,7 +54,9 @@ void ApplyRunTimeSettings()
     ApplyLogSettings();
     ApplyLogBudgets();
     content::ReapplyStatementBudgets();
-    stats::SetEnabled(config::Bool("stats", "enabled", true));
+    const bool statistics = config::Bool("stats", "enabled", true);
+    stats::SetEnabled(statistics);
+    content::SetStatementTimesCounted(statistics);
 }
 
 void LogAtStart(const config::Resolution& where)

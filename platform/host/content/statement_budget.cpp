@@ -36,6 +36,8 @@ thread_local StatementBudgetScope* t_scope = nullptr;
  * request it serves (request_stats.h); 0 when none is timed. */
 thread_local int64_t t_statementStartUs = 0;
 std::atomic<bool> g_timingInstalled{true};
+/* Statements' times are counted for the statistics (SQLITE_TRACE_PROFILE). */
+std::atomic<bool> g_statementTimesCounted{true};
 
 /* The coarse clock costs no system call; its few milliseconds of resolution
  * are nothing beside a budget of seconds. */
@@ -90,7 +92,8 @@ void InstallTiming(sqlite3* db, bool installed)
 {
     if (installed) {
         sqlite3_progress_handler(db, kProgressSteps, ProgressCB, nullptr);
-        sqlite3_trace_v2(db, SQLITE_TRACE_STMT | SQLITE_TRACE_PROFILE, TraceCB, nullptr);
+        sqlite3_trace_v2(db, SQLITE_TRACE_STMT | (g_statementTimesCounted.load() ? SQLITE_TRACE_PROFILE : 0), TraceCB,
+                         nullptr);
     } else {
         sqlite3_progress_handler(db, 0, nullptr, nullptr);
         sqlite3_trace_v2(db, 0, nullptr, nullptr);
@@ -184,6 +187,15 @@ void ReapplyStatementBudgets()
     const StatementBudgets budgets = ConfiguredStatementBudgets();
     sqlite3_hard_heap_limit64(budgets.heapBytes);
     Database::ForEachOpenHandle([&budgets](sqlite3* db) { ApplyLengthLimits(db, budgets); });
+}
+
+void SetStatementTimesCounted(bool counted)
+{
+    if (g_statementTimesCounted.exchange(counted) == counted) {
+        return;
+    }
+    const bool installed = g_timingInstalled.load();
+    Database::ForEachOpenHandle([installed](sqlite3* db) { InstallTiming(db, installed); });
 }
 
 void SetStatementTimingInstalled(bool installed)

@@ -65,6 +65,12 @@ int ApplyStatementBudgets(sqlite3* db);
  * configuration was read again. The time budget is read by every request. */
 void ReapplyStatementBudgets();
 
+/* Whether the time of each statement of a request is told to the
+ * statistics (stats/request_stats.h): the trace hook's profile events are
+ * installed on every open connection while they are counted, none while the
+ * statistics are switched off. */
+void SetStatementTimesCounted(bool counted);
+
 /* Installs (true) or removes the time budget's progress handler and trace
  * hook on every open connection; for the benchmarks that weigh its cost. */
 void SetStatementTimingInstalled(bool installed);
