@@ -9,10 +9,11 @@ PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon dbus-bin util-linux sqlite3 curl
     bsdutils python3
-    libsoup-3.0-dev
+    libsoup-3.0-dev libsystemd-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core
     systemd
     clang libfuzzer-14-dev libclang-rt-14-dev
+    dpkg-dev debhelper lintian
 )
 
 missing=()

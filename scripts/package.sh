@@ -3,7 +3,8 @@
 # dpkg-buildpackage -b -us -uc, runs lintian on them (no error allowed), and
 # checks that the packages hold exactly the files the build installed
 # (debian/tmp, what `cmake --install` laid out) plus Debian's own
-# (/usr/share/doc: copyright, changelog). The packages are left in
+# (/usr/share/doc: copyright, changelog; the -dbgsym packages hold the
+# programs' debugging symbols and nothing else). The packages are left in
 # OUTPUT_DIR (default build/packages).
 #
 #   scripts/package.sh [OUTPUT_DIR]
@@ -29,10 +30,22 @@ echo "==> lintian"
 lintian --fail-on error --info "$work"/tilvane_*.changes | tee "$work/lintian.txt"
 
 echo "==> the packages hold what the build installed"
-(cd "$work/tilvane/debian/tmp" && find . \( -type f -o -type l \) | sed 's|^\./|/|' | sort) >"$work/installed.txt"
+# Manual pages are packaged compressed (dh_compress).
+(cd "$work/tilvane/debian/tmp" && find . \( -type f -o -type l \) | sed -e 's|^\./|/|' -e 's|^\(/usr/share/man/.*\)$|\1.gz|' |
+    sort) >"$work/installed.txt"
 for deb in "$work"/*.deb; do
+    case "$deb" in
+    *-dbgsym_*) continue ;; # the programs' debugging symbols, split off by dh_strip
+    esac
     dpkg-deb --fsys-tarfile "$deb" | tar -t | sed 's|^\./|/|' | grep -v '/$' || true
 done | grep -v '^/usr/share/doc/' | sort >"$work/packaged.txt"
+for deb in "$work"/*-dbgsym_*.deb; do
+    if dpkg-deb --fsys-tarfile "$deb" | tar -t | sed 's|^\./|/|' | grep -v '/$' |
+        grep -v -e '^/usr/lib/debug/' -e '^/usr/share/doc/'; then
+        echo "package.sh: $(basename "$deb") holds more than debugging symbols" >&2
+        exit 1
+    fi
+done
 if ! diff -u "$work/installed.txt" "$work/packaged.txt"; then
     echo "package.sh: the packages and the installed tree differ (- installed only, + packaged only)" >&2
     exit 1

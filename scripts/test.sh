@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Builds Tilvane from scratch and runs the whole test suite in a normal build,
 # a short run of the benchmarks to show they work, each libFuzzer target for a
-# bounded time (skip with TILVANE_SKIP_FUZZ=1), and the suite once more under
-# AddressSanitizer and UBSan (skip that with TILVANE_SKIP_SANITIZE=1).
+# bounded time (skip with TILVANE_SKIP_FUZZ=1), the Debian packages built,
+# checked by lintian and against the installed tree (skip with
+# TILVANE_SKIP_PACKAGES=1), and the suite once more under AddressSanitizer and
+# UBSan (skip that with TILVANE_SKIP_SANITIZE=1).
 set -euo pipefail
 
 top="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -31,6 +33,11 @@ if [ "${TILVANE_SKIP_FUZZ:-0}" != "1" ]; then
     CC=clang CXX=clang++ cmake -S "$top" -B "$builds/fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DTILVANE_BUILD_FUZZERS=ON -DTILVANE_SANITIZE=ON -DTILVANE_BUILD_TESTS=OFF -DTILVANE_BUILD_BENCHMARKS=OFF >/dev/null
     "$top/scripts/fuzz.sh" "$builds/fuzz" "${TILVANE_FUZZ_SECONDS:-20}"
+fi
+
+if [ "${TILVANE_SKIP_PACKAGES:-0}" != "1" ]; then
+    echo "==> Debian packages (dpkg-buildpackage, lintian, contents)"
+    "$top/scripts/package.sh" "$builds/packages"
 fi
 
 if [ "${TILVANE_SKIP_SANITIZE:-0}" != "1" ]; then

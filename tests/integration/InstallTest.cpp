@@ -148,6 +148,15 @@ std::map<std::string, std::string> TreeOf(const std::string& root)
     return tree;
 }
 
+/* A systemd unit's path as installed (without DESTDIR): the units' folder is
+ * relative to the prefix, or absolute (/lib/systemd on Debian 12). */
+std::string UnitPath(const std::string& scope)
+{
+    const std::string folder = TILVANE_INSTALL_SYSTEMD_DIR;
+    const std::string base = folder.rfind("/", 0) == 0 ? folder : std::string(TILVANE_INSTALL_PREFIX "/") + folder;
+    return base + "/" + scope + "/tilvane.service";
+}
+
 /* What `cmake --install` lays out, file by file: the path under DESTDIR and
  * its mode, and the source it is a copy of ("" when it is made or
  * configured at build time). */
@@ -176,8 +185,8 @@ std::map<std::string, ExpectedFile> ExpectedInstallTree(const std::string& build
         {prefix + TILVANE_INSTALL_LIBDIR "/cmake/TilvaneClient/TilvaneClientTargets.cmake", {"0644", ""}},
         {prefix + TILVANE_INSTALL_LIBDIR "/cmake/TilvaneClient/TilvaneClientTargets-" + buildType + ".cmake",
          {"0644", ""}},
-        {prefix + "lib/systemd/system/tilvane.service", {"0644", ""}},
-        {prefix + "lib/systemd/user/tilvane.service", {"0644", ""}},
+        {UnitPath("system"), {"0644", ""}},
+        {UnitPath("user"), {"0644", ""}},
         {prefix + "lib/sysusers.d/tilvane.conf", {"0644", source + "packaging/sysusers/tilvane.conf"}},
         {prefix + TILVANE_INSTALL_DATADIR "/dbus-1/system-services/org.tilvane.App.Acom_2equillon_2epx_2etilvane.service",
          {"0644", ""}},
@@ -247,7 +256,7 @@ TEST_F(InstallTest, LaysOutProgramsLibraryUnitsBusFilesManPagesAndExamples)
               "libtilvane-client.so." TILVANE_VERSION);
     EXPECT_EQ(std::filesystem::read_symlink(Installed(TILVANE_INSTALL_LIBDIR "/libtilvane-client.so")).string(),
               "libtilvane-client.so.0");
-    const std::string unit = tilvane::test::ReadAll(Installed("lib/systemd/system/tilvane.service"));
+    const std::string unit = tilvane::test::ReadAll(s_destDir->Path() + UnitPath("system"));
     for (const char* line : {"Type=notify", "NotifyAccess=main", "WatchdogSec=", "Restart=on-failure",
                              "RestartPreventExitStatus=6", "User=tilvane", "StateDirectory=tilvane",
                              "ExecReload=/bin/kill -HUP $MAINPID",
@@ -321,8 +330,7 @@ TEST_F(InstallTest, SystemdAcceptsTheUnits)
      * finding. */
     TempDir work;
     for (const std::string scope : {"system", "user"}) {
-        const std::string unit = StagedUnit(work, scope, tilvane::test::ReadAll(Installed("lib/systemd/" + scope +
-                                                                                          "/tilvane.service")),
+        const std::string unit = StagedUnit(work, scope, tilvane::test::ReadAll(s_destDir->Path() + UnitPath(scope)),
                                             Installed(TILVANE_INSTALL_SBINDIR "/tilvane"));
         mkdir(work.File("runtime").c_str(), 0700);
         const std::string flags = scope == "user" ? "XDG_RUNTIME_DIR=" + Quoted(work.File("runtime")) + " " : "";
@@ -339,7 +347,7 @@ TEST_F(InstallTest, TheSystemUnitIsConfinedToAnExposureOfAtMostTwoAndAHalf)
         GTEST_SKIP() << "systemd-analyze is not installed";
     }
     TempDir work;
-    const std::string installed = tilvane::test::ReadAll(Installed("lib/systemd/system/tilvane.service"));
+    const std::string installed = tilvane::test::ReadAll(s_destDir->Path() + UnitPath("system"));
     const std::string staged = Installed(TILVANE_INSTALL_SBINDIR "/tilvane");
     Shell run;
     const double exposure = ExposureOf(StagedUnit(work, "system", installed, staged), run);
