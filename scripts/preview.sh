@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Builds Tilvane and its launcher preview, runs the service with sample
-# content on a private bus (or the session bus when one answers) and serves
-# the preview: open the address it prints in a browser. Ctrl-C stops it all.
+# content and serves the preview: open the address it prints in a browser.
+# Ctrl-C stops it all.
 #
-# The data folder is a fresh temporary one, removed at the end, unless
-# TILVANE_PLATFORM_ROOT names one (the sample is then published into it
-# again). TILVANE_PREVIEW_PORT chooses the port (default 8470).
+# Its own bus and data folder: a private dbus-daemon (unless the session bus
+# in DBUS_SESSION_BUS_ADDRESS answers), whose address it prints, and a fresh
+# temporary data folder, removed at the end, unless TILVANE_PLATFORM_ROOT
+# names one (the sample is then published into it again). Neither is the
+# one of scripts/run.sh. TILVANE_PREVIEW_PORT chooses the port (default
+# 8470); TILVANE_BUILD_DIR the build folder (default build/run).
 set -euo pipefail
 
 top="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -42,16 +45,28 @@ stop_all() {
 trap stop_all EXIT
 trap 'exit 130' INT TERM
 
-TILVANE_APP_ID=com.quillon.px.tilvane TILVANE_LOG_LEVEL=D "$build/tilvane" >"$work/service.log" 2>&1 &
+: >"$work/service.log"
+TILVANE_APP_ID=com.quillon.px.tilvane TILVANE_LOG_LEVEL=D "$build/tilvane" >>"$work/service.log" 2>&1 &
 service_pid=$!
+# The service says "ready: serving requests" once every request interface and
+# port is up; the sample is published only then.
+ready=""
 for _ in $(seq 1 300); do
-    grep -q "local port preview-event-receiver registered" "$work/service.log" && break
+    if grep -q "ready: serving requests" "$work/service.log"; then
+        ready=yes
+        break
+    fi
     kill -0 "$service_pid" 2>/dev/null || { cat "$work/service.log" >&2; echo "$0: the service stopped" >&2; exit 1; }
     sleep 0.1
 done
+if [ -z "$ready" ]; then
+    cat "$work/service.log" >&2
+    echo "$0: the service did not get ready within 30 s" >&2
+    exit 1
+fi
 
 python3 "$top/tools/tilvane-preview/sample_content.py" "$build/tools/tilvanectl" "$top"
-echo "Data folder: $TILVANE_PLATFORM_ROOT"
+echo "Data folder: $TILVANE_PLATFORM_ROOT (the service's log: $work/service.log)"
 echo "Publish more with: $build/tools/tilvanectl --app-id org.example.videos.main data insert tiles --bulk FILE"
 echo "(same TILVANE_PLATFORM_ROOT and DBUS_SESSION_BUS_ADDRESS); the page follows every change."
 echo "Open the address below in a browser; Ctrl-C stops the preview and the service."
