@@ -25,6 +25,7 @@
 
 #include <tilvane_version.h>
 
+#include "MultiUserBus.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 
@@ -287,6 +288,9 @@ TEST_F(InstallTest, LaysOutProgramsLibraryUnitsBusFilesManPagesAndExamples)
     EXPECT_EQ(complete("tilvanectl data select ti", 3), "tiles\n");
     EXPECT_EQ(complete("tilvanectl data select tiles --inter", 4), "--interface\n");
     EXPECT_EQ(complete("tilvanectl data select tiles --interface d", 5), "data-control\n");
+    EXPECT_EQ(complete("tilvanectl st", 1), "stats\n");
+    EXPECT_EQ(complete("tilvanectl stats --j", 2), "--json\n");
+    EXPECT_EQ(complete("tilvanectl db b", 2), "backup\n");
 }
 
 bool HaveSystemdAnalyze()
@@ -369,6 +373,87 @@ TEST_F(InstallTest, TheSystemUnitIsConfinedToAnExposureOfAtMostTwoAndAHalf)
     Shell bareThreshold = RunShell("systemd-analyze security --offline=true --threshold=25 --no-pager " +
                                    Quoted(work.File("bare/tilvane.service")));
     EXPECT_NE(bareThreshold.exitCode, 0) << bareThreshold.output;
+}
+
+/* A system-style bus (everyone connects; nobody owns a name or calls a
+ * method unless a policy says so, as Debian's system.conf) that includes the
+ * installed policy, its per-package folder pointed at `policyFolder`. */
+std::string SystemStyleBusConfig(const TempDir& work, const std::string& installedPolicy,
+                                 const std::string& policyFolder)
+{
+    std::string policy = tilvane::test::ReadAll(installedPolicy);
+    const std::string shipped = "<includedir>/var/lib/tilvane/etc/dbus/tilvane-bus.d</includedir>";
+    const size_t at = policy.find(shipped);
+    EXPECT_NE(at, std::string::npos) << policy;
+    if (at != std::string::npos) {
+        policy.replace(at, shipped.size(), "<includedir>" + policyFolder + "</includedir>");
+    }
+    tilvane::test::WriteFile(work.File("tilvane-policy.conf"), policy);
+    const std::string config = work.File("system-bus.conf");
+    tilvane::test::WriteFile(
+        config, "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN\"\n"
+                " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                "<busconfig>\n  <type>system</type>\n  <listen>unix:tmpdir=/tmp</listen>\n  <auth>EXTERNAL</auth>\n"
+                "  <policy context=\"default\">\n    <allow user=\"*\"/>\n    <deny own=\"*\"/>\n"
+                "    <deny send_type=\"method_call\"/>\n    <allow send_type=\"signal\"/>\n"
+                "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+                "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+                "    <allow receive_type=\"method_call\"/>\n    <allow receive_type=\"method_return\"/>\n"
+                "    <allow receive_type=\"error\"/>\n    <allow receive_type=\"signal\"/>\n"
+                "    <allow send_destination=\"org.freedesktop.DBus\"/>\n  </policy>\n"
+                "  <include>" + work.File("tilvane-policy.conf") + "</include>\n</busconfig>\n");
+    return config;
+}
+
+TEST_F(InstallTest, TheInstalledSystemBusPolicyAppliesTheRegistrysPerPackageRules)
+{
+    const int newsUser = tilvane::test::UserIdOf("daemon");
+    const int otherUser = tilvane::test::UserIdOf("nobody");
+    if (!tilvane::test::CanSwitchUsers() || newsUser <= 0 || otherUser <= 0) {
+        GTEST_SKIP() << "running clients as other users needs root, setpriv and the users daemon and nobody";
+    }
+    TempDir work;
+    TempDir root;
+    chmod(root.Path().c_str(), 0755);
+    tilvane::test::WriteFile(work.File("tilvane.conf"), "[identity]\nmode = verified\n");
+    const std::string policyFolder = root.Path() + "/etc/dbus/tilvane-bus.d";
+    tilvane::test::MultiUserBus bus(
+        SystemStyleBusConfig(work, Installed(TILVANE_INSTALL_DATADIR "/dbus-1/system.d/tilvane.conf"), policyFolder));
+    ASSERT_TRUE(bus.IsRunning());
+    const std::vector<std::string> env = {"TILVANE_PLATFORM_ROOT=" + root.Path(),
+                                          "TILVANE_CONFIG=" + work.File("tilvane.conf"), "TILVANE_LOG_LEVEL=W"};
+    /* The installed tool, as root, installs a package of the user daemon:
+     * the registry writes the per-package policy and the bus reloads it. */
+    tilvane::test::WriteFile(work.File("news.manifest"), "package = org.example.news\nuser = " +
+                                                             std::to_string(newsUser) + "\napp = org.example.news.ui\n");
+    tilvane::test::RunResult installed =
+        tilvane::test::RunAs(work, -1, {Installed(TILVANE_INSTALL_BINDIR "/tilvanectl"), "app", "install",
+                                        work.File("news.manifest")},
+                             env);
+    ASSERT_EQ(installed.status, 0) << installed.err;
+    ASSERT_TRUE(tilvane::test::FileExists(policyFolder + "/tilvane-apps.conf"));
+
+    auto requestName = [&](int uid, const std::string& name) {
+        return tilvane::test::RunAs(work, uid,
+                                    {"/usr/bin/dbus-send", "--bus=" + bus.Address(), "--print-reply",
+                                     "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                     "org.freedesktop.DBus.RequestName", "string:" + name, "uint32:4"},
+                                    env);
+    };
+    const std::string app = tilvane::host::BusNameForAppId("org.example.news.ui");
+    const std::string port = tilvane::host::BusNameForPort("org.example.news.ui", "events");
+    for (const std::string& name : {app, port}) {
+        tilvane::test::RunResult stolen = requestName(otherUser, name);
+        EXPECT_NE(stolen.err.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << name << stolen.err;
+        tilvane::test::RunResult own = requestName(newsUser, name);
+        EXPECT_EQ(own.status, 0) << name << own.err;
+        EXPECT_NE(own.out.find("uint32 1"), std::string::npos) << own.out;
+    }
+    /* The service's names are the platform's: not the package's user's. */
+    tilvane::test::RunResult service =
+        requestName(newsUser, tilvane::host::BusNameForAppId("com.quillon.px.tilvane"));
+    EXPECT_NE(service.err.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << service.err;
+    EXPECT_EQ(requestName(0, tilvane::host::BusNameForAppId("com.quillon.px.tilvane")).status, 0);
 }
 
 /* The installed service on a private bus with the installed policy in force,
