@@ -32,7 +32,7 @@ fi
 # The sample setup: the example applications, installed in the platform's
 # registry (installing again replaces them).
 for manifest in "$top"/examples/apps/*.manifest; do
-    TILVANE_APP_ID=tilvanectl "$build/tools/tilvanectl" app install "$manifest" >/dev/null
+    TILVANE_APP_ID=tilvanectl TILVANE_LOG_LEVEL=W "$build/tools/tilvanectl" app install "$manifest" >/dev/null
 done
 echo "Installed the example applications of examples/apps (tilvanectl app list shows them)."
 

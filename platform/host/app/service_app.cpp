@@ -31,6 +31,7 @@
 #include "config/platform_config.h"
 #include "config/platform_files.h"
 #include "log/log_sink.h"
+#include "stats/request_stats.h"
 #include "identity/bus_policy.h"
 #include "tilvane_version.h"
 
@@ -420,6 +421,8 @@ void ReadConfigurationAtStart(bool programStart, const char* program)
         std::exit(kExitNotConfigured);
     }
     run_configuration::ApplyRunTimeSettings();
+    /* The statistics count from the service's start. */
+    stats::Reset();
     LogHandlersAddedBefore();
     run_configuration::LogAtStart(where);
 }
