@@ -1,5 +1,6 @@
 #include "BenchBus.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <message_port.h>
 #include <signal.h>
@@ -10,6 +11,8 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+extern char** environ;
 
 namespace {
 
@@ -115,4 +118,43 @@ void StopBenchServiceAndRemove(pid_t& pid, std::string& root)
         }
         root.clear();
     }
+}
+
+/* Starts `argv` with the environment given on top of this process's; its
+ * standard error goes to `errPath`. */
+pid_t SpawnBenchProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extra, const std::string& errPath)
+{
+    /* The extra entries replace this process's entries of the same name. */
+    std::vector<std::string> environment = extra;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        bool replaced = false;
+        for (const std::string& own : extra) {
+            replaced = replaced || entry.compare(0, own.find('=') + 1, own, 0, own.find('=') + 1) == 0;
+        }
+        if (!replaced) {
+            environment.push_back(entry);
+        }
+    }
+    std::vector<char*> envp;
+    for (std::string& entry : environment) {
+        envp.push_back(&entry[0]);
+    }
+    envp.push_back(nullptr);
+    std::vector<std::string> args = argv;
+    std::vector<char*> argp;
+    for (std::string& arg : args) {
+        argp.push_back(&arg[0]);
+    }
+    argp.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(fd, STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        execve(argp[0], argp.data(), envp.data());
+        _exit(127);
+    }
+    return pid;
 }

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 /* True when a bus is there (DBUS_SESSION_BUS_ADDRESS then names it). */
 bool EnsureBenchBus();
@@ -21,6 +22,12 @@ void StopBenchServices();
 
 /* Waits (up to 30 s) until the service `appId` has registered `port`. */
 bool WaitForBenchService(const char* appId, const char* port);
+/* Starts `argv` with `extra` ("NAME=value") in place of this process's
+ * entries of the same names; its standard error goes to `errPath`, its
+ * standard output nowhere. */
+pid_t SpawnBenchProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extra,
+                        const std::string& errPath);
+
 /* Ends the service `pid` (SIGTERM, waited for) and removes its platform root
  * `root`; both are cleared. */
 void StopBenchServiceAndRemove(pid_t& pid, std::string& root);

@@ -31,7 +31,6 @@
 #include "StuckReceiver.h"
 #include "TilesModel.h"
 
-extern char** environ;
 
 namespace {
 
@@ -92,25 +91,10 @@ private:
 
     static bool StartService()
     {
-        std::vector<std::string> environment;
-        for (char** e = environ; *e != nullptr; ++e) {
-            environment.emplace_back(*e);
-        }
-        environment.push_back("TILVANE_PLATFORM_ROOT=" + s_root);
-        environment.push_back(std::string("TILVANE_APP_ID=") + kServiceAppId);
-        environment.push_back("TILVANE_LOG_LEVEL=W");
-        std::vector<char*> envp;
-        for (std::string& entry : environment) {
-            envp.push_back(&entry[0]);
-        }
-        envp.push_back(nullptr);
-        std::string program = TILVANE_SERVICE_BINARY;
-        char* argv[] = {&program[0], nullptr};
-        s_servicePid = fork();
-        if (s_servicePid == 0) {
-            execve(argv[0], argv, envp.data());
-            _exit(127);
-        }
+        s_servicePid = SpawnBenchProgram({TILVANE_SERVICE_BINARY},
+                                         {"TILVANE_PLATFORM_ROOT=" + s_root, std::string("TILVANE_APP_ID=") + kServiceAppId,
+                                          "TILVANE_LOG_LEVEL=W"},
+                                         "/dev/null");
         return s_servicePid > 0;
     }
 

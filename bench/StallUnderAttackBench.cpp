@@ -51,45 +51,6 @@ std::string ReadFile(const std::string& path)
     return text.str();
 }
 
-/* Starts `argv` with the environment given on top of this process's; its
- * standard error goes to `errPath`. */
-pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extra, const std::string& errPath)
-{
-    /* The extra entries replace this process's entries of the same name. */
-    std::vector<std::string> environment = extra;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string entry = *e;
-        bool replaced = false;
-        for (const std::string& own : extra) {
-            replaced = replaced || entry.compare(0, own.find('=') + 1, own, 0, own.find('=') + 1) == 0;
-        }
-        if (!replaced) {
-            environment.push_back(entry);
-        }
-    }
-    std::vector<char*> envp;
-    for (std::string& entry : environment) {
-        envp.push_back(&entry[0]);
-    }
-    envp.push_back(nullptr);
-    std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (std::string& arg : args) {
-        argp.push_back(&arg[0]);
-    }
-    argp.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(fd, STDERR_FILENO);
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
-        execve(argp[0], argp.data(), envp.data());
-        _exit(127);
-    }
-    return pid;
-}
-
 /* The real service with a time budget of 500 ms and the attacker's 200
  * tiles and this process's one tile, for the life of the program. */
 class BudgetStallSetup
@@ -120,7 +81,7 @@ private:
         tilvane::host::SetPlatformRoot(std::string());
         std::ofstream(s_root + "/budget.conf") << "[identity]\nmode = development\n[budget]\nstatement-ms = "
                                                 << kBudgetMs << "\n";
-        s_pid = installed ? Spawn({TILVANE_SERVICE_BINARY},
+        s_pid = installed ? SpawnBenchProgram({TILVANE_SERVICE_BINARY},
                                   {"TILVANE_PLATFORM_ROOT=" + s_root, "TILVANE_CONFIG=" + s_root + "/budget.conf",
                                    std::string("TILVANE_APP_ID=") + kServiceAppId, "TILVANE_LOG_LEVEL=D"},
                                   s_root + "/service.err")
@@ -175,7 +136,7 @@ pid_t StartAttack(BudgetStallSetup& setup, const std::string& where)
 {
     const size_t before = setup.ServiceLog().size();
     const pid_t attacker =
-        Spawn({TILVANECTL_BINARY, "data", "select", "tiles", "--columns", "tile_id", "--where", where},
+        SpawnBenchProgram({TILVANECTL_BINARY, "data", "select", "tiles", "--columns", "tile_id", "--where", where},
               {"TILVANE_PLATFORM_ROOT=" + setup.Root(), std::string("TILVANE_APP_ID=") + kAttacker,
                "TILVANE_LOG_LEVEL=W"},
               setup.Root() + "/attacker.err");

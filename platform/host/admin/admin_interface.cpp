@@ -83,44 +83,48 @@ std::string StatisticsJson()
     return stats::ToJson(stats::Take(), extra);
 }
 
-void AnswerBackup(GDBusMethodInvocation* invocation, GVariant* parameters, const std::string& who)
+/* Does `work` with the file passed with the call and answers its summary,
+ * or the error `errorName` with its reason; false when it was not done. */
+using FileWork = bool (*)(int fd, std::string& summary, std::string& why);
+bool AnswerWithFile(GDBusMethodInvocation* invocation, GVariant* parameters, FileWork work, const char* errorName,
+                    std::string& summary, std::string& why)
 {
     const int fd = PassedFile(invocation, parameters);
     if (fd < 0) {
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused, "no file was passed with the call");
-        return;
+        why = "no file was passed with the call";
+        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused, why.c_str());
+        return false;
     }
-    std::string summary;
-    std::string error;
-    const bool written = BackupTo(fd, summary, error);
+    const bool done = work(fd, summary, why);
     close(fd);
-    if (!written) {
-        ADMIN_LOGE("database backup for %s failed: %s", who.c_str(), error.c_str());
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorFailed, error.c_str());
-        return;
+    if (!done) {
+        g_dbus_method_invocation_return_dbus_error(invocation, errorName, why.c_str());
+        return false;
     }
-    ADMIN_LOGI("database backup written for %s: %s", who.c_str(), summary.c_str());
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", summary.c_str()));
+    return true;
+}
+
+void AnswerBackup(GDBusMethodInvocation* invocation, GVariant* parameters, const std::string& who)
+{
+    std::string summary;
+    std::string why;
+    if (AnswerWithFile(invocation, parameters, BackupTo, kErrorFailed, summary, why)) {
+        ADMIN_LOGI("database backup written for %s: %s", who.c_str(), summary.c_str());
+    } else {
+        ADMIN_LOGE("database backup for %s failed: %s", who.c_str(), why.c_str());
+    }
 }
 
 void AnswerRestore(GDBusMethodInvocation* invocation, GVariant* parameters, const std::string& who)
 {
-    const int fd = PassedFile(invocation, parameters);
-    if (fd < 0) {
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused, "no file was passed with the call");
-        return;
-    }
     std::string summary;
-    std::string refusal;
-    const bool restored = RestoreFrom(fd, summary, refusal);
-    close(fd);
-    if (!restored) {
-        ADMIN_LOGW("database restore for %s refused: %s; nothing was changed", who.c_str(), refusal.c_str());
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused, refusal.c_str());
-        return;
+    std::string why;
+    if (AnswerWithFile(invocation, parameters, RestoreFrom, kErrorRefused, summary, why)) {
+        ADMIN_LOGI("database restored from a copy for %s: %s", who.c_str(), summary.c_str());
+    } else {
+        ADMIN_LOGW("database restore for %s refused: %s; nothing was changed", who.c_str(), why.c_str());
     }
-    ADMIN_LOGI("database restored from a copy for %s: %s", who.c_str(), summary.c_str());
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", summary.c_str()));
 }
 
 void AnswerCheck(GDBusMethodInvocation* invocation, const std::string& who)
