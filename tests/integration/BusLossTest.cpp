@@ -106,6 +106,8 @@ protected:
             EXPECT_EQ(message_port_check_remote_port(kServiceAppId, port, &exists), 0);
             EXPECT_TRUE(exists) << context << ": port " << port;
         }
+        /* The operator's interface is on the new connection too. */
+        EXPECT_EQ(Ctl("tilvanectl", {"stats", "--json"}), 0) << context;
         const size_t before = m_service->Err().size();
         EXPECT_EQ(Ctl("org.example.settings", {"key", "set", "memory/korro/halcyon_reset_event", "1"}), 0);
         EXPECT_TRUE(tilvane::test::IterateMainContextUntil(

@@ -273,6 +273,49 @@ bool Schema(sqlite3* db, std::map<std::string, std::string>& tables, std::string
     return true;
 }
 
+/* The indexes, triggers and views of `db`: "type name" -> their SQL. */
+bool Objects(sqlite3* db, std::map<std::string, std::string>& objects, std::string& error)
+{
+    Rows rows;
+    if (!Query(db, "SELECT type, name, coalesce(sql, '') FROM sqlite_master WHERE type != 'table' AND name NOT LIKE "
+                   "'sqlite_%'",
+               rows, error)) {
+        return false;
+    }
+    for (const auto& row : rows) {
+        objects[row[0] + " " + row[1]] = row[2];
+    }
+    return true;
+}
+
+/* "" when the copy has exactly the live database's indexes, triggers and
+ * views: a trigger or a view of a copy would run in the service's
+ * statements from then on. */
+std::string ObjectDifference(sqlite3* live, sqlite3* copy)
+{
+    std::map<std::string, std::string> expected;
+    std::map<std::string, std::string> found;
+    std::string error;
+    if (!Objects(live, expected, error) || !Objects(copy, found, error)) {
+        return "the schema cannot be read: " + error;
+    }
+    for (const auto& object : found) {
+        auto it = expected.find(object.first);
+        if (it == expected.end()) {
+            return "the copy has an object the database does not have: " + object.first;
+        }
+        if (it->second != object.second) {
+            return "the copy's " + object.first + " differs from the database's";
+        }
+    }
+    for (const auto& object : expected) {
+        if (found.count(object.first) == 0) {
+            return "the copy has no " + object.first;
+        }
+    }
+    return std::string();
+}
+
 /* "" when the copy's tables and columns are the live database's; else why not. */
 std::string SchemaDifference(sqlite3* live, sqlite3* copy)
 {
@@ -297,7 +340,7 @@ std::string SchemaDifference(sqlite3* live, sqlite3* copy)
             return "the copy has a table the database does not have: " + table.first;
         }
     }
-    return std::string();
+    return ObjectDifference(live, copy);
 }
 
 /* "" when the copy may take the live database's place; else why not. */

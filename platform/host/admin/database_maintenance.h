@@ -10,8 +10,9 @@
  *            file is removed.
  *   Restore  the caller's bytes into a private file (".preview.db.restore"),
  *            which must be a database whose integrity check passes, whose
- *            foreign keys hold, with the live database's schema version and
- *            the same tables with the same columns; then SQLite's online
+ *            foreign keys hold, with the live database's schema version, the
+ *            same tables with the same columns and the same indexes,
+ *            triggers and views; then SQLite's online
  *            backup from it into the live database, one transaction: every
  *            connection (the service's own among them) sees the new content
  *            at once, and a failure leaves the database as it was.
