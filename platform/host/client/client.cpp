@@ -15,12 +15,13 @@
 #include <thread>
 
 #include "identity/app_identity.h"
-#include "bus/bus_connection.h"
+#include "ports/port_connection.h"
+#include "requests/request_names.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
-#include "requests/request_report.h"
+#include "log/system_reasons.h"
 #include "bundle/bundle_limits.h"
-#include "bundle/row_codec.h"
+#include "client/row_decoder.h"
 #include "bundle.h"
 #include "bundle_ptr.h"
 #include "dlog.h"
@@ -171,7 +172,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         return nullptr;
     }
     int portResult = 0;
-    GDBusConnectionPtr connection = host::SharedBusConnection(true, &portResult);
+    GDBusConnectionPtr connection = host::PortsConnection(true, &portResult);
     if (portResult == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
         result.outcome = Outcome::NotAuthorized;
         result.message = "the bus refuses this application's name to this process's user";
@@ -328,7 +329,8 @@ namespace {
 
 bool IsRefusal(const std::string& reason)
 {
-    return reason == "permission level too low" || reason == "this table cannot be changed through this request";
+    return reason == tilvane_reason_words(TILVANE_REASON_PERMISSION_LEVEL) ||
+           reason == tilvane_reason_words(TILVANE_REASON_NOT_CHANGEABLE);
 }
 
 std::string FailureOrRefusal(const std::string& reason)
@@ -346,7 +348,7 @@ std::string Explain(const Result& result)
     case Outcome::NoResult:
         return result.message.empty() ? Describe(result) : FailureOrRefusal(result.message);
     case Outcome::ProviderError: {
-        const std::string known = host::ReasonForProviderText(result.message);
+        const std::string known = tilvane_reason_words(host::ReasonOfSystemText(result.message));
         return known.empty() ? Describe(result) : FailureOrRefusal(known);
     }
     default:

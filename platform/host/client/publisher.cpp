@@ -17,9 +17,9 @@
 #include "client/client_calls.h"
 #include "client/publish_call.h"
 #include "client/typed_rows.h"
-#include "host_control.h"
+#include "host_control/identity.h"
 #include "identity/app_identity.h"
-#include "requests/request_report.h"
+#include "tilvane_reason.h"
 
 namespace tilvane {
 namespace client {
@@ -55,10 +55,10 @@ Status Failure(ErrorCode code, std::string reason, int result = 0, int section =
 /* What a failed request of the request API means for the typed API. */
 ErrorCode CodeOf(const Result& result)
 {
-    static const std::string permission = host::ReasonForProviderText("failed by permission");
+    static const std::string permission = tilvane_reason_words(TILVANE_REASON_PERMISSION_LEVEL);
     switch (result.outcome) {
     case Outcome::Answered:
-        return result.code == -13 ? ErrorCode::PermissionDenied : ErrorCode::StorageFailed;
+        return result.code == TILVANE_RESULT_PERMISSION_DENIED ? ErrorCode::PermissionDenied : ErrorCode::StorageFailed;
     case Outcome::NoResult:
         return result.message == permission ? ErrorCode::PermissionDenied : ErrorCode::StorageFailed;
     case Outcome::ProviderError:

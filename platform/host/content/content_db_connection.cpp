@@ -9,7 +9,7 @@
 
 #include <bundle.h>
 #include <confinement_policy.h>
-#include <host_control.h>
+#include "host_control/base.h"
 
 #include "content/content_log.h"
 #include "content/database.h"
@@ -19,7 +19,7 @@
 #include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
 #include "confinement/request_confinement.h"
-#include "requests/request_report.h"
+#include "base/request_report.h"
 
 using tilvane::content::Database;
 using tilvane::content::QuoteIdentifier;
@@ -147,7 +147,7 @@ private:
  * budget it ran past when it ran past one. */
 void RecordFailure(const LockedDatabase& db)
 {
-    tilvane::host::RecordStatementError(db->ErrorMessage());
+    tilvane::host::RecordStatementError(sqlite3_extended_errcode(db.handle()), db->ErrorMessage());
     tilvane::content::NoteStatementFailure(db.handle());
 }
 
@@ -332,7 +332,7 @@ int CContentDbConnection::ExcuteSQL(const std::string& sql, std::string& errorMe
     }
     int rc = db->Exec(sql, &errorMessage);
     if (rc != SQLITE_OK) {
-        tilvane::host::RecordStatementError(errorMessage.c_str());
+        tilvane::host::RecordStatementError(rc, errorMessage.c_str());
         tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("SQL on %s failed: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
     }
@@ -722,7 +722,7 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
     authorizer.reset();
     if (rc != SQLITE_OK) {
         errorMessage = textRefused ? sqlite3_errstr(SQLITE_AUTH) : db->ErrorMessage();
-        tilvane::host::RecordStatementError(errorMessage.c_str());
+        tilvane::host::RecordStatementError(rc, errorMessage.c_str());
         tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
         return rc;

@@ -7,12 +7,12 @@
 #include <utility>
 
 #include <content_provider_dispatch.h>
-#include <host_control.h>
+#include "host_control/base.h"
 
 #include "ContentProviderParam.h"
 #include "content/content_log.h"
+#include "content/registration_observer.h"
 #include "confinement/request_confinement.h"
-#include "bus/bus_connection.h"
 
 namespace tilvane {
 namespace content {
@@ -35,12 +35,20 @@ struct Registry
 {
     std::mutex mutex;
     std::map<Key, Registration> entries;
+    RegistrationObserver observer{};
 };
 
 Registry& TheRegistry()
 {
     static Registry* registry = new Registry();
     return *registry;
+}
+
+RegistrationObserver Observer()
+{
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    return registry.observer;
 }
 
 template <typename Callback>
@@ -67,7 +75,9 @@ bool Register(const char* function, RequestKind kind, std::string uri, Callback 
         }
         CONTENT_LOGD("%s callback registered for %s", RequestKindName(kind), uri.c_str());
     }
-    tilvane::host::ContentCallbackRegistered(uri);
+    if (RegistrationObserver observer = Observer(); observer.registered != nullptr) {
+        observer.registered(uri);
+    }
     return true;
 }
 
@@ -86,7 +96,9 @@ bool Unregister(const char* function, RequestKind kind, const std::string& uri)
         }
         CONTENT_LOGD("%s callback unregistered for %s", RequestKindName(kind), uri.c_str());
     }
-    tilvane::host::ContentCallbackUnregistered(uri);
+    if (RegistrationObserver observer = Observer(); observer.unregistered != nullptr) {
+        observer.unregistered(uri);
+    }
     return true;
 }
 
@@ -147,8 +159,18 @@ void ClearRegistrations()
         std::lock_guard<std::mutex> lock(registry.mutex);
         registry.entries.clear();
     }
-    tilvane::host::ContentCallbacksCleared();
+    if (RegistrationObserver observer = Observer(); observer.cleared != nullptr) {
+        observer.cleared();
+    }
 }
+
+void SetRegistrationObserver(const RegistrationObserver& observer)
+{
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    registry.observer = observer;
+}
+
 
 namespace {
 

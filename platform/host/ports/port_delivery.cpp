@@ -19,11 +19,13 @@
 #include "bus/bus_connection.h"
 #include "dlog.h"
 #include "base/glib_ptr.h"
-#include "host_control.h"
+#include "host_control/ports.h"
+#include "host_control/identity.h"
+#include "host_control/base.h"
 #include "base/host_state.h"
 #include "message_port.h"
 #include "config/platform_config.h"
-#include "identity/credentials.h"
+#include "bus/credentials.h"
 
 namespace tilvane {
 namespace host {

@@ -14,7 +14,7 @@
 #include "content_provider_dispatch.h"
 #include "requests/content_steps.h"
 #include "requests/request_glue.h"
-#include "bundle/row_codec.h"
+#include "requests/row_codec.h"
 #include "requests/reply_budget.h"
 
 namespace tilvane {

@@ -12,13 +12,14 @@
 #include <utility>
 
 #include "bus/bus_connection.h"
+#include "requests/request_names.h"
 #include "confinement_policy.h"
 #include "content/database.h"
 #include "content/statement_budget.h"
-#include "host_control.h"
+#include "host_control/base.h"
 #include "config/platform_config.h"
 #include "requests/request_glue.h"
-#include "bundle/row_codec.h"
+#include "requests/row_codec.h"
 #include "requests/reply_budget.h"
 
 namespace tilvane {
@@ -208,7 +209,7 @@ bool ServesDataId(const std::string& dataId)
 {
     std::vector<std::string> declared = config::StringList("data-control", "data-ids");
     if (declared.empty()) {
-        declared = {"accelerators", "sections", "tiles"};
+        declared = config::SplitList(config::Default("data-control", "data-ids"));
     }
     return std::find(declared.begin(), declared.end(), dataId) != declared.end();
 }
@@ -343,15 +344,15 @@ int Answer(int requestId, DcRequest::Answer answer, int64_t rowId, std::string r
 
 namespace {
 
-/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id, else the
- * service's provider id. */
+/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id (whose
+ * default is the service's, data/service-defaults.conf). */
 std::string ConfiguredProviderId()
 {
     const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
     if (fromEnvironment != nullptr) {
         return fromEnvironment;
     }
-    return config::String("data-control", "provider-id", "content://com.quillon.px.tiles");
+    return config::String("data-control", "provider-id", std::string());
 }
 
 }  // namespace

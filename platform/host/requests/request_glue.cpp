@@ -34,12 +34,13 @@
 #include "identity/app_identity.h"
 #include "bus/bus_connection.h"
 #include "confinement_policy.h"
-#include "host_control.h"
-#include "app/idle_trim.h"
+#include "content/registration_observer.h"
 #include "content/statement_budget.h"
 #include "log/log_budget.h"
-#include "TilesModel.h"
+#include "requests/idle_trim.h"
+#include "requests/request_names.h"
 #include "request_interfaces_xml.h"
+#include "tilvane_schema.h"
 
 namespace tilvane {
 namespace host {
@@ -77,8 +78,8 @@ bool BusConfigured()
 /* RequestName without queueing; true when this connection owns the name. */
 bool OwnName(const std::string& name)
 {
-    int portResult = 0;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &portResult);
+    ConnectionProblem problem = ConnectionProblem::None;
+    GDBusConnectionPtr connection = SharedBusConnection(false, &problem);
     if (!connection) {
         return false;
     }
@@ -108,8 +109,8 @@ void ReleaseName(const std::string& name)
             return;
         }
     }
-    int portResult = 0;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &portResult);
+    ConnectionProblem problem = ConnectionProblem::None;
+    GDBusConnectionPtr connection = SharedBusConnection(false, &problem);
     if (!connection) {
         return;
     }
@@ -165,8 +166,8 @@ std::string ReasonForFailure(const RequestReport& report)
         return report.statementError;
     }
     if (!report.providerFailure.empty()) {
-        const std::string known = ReasonForProviderText(report.providerFailure);
-        return known.empty() ? report.providerFailure : known;
+        const std::string words = tilvane_reason_words(report.providerReason);
+        return words.empty() ? report.providerFailure : words;
     }
     return std::string();
 }
@@ -184,30 +185,29 @@ GVariant* RowsVariant(std::string rows)
 
 std::string ReasonForCode(int code, const RequestReport& report)
 {
-    constexpr int kPermissionDenied = -13;
-    constexpr int kInvalidUri = -22;
     if (code == 0) {
         return std::string();
     }
-    if (code == kPermissionDenied) {
-        return "permission level too low";
+    if (code == TILVANE_RESULT_PERMISSION_DENIED) {
+        return tilvane_reason_words(TILVANE_REASON_PERMISSION_LEVEL);
     }
-    if (code == kInvalidUri) {
-        return "this table cannot be changed through this request";
+    if (code == TILVANE_RESULT_INVALID_URI) {
+        return tilvane_reason_words(TILVANE_REASON_NOT_CHANGEABLE);
     }
     return ReasonForFailure(report);
 }
 
 std::string SyncMarkOf(bundle* values)
 {
-    const char* mark = values != nullptr ? bundle_get_val(values, TilesModel::EVENT_TILES_SYNC_KEY) : nullptr;
+    namespace schema = client::schema;
+    const char* mark = values != nullptr ? bundle_get_val(values, schema::kSyncKey) : nullptr;
     if (mark == nullptr) {
         return std::string();
     }
-    if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_END) == 0) {
+    if (std::strcmp(mark, schema::kSyncEnd) == 0) {
         return kSyncEndMarkSent;
     }
-    if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_START) == 0) {
+    if (std::strcmp(mark, schema::kSyncStart) == 0) {
         return "sync start mark: nothing is sent";
     }
     return std::string();
@@ -485,11 +485,13 @@ bool OwnsRequestBusName(const std::string& busName)
     return s.ownedNames.count(busName) != 0;
 }
 
-void RegisterRequestObjects(GDBusConnection* connection)
+namespace {
+
+bool RegisterRequestObjects(GDBusConnection* connection)
 {
     GDBusNodeInfo* node = NodeInfo();
     if (node == nullptr) {
-        return;
+        return true;
     }
     static const GDBusInterfaceVTable vtable = {OnRequestMethodCallCB, nullptr, nullptr, {nullptr}};
     ScopedError error;
@@ -511,6 +513,8 @@ void RegisterRequestObjects(GDBusConnection* connection)
     std::lock_guard<std::mutex> lock(s.mutex);
     s.dcObjectId = dc;
     s.contentObjectId = content;
+    /* Without them the connection still serves the rest of the platform. */
+    return true;
 }
 
 void UnregisterRequestObjects(GDBusConnection* connection)
@@ -534,6 +538,8 @@ void UnregisterRequestObjects(GDBusConnection* connection)
     }
 }
 
+/* The provider names of the request interfaces that this process serves,
+ * owned again on a new connection. True when each is owned. */
 bool ReclaimRequestNames()
 {
     std::vector<std::string> names;
@@ -557,6 +563,23 @@ bool ReclaimRequestNames()
     return all;
 }
 
+void ReclaimAfterReopen(GDBusConnection* /*connection*/)
+{
+    ReclaimRequestNames();
+}
+
+bool OwnsProviderNames(std::string& why)
+{
+    if (ReclaimRequestNames()) {
+        return true;
+    }
+    why = "a provider's name is owned by another process";
+    return false;
+}
+
+/* The content library tells the interface that a callback for `uri` was
+ * registered or removed, or that all were cleared, so that the bus name of
+ * the URI's authority is owned while one is left. */
 void ContentCallbackRegistered(const std::string& uri)
 {
     const std::string authority = AuthorityOf(uri);
@@ -610,19 +633,23 @@ void ContentCallbacksCleared()
     }
 }
 
-void ResetRequestInterfaces()
-{
-    RequestState& s = TheRequestState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.dcRegistered = false;
-    s.dcCallbacks = data_control_provider_sql_cb{};
-    s.dcUserData = nullptr;
-    s.dcProviderId.clear();
-    s.dcBusName.clear();
-    s.active.clear();
-    s.nextRequestId = 1;
-    s.ownedNames.clear();
-}
+/* The request interfaces on every connection and on the content library's
+ * registrations. */
+const struct RequestsAbove {
+    RequestsAbove()
+    {
+        ConnectionUser user{};
+        user.opened = RegisterRequestObjects;
+        user.closing = UnregisterRequestObjects;
+        user.reopened = ReclaimAfterReopen;
+        user.ownsAll = OwnsProviderNames;
+        AddConnectionUser(user);
+        content::SetRegistrationObserver({ContentCallbackRegistered, ContentCallbackUnregistered,
+                                          ContentCallbacksCleared});
+    }
+} kRequestsAbove;
+
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

@@ -26,7 +26,8 @@
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "confinement/request_confinement.h"
-#include "requests/request_report.h"
+#include "base/request_report.h"
+#include "requests/request_names.h"
 
 struct data_control_s {
     std::string providerId;
