@@ -46,6 +46,7 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "identity/app_identity.h"
@@ -59,7 +60,7 @@
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "base/reset_hooks.h"
-#include "message_port_xml.h"
+#include "message_port_wire.h"
 #include "dlog.h"
 #include "host_control/ports.h"
 #include "host_control/identity.h"
@@ -109,7 +110,7 @@ GDBusInterfaceInfo* InterfaceInfo()
 {
     static GDBusInterfaceInfo* info = [] {
         ScopedError error;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kMessagePortXml, error.Out());
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(ports::wire::IntrospectionXml(), error.Out());
         GDBusInterfaceInfo* found = g_dbus_node_info_lookup_interface(node, kInterface);
         g_dbus_interface_info_ref(found);
         g_dbus_node_info_unref(node);
@@ -211,31 +212,27 @@ std::string RefusalForSender(const std::string& claimedApp)
            ": it does not own that application's name, or does not run as its user";
 }
 
-void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* parameters,
-               GDBusMethodInvocation* invocation)
+/* A message for one of this process's ports, from an application the bus
+ * confirmed: answered before the port's callback runs. */
+void Handle(const ports::wire::MessagePortDeliverIn& in, GDBusConnection* connection, const gchar* sender,
+            GDBusMethodInvocation* invocation)
 {
-    const gchar* port = nullptr;
-    const gchar* senderApp = nullptr;
-    const gchar* senderPort = nullptr;
-    const gchar* encoded = nullptr;
-    g_variant_get(parameters, "(&s&s&s&s)", &port, &senderApp, &senderPort, &encoded);
-
     std::string reason;
-    if (!SenderIsApp(connection, sender, senderApp, reason)) {
-        PORT_LOGE("message for port %s dropped: %s", port, reason.c_str());
+    if (!SenderIsApp(connection, sender, in.senderApp, reason)) {
+        PORT_LOGE("message for port %s dropped: %s", in.port, reason.c_str());
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
-                                                   RefusalForSender(senderApp).c_str());
+                                                   RefusalForSender(in.senderApp).c_str());
         return;
     }
     LocalPort local{};
-    if (!FindPort(port, local)) {
+    if (!FindPort(in.port, local)) {
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorPortNotFound, "no such port");
         return;
     }
     BundleRefusal refused = BundleRefusal::None;
-    bundle* message = DecodeBoundedBundle(encoded, std::strlen(encoded), &refused);
+    bundle* message = DecodeBoundedBundle(in.message, std::strlen(in.message), &refused);
     if (message == nullptr) {
-        PORT_LOGE("message for port %s from %s dropped: %s", port, senderApp, DescribeRefusal(refused));
+        PORT_LOGE("message for port %s from %s dropped: %s", in.port, in.senderApp, DescribeRefusal(refused));
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidMessage, "the message is not a bundle");
         return;
     }
@@ -246,27 +243,35 @@ void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* param
     uid_t senderUser = 0;
     const bool senderUserKnown = identity::CurrentMode() == identity::Mode::Verified &&
                                  identity::ConnectionUser(connection, sender, senderUser);
-    PostDelivery(port, senderApp, *senderPort != '\0' ? senderPort : nullptr, message, senderUserKnown, senderUser);
+    PostDelivery(in.port, in.senderApp, *in.senderPort != '\0' ? in.senderPort : nullptr, message, senderUserKnown,
+                 senderUser);
 }
 
+/* Whether one of this process's ports has that name (for older senders). */
+void Handle(const ports::wire::MessagePortHasPortIn& in, GDBusConnection* /*connection*/, const gchar* /*sender*/,
+            GDBusMethodInvocation* invocation)
+{
+    LocalPort local{};
+    ports::wire::MessagePortHasPortOut out;
+    out.exists = FindPort(in.port, local);
+    g_dbus_method_invocation_return_value(invocation, ports::wire::ToVariant(std::move(out)));
+}
+
+/* On the bus thread: the call read once into its typed request (the
+ * interface's description, message_port.xml, made message_port_wire.h). */
 void OnMethodCallCB(GDBusConnection* connection, const gchar* sender, const gchar* /*objectPath*/,
-                    const gchar* /*interfaceName*/, const gchar* methodName, GVariant* parameters,
+                    const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
                     GDBusMethodInvocation* invocation, gpointer /*userData*/)
 {
-    if (std::strcmp(methodName, "Deliver") == 0) {
-        OnDeliver(connection, sender, parameters, invocation);
+    ports::wire::Method method = ports::wire::Method::MessagePortDeliver;
+    ports::wire::Request request;
+    if (!ports::wire::FindMethod(interfaceName, methodName, method) ||
+        !ports::wire::ReadRequest(method, parameters, request)) {
+        g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD,
+                                              "unknown method %s", methodName);
         return;
     }
-    if (std::strcmp(methodName, "HasPort") == 0) {
-        const gchar* port = nullptr;
-        g_variant_get(parameters, "(&s)", &port);
-        LocalPort local{};
-        const bool exists = FindPort(port, local);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", exists));
-        return;
-    }
-    g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, "unknown method %s",
-                                          methodName);
+    std::visit([&](const auto& in) { Handle(in, connection, sender, invocation); }, request);
 }
 
 /* ---- sending ------------------------------------------------------------------ */

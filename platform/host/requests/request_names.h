@@ -12,6 +12,15 @@
 namespace tilvane {
 namespace host {
 
+/* The objects every process exports, one per interface. */
+inline constexpr char kDataControlPath[] = "/org/tilvane/DataControl";
+inline constexpr char kDataControlInterface[] = "org.tilvane.DataControl";
+inline constexpr char kContentPath[] = "/org/tilvane/Content";
+inline constexpr char kContentInterface[] = "org.tilvane.Content";
+/* The providers' bus names: the prefix and the escaped authority. */
+inline constexpr char kDataControlNamePrefix[] = "org.tilvane.DataControl.P";
+inline constexpr char kContentNamePrefix[] = "org.tilvane.Content.P";
+
 /* The authority of "scheme://authority/path" ("authority" alone when there is
  * no scheme). */
 std::string AuthorityOf(const std::string& uri);
@@ -24,7 +33,7 @@ std::string ContentBusName(const std::string& authority);
 /* True when this process owns `busName` for one of its request interfaces. */
 bool OwnsRequestBusName(const std::string& busName);
 
-/* The introspection XML of both request interfaces, as the code parses it. */
+/* The introspection XML of both request interfaces (request_interfaces.xml). */
 const char* RequestInterfacesIntrospectionXml();
 
 }  // namespace host
