@@ -124,10 +124,10 @@ class ReasonCodesTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(m_bus.IsRunning());
-        tilvane::host::SetOwnAppId("org.example.reasons.app");
         g_selectLine.clear();
         g_db.reset(new CContentDbConnection(m_sandbox.Root(), "reasons.db"));
+        ASSERT_TRUE(m_bus.IsRunning());
+        tilvane::host::SetOwnAppId("org.example.reasons.app");
         ASSERT_TRUE(g_db->OpenOperation());
         std::string error;
         ASSERT_EQ(0, g_db->ExcuteSQL("CREATE TABLE tiles (_id INTEGER PRIMARY KEY, title TEXT);", error)) << error;
@@ -243,12 +243,12 @@ void FailingDeleteCB(int requestId, data_control_h, const char*, void*)
 
 TEST(DataControlReasons, AProvidersErrorTextIsGivenItsCodeByTheSameTable)
 {
+    data_control_provider_sql_cb callbacks{};
+    PlatformSandbox sandbox;
     PrivateBus bus;
     ASSERT_TRUE(bus.IsRunning());
-    PlatformSandbox sandbox;
     setenv("TILVANE_DATA_CONTROL_PROVIDER_ID", kProviderId, 1);
     tilvane::host::SetOwnAppId("org.example.reasons.dc");
-    data_control_provider_sql_cb callbacks{};
     callbacks.insert_cb = RefusingInsertCB;
     callbacks.delete_cb = FailingDeleteCB;
     ASSERT_EQ(data_control_provider_sql_register_cb(&callbacks, nullptr), DATA_CONTROL_ERROR_NONE);

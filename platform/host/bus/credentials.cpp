@@ -18,13 +18,9 @@
 
 #include "registry/app_registry.h"
 #include "identity/identity_mode.h"
-#include "dlog.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "config/platform_config.h"
-
-#define IDENTITY_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
-#define IDENTITY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 namespace tilvane {
 namespace host {
@@ -126,15 +122,29 @@ void ForgetAllConnections()
     s.users.clear();
 }
 
+namespace {
+
+/* The user of `sender` in the verified mode; false, with `reason`, when the
+ * bus does not report it. */
+bool SenderUser(GDBusConnection* connection, const std::string& sender, uid_t& uid, std::string& reason)
+{
+    if (!ConnectionUser(connection, sender, uid)) {
+        reason = "the bus does not report the user of " + sender;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, const std::string& appId,
                     std::string& reason)
 {
+    uid_t uid = 0;
     if (CurrentMode() == Mode::Development) {
         return true;
     }
-    uid_t uid = 0;
-    if (!ConnectionUser(connection, sender, uid)) {
-        reason = "the bus does not report the user of " + sender;
+    if (!SenderUser(connection, sender, uid, reason)) {
         return false;
     }
     std::vector<uid_t> users;
@@ -152,12 +162,11 @@ bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, cons
 
 bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, std::string& reason)
 {
+    uid_t uid = 0;
     if (CurrentMode() == Mode::Development) {
         return true;
     }
-    uid_t uid = 0;
-    if (!ConnectionUser(connection, sender, uid)) {
-        reason = "the bus does not report the user of " + sender;
+    if (!SenderUser(connection, sender, uid, reason)) {
         return false;
     }
     if (!IsPlatformUser(uid)) {

@@ -260,6 +260,49 @@ int EndSavepoint(Database& database, bool commit, const std::string& path)
     return rc;
 }
 
+/* How a request is named in its failure injection and its log lines. */
+struct RequestWords
+{
+    const char* function; /* for ShouldFail */
+    const char* verb;     /* "insert" */
+    const char* phrase;   /* "insert into" */
+};
+
+constexpr RequestWords kInsertWords{"CContentDbConnection::InsertRequest", "insert", "insert into"};
+constexpr RequestWords kUpdateWords{"CContentDbConnection::UpdateRequest", "update", "update of"};
+constexpr RequestWords kDeleteWords{"CContentDbConnection::DeleteRequest", "delete", "delete from"};
+constexpr RequestWords kSelectWords{"CContentDbConnection::SelectRequest", "select", "select from"};
+
+/* True (and logged) when a test made this request fail. */
+bool FailsOnPurpose(const RequestWords& words, const std::string& table)
+{
+    if (!tilvane::host::ShouldFail(words.function)) {
+        return false;
+    }
+    CONTENT_LOGE("%s %s failed on purpose", words.phrase, table.c_str());
+    return true;
+}
+
+/* True (and logged) when `missing` names an argument the request lacks. */
+bool LacksArgument(const RequestWords& words, const char* missing)
+{
+    if (missing == nullptr) {
+        return false;
+    }
+    CONTENT_LOGE("%s: %s", words.verb, missing);
+    return true;
+}
+
+/* True (and logged) when the connection is closed. */
+bool NotOpen(const LockedDatabase& db, const RequestWords& words, const std::string& table, const std::string& path)
+{
+    if (db) {
+        return false;
+    }
+    CONTENT_LOGE("%s %s: %s is not open", words.phrase, table.c_str(), path.c_str());
+    return true;
+}
+
 }  // namespace
 
 CContentDbConnection::CContentDbConnection(std::string directory, std::string fileName)
@@ -369,17 +412,14 @@ int CContentDbConnection::SetForeignKeyConstraintsEnabled(bool enabled)
 
 int CContentDbConnection::InsertRequest(const std::string& table, bundle* values)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::InsertRequest")) {
-        CONTENT_LOGE("insert into %s failed on purpose", table.c_str());
+    if (FailsOnPurpose(kInsertWords, table)) {
         return SQLITE_ERROR;
     }
-    if (table.empty() || values == nullptr) {
-        CONTENT_LOGE("insert: %s", table.empty() ? "no table" : "no values");
+    if (LacksArgument(kInsertWords, table.empty() ? "no table" : values == nullptr ? "no values" : nullptr)) {
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("insert into %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kInsertWords, table, m_strPath)) {
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
@@ -444,12 +484,10 @@ int CContentDbConnection::GetChangedRowCount()
 int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values, const std::string& where,
                                         std::vector<std::string> whereArgs)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::UpdateRequest")) {
-        CONTENT_LOGE("update of %s failed on purpose", table.c_str());
+    if (FailsOnPurpose(kUpdateWords, table)) {
         return SQLITE_ERROR;
     }
-    if (table.empty() || values == nullptr) {
-        CONTENT_LOGE("update: %s", table.empty() ? "no table" : "no values");
+    if (LacksArgument(kUpdateWords, table.empty() ? "no table" : values == nullptr ? "no values" : nullptr)) {
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     Values entries = CollectValues(values);
@@ -458,8 +496,7 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("update of %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kUpdateWords, table, m_strPath)) {
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
@@ -489,17 +526,14 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
 int CContentDbConnection::DeleteRequest(const std::string& table, const std::string& where,
                                         const std::vector<std::string>& whereArgs)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::DeleteRequest")) {
-        CONTENT_LOGE("delete from %s failed on purpose", table.c_str());
+    if (FailsOnPurpose(kDeleteWords, table)) {
         return SQLITE_ERROR;
     }
-    if (table.empty()) {
-        CONTENT_LOGE("delete: no table");
+    if (LacksArgument(kDeleteWords, table.empty() ? "no table" : nullptr)) {
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("delete from %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kDeleteWords, table, m_strPath)) {
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
@@ -536,17 +570,11 @@ std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::st
                                                                    const std::string& orderBy,
                                                                    const std::string& limit)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::SelectRequest")) {
-        CONTENT_LOGE("select from %s failed on purpose", table.c_str());
-        return nullptr;
-    }
-    if (table.empty()) {
-        CONTENT_LOGE("select: no table");
+    if (FailsOnPurpose(kSelectWords, table) || LacksArgument(kSelectWords, table.empty() ? "no table" : nullptr)) {
         return nullptr;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("select from %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kSelectWords, table, m_strPath)) {
         return nullptr;
     }
 
