@@ -67,8 +67,8 @@ constexpr char kBareName[] = "org.tilvane.BenchBare";
 constexpr char kBarePath[] = "/org/tilvane/Content";
 constexpr char kContentInterface[] = "org.tilvane.Content";
 /* The content interface's methods as the service publishes them. */
-const char* const kBareMethods[][2] = {{"Insert", "(ixsu)"}, {"BulkInsert", "(ixsu)"}, {"Select", "(ay)"},
-                                       {"Update", "(ixsu)"}, {"Delete", "(ixsu)"},     {"GetRowIds", "(ax)"}};
+const char* const kBareMethods[][2] = {{"Insert", "(ixs)"}, {"BulkInsert", "(ixs)"}, {"Select", "(ay)"},
+                                       {"Update", "(ixs)"}, {"Delete", "(ixs)"},     {"GetRowIds", "(ax)"}};
 
 std::string SizeName(int tiles)
 {
@@ -627,10 +627,9 @@ private:
         select = client.Select(uri, {}, "", {}, "_id", "");
         rowIds = client.GetRowIds(uri, "", {});
         const std::string rows = WireRows(select.rows);
-        // Code, row id or rows changed, reason and its code: the service's reply of a write.
+        // Code, row id or rows changed, and reason: the service's reply of a write.
         auto written = [](const Result& result, long long second) {
-            return g_variant_new("(ixsu)", result.code, static_cast<gint64>(second), result.message.c_str(),
-                                 static_cast<guint32>(result.reason));
+            return g_variant_new("(ixs)", result.code, static_cast<gint64>(second), result.message.c_str());
         };
         return WriteReply(m_root, "Insert", written(insert, insert.rowId)) &&
                WriteReply(m_root, "BulkInsert", written(bulk, bulk.rowId)) &&
@@ -697,7 +696,7 @@ void BM_ServiceInsert(benchmark::State& state)
         [&] { return client.Insert(kTilesUri, row).Ok(); },
         [&] {
             const std::string encoded = EncodedBundle(row);
-            return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixsu)");
+            return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
         },
         "bare D-Bus call");
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
@@ -720,7 +719,7 @@ void BM_ServiceInsertFloor(benchmark::State& state)
     }
     auto bare = [&] {
         const std::string encoded = EncodedBundle(row);
-        return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixsu)");
+        return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
     };
     RunInterleaved(
         state, "floor of the insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
@@ -743,7 +742,7 @@ bool BareUpdate(const Values& values, const std::string& tileId)
     return BareCall("Update",
                     g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), encoded.c_str(), "tile_id = ?",
                                   StringArray({tileId})),
-                    "(ixsu)");
+                    "(ixs)");
 }
 
 void BM_ServiceUpdate(benchmark::State& state)
@@ -823,7 +822,7 @@ void BM_ServiceDelete(benchmark::State& state)
             return BareCall("Delete",
                             g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?",
                                           StringArray(whereArgs)),
-                            "(ixsu)");
+                            "(ixs)");
         },
         "bare D-Bus call");
 }
@@ -852,7 +851,7 @@ void BM_ServiceDeleteFloor(benchmark::State& state)
     auto bare = [&](const std::string& tileId) {
         return BareCall("Delete",
                         g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?", StringArray({tileId})),
-                        "(ixsu)");
+                        "(ixs)");
     };
     int next = 0;
     int nextBare = 0;
@@ -891,7 +890,7 @@ void BM_ServiceBulkInsert1000(benchmark::State& state)
                 encoded.push_back(EncodedBundle(row));
             }
             return BareCall("BulkInsert",
-                            g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ixsu)");
+                            g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ixs)");
         },
         "bare D-Bus call");
     client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
@@ -922,7 +921,7 @@ void BM_ServiceBulkInsertFloor(benchmark::State& state)
             encoded.push_back(EncodedBundle(row));
         }
         return BareCall("BulkInsert", g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)),
-                        "(ixsu)");
+                        "(ixs)");
     };
     RunInterleaved(
         state, "floor of the bulk insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
