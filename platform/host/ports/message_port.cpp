@@ -1,9 +1,11 @@
 /*
  * Message ports on the host, over the D-Bus session bus (DBUS_SESSION_BUS_ADDRESS).
  *
- * Each process connects once, lazily, and owns the bus name of its application
- * id (app_identity.h); it never queues for the name, so two processes cannot run
- * as one application. It exports one object for all of its local ports:
+ * Each process has one connection to the bus (bus/bus_connection.h), which owns
+ * the bus name of its application id; the ports register themselves with it
+ * as a ConnectionUser. On every connection they export one object for all of
+ * the local ports, whose calls are read into their typed requests
+ * (message_port_wire.h, generated from message_port.xml):
  *
  *   path      /org/tilvane/MessagePort
  *   interface org.tilvane.MessagePort
@@ -22,10 +24,8 @@
  * The sender's application id is taken from the bus: Deliver carries the id
  * that the sender claims, and the receiver accepts it only when the bus says
  * that the name of that id is owned by the connection the call came from
- * (org.freedesktop.DBus.GetNameOwner). The answer is cached per unique name and
- * forgotten when that connection loses an application name. A message that
- * fails the check is logged and dropped, and the sender gets
- * org.tilvane.MessagePort.Error.NotAuthorized.
+ * (bus_connection.h's SenderIsApp). A message that fails the check is logged
+ * and dropped, and the sender gets org.tilvane.MessagePort.Error.NotAuthorized.
  *
  * Calls to the exported object are answered on a thread of the platform with
  * its own main context, so that an answer never waits for the application's
