@@ -45,7 +45,7 @@
 #include "PreviewApps.h"
 #include "SharedQueryObject.h"
 #include "TilesModel.h"
-#include "bundle/row_codec.h"
+#include "requests/row_codec.h"
 #include "content/statement_budget.h"
 #include "requests/reply_budget.h"
 

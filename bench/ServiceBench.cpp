@@ -44,7 +44,7 @@
 #include "PreviewApps.h"
 #include "TilesModel.h"
 #include "client/typed_rows.h"
-#include "request_interfaces_xml.h"
+#include "requests/request_names.h"
 
 extern char** environ;
 
@@ -121,7 +121,7 @@ int RunBareServer(int readyFd, const char* directory)
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
     // The content interface as the service declares it.
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kRequestInterfacesXml, nullptr);
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(tilvane::host::RequestInterfacesIntrospectionXml(), nullptr);
     GDBusInterfaceInfo* content = node != nullptr ? g_dbus_node_info_lookup_interface(node, kContentInterface) : nullptr;
     static const GDBusInterfaceVTable vtable = {BareCallCB, nullptr, nullptr, {nullptr}};
     if (connection == nullptr || content == nullptr ||

@@ -87,7 +87,9 @@ def functions(path):
                 if SCOPE_WORDS.search(flat) and '(' not in flat.split('{')[0].split(SCOPE_WORDS.search(flat).group(0))[0] \
                         and not re.search(r'\)\s*(const|noexcept|override|final|\s)*$', flat):
                     kind = 'scope'
-                elif flat.startswith('extern'):
+                elif flat.startswith('extern') and '(' not in flat:
+                    # extern "C" { ... }: a block of declarations, not a function;
+                    # extern "C" int f(...) { ... } is a function like any other.
                     kind = 'scope'
                 elif '(' in flat and not CONTROL_WORDS.match(flat) and not flat.rstrip().endswith('='):
                     kind = 'function'

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds Tilvane from scratch and runs the whole test suite in a normal build,
+# Checks that the host platform's includes run only down its layers, builds
+# Tilvane from scratch and runs the whole test suite in a normal build,
 # a short run of the benchmarks to show they work, each libFuzzer target for a
 # bounded time (skip with TILVANE_SKIP_FUZZ=1), the Debian packages built,
 # checked by lintian and against the installed tree (skip with
@@ -12,6 +13,9 @@ builds="${TILVANE_BUILD_ROOT:-$top/build}"
 jobs="$(nproc 2>/dev/null || echo 2)"
 
 "$top/scripts/install-deps.sh"
+
+echo "==> the layers of the host platform (scripts/check-layers.py)"
+python3 "$top/scripts/check-layers.py"
 
 run_suite() {
     local dir="$1"; shift

@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "tilvane_reason.h"
+
 namespace tilvane {
 namespace client {
 
@@ -71,6 +73,11 @@ struct Result {
     std::string message;
     /* Rows changed by an update or delete; -1 when the provider did not say. */
     int64_t changedRows = -1;
+    /* Why, as a code (tilvane_reason.h): whether `message` is a refusal
+     * (TILVANE_REASON_PERMISSION_LEVEL, ...) or a failure, or what a sync mark
+     * did. TILVANE_REASON_NONE when there is nothing to say, or the provider
+     * is older than reason codes. */
+    tilvane_reason reason = TILVANE_REASON_NONE;
 
     bool Ok() const { return outcome == Outcome::Answered && code == 0; }
 };

@@ -18,7 +18,8 @@
 #include "JsonLines.h"
 #include "Manifest.h"
 #include "bundle/bundle_limits.h"
-#include "bundle/row_codec.h"
+#include "client/row_decoder.h"
+#include "requests/row_codec.h"
 
 namespace tilvane {
 namespace fuzz {

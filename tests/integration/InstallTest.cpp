@@ -199,7 +199,8 @@ std::map<std::string, ExpectedFile> ExpectedInstallTree(const std::string& build
         {prefix + TILVANE_INSTALL_MANDIR "/man5/tilvane.conf.5", {"0644", ""}},
         {prefix + TILVANE_INSTALL_MANDIR "/man8/tilvane.8", {"0644", ""}},
     };
-    for (const char* header : {"tilvane_client.h", "tilvane_schema.h", "tilvane_publisher.h", "tilvane_c.h"}) {
+    for (const char* header :
+         {"tilvane_client.h", "tilvane_schema.h", "tilvane_publisher.h", "tilvane_c.h", "tilvane_reason.h"}) {
         files[prefix + TILVANE_INSTALL_INCLUDEDIR "/tilvane/" + header] = {"0644",
                                                                           source + "platform/include/" + header};
     }

@@ -23,7 +23,7 @@
 #include "bundle.h"
 #include "bundle_ptr.h"
 #include "content_provider_dispatch.h"
-#include "bundle/row_codec.h"
+#include "requests/row_codec.h"
 
 using tilvane::client::Cell;
 using tilvane::client::ContentClient;

@@ -163,7 +163,7 @@ TEST_F(PlatformConfigTest, TheKeyTablesDefaultsAreTheDefaultsInForce)
     tilvane::host::SetConfigurationText("");
     auto defaultOf = [](const char* group, const char* key) {
         const config::KeyInfo* info = config::FindKey(group, key);
-        return info != nullptr ? std::string(info->defaultText) : std::string("unknown");
+        return info != nullptr ? DefaultText(*info) : std::string("unknown");
     };
     const tilvane::content::StatementBudgets budgets = tilvane::content::ConfiguredStatementBudgets();
     EXPECT_EQ(defaultOf("budget", "statement-ms"), std::to_string(budgets.statementMs));

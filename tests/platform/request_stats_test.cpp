@@ -140,16 +140,23 @@ TEST_F(RequestStatsTest, TheJsonHoldsEveryCounterAndReadsBack)
 TEST_F(RequestStatsTest, EveryAnswerOfTheInterfacesHasItsReason)
 {
     using namespace tilvane::host::requests;
-    EXPECT_EQ(RefusalOfError(kErrorNotAuthorized, "x"), "sender-not-authorized");
-    EXPECT_EQ(RefusalOfError(kErrorNotServed, "x"), "not-served");
-    EXPECT_EQ(RefusalOfError(kErrorInvalidRequest, "x"), "invalid-request");
-    EXPECT_EQ(RefusalOfError(kErrorRefused, "a subquery (strict confinement, rule statement-authorizer, result -1)"),
+    const tilvane_reason none = TILVANE_REASON_NONE;
+    EXPECT_EQ(RefusalOfError(kErrorNotAuthorized, none, "x"), "sender-not-authorized");
+    EXPECT_EQ(RefusalOfError(kErrorNotServed, none, "x"), "not-served");
+    EXPECT_EQ(RefusalOfError(kErrorInvalidRequest, none, "x"), "invalid-request");
+    EXPECT_EQ(RefusalOfError(kErrorRefused, TILVANE_REASON_STRICT_CONFINEMENT,
+                             "a subquery (strict confinement, rule statement-authorizer, result -1)"),
               "strict-statement-authorizer");
-    EXPECT_EQ(RefusalOfError(kErrorProviderError, "failed by permission"), "permission-level");
-    EXPECT_EQ(RefusalOfError(kErrorProviderError, "something else"), "provider-error");
-    EXPECT_EQ(RefusalOfError(kErrorNoResult, "permission level too low"), "permission-level");
-    EXPECT_EQ(RefusalOfError(kErrorNoResult, "no such column: x"), "no-result");
-    EXPECT_EQ(RefusalOfError(kErrorNoResult, "sync end mark sent"), "");
+    /* The code decides, whatever the words say. */
+    EXPECT_EQ(RefusalOfError(kErrorProviderError, TILVANE_REASON_PERMISSION_LEVEL, "failed by permission"),
+              "permission-level");
+    EXPECT_EQ(RefusalOfError(kErrorProviderError, TILVANE_REASON_PROVIDER_FAILURE, "permission level too low"),
+              "provider-error");
+    EXPECT_EQ(RefusalOfError(kErrorNoResult, TILVANE_REASON_PERMISSION_LEVEL, "anything"), "permission-level");
+    EXPECT_EQ(RefusalOfError(kErrorNoResult, TILVANE_REASON_NOT_CHANGEABLE, "anything"), "invalid-uri");
+    EXPECT_EQ(RefusalOfError(kErrorNoResult, TILVANE_REASON_STATEMENT_FAILED, "no such column: x"), "no-result");
+    EXPECT_EQ(RefusalOfError(kErrorNoResult, TILVANE_REASON_SYNC_END_MARK, "sync end mark sent"), "");
+    EXPECT_EQ(RefusalOfError(kErrorNoResult, TILVANE_REASON_SYNC_START_MARK, "sync start mark"), "");
     EXPECT_EQ(std::string(RefusalOfCode(-13)), "permission-level");
     EXPECT_EQ(std::string(RefusalOfCode(-22)), "invalid-uri");
     EXPECT_EQ(std::string(RefusalOfCode(13)), "failed");

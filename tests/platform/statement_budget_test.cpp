@@ -21,7 +21,7 @@
 #include "SQLiteCursor.h"
 #include "TestSupport.h"
 #include "content/statement_budget.h"
-#include "requests/request_report.h"
+#include "base/request_report.h"
 
 namespace {
 

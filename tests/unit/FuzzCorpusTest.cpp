@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "FuzzTargets.h"
-#include "bundle/row_codec.h"
+#include "client/row_decoder.h"
 
 namespace {
 

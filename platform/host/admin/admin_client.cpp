@@ -12,14 +12,12 @@
 #include "bus/bus_connection.h"
 #include "config/platform_config.h"
 #include "identity/app_identity.h"
-#include "host_control.h"
 
 namespace tilvane {
 namespace host {
 namespace admin {
 namespace {
 
-constexpr char kDefaultServiceAppId[] = "com.quillon.px.tilvane";
 /* A backup or a check of a large database takes seconds; an hour is the
  * most the tool waits. */
 constexpr int kCallTimeoutMs = 3600 * 1000;
@@ -48,8 +46,8 @@ void Failed(AdminAnswer& answer, GError* error)
  * along when it is not -1; null with `answer` filled when it failed. */
 GVariantPtr Call(const char* method, GVariant* parameters, int fd, const char* replyType, AdminAnswer& answer)
 {
-    int result = 0;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &result);
+    ConnectionProblem problem = ConnectionProblem::None;
+    GDBusConnectionPtr connection = SharedBusConnection(false, &problem);
     if (!connection) {
         answer.error = "no message bus (DBUS_SESSION_BUS_ADDRESS is not set or cannot be used)";
         return nullptr;
@@ -61,7 +59,7 @@ GVariantPtr Call(const char* method, GVariant* parameters, int fd, const char* r
     }
     ScopedError error;
     GVariantPtr reply(g_dbus_connection_call_with_unix_fd_list_sync(
-        connection.get(), BusNameForAppId(ServiceAppId()).c_str(), kAdminPath, kAdminInterface, method, parameters,
+        connection.get(), EscapedBusName(kAppBusNamePrefix, ServiceAppId()).c_str(), kAdminPath, kAdminInterface, method, parameters,
         G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, files.get(), nullptr, nullptr,
         error.Out()));
     if (!reply) {
@@ -92,7 +90,7 @@ std::string ServiceAppId()
     if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
         return fromEnvironment;
     }
-    return config::String("service", "app-id", kDefaultServiceAppId);
+    return config::String("service", "app-id", std::string());
 }
 
 AdminAnswer GetStatistics()

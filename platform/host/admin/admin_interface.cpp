@@ -17,7 +17,8 @@
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "dlog.h"
-#include "identity/credentials.h"
+#include "bus/bus_connection.h"
+#include "bus/credentials.h"
 #include "ports/port_delivery.h"
 #include "stats/request_stats.h"
 
@@ -170,25 +171,15 @@ void OnAdminCallCB(GDBusConnection* /*connection*/, const gchar* /*sender*/, con
     }
 }
 
-/* The service application exported the interface. */
-std::atomic<bool> g_exported{false};
+/* The object's registration on the open connection; 0 when none. */
+std::atomic<guint> g_objectId{0};
 
-}  // namespace
-
-void ExportAdminInterfaceAgain(GDBusConnection* connection)
-{
-    if (g_exported.load()) {
-        ExportAdminInterface(connection);
-    }
-}
-
-void ExportAdminInterface(GDBusConnection* connection)
+bool RegisterAdminObject(GDBusConnection* connection)
 {
     GDBusNodeInfo* node = NodeInfo();
-    if (node == nullptr || connection == nullptr) {
-        return;
+    if (node == nullptr) {
+        return true;
     }
-    g_exported.store(true);
     static const GDBusInterfaceVTable vtable = {OnAdminCallCB, nullptr, nullptr, {nullptr}};
     ScopedError error;
     /* Answered on the default main context, between two requests. */
@@ -200,6 +191,30 @@ void ExportAdminInterface(GDBusConnection* connection)
     if (id == 0) {
         ADMIN_LOGE("cannot export the operator's interface: %s", error.Message());
     }
+    g_objectId.store(id);
+    /* Without it the connection still serves requests. */
+    return true;
+}
+
+void UnregisterAdminObject(GDBusConnection* connection)
+{
+    const guint id = g_objectId.exchange(0);
+    if (id != 0) {
+        g_dbus_connection_unregister_object(connection, id);
+    }
+}
+
+}  // namespace
+
+void ExportAdminInterfaceOnEveryConnection()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        ConnectionUser user{};
+        user.opened = RegisterAdminObject;
+        user.closing = UnregisterAdminObject;
+        AddConnectionUser(user);
+    });
 }
 
 const char* AdminInterfaceXml()

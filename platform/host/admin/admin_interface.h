@@ -2,8 +2,8 @@
  * The operator's interface of a running service (admin_interface.xml):
  * statistics (stats/request_stats.h) and the backup, restore and check of
  * the tiles database (database_maintenance.h), for platform users only.
- * The service application exports it on its bus connection, and again on
- * every connection that replaces a lost one; calls run on the GLib default
+ * The service application exports it on its bus connection and on every
+ * connection that replaces a lost one; calls run on the GLib default
  * main context, where requests run, so each comes between two requests.
  * Internal to the host platform.
  */
@@ -22,11 +22,9 @@ inline constexpr char kErrorNotAuthorized[] = "org.tilvane.Admin.Error.NotAuthor
 inline constexpr char kErrorRefused[] = "org.tilvane.Admin.Error.Refused";
 inline constexpr char kErrorFailed[] = "org.tilvane.Admin.Error.Failed";
 
-/* Exports the interface on `connection` (once per connection). */
-void ExportAdminInterface(GDBusConnection* connection);
-/* On a connection that replaced a lost one: exports it again when it was
- * exported before. */
-void ExportAdminInterfaceAgain(GDBusConnection* connection);
+/* Exports the interface on every bus connection the process opens from now
+ * on (before the first one is opened: the service application's start). */
+void ExportAdminInterfaceOnEveryConnection();
 
 /* The introspection XML, as the code parses it. */
 const char* AdminInterfaceXml();

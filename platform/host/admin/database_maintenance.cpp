@@ -13,9 +13,9 @@
 #include <memory>
 #include <set>
 
-#include "TilesModel.h"
 #include "config/platform_files.h"
-#include "identity/credentials.h"
+#include "config/platform_config.h"
+#include "identity/identity_mode.h"
 #include "registry/app_registry.h"
 #include "tzplatform_config.h"
 
@@ -24,7 +24,6 @@ namespace host {
 namespace admin {
 namespace {
 
-constexpr char kTilesDatabaseFile[] = ".preview.db";
 constexpr char kBackupSuffix[] = ".backup";
 constexpr char kRestoreSuffix[] = ".restore";
 constexpr int kBusyTimeoutMs = 5000;
@@ -175,11 +174,17 @@ bool CopyDatabase(sqlite3* from, sqlite3* to, std::string& error)
     return true;
 }
 
+/* "E launcher entries, S sections, T tiles": the rows of each data id's
+ * table, the launcher's table named as what it holds. */
 std::string RowCounts(sqlite3* db)
 {
-    return Value(db, "SELECT count(*) FROM accelerators") + " launcher entries, " +
-           Value(db, "SELECT count(*) FROM sections") + " sections, " + Value(db, "SELECT count(*) FROM tiles") +
-           " tiles";
+    const std::string launcher = config::String("maintenance", "launcher-table", "");
+    std::string counts;
+    for (const std::string& table : config::StringList("data-control", "data-ids")) {
+        counts += (counts.empty() ? "" : ", ") + Value(db, ("SELECT count(*) FROM \"" + table + "\"").c_str()) + " " +
+                  (table == launcher ? std::string("launcher entries") : table);
+    }
+    return counts;
 }
 
 }  // namespace
@@ -187,7 +192,8 @@ std::string RowCounts(sqlite3* db)
 std::string TilesDatabasePath()
 {
     const char* directory = tzplatform_getenv(TZ_SYS_DB);
-    return std::string(directory != nullptr ? directory : ".") + "/" + kTilesDatabaseFile;
+    return std::string(directory != nullptr ? directory : ".") + "/" +
+           config::String("maintenance", "database", "");
 }
 
 /* ---- backup ------------------------------------------------------------------ */
@@ -477,6 +483,8 @@ void CheckIntegrity(sqlite3* db, CheckReport& report)
  * that they use the launcher. */
 bool InstalledPackages(std::set<std::string>& installed, std::set<std::string>& launcherUsers)
 {
+    const std::vector<std::string> keys = config::StringList("maintenance", "launcher-metadata");
+    const std::set<std::string> launcherKeys(keys.begin(), keys.end());
     std::vector<RegisteredPackage> packages;
     if (registry::ReadPackages(packages) != registry::Result::Ok) {
         return false;
@@ -485,7 +493,7 @@ bool InstalledPackages(std::set<std::string>& installed, std::set<std::string>& 
         installed.insert(package.packageId);
         for (const RegisteredApplication& app : package.applications) {
             for (const auto& entry : app.metadata) {
-                if (entry.first == AppMetadata::USE_ACCELERATOR || entry.first == AppMetadata::USE_PREVIEW) {
+                if (launcherKeys.count(entry.first) != 0) {
                     launcherUsers.insert(package.packageId);
                 }
             }
@@ -504,8 +512,10 @@ void CheckLauncherList(sqlite3* db, CheckReport& report)
     }
     Rows entries;
     std::string error;
-    if (!Query(db, "SELECT accelerator_app_pkg_name, count(*) FROM accelerators GROUP BY 1 ORDER BY 1", entries,
-               error)) {
+    const std::string column = config::String("maintenance", "launcher-package-column", "");
+    const std::string table = config::String("maintenance", "launcher-table", "");
+    const std::string sql = "SELECT \"" + column + "\", count(*) FROM \"" + table + "\" GROUP BY 1 ORDER BY 1";
+    if (!Query(db, sql.c_str(), entries, error)) {
         Finding(report, true, "the launcher entries cannot be read: " + error);
         return;
     }

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <string>
 
-#include "admin/admin_interface.h"
 #include "base/host_state.h"
 #include "bus/bus_connection.h"
 #include "bus/signal_bus.h"
@@ -50,9 +49,6 @@ bool Restored(std::string& why)
     if (!RestoreBusConnection(why)) {
         return false;
     }
-    int result = 0;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &result);
-    admin::ExportAdminInterfaceAgain(connection.get());
     if (!signals::Reconnect()) {
         why = "the notification connection cannot be opened";
         return false;

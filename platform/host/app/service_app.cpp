@@ -22,17 +22,20 @@
 #include "app/bus_supervision.h"
 #include "app/run_configuration.h"
 #include "app/service_manager.h"
-#include "bus/bus_connection.h"
+#include "ports/port_connection.h"
 #include "confinement_policy.h"
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
 #include "dlog.h"
-#include "host_control.h"
+#include "host_control/app.h"
+#include "host_control/identity.h"
+#include "host_control/base.h"
 #include "message_port.h"
 #include "config/platform_config.h"
 #include "config/platform_files.h"
 #include "log/log_sink.h"
+#include "registry/bus_policy.h"
 #include "stats/request_stats.h"
-#include "identity/bus_policy.h"
 #include "tilvane_version.h"
 
 namespace tilvane {
@@ -246,6 +249,13 @@ void ClearAppEventHandlers()
     s.unloggedHandlerTypes.clear();
 }
 
+namespace {
+/* Reset(): no event handler is registered. */
+const ResetHook kResetClearAppEventHandlers(9, ClearAppEventHandlers);
+}  // namespace
+
+namespace {
+
 /* The handlers added before service_app_main read its command line. */
 void LogHandlersAddedBefore()
 {
@@ -260,6 +270,8 @@ void LogHandlersAddedBefore()
         PLATFORM_LOGD("event handler added: type %d", type);
     }
 }
+
+}  // namespace
 
 std::vector<app_event_type_e> RegisteredAppEventTypes()
 {
@@ -318,8 +330,6 @@ void RequestTermination()
 
 namespace {
 
-/* The application id a service started without TILVANE_APP_ID runs as. */
-constexpr char kDefaultServiceAppId[] = "com.quillon.px.tilvane";
 constexpr int kExitStartFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitBusLost = 3;
@@ -357,7 +367,7 @@ void PrintUsage(FILE* out, const char* program)
         "  TILVANE_APP_ID         the application id the service runs as (default: %s)\n"
         "  TILVANE_DATA_CONTROL_PROVIDER_ID\n"
         "                         the data-control provider id it serves\n"
-        "                         (default: content://com.quillon.px.tiles)\n"
+        "                         (default: %s)\n"
         "  TILVANE_CONFIG         the integrator's configuration file; the service does not\n"
         "                         start when it names a file that is missing or unreadable\n"
         "                         (default: <root>/etc/tilvane.conf when it exists)\n"
@@ -369,7 +379,8 @@ void PrintUsage(FILE* out, const char* program)
         "Exit codes: 0 ended normally, 1 could not start, 2 wrong command line,\n"
         "3 lost the message bus and could not get back on it within [bus] reconnect-ms,\n"
         "6 the configuration file is missing or cannot be read (tilvane.conf(5)).\n",
-        program, kDefaultServiceAppId);
+        program, tilvane::host::config::Default("service", "app-id").c_str(),
+        tilvane::host::config::Default("data-control", "provider-id").c_str());
 }
 
 /* What the command line asks for: run, or stop at once with an exit code. */
@@ -397,14 +408,14 @@ bool ReadCommandLine(int argc, char** argv, int& exitCode)
 }
 
 /* Without TILVANE_APP_ID a service application runs as the service's own id
- * (the integrator's [service] app-id, else the built-in one). */
+ * (the integrator's [service] app-id, else data/service-defaults.conf's). */
 void ChooseDefaultAppId()
 {
     const char* fromEnvironment = std::getenv("TILVANE_APP_ID");
     if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
         return;
     }
-    tilvane::host::SetOwnAppId(tilvane::host::config::String("service", "app-id", kDefaultServiceAppId));
+    tilvane::host::SetOwnAppId(tilvane::host::config::String("service", "app-id", std::string()));
 }
 
 /* The configuration, read before anything else: a file TILVANE_CONFIG names
@@ -425,14 +436,6 @@ void ReadConfigurationAtStart(bool programStart, const char* program)
     stats::Reset();
     LogHandlersAddedBefore();
     run_configuration::LogAtStart(where);
-}
-
-/* The statistics, backup, restore and check on the service's connection. */
-void ExportOperatorInterface()
-{
-    int result = 0;
-    tilvane::host::GDBusConnectionPtr connection = tilvane::host::SharedBusConnection(true, &result);
-    tilvane::host::admin::ExportAdminInterface(connection.get());
 }
 
 /* The log lines written while the bus connection is first opened: written
@@ -488,7 +491,7 @@ bool StartUpPreconditionsHold(const char* program)
     }
     int result = 0;
     LinesHeldWhileConnecting held;
-    GDBusConnectionPtr connection = SharedBusConnection(true, &result);
+    GDBusConnectionPtr connection = PortsConnection(true, &result);
     if (connection) {
         held.WriteHeldLines();
         return true;
@@ -506,6 +509,96 @@ bool StartUpPreconditionsHold(const char* program)
         std::fprintf(stderr, "%s: cannot start: the message bus at %s cannot be used\n", program, address);
     }
     return false;
+}
+
+}  // namespace
+
+namespace {
+
+/* A program's start once its command line is read: its application id
+ * chosen, the modes of the platform's files corrected and the preconditions
+ * checked (ending the process when one fails). */
+void PrepareProgramStart(int argc, char** argv)
+{
+    using namespace tilvane::host;
+    ChooseDefaultAppId();
+    /* Files an earlier version (or a careless umask) left readable are the
+     * platform's own again before anything opens them. */
+    files::CorrectModesAtStart({BusPolicyFile()});
+    /* The statistics, backup, restore and check on the service's connection
+     * (and on every one that replaces it). */
+    admin::ExportAdminInterfaceOnEveryConnection();
+    if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
+        std::exit(kExitStartFailed);
+    }
+}
+
+/* Makes `run` the process's running loop; false when one already runs. */
+bool AttachLoop(tilvane::host::LoopRun& run)
+{
+    using namespace tilvane::host;
+    AppState& s = TheAppState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.loop != nullptr) {
+        return false;
+    }
+    s.loop = run.Loop();
+    ++s.run;
+    s.exitRequested = false;
+    s.busLost = false;
+    return true;
+}
+
+/* The loop is no longer the running one; true when it ended for a lost bus. */
+bool DetachLoop()
+{
+    using namespace tilvane::host;
+    AppState& s = TheAppState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.loop = nullptr;
+    s.exitRequested = false;
+    return s.busLost;
+}
+
+/* After the create callback: whether the loop is to run at all (a termination
+ * that came during start-up ends it before it starts). */
+bool ExitRequestedBeforeLoop()
+{
+    using namespace tilvane::host;
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.exitRequested) {
+            return true;
+        }
+    }
+    if (TerminationPending()) {
+        QuitLoop(SignalName(PendingTerminationSignal()));
+        return true;
+    }
+    return false;
+}
+
+/* The created service's life: the loop (unless it was ended during start-up),
+ * then the terminate callback. */
+void RunCreatedService(service_app_lifecycle_callback_s* callback, void* user_data, tilvane::host::LoopRun& run)
+{
+    using namespace tilvane::host;
+    if (!ExitRequestedBeforeLoop()) {
+        run.AnnounceServingWhenRunning();
+        if (callback->app_control != nullptr) {
+            run.CallAppControlWhenIdle(callback->app_control, user_data);
+        }
+        PLATFORM_LOGD("main loop running");
+        StartBusSupervision(EndForLostBus);
+        run.Run();
+        StopBusSupervision();
+    }
+    PLATFORM_LOGD("main loop ended");
+    if (callback->terminate != nullptr) {
+        callback->terminate(user_data);
+    }
+    PLATFORM_LOGD("service application terminated");
 }
 
 }  // namespace
@@ -530,78 +623,23 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
     }
     ReadConfigurationAtStart(programStart, ProgramName(argc, argv));
     if (programStart) {
-        ChooseDefaultAppId();
-        /* Files an earlier version (or a careless umask) left readable are
-         * the platform's own again before anything opens them. */
-        files::CorrectModesAtStart({BusPolicyFile()});
-        if (!StartUpPreconditionsHold(ProgramName(argc, argv))) {
-            std::exit(kExitStartFailed);
-        }
-        ExportOperatorInterface();
+        PrepareProgramStart(argc, argv);
     }
-
     LoopRun run;
-    {
-        AppState& s = TheAppState();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        if (s.loop != nullptr) {
-            PLATFORM_LOGE("service_app_main: already running");
-            return APP_ERROR_ALREADY_RUNNING;
-        }
-        s.loop = run.Loop();
-        ++s.run;
-        s.exitRequested = false;
-        s.busLost = false;
+    if (!AttachLoop(run)) {
+        PLATFORM_LOGE("service_app_main: already running");
+        return APP_ERROR_ALREADY_RUNNING;
     }
-    auto detach = [] {
-        AppState& s = TheAppState();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.loop = nullptr;
-        s.exitRequested = false;
-    };
-
     /* The integrator's choice, stated once before the service sets up anything. */
     PLATFORM_LOGI(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
     if (!callback->create(user_data)) {
         PLATFORM_LOGE("service application create callback failed");
-        detach();
+        DetachLoop();
         return APP_ERROR_INVALID_CONTEXT;
     }
     PLATFORM_LOGD("service application created");
-
-    bool exitBeforeLoop = false;
-    {
-        AppState& s = TheAppState();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        exitBeforeLoop = s.exitRequested;
-    }
-    if (!exitBeforeLoop && TerminationPending()) {
-        QuitLoop(SignalName(PendingTerminationSignal()));
-        exitBeforeLoop = true;
-    }
-    if (!exitBeforeLoop) {
-        run.AnnounceServingWhenRunning();
-        if (callback->app_control != nullptr) {
-            run.CallAppControlWhenIdle(callback->app_control, user_data);
-        }
-        PLATFORM_LOGD("main loop running");
-        StartBusSupervision(EndForLostBus);
-        run.Run();
-        StopBusSupervision();
-    }
-    PLATFORM_LOGD("main loop ended");
-
-    if (callback->terminate != nullptr) {
-        callback->terminate(user_data);
-    }
-    PLATFORM_LOGD("service application terminated");
-    bool busLost = false;
-    {
-        AppState& s = TheAppState();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        busLost = s.busLost;
-    }
-    detach();
+    RunCreatedService(callback, user_data, run);
+    const bool busLost = DetachLoop();
     if (busLost && programStart) {
         std::exit(kExitBusLost);
     }

@@ -1,20 +1,19 @@
 /*
- * Process-wide state of the host platform that tests can steer: failure
- * injection, call counters, log capture, the virtual clock and the platform
- * root override. One mutex guards all of it.
+ * The base room's part of the test control API: failure injection, call
+ * counters and the virtual clock, under one mutex; and Reset(), which runs
+ * the reset hooks every room registered (base/reset_hooks.h).
  */
-#include "host_control.h"
-#include "config/platform_config.h"
+#include "host_control/base.h"
 
 #include <time.h>
 
+#include <algorithm>
 #include <map>
-#include <atomic>
 #include <mutex>
 #include <utility>
 
 #include "base/host_state.h"
-#include "app/idle_trim.h"
+#include "base/reset_hooks.h"
 
 namespace tilvane {
 namespace host {
@@ -27,15 +26,17 @@ struct State {
     /* Calls to let pass before the failures of `failures` begin. */
     std::map<std::string, int> passesBeforeFailure;
     std::map<std::string, int> callCounts;
-    bool capturing = false;
-    /* Mirror of `capturing` that the log reads without taking the mutex. */
-    std::atomic<bool> capturingFast{false};
-    std::vector<LogLine> captured;
     bool virtualClock = false;
     int64_t virtualNowUs = 0;
     std::vector<int64_t> sleeps;
-    std::string platformRoot;
 };
+
+/* The rooms' reset hooks: (layer, hook) in the order they registered. */
+std::vector<std::pair<int, void (*)()>>& Hooks()
+{
+    static auto* hooks = new std::vector<std::pair<int, void (*)()>>();
+    return *hooks;
+}
 
 State& TheState()
 {
@@ -123,64 +124,6 @@ int CallCount(const std::string& function)
     return it == s.callCounts.end() ? 0 : it->second;
 }
 
-void StartLogCapture()
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.capturing = true;
-    s.capturingFast = true;
-}
-
-void StopLogCapture()
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.capturing = false;
-    s.capturingFast = false;
-}
-
-std::vector<LogLine> CapturedLog()
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return s.captured;
-}
-
-std::vector<std::string> CapturedMessages(const std::string& tag)
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    std::vector<std::string> messages;
-    for (const LogLine& line : s.captured) {
-        if (tag.empty() || line.tag == tag) {
-            messages.push_back(line.message);
-        }
-    }
-    return messages;
-}
-
-void ClearCapturedLog()
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.captured.clear();
-}
-
-bool LogCaptureOn()
-{
-    return TheState().capturingFast.load(std::memory_order_relaxed);
-}
-
-void CaptureLogLine(int priority, const char* tag, const std::string& message)
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (!s.capturing) {
-        return;
-    }
-    s.captured.push_back(LogLine{priority, tag != nullptr ? tag : "", message, NowLocked(s)});
-}
-
 int64_t Now()
 {
     State& s = TheState();
@@ -225,18 +168,9 @@ bool RecordSleepAndAdvance(int64_t durationUs)
     return false;
 }
 
-void SetPlatformRoot(const std::string& root)
+ResetHook::ResetHook(int layer, void (*reset)())
 {
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.platformRoot = root;
-}
-
-std::string PlatformRootOverride()
-{
-    State& s = TheState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return s.platformRoot;
+    Hooks().emplace_back(layer, reset);
 }
 
 void Reset()
@@ -247,22 +181,17 @@ void Reset()
         s.failures.clear();
         s.passesBeforeFailure.clear();
         s.callCounts.clear();
-        s.capturing = false;
-        s.capturingFast = false;
-        s.captured.clear();
         s.virtualClock = false;
         s.virtualNowUs = 0;
         s.sleeps.clear();
-        s.platformRoot.clear();
     }
-    ForgetLogLevel();
-    ClearAppEventHandlers();
-    ResetMessagePorts();
-    ForgetKeyWatchers();
-    ForgetPowerOffSubscribers();
-    CloseSignalBus();
-    config::Forget();
-    CancelIdleTrim();
+    /* The rooms from the top down; hooks register before main, never here. */
+    std::vector<std::pair<int, void (*)()>> hooks = Hooks();
+    std::stable_sort(hooks.begin(), hooks.end(),
+                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    for (const auto& hook : hooks) {
+        hook.second();
+    }
 }
 
 }  // namespace host

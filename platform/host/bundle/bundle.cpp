@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "bundle/bundle_limits.h"
-#include "host_control.h"
+#include "host_control/base.h"
 
 /* Entries in insertion order. Small bundles (every launcher row) are searched
  * in place; from kIndexFrom entries on, a hash index beside the vector keeps a

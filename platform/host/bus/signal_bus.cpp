@@ -8,10 +8,11 @@
 #include <string>
 #include <utility>
 
-#include "identity/credentials.h"
+#include "bus/credentials.h"
 #include "base/glib_ptr.h"
 #include "config/platform_config.h"
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
 #include "dlog.h"
 
 #define SIGNAL_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
@@ -195,6 +196,11 @@ void CloseSignalBus()
     s.uniqueName.clear();
     s.connection.reset();
 }
+
+namespace {
+/* Reset(): the notification connection is closed. */
+const ResetHook kResetCloseSignalBus(5, CloseSignalBus);
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

@@ -9,18 +9,18 @@
 #include <gio/gio.h>
 
 #include <atomic>
-#include <map>
-#include <set>
 #include <cstring>
 #include <thread>
 
 #include "identity/app_identity.h"
-#include "bus/bus_connection.h"
+#include "ports/port_connection.h"
+#include "requests/request_names.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
-#include "requests/request_report.h"
+#include "log/system_reasons.h"
+#include "request_wire.h"
 #include "bundle/bundle_limits.h"
-#include "bundle/row_codec.h"
+#include "client/row_decoder.h"
 #include "bundle.h"
 #include "bundle_ptr.h"
 #include "dlog.h"
@@ -39,10 +39,10 @@ using host::GDBusConnectionPtr;
 using host::GVariantPtr;
 using host::ScopedError;
 
-constexpr char kDataControlPath[] = "/org/tilvane/DataControl";
-constexpr char kDataControlInterface[] = "org.tilvane.DataControl";
-constexpr char kContentPath[] = "/org/tilvane/Content";
-constexpr char kContentInterface[] = "org.tilvane.Content";
+namespace wire = host::requests::wire;
+using host::kContentPath;
+using host::kDataControlPath;
+
 /* A provider working through a large bulk may take a while. */
 constexpr int kRequestTimeoutMs = 120000;
 
@@ -69,16 +69,6 @@ std::string EncodeValues(const Values& values, bool& ok)
     return encoded;
 }
 
-GVariant* StringArray(const std::vector<std::string>& strings)
-{
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
-    for (const std::string& text : strings) {
-        g_variant_builder_add_value(&builder, g_variant_new_string(text.c_str()));
-    }
-    return g_variant_builder_end(&builder);
-}
-
 void SetCallError(const GError* error, Result& result)
 {
     host::GCharPtr remote(g_dbus_error_get_remote_error(error));
@@ -92,78 +82,16 @@ void SetCallError(const GError* error, Result& result)
         g_error_free(copy);
     }
     result.outcome = host::clientcalls::OutcomeOfError(name);
-}
-
-bool ReplyIs(GVariant* reply, const char* type)
-{
-    return g_variant_is_of_type(reply, G_VARIANT_TYPE(type));
-}
-
-/* The reply type of a method of the request interfaces, as their description
- * (request_interfaces.xml) gives it: "(" + the out arguments' types + ")". */
-const GVariantType* ReplyType(const char* interface, const char* method)
-{
-    static const std::map<std::string, std::string> types = [] {
-        std::map<std::string, std::string> found;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(host::RequestInterfacesIntrospectionXml(), nullptr);
-        for (GDBusInterfaceInfo** i = node != nullptr ? node->interfaces : nullptr; i != nullptr && *i != nullptr;
-             ++i) {
-            for (GDBusMethodInfo** m = (*i)->methods; m != nullptr && *m != nullptr; ++m) {
-                std::string type = "(";
-                for (GDBusArgInfo** arg = (*m)->out_args; arg != nullptr && *arg != nullptr; ++arg) {
-                    type += (*arg)->signature;
-                }
-                found[std::string((*i)->name) + "." + (*m)->name] = type + ")";
-            }
-        }
-        if (node != nullptr) {
-            g_dbus_node_info_unref(node);
-        }
-        return found;
-    }();
-    /* Null (any reply) for the methods whose replies grew: their readers
-     * accept the older and the newer form. */
-    static const std::set<std::string> grown = {
-        "org.tilvane.DataControl.Update", "org.tilvane.DataControl.Delete", "org.tilvane.Content.Insert",
-        "org.tilvane.Content.BulkInsert", "org.tilvane.Content.Update",     "org.tilvane.Content.BulkUpdate",
-        "org.tilvane.Content.Delete"};
-    const std::string name = std::string(interface) + "." + method;
-    if (grown.count(name) != 0) {
-        return nullptr;
-    }
-    auto type = types.find(name);
-    return G_VARIANT_TYPE(type != types.end() ? type->second.c_str() : "()");
-}
-
-GVariant* ToVariant(const std::string& text)
-{
-    return g_variant_new_string(text.c_str());
-}
-
-GVariant* ToVariant(const std::vector<std::string>& strings)
-{
-    return StringArray(strings);
-}
-
-/* The arguments of a call, in order, as one tuple. */
-template <typename... Values>
-GVariant* Arguments(const Values&... values)
-{
-    GVariant* items[] = {ToVariant(values)...};
-    return g_variant_new_tuple(items, sizeof...(Values));
-}
-
-gint64 Int64At(GVariant* tuple, gsize index)
-{
-    GVariantPtr value(g_variant_get_child_value(tuple, index));
-    return g_variant_get_int64(value.get());
+    result.reason = host::clientcalls::ReasonOfError(name);
 }
 
 /* One call. Null with `result` describing the failure when there is no reply. */
-GVariantPtr Call(const std::string& busName, const char* path, const char* interface, const char* method,
-                 GVariant* parameters, Result& result)
+GVariantPtr Call(const std::string& busName, const char* path, wire::Method method, GVariant* parameters,
+                 Result& result)
 {
-    const GVariantType* replyType = ReplyType(interface, method);
+    const char* interface = wire::InterfaceOf(method);
+    const char* methodName = wire::NameOf(method);
+    const GVariantType* replyType = wire::ReplyTypeOf(method);
     GVariantPtr params(g_variant_ref_sink(parameters));
     if (busName.empty()) {
         result.outcome = Outcome::NotServed;
@@ -171,7 +99,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         return nullptr;
     }
     int portResult = 0;
-    GDBusConnectionPtr connection = host::SharedBusConnection(true, &portResult);
+    GDBusConnectionPtr connection = host::PortsConnection(true, &portResult);
     if (portResult == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
         result.outcome = Outcome::NotAuthorized;
         result.message = "the bus refuses this application's name to this process's user";
@@ -190,7 +118,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
     if (host::OwnsRequestBusName(busName) && g_main_context_acquire(mainContext)) {
         std::atomic<bool> done(false);
         std::thread caller([&] {
-            reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
+            reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, methodName,
                                                     params.get(), replyType,
                                                     G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                     error.Out()));
@@ -203,7 +131,7 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
         caller.join();
         g_main_context_release(mainContext);
     } else {
-        reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, method,
+        reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, methodName,
                                                 params.get(), replyType,
                                                 G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
                                                 error.Out()));
@@ -215,19 +143,13 @@ GVariantPtr Call(const std::string& busName, const char* path, const char* inter
     return reply;
 }
 
-bool ReadRows(GVariant* reply, Result& result)
+/* The rows of a select reply. */
+void ReadRows(const wire::Bytes& bytes, Result& result)
 {
-    GVariantPtr bytes(g_variant_get_child_value(reply, 0));
-    gsize size = 0;
-    const void* data = g_variant_get_fixed_array(bytes.get(), &size, 1);
-    if (!host::DecodeRows(static_cast<const uint8_t*>(data), size, result.rows)) {
+    if (!host::DecodeRows(bytes.Begin(), bytes.Size(), result.rows)) {
         result.outcome = Outcome::InvalidRequest;
         result.message = "the rows in the reply cannot be read";
-        return false;
     }
-    result.outcome = Outcome::Answered;
-    result.code = 0;
-    return true;
 }
 
 std::string SelfId()
@@ -261,17 +183,107 @@ std::string ContentName(const std::string& uri)
     return host::ContentBusName(host::AuthorityOf(uri));
 }
 
-/* A call of the data-control interface to the provider of `providerId`. */
-GVariantPtr DataControlCall(const std::string& providerId, const char* method, GVariant* arguments, Result& result)
+/* What a reply says, into the result: one reader per kind of reply. */
+void Fill(const wire::DataControlInsertOut& out, Result& result)
 {
-    return Call(host::DataControlBusName(host::AuthorityOf(providerId)), kDataControlPath, kDataControlInterface,
-                method, arguments, result);
+    result.rowId = out.rowId;
 }
 
-/* A call of the content-library interface to the provider of `uri`. */
-GVariantPtr ContentCall(const std::string& uri, const char* method, GVariant* arguments, Result& result)
+void Fill(const wire::DataControlSelectOut& out, Result& result)
 {
-    return Call(ContentName(uri), kContentPath, kContentInterface, method, arguments, result);
+    ReadRows(out.rows, result);
+}
+
+void Fill(const wire::DataControlUpdateOut& out, Result& result)
+{
+    result.changedRows = out.changedRows;
+}
+
+void Fill(const wire::DataControlDeleteOut& out, Result& result)
+{
+    result.changedRows = out.changedRows;
+}
+
+void Fill(const wire::ContentSelectOut& out, Result& result)
+{
+    ReadRows(out.rows, result);
+}
+
+void Fill(const wire::ContentGetRowIdsOut& out, Result& result)
+{
+    result.rowIds = out.rowIds;
+}
+
+/* An insert's reply carries the new (last) row's id, ... */
+template <typename Out>
+auto FillCount(const Out& out, Result& result, int) -> decltype(out.rowId, void())
+{
+    result.rowId = out.rowId;
+}
+
+/* ... an update's or delete's the rows it changed. */
+template <typename Out>
+void FillCount(const Out& out, Result& result, long)
+{
+    result.changedRows = out.changedRows;
+}
+
+/* The writes of the content interface: the provider's result, which is the
+ * reason's code, and its words; the new row's id (inserts) or the rows
+ * changed. */
+template <typename Out>
+auto Fill(const Out& out, Result& result) -> decltype(out.reason, void())
+{
+    result.code = out.result;
+    result.message = out.reason;
+    result.reason = host::clientcalls::ReasonOfResult(out.result);
+    FillCount(out, result, 0);
+}
+
+/* One request `in` to the provider at `busName`, its reply read. */
+template <typename In>
+Result Ask(const std::string& busName, const char* path, const In& in)
+{
+    Result result;
+    GVariantPtr reply = Call(busName, path, wire::MethodOf<In>::kMethod, wire::ToVariant(in), result);
+    if (!reply) {
+        return result;
+    }
+    typename wire::MethodOf<In>::Out out;
+    if (!wire::Read(reply.get(), out)) {
+        result.outcome = Outcome::InvalidRequest;
+        result.message = "the reply cannot be read";
+        return result;
+    }
+    result.outcome = Outcome::Answered;
+    result.code = 0;
+    Fill(out, result);
+    return result;
+}
+
+/* A request of the data-control interface to the provider of `providerId`. */
+template <typename In>
+Result AskDataControl(const std::string& providerId, const In& in)
+{
+    return Ask(host::DataControlBusName(host::AuthorityOf(providerId)), kDataControlPath, in);
+}
+
+/* A request of the content-library interface to the provider of `uri`. */
+template <typename In>
+Result AskContent(const std::string& uri, const In& in)
+{
+    return Ask(ContentName(uri), kContentPath, in);
+}
+
+/* The pointers of strings that outlive the request made of them. */
+std::vector<const char*> Pointers(const std::vector<std::string>& strings)
+{
+    std::vector<const char*> pointers;
+    pointers.reserve(strings.size());
+    for (const std::string& text : strings) {
+        pointers.push_back(text.c_str());
+    }
+    return pointers;
 }
 
 }  // namespace
@@ -281,32 +293,89 @@ GVariantPtr ContentCall(const std::string& uri, const char* method, GVariant* ar
 namespace host {
 namespace clientcalls {
 
+namespace {
+
+constexpr char kRequestErrors[] = "org.tilvane.Request.Error.";
+
+/* The error a request's D-Bus error name stands for, without the reason that
+ * may follow it ("NoResult" of "...Error.NoResult.PermissionLevel"); "" for
+ * other names. */
+std::string RequestError(const std::string& name, std::string* reasonName = nullptr)
+{
+    if (name.compare(0, sizeof kRequestErrors - 1, kRequestErrors) != 0) {
+        return std::string();
+    }
+    const std::string rest = name.substr(sizeof kRequestErrors - 1);
+    const size_t dot = rest.find('.');
+    if (reasonName != nullptr) {
+        *reasonName = dot == std::string::npos ? std::string() : rest.substr(dot + 1);
+    }
+    return rest.substr(0, dot);
+}
+
+}  // namespace
+
 client::Outcome OutcomeOfError(const std::string& name)
 {
     using client::Outcome;
-    if (name == "org.tilvane.Request.Error.NoResult") {
+    const std::string error = RequestError(name);
+    if (error == "NoResult") {
         return Outcome::NoResult;
     }
-    if (name == "org.tilvane.Request.Error.ProviderError" || name == "org.tilvane.Request.Error.Refused") {
+    if (error == "ProviderError" || error == "Refused") {
         return Outcome::ProviderError;
     }
-    if (name == "org.tilvane.Request.Error.NotServed" || name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+    if (error == "NotServed" || name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
         name == "org.freedesktop.DBus.Error.NameHasNoOwner" || name == "org.freedesktop.DBus.Error.UnknownObject" ||
         name == "org.freedesktop.DBus.Error.UnknownMethod") {
         return Outcome::NotServed;
     }
-    if (name == "org.tilvane.Request.Error.NotAuthorized") {
+    if (error == "NotAuthorized") {
         return Outcome::NotAuthorized;
     }
-    if (name == "org.tilvane.Request.Error.InvalidRequest") {
+    if (error == "InvalidRequest") {
         return Outcome::InvalidRequest;
     }
     return Outcome::BusError;
 }
 
-GVariant* Strings(const std::vector<std::string>& strings)
+tilvane_reason ReasonOfResult(int code)
 {
-    return client::StringArray(strings);
+    if (code == TILVANE_RESULT_PERMISSION_DENIED) {
+        return TILVANE_REASON_PERMISSION_LEVEL;
+    }
+    return code == TILVANE_RESULT_INVALID_URI ? TILVANE_REASON_NOT_CHANGEABLE : TILVANE_REASON_NONE;
+}
+
+tilvane_reason ReasonOf(const client::Result& result)
+{
+    if (result.reason != TILVANE_REASON_NONE || result.message.empty()) {
+        return result.reason;
+    }
+    /* A provider older than reason codes: the words it used. */
+    if (result.outcome == client::Outcome::ProviderError) {
+        return ReasonOfSystemText(result.message);
+    }
+    for (int code = TILVANE_REASON_NONE + 1; code < TILVANE_REASON_COUNT; ++code) {
+        if (result.message == tilvane_reason_words(static_cast<tilvane_reason>(code))) {
+            return static_cast<tilvane_reason>(code);
+        }
+    }
+    return TILVANE_REASON_NONE;
+}
+
+tilvane_reason ReasonOfError(const std::string& name)
+{
+    std::string reasonName;
+    if (RequestError(name, &reasonName) == "Refused") {
+        return TILVANE_REASON_STRICT_CONFINEMENT;
+    }
+    for (int code = TILVANE_REASON_NONE + 1; code < TILVANE_REASON_COUNT; ++code) {
+        if (reasonName == tilvane_reason_name(static_cast<tilvane_reason>(code))) {
+            return static_cast<tilvane_reason>(code);
+        }
+    }
+    return TILVANE_REASON_NONE;
 }
 
 std::string Encode(const client::Values& values, bool& ok)
@@ -314,9 +383,10 @@ std::string Encode(const client::Values& values, bool& ok)
     return client::EncodeValues(values, ok);
 }
 
-GVariantPtr CallContent(const std::string& uri, const char* method, GVariant* arguments, client::Result& result)
+GVariantPtr CallContent(const std::string& uri, requests::wire::Method method, GVariant* arguments,
+                        client::Result& result)
 {
-    return client::ContentCall(uri, method, arguments, result);
+    return client::Call(client::ContentName(uri), kContentPath, method, arguments, result);
 }
 
 }  // namespace clientcalls
@@ -326,28 +396,27 @@ namespace client {
 
 namespace {
 
-bool IsRefusal(const std::string& reason)
+/* "refused: ..." or "failed: ...", as the reason code says. */
+std::string FailureOrRefusal(tilvane_reason reason, const std::string& words)
 {
-    return reason == "permission level too low" || reason == "this table cannot be changed through this request";
-}
-
-std::string FailureOrRefusal(const std::string& reason)
-{
-    return (IsRefusal(reason) ? "refused: " : "failed: ") + reason;
+    return (tilvane_reason_is_refusal(reason) ? "refused: " : "failed: ") + words;
 }
 
 }  // namespace
 
 std::string Explain(const Result& result)
 {
+    const tilvane_reason reason = host::clientcalls::ReasonOf(result);
     switch (result.outcome) {
     case Outcome::Answered:
         return result.message.empty() ? Describe(result) : Describe(result) + ": " + result.message;
     case Outcome::NoResult:
-        return result.message.empty() ? Describe(result) : FailureOrRefusal(result.message);
+        return result.message.empty() ? Describe(result) : FailureOrRefusal(reason, result.message);
     case Outcome::ProviderError: {
-        const std::string known = host::ReasonForProviderText(result.message);
-        return known.empty() ? Describe(result) : FailureOrRefusal(known);
+        /* The provider's own text stands as it is, unless it names a refusal. */
+        const std::string words = tilvane_reason_words(reason);
+        return tilvane_reason_is_refusal(reason) && !words.empty() ? FailureOrRefusal(reason, words)
+                                                                   : Describe(result);
     }
     default:
         return Describe(result);
@@ -361,10 +430,10 @@ std::string Describe(const Result& result)
         switch (result.code) {
         case 0:
             return "done";
-        case -13:
-            return "permission denied (-13)";
-        case -22:
-            return "invalid URI (-22)";
+        case TILVANE_RESULT_PERMISSION_DENIED:
+            return "permission denied (" + std::to_string(result.code) + ")";
+        case TILVANE_RESULT_INVALID_URI:
+            return "invalid URI (" + std::to_string(result.code) + ")";
         default:
             return "failed (" + std::to_string(result.code) + ")";
         }
@@ -385,111 +454,6 @@ std::string Describe(const Result& result)
     return "unknown";
 }
 
-namespace {
-
-/* What a reply holds for the result. */
-enum class Reading { Changed, RowId, Code, CodeAndRowId, Rows, RowIds };
-
-void ReadChanged(GVariant* reply, Result& result);
-void ReadCode(GVariant* reply, Result& result, bool withRowId);
-
-/* Reads a reply (when there is one) into `result`. */
-Result ReadReply(const GVariantPtr& reply, Reading reading, Result result)
-{
-    if (!reply) {
-        return result;
-    }
-    if (reading == Reading::Rows) {
-        ReadRows(reply.get(), result);
-        return result;
-    }
-    if (reading == Reading::Changed) {
-        ReadChanged(reply.get(), result);
-        return result;
-    }
-    if (reading == Reading::Code || reading == Reading::CodeAndRowId) {
-        ReadCode(reply.get(), result, reading == Reading::CodeAndRowId);
-        return result;
-    }
-    result.outcome = Outcome::Answered;
-    result.code = 0;
-    if (reading == Reading::RowId) {
-        result.rowId = Int64At(reply.get(), 0);
-    } else if (reading == Reading::RowIds) {
-        GVariantPtr ids(g_variant_get_child_value(reply.get(), 0));
-        gsize count = 0;
-        const gint64* values = static_cast<const gint64*>(g_variant_get_fixed_array(ids.get(), &count, sizeof(gint64)));
-        result.rowIds.assign(values, values + count);
-    }
-    return result;
-}
-
-Result AskDataControl(const std::string& providerId, const char* method, GVariant* arguments, Reading reading)
-{
-    Result result;
-    GVariantPtr reply = DataControlCall(providerId, method, arguments, result);
-    return ReadReply(reply, reading, result);
-}
-
-Result AskContent(const std::string& uri, const char* method, GVariant* arguments, Reading reading)
-{
-    Result result;
-    GVariantPtr reply = ContentCall(uri, method, arguments, result);
-    return ReadReply(reply, reading, result);
-}
-
-}  // namespace
-
-/* ---- data control ------------------------------------------------------------ */
-
-namespace {
-
-/* "()" from older providers, "(x)" with the rows changed from newer ones. */
-void ReadChanged(GVariant* reply, Result& result)
-{
-    if (ReplyIs(reply, "(x)")) {
-        gint64 changed = -1;
-        g_variant_get(reply, "(x)", &changed);
-        result.changedRows = changed;
-    } else if (!ReplyIs(reply, "()")) {
-        result.outcome = Outcome::InvalidRequest;
-        result.message = "the reply cannot be read";
-        return;
-    }
-    result.outcome = Outcome::Answered;
-    result.code = 0;
-}
-
-/* "(i)", "(ix)" from older providers, "(ixs)" with the reason from newer ones;
- * the "x" is the new row's id or the rows changed. */
-void ReadCode(GVariant* reply, Result& result, bool withRowId)
-{
-    gint32 code = 0;
-    gint64 second = -1;
-    const gchar* reason = "";
-    if (ReplyIs(reply, "(ixs)")) {
-        g_variant_get(reply, "(ix&s)", &code, &second, &reason);
-    } else if (ReplyIs(reply, "(ix)")) {
-        g_variant_get(reply, "(ix)", &code, &second);
-    } else if (ReplyIs(reply, "(i)")) {
-        g_variant_get(reply, "(i)", &code);
-    } else {
-        result.outcome = Outcome::InvalidRequest;
-        result.message = "the reply cannot be read";
-        return;
-    }
-    result.outcome = Outcome::Answered;
-    result.code = code;
-    result.message = reason;
-    if (withRowId) {
-        result.rowId = second;
-    } else {
-        result.changedRows = second;
-    }
-}
-
-}  // namespace
-
 DataControlClient::DataControlClient(std::string providerId) : m_providerId(std::move(providerId)) {}
 
 Result DataControlClient::Insert(const std::string& dataId, const Values& values) const
@@ -499,14 +463,27 @@ Result DataControlClient::Insert(const std::string& dataId, const Values& values
     if (!ok) {
         return InvalidValues();
     }
-    return AskDataControl(m_providerId, "Insert", Arguments(SelfId(), m_providerId, dataId, encoded), Reading::RowId);
+    const std::string self = SelfId();
+    wire::DataControlInsertIn in;
+    in.clientApp = self.c_str();
+    in.providerId = m_providerId.c_str();
+    in.dataId = dataId.c_str();
+    in.values = encoded.c_str();
+    return AskDataControl(m_providerId, in);
 }
 
 Result DataControlClient::Select(const std::string& dataId, const std::vector<std::string>& columns,
                                  const std::string& where, const std::string& order) const
 {
-    return AskDataControl(m_providerId, "Select", Arguments(SelfId(), m_providerId, dataId, columns, where, order),
-                          Reading::Rows);
+    const std::string self = SelfId();
+    wire::DataControlSelectIn in;
+    in.clientApp = self.c_str();
+    in.providerId = m_providerId.c_str();
+    in.dataId = dataId.c_str();
+    in.columns = Pointers(columns);
+    in.where = where.c_str();
+    in.order = order.c_str();
+    return AskDataControl(m_providerId, in);
 }
 
 Result DataControlClient::Update(const std::string& dataId, const Values& values, const std::string& where) const
@@ -516,16 +493,42 @@ Result DataControlClient::Update(const std::string& dataId, const Values& values
     if (!ok) {
         return InvalidValues();
     }
-    return AskDataControl(m_providerId, "Update", Arguments(SelfId(), m_providerId, dataId, encoded, where),
-                          Reading::Changed);
+    const std::string self = SelfId();
+    wire::DataControlUpdateIn in;
+    in.clientApp = self.c_str();
+    in.providerId = m_providerId.c_str();
+    in.dataId = dataId.c_str();
+    in.values = encoded.c_str();
+    in.where = where.c_str();
+    return AskDataControl(m_providerId, in);
 }
 
 Result DataControlClient::Delete(const std::string& dataId, const std::string& where) const
 {
-    return AskDataControl(m_providerId, "Delete", Arguments(SelfId(), m_providerId, dataId, where), Reading::Changed);
+    const std::string self = SelfId();
+    wire::DataControlDeleteIn in;
+    in.clientApp = self.c_str();
+    in.providerId = m_providerId.c_str();
+    in.dataId = dataId.c_str();
+    in.where = where.c_str();
+    return AskDataControl(m_providerId, in);
 }
 
 /* ---- content-library interface ---------------------------------------------- */
+
+namespace {
+
+/* A content request of this process's application for `uri`. */
+template <typename In>
+In ContentRequest(const std::string& self, const std::string& uri)
+{
+    In in;
+    in.clientApp = self.c_str();
+    in.uri = uri.c_str();
+    return in;
+}
+
+}  // namespace
 
 Result ContentClient::Insert(const std::string& uri, const Values& values) const
 {
@@ -534,7 +537,10 @@ Result ContentClient::Insert(const std::string& uri, const Values& values) const
     if (!ok) {
         return InvalidValues();
     }
-    return AskContent(uri, "Insert", Arguments(SelfId(), uri, encoded), Reading::CodeAndRowId);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentInsertIn>(self, uri);
+    in.values = encoded.c_str();
+    return AskContent(uri, in);
 }
 
 Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Values>& rows) const
@@ -544,15 +550,24 @@ Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Value
     if (!ok) {
         return InvalidValues();
     }
-    return AskContent(uri, "BulkInsert", Arguments(SelfId(), uri, encoded), Reading::CodeAndRowId);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentBulkInsertIn>(self, uri);
+    in.rows = Pointers(encoded);
+    return AskContent(uri, in);
 }
 
 Result ContentClient::Select(const std::string& uri, const std::vector<std::string>& projection,
                              const std::string& where, const std::vector<std::string>& whereArgs,
                              const std::string& order, const std::string& limit) const
 {
-    return AskContent(uri, "Select", Arguments(SelfId(), uri, projection, where, whereArgs, order, limit),
-                      Reading::Rows);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentSelectIn>(self, uri);
+    in.projection = Pointers(projection);
+    in.where = where.c_str();
+    in.whereArgs = Pointers(whereArgs);
+    in.order = order.c_str();
+    in.limit = limit.c_str();
+    return AskContent(uri, in);
 }
 
 Result ContentClient::Update(const std::string& uri, const Values& values, const std::string& where,
@@ -563,7 +578,12 @@ Result ContentClient::Update(const std::string& uri, const Values& values, const
     if (!ok) {
         return InvalidValues();
     }
-    return AskContent(uri, "Update", Arguments(SelfId(), uri, encoded, where, whereArgs), Reading::Code);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentUpdateIn>(self, uri);
+    in.values = encoded.c_str();
+    in.where = where.c_str();
+    in.whereArgs = Pointers(whereArgs);
+    return AskContent(uri, in);
 }
 
 Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Values>& rows) const
@@ -573,19 +593,30 @@ Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Value
     if (!ok) {
         return InvalidValues();
     }
-    return AskContent(uri, "BulkUpdate", Arguments(SelfId(), uri, encoded), Reading::Code);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentBulkUpdateIn>(self, uri);
+    in.rows = Pointers(encoded);
+    return AskContent(uri, in);
 }
 
 Result ContentClient::Delete(const std::string& uri, const std::string& where,
                              const std::vector<std::string>& whereArgs) const
 {
-    return AskContent(uri, "Delete", Arguments(SelfId(), uri, where, whereArgs), Reading::Code);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentDeleteIn>(self, uri);
+    in.where = where.c_str();
+    in.whereArgs = Pointers(whereArgs);
+    return AskContent(uri, in);
 }
 
 Result ContentClient::GetRowIds(const std::string& uri, const std::string& where,
                                 const std::vector<std::string>& whereArgs) const
 {
-    return AskContent(uri, "GetRowIds", Arguments(SelfId(), uri, where, whereArgs), Reading::RowIds);
+    const std::string self = SelfId();
+    auto in = ContentRequest<wire::ContentGetRowIdsIn>(self, uri);
+    in.where = where.c_str();
+    in.whereArgs = Pointers(whereArgs);
+    return AskContent(uri, in);
 }
 
 }  // namespace client

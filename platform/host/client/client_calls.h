@@ -12,17 +12,24 @@
 #include <vector>
 
 #include "base/glib_ptr.h"
+#include "request_wire.h"
 #include "tilvane_client.h"
+#include "tilvane_reason.h"
 
 namespace tilvane {
 namespace host {
 namespace clientcalls {
 
-/* The outcome a D-Bus error name of a request stands for. */
+/* The outcome a D-Bus error name of a request stands for, and the reason
+ * that follows it ("org.tilvane.Request.Error.NoResult.PermissionLevel"). */
 client::Outcome OutcomeOfError(const std::string& name);
-
-/* The strings as an "as" (floating). */
-GVariant* Strings(const std::vector<std::string>& strings);
+tilvane_reason ReasonOfError(const std::string& name);
+/* The reason a content write's result names: -13 and -22 their refusals,
+ * none for the others (a failure's code is the result itself). */
+tilvane_reason ReasonOfResult(int code);
+/* The reason of a result: its code; for a reply of a provider older than
+ * reason codes (none, with words), the words that provider used. */
+tilvane_reason ReasonOf(const client::Result& result);
 
 /* Row values as a bundle_encode text; `ok` false when they cannot be. */
 std::string Encode(const client::Values& values, bool& ok);
@@ -30,7 +37,8 @@ std::string Encode(const client::Values& values, bool& ok);
 /* One call of the content-library interface to the provider of `uri` (any
  * URI or provider id of its authority), as this process's application;
  * null with `result` saying why when there is no reply. */
-GVariantPtr CallContent(const std::string& uri, const char* method, GVariant* arguments, client::Result& result);
+GVariantPtr CallContent(const std::string& uri, requests::wire::Method method, GVariant* arguments,
+                        client::Result& result);
 
 }  // namespace clientcalls
 }  // namespace host

@@ -17,9 +17,9 @@
 #include "client/client_calls.h"
 #include "client/publish_call.h"
 #include "client/typed_rows.h"
-#include "host_control.h"
+#include "host_control/identity.h"
 #include "identity/app_identity.h"
-#include "requests/request_report.h"
+#include "tilvane_reason.h"
 
 namespace tilvane {
 namespace client {
@@ -42,6 +42,15 @@ static_assert(kMaxPublishBytes == host::kPublishMaxBytes, "the typed limits are 
 static_assert(2 * kMaxSections + 3 + kMaxPublishRows / host::kBulkMaxRows < host::kPublishMaxSteps,
               "every publish within the typed limits has few enough steps");
 
+using host::requests::wire::Method;
+
+/* The kind of a step: the name of the content interface's method it stands
+ * for, as the interface's description gives it. */
+std::string Kind(Method method)
+{
+    return host::requests::wire::NameOf(method);
+}
+
 Status Failure(ErrorCode code, std::string reason, int result = 0, int section = -1)
 {
     Status status;
@@ -55,12 +64,12 @@ Status Failure(ErrorCode code, std::string reason, int result = 0, int section =
 /* What a failed request of the request API means for the typed API. */
 ErrorCode CodeOf(const Result& result)
 {
-    static const std::string permission = host::ReasonForProviderText("failed by permission");
     switch (result.outcome) {
     case Outcome::Answered:
-        return result.code == -13 ? ErrorCode::PermissionDenied : ErrorCode::StorageFailed;
+        return result.code == TILVANE_RESULT_PERMISSION_DENIED ? ErrorCode::PermissionDenied : ErrorCode::StorageFailed;
     case Outcome::NoResult:
-        return result.message == permission ? ErrorCode::PermissionDenied : ErrorCode::StorageFailed;
+        return host::clientcalls::ReasonOf(result) == TILVANE_REASON_PERMISSION_LEVEL ? ErrorCode::PermissionDenied
+                                                                                     : ErrorCode::StorageFailed;
     case Outcome::ProviderError:
         return ErrorCode::Refused;
     case Outcome::NotServed:
@@ -156,7 +165,7 @@ bool EncodeInto(const Row& row, const std::vector<typed::Field<Row>>& fields, in
 
 void PlanSection(const Publisher::Impl& impl, const Section& section, int index, Plan& plan)
 {
-    Step insert{"Insert", impl.sectionsUri, {}, "", {}, {{schema::sections::kEntryRowId, 0}}, {}};
+    Step insert{Kind(Method::ContentInsert), impl.sectionsUri, {}, "", {}, {{schema::sections::kEntryRowId, 0}}, {}};
     if (!EncodeInto(section, typed::SectionFields(), index, plan, insert.rows)) {
         return;
     }
@@ -164,7 +173,7 @@ void PlanSection(const Publisher::Impl& impl, const Section& section, int index,
     plan.sectionStep.push_back(sectionStep);
     AddStep(plan, std::move(insert), index);
     for (size_t first = 0; first < section.tiles.size(); first += host::kBulkMaxRows) {
-        Step tiles{"BulkInsert", impl.tilesUri, {}, "", {}, {{schema::tiles::kSectionRowId, sectionStep}}, {}};
+        Step tiles{Kind(Method::ContentBulkInsert), impl.tilesUri, {}, "", {}, {{schema::tiles::kSectionRowId, sectionStep}}, {}};
         for (size_t t = first; t < section.tiles.size() && t < first + host::kBulkMaxRows; ++t) {
             if (!EncodeInto(section.tiles[t], typed::TileFields(), index, plan, tiles.rows)) {
                 return;
@@ -177,7 +186,7 @@ void PlanSection(const Publisher::Impl& impl, const Section& section, int index,
 void PlanEndMark(const Publisher::Impl& impl, Plan& plan)
 {
     bool ok = false;
-    Step mark{"Insert", impl.tilesUri, {host::clientcalls::Encode({{schema::kSyncKey, schema::kSyncEnd}}, ok)},
+    Step mark{Kind(Method::ContentInsert), impl.tilesUri, {host::clientcalls::Encode({{schema::kSyncKey, schema::kSyncEnd}}, ok)},
               "", {}, {}, {}};
     if (!plan.sectionStep.empty()) {
         mark.valueRefs.emplace_back(schema::tiles::kSectionRowId, plan.sectionStep.back());
@@ -207,10 +216,10 @@ Plan PlanPublish(const Publisher::Impl& impl, const Content& content, PublishMod
         plan.problem = OverPublishLimits(content, plan);
         return plan;
     }
-    AddStep(plan, Step{"GetRowIds", impl.acceleratorsUri, {}, "", {}, {}, {}}, -1);
+    AddStep(plan, Step{Kind(Method::ContentGetRowIds), impl.acceleratorsUri, {}, "", {}, {}, {}}, -1);
     if (mode == PublishMode::Replace) {
         AddStep(plan,
-                Step{"Delete", impl.sectionsUri, {}, std::string(schema::sections::kEntryRowId) + " = ?", {""}, {},
+                Step{Kind(Method::ContentDelete), impl.sectionsUri, {}, std::string(schema::sections::kEntryRowId) + " = ?", {""}, {},
                      {{0, 0}}},
                 -1);
     }
@@ -235,12 +244,12 @@ std::string StepDoing(const Content& content, const Plan& plan, int step)
     if (section >= 0) {
         const std::string name = "section " + std::to_string(section) + " (\"" +
                                  content.sections[static_cast<size_t>(section)].title + "\")";
-        return failed.kind == "Insert" ? "writing " + name : "writing the tiles of " + name;
+        return failed.kind == Kind(Method::ContentInsert) ? "writing " + name : "writing the tiles of " + name;
     }
-    if (failed.kind == "GetRowIds") {
+    if (failed.kind == Kind(Method::ContentGetRowIds)) {
         return "finding the launcher entry";
     }
-    return failed.kind == "Delete" ? "removing the previous content" : "sending the sync end mark";
+    return failed.kind == Kind(Method::ContentDelete) ? "removing the previous content" : "sending the sync end mark";
 }
 
 bool RefersToEntry(const Step& step)

@@ -16,7 +16,7 @@ const std::vector<KeyInfo>& KnownKeys()
 {
     using K = KeyKind;
     static const std::vector<KeyInfo> keys = {
-        {"service", "app-id", K::Text, "com.quillon.px.tilvane", false},
+        {"service", "app-id", K::Text, kBuiltIn, false},
         {"message-port", "max-unanswered", K::Integer, "1024", true},
         {"message-port", "unanswered-quiet-ms", K::Integer, "1000", true},
         {"message-port", "delivery-timeout-ms", K::Integer, "10000", true},
@@ -34,9 +34,13 @@ const std::vector<KeyInfo>& KnownKeys()
         {"identity", "signal-linger-ms", K::Integer, "200", false},
         {"identity-users", "*", K::List, "", false},
         {"files", "group", K::Text, "", false},
-        {"data-control", "provider-id", K::Text, "content://com.quillon.px.tiles", false},
-        {"data-control", "data-ids", K::List, "accelerators;sections;tiles", false},
-        {"content", "lookup-indexes", K::List, "accelerators.accelerator_app_pkg_name;tiles.tile_id", false},
+        {"data-control", "provider-id", K::Text, kBuiltIn, false},
+        {"data-control", "data-ids", K::List, kBuiltIn, false},
+        {"content", "lookup-indexes", K::List, kBuiltIn, false},
+        {"maintenance", "database", K::Text, kBuiltIn, false},
+        {"maintenance", "launcher-table", K::Text, kBuiltIn, false},
+        {"maintenance", "launcher-package-column", K::Text, kBuiltIn, false},
+        {"maintenance", "launcher-metadata", K::List, kBuiltIn, false},
         {"budget", "statement-ms", K::Integer, "2000", true},
         {"budget", "value-bytes", K::Integer, "2097152", true},
         {"budget", "like-pattern-bytes", K::Integer, "64", true},
@@ -112,9 +116,14 @@ std::string NormalisedValue(KeyKind kind, const std::string& value)
     return kind == KeyKind::List ? NormalisedList(text) : text;
 }
 
+std::string DefaultText(const KeyInfo& info)
+{
+    return info.defaultText != kBuiltIn ? std::string(info.defaultText) : Default(info.group, info.key);
+}
+
 bool IsDefaultValue(const KeyInfo& info, const std::string& value)
 {
-    return NormalisedValue(info.kind, value) == NormalisedValue(info.kind, info.defaultText);
+    return NormalisedValue(info.kind, value) == NormalisedValue(info.kind, DefaultText(info));
 }
 
 namespace {

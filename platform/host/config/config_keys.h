@@ -21,6 +21,10 @@ namespace config {
 
 enum class KeyKind { Text, Integer, Boolean, List };
 
+/* The default of a key whose default is what the platform knows of the
+ * service it runs: the built-in data/service-defaults.conf says it. */
+inline constexpr const char* kBuiltIn = "(built in)";
+
 struct KeyInfo {
     const char* group;
     /* "*": any key of the group (the group's keys are names of the
@@ -41,6 +45,9 @@ const KeyInfo* FindKey(const std::string& group, const std::string& key);
  * booleans as "true"/"false", lists as their items joined by ";", text
  * trimmed. A value that does not read as the kind stays as it is written. */
 std::string NormalisedValue(KeyKind kind, const std::string& value);
+
+/* The key's default as text. */
+std::string DefaultText(const KeyInfo& info);
 
 /* True when `value` means the same as the key's default. */
 bool IsDefaultValue(const KeyInfo& info, const std::string& value);

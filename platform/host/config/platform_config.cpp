@@ -13,8 +13,11 @@
 #include <mutex>
 
 #include "dlog.h"
-#include "host_control.h"
+#include "host_control/config.h"
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
+#include "config/paths.h"
+#include "service_defaults.h"
 
 #define CONFIG_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
@@ -80,8 +83,37 @@ bool ParseFile(Resolution& where, GKeyFile* file)
     return true;
 }
 
-/* With the state's mutex held. */
-GKeyFile* LoadedLocked(ConfigState& s, bool quiet = false)
+/* The built-in defaults (data/service-defaults.conf), parsed once. */
+GKeyFile* Defaults()
+{
+    static GKeyFile* defaults = [] {
+        GKeyFile* file = g_key_file_new();
+        g_key_file_load_from_data(file, kServiceDefaults, sizeof kServiceDefaults - 1, G_KEY_FILE_NONE, nullptr);
+        return file;
+    }();
+    return defaults;
+}
+
+/* Gives `file` every default it does not set itself. */
+void AddDefaults(GKeyFile* file)
+{
+    gchar** groups = g_key_file_get_groups(Defaults(), nullptr);
+    for (gchar** group = groups; *group != nullptr; ++group) {
+        gchar** keys = g_key_file_get_keys(Defaults(), *group, nullptr, nullptr);
+        for (gchar** key = keys; keys != nullptr && *key != nullptr; ++key) {
+            if (!g_key_file_has_key(file, *group, *key, nullptr)) {
+                gchar* value = g_key_file_get_value(Defaults(), *group, *key, nullptr);
+                g_key_file_set_value(file, *group, *key, value);
+                g_free(value);
+            }
+        }
+        g_strfreev(keys);
+    }
+    g_strfreev(groups);
+}
+
+/* With the state's mutex held: the file (or the test's text) as it was read. */
+GKeyFile* ReadLocked(ConfigState& s, bool quiet = false)
 {
     if (s.loaded) {
         return s.file.get();
@@ -115,6 +147,17 @@ GKeyFile* LoadedLocked(ConfigState& s, bool quiet = false)
     s.resolution.read = true;
     s.source = s.resolution.path;
     return s.file.get();
+}
+
+/* With the state's mutex held: what was read, with the defaults beside it. */
+GKeyFile* LoadedLocked(ConfigState& s, bool quiet = false)
+{
+    if (s.loaded) {
+        return s.file.get();
+    }
+    GKeyFile* file = ReadLocked(s, quiet);
+    AddDefaults(file);
+    return file;
 }
 
 template <typename Fn>
@@ -173,7 +216,11 @@ int64_t Integer(const char* group, const char* key, int64_t fallback)
 
 std::vector<std::string> StringList(const char* group, const char* key)
 {
-    const std::string text = String(group, key, std::string());
+    return SplitList(String(group, key, std::string()));
+}
+
+std::vector<std::string> SplitList(const std::string& text)
+{
     std::vector<std::string> items;
     gchar** parts = g_strsplit_set(text.c_str(), ";,", -1);
     for (gchar** part = parts; part != nullptr && *part != nullptr; ++part) {
@@ -184,6 +231,14 @@ std::vector<std::string> StringList(const char* group, const char* key)
     }
     g_strfreev(parts);
     return items;
+}
+
+std::string Default(const char* group, const char* key)
+{
+    gchar* value = g_key_file_get_string(Defaults(), group, key, nullptr);
+    std::string text = value != nullptr ? value : "";
+    g_free(value);
+    return text;
 }
 
 std::string Source()
@@ -294,6 +349,7 @@ bool Reload(std::vector<Change>& changes, std::string& problem)
         problem = where.problem;
         return false;
     }
+    AddDefaults(next.get());
     std::vector<std::pair<std::string, std::string>> seen;
     for (GKeyFile* file : {before, next.get()}) {
         for (const Entry& entry : EntriesOf(file)) {
@@ -311,6 +367,11 @@ bool Reload(std::vector<Change>& changes, std::string& problem)
     s.source = where.path;
     return true;
 }
+
+namespace {
+/* Reset(): the file is read again on next use. */
+const ResetHook kResetConfiguration(2, Forget);
+}  // namespace
 
 }  // namespace config
 

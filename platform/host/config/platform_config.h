@@ -7,9 +7,13 @@
  *   1. the file named by TILVANE_CONFIG, when that is set: a file it names
  *      that does not exist or cannot be read is a problem (Resolve), never
  *      silently replaced by another file;
- *   2. otherwise <platform root>/etc/tilvane.conf (the platform root of
- *      tzplatform.cpp), when it exists;
+ *   2. otherwise <platform root>/etc/tilvane.conf (config/paths.h), when it
+ *      exists;
  *   3. nothing: every key has its built-in default.
+ * What the platform knows of the service it runs (its application id, its
+ * data-control provider id and tables, ...) is such a default, given by
+ * data/service-defaults.conf, which is built in: a key the file does not set
+ * reads as that file sets it.
  * It is read once per process, on first use, and again on Reload (a service
  * told SIGHUP); the control API's SetConfigurationText replaces it for tests.
  *
@@ -33,8 +37,13 @@ bool Bool(const char* group, const char* key, bool fallback);
 int64_t Integer(const char* group, const char* key, int64_t fallback);
 /* A ";"- or ","-separated list; empty when the key is not set. */
 std::vector<std::string> StringList(const char* group, const char* key);
+/* The items of a ";"- or ","-separated list, blanks trimmed, empty ones left out. */
+std::vector<std::string> SplitList(const std::string& text);
 /* True when the file sets `key` in `group`. */
 bool Has(const char* group, const char* key);
+
+/* The built-in default of `key` (data/service-defaults.conf), "" for none. */
+std::string Default(const char* group, const char* key);
 
 /* The file that was read, or "" when the built-in defaults are in force (or a
  * test text replaced it). */

@@ -14,7 +14,7 @@
 #include "base/host_state.h"
 #include "config/platform_config.h"
 #include "confinement/request_confinement.h"
-#include "identity/credentials.h"
+#include "identity/identity_mode.h"
 
 namespace tilvane {
 namespace host {

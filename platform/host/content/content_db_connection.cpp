@@ -9,7 +9,7 @@
 
 #include <bundle.h>
 #include <confinement_policy.h>
-#include <host_control.h>
+#include "host_control/base.h"
 
 #include "content/content_log.h"
 #include "content/database.h"
@@ -19,7 +19,7 @@
 #include "content/statement_authorizer.h"
 #include "content/statement_cache.h"
 #include "confinement/request_confinement.h"
-#include "requests/request_report.h"
+#include "base/request_report.h"
 
 using tilvane::content::Database;
 using tilvane::content::QuoteIdentifier;
@@ -147,7 +147,7 @@ private:
  * budget it ran past when it ran past one. */
 void RecordFailure(const LockedDatabase& db)
 {
-    tilvane::host::RecordStatementError(db->ErrorMessage());
+    tilvane::host::RecordStatementError(sqlite3_extended_errcode(db.handle()), db->ErrorMessage());
     tilvane::content::NoteStatementFailure(db.handle());
 }
 
@@ -260,6 +260,49 @@ int EndSavepoint(Database& database, bool commit, const std::string& path)
     return rc;
 }
 
+/* How a request is named in its failure injection and its log lines. */
+struct RequestWords
+{
+    const char* function; /* for ShouldFail */
+    const char* verb;     /* "insert" */
+    const char* phrase;   /* "insert into" */
+};
+
+constexpr RequestWords kInsertWords{"CContentDbConnection::InsertRequest", "insert", "insert into"};
+constexpr RequestWords kUpdateWords{"CContentDbConnection::UpdateRequest", "update", "update of"};
+constexpr RequestWords kDeleteWords{"CContentDbConnection::DeleteRequest", "delete", "delete from"};
+constexpr RequestWords kSelectWords{"CContentDbConnection::SelectRequest", "select", "select from"};
+
+/* True (and logged) when a test made this request fail. */
+bool FailsOnPurpose(const RequestWords& words, const std::string& table)
+{
+    if (!tilvane::host::ShouldFail(words.function)) {
+        return false;
+    }
+    CONTENT_LOGE("%s %s failed on purpose", words.phrase, table.c_str());
+    return true;
+}
+
+/* True (and logged) when `missing` names an argument the request lacks. */
+bool LacksArgument(const RequestWords& words, const char* missing)
+{
+    if (missing == nullptr) {
+        return false;
+    }
+    CONTENT_LOGE("%s: %s", words.verb, missing);
+    return true;
+}
+
+/* True (and logged) when the connection is closed. */
+bool NotOpen(const LockedDatabase& db, const RequestWords& words, const std::string& table, const std::string& path)
+{
+    if (db) {
+        return false;
+    }
+    CONTENT_LOGE("%s %s: %s is not open", words.phrase, table.c_str(), path.c_str());
+    return true;
+}
+
 }  // namespace
 
 CContentDbConnection::CContentDbConnection(std::string directory, std::string fileName)
@@ -332,7 +375,7 @@ int CContentDbConnection::ExcuteSQL(const std::string& sql, std::string& errorMe
     }
     int rc = db->Exec(sql, &errorMessage);
     if (rc != SQLITE_OK) {
-        tilvane::host::RecordStatementError(errorMessage.c_str());
+        tilvane::host::RecordStatementError(rc, errorMessage.c_str());
         tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("SQL on %s failed: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
     }
@@ -369,17 +412,14 @@ int CContentDbConnection::SetForeignKeyConstraintsEnabled(bool enabled)
 
 int CContentDbConnection::InsertRequest(const std::string& table, bundle* values)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::InsertRequest")) {
-        CONTENT_LOGE("insert into %s failed on purpose", table.c_str());
+    if (FailsOnPurpose(kInsertWords, table)) {
         return SQLITE_ERROR;
     }
-    if (table.empty() || values == nullptr) {
-        CONTENT_LOGE("insert: %s", table.empty() ? "no table" : "no values");
+    if (LacksArgument(kInsertWords, table.empty() ? "no table" : values == nullptr ? "no values" : nullptr)) {
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("insert into %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kInsertWords, table, m_strPath)) {
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
@@ -444,12 +484,10 @@ int CContentDbConnection::GetChangedRowCount()
 int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values, const std::string& where,
                                         std::vector<std::string> whereArgs)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::UpdateRequest")) {
-        CONTENT_LOGE("update of %s failed on purpose", table.c_str());
+    if (FailsOnPurpose(kUpdateWords, table)) {
         return SQLITE_ERROR;
     }
-    if (table.empty() || values == nullptr) {
-        CONTENT_LOGE("update: %s", table.empty() ? "no table" : "no values");
+    if (LacksArgument(kUpdateWords, table.empty() ? "no table" : values == nullptr ? "no values" : nullptr)) {
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     Values entries = CollectValues(values);
@@ -458,8 +496,7 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("update of %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kUpdateWords, table, m_strPath)) {
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
@@ -489,17 +526,14 @@ int CContentDbConnection::UpdateRequest(const std::string& table, bundle* values
 int CContentDbConnection::DeleteRequest(const std::string& table, const std::string& where,
                                         const std::vector<std::string>& whereArgs)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::DeleteRequest")) {
-        CONTENT_LOGE("delete from %s failed on purpose", table.c_str());
+    if (FailsOnPurpose(kDeleteWords, table)) {
         return SQLITE_ERROR;
     }
-    if (table.empty()) {
-        CONTENT_LOGE("delete: no table");
+    if (LacksArgument(kDeleteWords, table.empty() ? "no table" : nullptr)) {
         return CONNECTION_ERROR_INVALID_ARGUMENT;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("delete from %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kDeleteWords, table, m_strPath)) {
         return CONNECTION_ERROR_NOT_OPEN;
     }
 
@@ -536,17 +570,11 @@ std::shared_ptr<ISQLiteCursor> CContentDbConnection::SelectRequest(const std::st
                                                                    const std::string& orderBy,
                                                                    const std::string& limit)
 {
-    if (tilvane::host::ShouldFail("CContentDbConnection::SelectRequest")) {
-        CONTENT_LOGE("select from %s failed on purpose", table.c_str());
-        return nullptr;
-    }
-    if (table.empty()) {
-        CONTENT_LOGE("select: no table");
+    if (FailsOnPurpose(kSelectWords, table) || LacksArgument(kSelectWords, table.empty() ? "no table" : nullptr)) {
         return nullptr;
     }
     LockedDatabase db(std::atomic_load(&m_pDatabase));
-    if (!db) {
-        CONTENT_LOGE("select from %s: %s is not open", table.c_str(), m_strPath.c_str());
+    if (NotOpen(db, kSelectWords, table, m_strPath)) {
         return nullptr;
     }
 
@@ -722,7 +750,7 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
     authorizer.reset();
     if (rc != SQLITE_OK) {
         errorMessage = textRefused ? sqlite3_errstr(SQLITE_AUTH) : db->ErrorMessage();
-        tilvane::host::RecordStatementError(errorMessage.c_str());
+        tilvane::host::RecordStatementError(rc, errorMessage.c_str());
         tilvane::content::NoteStatementFailure(db.handle());
         CONTENT_LOGE("prepare on %s: %s (%d)", m_strPath.c_str(), errorMessage.c_str(), rc);
         return rc;

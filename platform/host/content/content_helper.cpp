@@ -226,15 +226,12 @@ int IndexForeignKeys(CContentDbConnection* connection)
 
 /* The columns that rows are looked up by besides foreign keys, as
  * "table.column": `[content] lookup-indexes` of the integrator's
- * configuration, by default the package name of the launcher entries, which
- * every request looks its caller's entry up by, and the client's own id of a
- * tile, which clients update and delete tiles by. */
+ * configuration, by default (data/service-defaults.conf) the package name of
+ * the launcher entries, which every request looks its caller's entry up by,
+ * and the client's own id of a tile, which clients update and delete tiles by. */
 std::vector<std::pair<std::string, std::string>> LookupColumns()
 {
-    std::vector<std::string> named = tilvane::host::config::StringList("content", "lookup-indexes");
-    if (!tilvane::host::config::Has("content", "lookup-indexes")) {
-        named = {"accelerators.accelerator_app_pkg_name", "tiles.tile_id"};
-    }
+    const std::vector<std::string> named = tilvane::host::config::StringList("content", "lookup-indexes");
     std::vector<std::pair<std::string, std::string>> columns;
     for (const std::string& name : named) {
         const std::string::size_type dot = name.find('.');

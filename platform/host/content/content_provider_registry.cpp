@@ -7,12 +7,12 @@
 #include <utility>
 
 #include <content_provider_dispatch.h>
-#include <host_control.h>
+#include "host_control/base.h"
 
 #include "ContentProviderParam.h"
 #include "content/content_log.h"
+#include "content/registration_observer.h"
 #include "confinement/request_confinement.h"
-#include "bus/bus_connection.h"
 
 namespace tilvane {
 namespace content {
@@ -35,12 +35,20 @@ struct Registry
 {
     std::mutex mutex;
     std::map<Key, Registration> entries;
+    RegistrationObserver observer{};
 };
 
 Registry& TheRegistry()
 {
     static Registry* registry = new Registry();
     return *registry;
+}
+
+RegistrationObserver Observer()
+{
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    return registry.observer;
 }
 
 template <typename Callback>
@@ -67,7 +75,9 @@ bool Register(const char* function, RequestKind kind, std::string uri, Callback 
         }
         CONTENT_LOGD("%s callback registered for %s", RequestKindName(kind), uri.c_str());
     }
-    tilvane::host::ContentCallbackRegistered(uri);
+    if (RegistrationObserver observer = Observer(); observer.registered != nullptr) {
+        observer.registered(uri);
+    }
     return true;
 }
 
@@ -86,7 +96,9 @@ bool Unregister(const char* function, RequestKind kind, const std::string& uri)
         }
         CONTENT_LOGD("%s callback unregistered for %s", RequestKindName(kind), uri.c_str());
     }
-    tilvane::host::ContentCallbackUnregistered(uri);
+    if (RegistrationObserver observer = Observer(); observer.unregistered != nullptr) {
+        observer.unregistered(uri);
+    }
     return true;
 }
 
@@ -147,8 +159,18 @@ void ClearRegistrations()
         std::lock_guard<std::mutex> lock(registry.mutex);
         registry.entries.clear();
     }
-    tilvane::host::ContentCallbacksCleared();
+    if (RegistrationObserver observer = Observer(); observer.cleared != nullptr) {
+        observer.cleared();
+    }
 }
+
+void SetRegistrationObserver(const RegistrationObserver& observer)
+{
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    registry.observer = observer;
+}
+
 
 namespace {
 
@@ -167,83 +189,59 @@ bool Lookup(RequestKind kind, const std::string& uri, Callback& callback, void*&
 
 }  // namespace
 
-bool DispatchInsert(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out, int& result)
+namespace {
+
+/* Calls the callback of (kind, in.strUri) with the request and its user data,
+ * under the request's confinement; false when none is registered. */
+template <typename Callback, typename Result, typename In, typename... Out>
+bool Dispatch(RequestKind kind, Result& result, In& in, Out&... out)
 {
-    ContentInsertCallback callback = nullptr;
-    if (!Lookup(RequestKind::Insert, in.strUri, callback, in.pUserData)) {
+    Callback callback = nullptr;
+    if (!Lookup(kind, in.strUri, callback, in.pUserData)) {
         return false;
     }
     tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in, out);
+    result = callback(in, out...);
     return true;
+}
+
+}  // namespace
+
+bool DispatchInsert(PT_PROVIDER_INSERT_IN_PARAM& in, PT_PROVIDER_INSERT_OUT_PARAM& out, int& result)
+{
+    return Dispatch<ContentInsertCallback>(RequestKind::Insert, result, in, out);
 }
 
 bool DispatchBulkInsert(PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM& out,
                         int& result)
 {
-    ContentBulkInsertCallback callback = nullptr;
-    if (!Lookup(RequestKind::BulkInsert, in.strUri, callback, in.pUserData)) {
-        return false;
-    }
-    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in, out);
-    return true;
+    return Dispatch<ContentBulkInsertCallback>(RequestKind::BulkInsert, result, in, out);
 }
 
 bool DispatchDelete(PT_PROVIDER_DELETE_IN_PARAM& in, int& result)
 {
-    ContentDeleteCallback callback = nullptr;
-    if (!Lookup(RequestKind::Delete, in.strUri, callback, in.pUserData)) {
-        return false;
-    }
-    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in);
-    return true;
+    return Dispatch<ContentDeleteCallback>(RequestKind::Delete, result, in);
 }
 
 bool DispatchSelect(PT_PROVIDER_SELECT_IN_PARAM& in, PT_PROVIDER_SELECT_OUT_PARAM& out, bool& result)
 {
-    ContentSelectCallback callback = nullptr;
-    if (!Lookup(RequestKind::Select, in.strUri, callback, in.pUserData)) {
-        return false;
-    }
-    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in, out);
-    return true;
+    return Dispatch<ContentSelectCallback>(RequestKind::Select, result, in, out);
 }
 
 bool DispatchUpdate(PT_PROVIDER_UPDATE_IN_PARAM& in, PT_PROVIDER_UPDATE_OUT_PARAM& out, int& result)
 {
-    ContentUpdateCallback callback = nullptr;
-    if (!Lookup(RequestKind::Update, in.strUri, callback, in.pUserData)) {
-        return false;
-    }
-    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in, out);
-    return true;
+    return Dispatch<ContentUpdateCallback>(RequestKind::Update, result, in, out);
 }
 
 bool DispatchBulkUpdate(PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM& in, PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM& out,
                         int& result)
 {
-    ContentBulkUpdateCallback callback = nullptr;
-    if (!Lookup(RequestKind::BulkUpdate, in.strUri, callback, in.pUserData)) {
-        return false;
-    }
-    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in, out);
-    return true;
+    return Dispatch<ContentBulkUpdateCallback>(RequestKind::BulkUpdate, result, in, out);
 }
 
 bool DispatchGetId(PT_PROVIDER_GET_ID_IN_PARAM& in, PT_PROVIDER_GET_ID_OUT_PARAM& out, bool& result)
 {
-    ContentGetIdCallback callback = nullptr;
-    if (!Lookup(RequestKind::GetId, in.strUri, callback, in.pUserData)) {
-        return false;
-    }
-    tilvane::host::confinement::RequestScope scope(tilvane::host::confinement::TableOfUri(in.strUri), in.strAppId);
-    result = callback(in, out);
-    return true;
+    return Dispatch<ContentGetIdCallback>(RequestKind::GetId, result, in, out);
 }
 
 }  // namespace content

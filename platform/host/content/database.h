@@ -27,16 +27,7 @@
 namespace tilvane {
 namespace content {
 
-struct HandleCloser
-{
-    void operator()(sqlite3* db) const noexcept
-    {
-        if (db != nullptr) {
-            sqlite3_close_v2(db);
-        }
-    }
-};
-using SQLiteHandle = std::unique_ptr<sqlite3, HandleCloser>;
+using SQLiteHandle = std::unique_ptr<sqlite3, SQLiteFree<sqlite3, sqlite3_close_v2>>;
 
 class Database
 {

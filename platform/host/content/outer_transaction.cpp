@@ -2,7 +2,7 @@
 
 #include <sqlite3.h>
 
-#include <host_control.h>
+#include "host_control/base.h"
 
 #include "content/content_log.h"
 #include "content/database.h"

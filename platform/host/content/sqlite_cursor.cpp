@@ -126,6 +126,11 @@ int CSQLiteStatementCursor::Step()
         return STEP_ROW;
     }
     m_rowTypes.clear();
+    return AfterLastStep(stmt, rc);
+}
+
+int CSQLiteStatementCursor::AfterLastStep(sqlite3_stmt* stmt, int rc)
+{
     if (rc == SQLITE_DONE) {
         m_position = Position::AfterLast;
         return STEP_DONE;
@@ -154,14 +159,7 @@ int CSQLiteStatementCursor::ForEachRemainingRow(const std::function<bool(sqlite3
             return STEP_ROW;
         }
     }
-    if (rc == SQLITE_DONE) {
-        m_position = Position::AfterLast;
-        return STEP_DONE;
-    }
-    m_position = Position::Failed;
-    tilvane::content::NoteStatementFailure(m_pDatabase->Handle());
-    CONTENT_LOGE("step of \"%s\" failed: %s (%d)", sqlite3_sql(stmt), sqlite3_errmsg(m_pDatabase->Handle()), rc);
-    return STEP_ERROR;
+    return AfterLastStep(stmt, rc);
 }
 
 int CSQLiteStatementCursor::Reset()

@@ -59,6 +59,9 @@ private:
     /* The cursor stands on the row `stmt` has just reached; its storage
      * classes are taken now. Caller holds the mutex. */
     void StandOnRow(sqlite3_stmt* stmt);
+    /* After the last step of `stmt`, which gave `rc` (not a row): done, or
+     * failed with its reason recorded and logged. */
+    int AfterLastStep(sqlite3_stmt* stmt, int rc);
     /* The storage class of `column` in the current row; SQLITE_NULL when there
      * is no row or no such column. Caller holds the mutex. */
     int TypeOf(int column) const;

@@ -12,7 +12,7 @@
 #include "content/bounded_functions.h"
 #include "content/content_log.h"
 #include "content/database.h"
-#include "requests/request_report.h"
+#include "base/request_report.h"
 #include "stats/request_stats.h"
 
 namespace tilvane {

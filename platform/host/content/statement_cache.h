@@ -22,16 +22,19 @@
 namespace tilvane {
 namespace content {
 
-struct StatementFinalizer
+/* Frees an SQLite object of type T with `Free` when its owner lets go. */
+template <typename T, int (*Free)(T*)>
+struct SQLiteFree
 {
-    void operator()(sqlite3_stmt* statement) const noexcept
+    void operator()(T* object) const noexcept
     {
-        if (statement != nullptr) {
-            sqlite3_finalize(statement);
+        if (object != nullptr) {
+            Free(object);
         }
     }
 };
-using StatementHandle = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+
+using StatementHandle = std::unique_ptr<sqlite3_stmt, SQLiteFree<sqlite3_stmt, sqlite3_finalize>>;
 
 /* sqlite3_prepare_v2 of the library; every preparation the library makes goes
  * through it and is counted. */

@@ -16,7 +16,9 @@
 #include <mutex>
 
 #include "identity/app_identity.h"
-#include "host_control.h"
+#include "host_control/identity.h"
+#include "host_control/base.h"
+#include "base/reset_hooks.h"
 
 namespace tilvane {
 namespace host {
@@ -78,6 +80,11 @@ void ClearOwnAppIdOverride()
     s.overridden = false;
     s.appId.clear();
 }
+
+namespace {
+/* Reset(): back to TILVANE_APP_ID or the program's name. */
+const ResetHook kResetOwnAppId(3, ClearOwnAppIdOverride);
+}  // namespace
 
 void SetOwnAppId(const std::string& appId)
 {

@@ -28,13 +28,16 @@
 #include <string>
 #include <unordered_map>
 
-#include "host_control.h"
+#include "host_control/log.h"
 #include "base/host_state.h"
+#include "base/request_report.h"
+#include "base/reset_hooks.h"
 #include "log/journal_format.h"
 #include "log/log_budget.h"
+#include "log/log_capture.h"
 #include "log/log_settings.h"
 #include "log/log_sink.h"
-#include "requests/request_report.h"
+#include "log/system_reasons.h"
 
 namespace tilvane {
 namespace host {
@@ -390,7 +393,10 @@ void DropLogLine(int /*priority*/, const char* /*tag*/, const char* /*message*/,
 {
 }
 
-void ForgetLogLevel()
+namespace {
+
+/* Reset(): capture off, the level and the limits read again, nothing counted. */
+void ResetLog()
 {
     {
         Configured& c = TheConfigured();
@@ -398,6 +404,7 @@ void ForgetLogLevel()
         c.settings = LogSettings();
     }
     ForgetJournalStream();
+    ResetLogCapture();
     gMinimumPriority.store(0, std::memory_order_release);
     ForgetLogBudgets();
     RateLimit& limit = TheRateLimit();
@@ -407,6 +414,10 @@ void ForgetLogLevel()
     limit.formatted = 0;
     limit.suppressedTotal = 0;
 }
+
+const ResetHook kResetLog(1, ResetLog);
+
+}  // namespace
 
 void SetConfiguredLogSettings(const LogSettings& settings)
 {
@@ -452,7 +463,7 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
 
     // A line that is neither written nor captured is not even formatted.
     // The lines of a request that is being reported are read for its reason
-    // (request_report.h); those below INFO never are.
+    // (system_reasons.h); those below INFO never are.
     const bool capture = LogCaptureOn() || (prio >= DLOG_INFO && RequestReportOpen());
     const bool write = Admitted(prio, fmt);
     if (!write && !capture) {
@@ -464,7 +475,7 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
         message.pop_back();
     }
     CaptureLogLine(prio, tag, message);
-    NoteLogLine(prio, tag, message);
+    NoteSystemLogLine(prio, tag, message);
     if (!write) {
         return 0;
     }

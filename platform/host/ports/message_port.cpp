@@ -1,9 +1,11 @@
 /*
  * Message ports on the host, over the D-Bus session bus (DBUS_SESSION_BUS_ADDRESS).
  *
- * Each process connects once, lazily, and owns the bus name of its application
- * id (app_identity.h); it never queues for the name, so two processes cannot run
- * as one application. It exports one object for all of its local ports:
+ * Each process has one connection to the bus (bus/bus_connection.h), which owns
+ * the bus name of its application id; the ports register themselves with it
+ * as a ConnectionUser. On every connection they export one object for all of
+ * the local ports, whose calls are read into their typed requests
+ * (message_port_wire.h, generated from message_port.xml):
  *
  *   path      /org/tilvane/MessagePort
  *   interface org.tilvane.MessagePort
@@ -22,10 +24,8 @@
  * The sender's application id is taken from the bus: Deliver carries the id
  * that the sender claims, and the receiver accepts it only when the bus says
  * that the name of that id is owned by the connection the call came from
- * (org.freedesktop.DBus.GetNameOwner). The answer is cached per unique name and
- * forgotten when that connection loses an application name. A message that
- * fails the check is logged and dropped, and the sender gets
- * org.tilvane.MessagePort.Error.NotAuthorized.
+ * (bus_connection.h's SenderIsApp). A message that fails the check is logged
+ * and dropped, and the sender gets org.tilvane.MessagePort.Error.NotAuthorized.
  *
  * Calls to the exported object are answered on a thread of the platform with
  * its own main context, so that an answer never waits for the application's
@@ -46,6 +46,7 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "identity/app_identity.h"
@@ -53,14 +54,18 @@
 #include "bundle_ptr.h"
 #include "bus/bus_connection.h"
 #include "ports/held_sends.h"
+#include "ports/port_connection.h"
 #include "ports/port_delivery.h"
+#include "bus/credentials.h"
 #include "stats/request_stats.h"
-#include "identity/credentials.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
-#include "message_port_xml.h"
+#include "base/reset_hooks.h"
+#include "message_port_wire.h"
 #include "dlog.h"
-#include "host_control.h"
+#include "host_control/ports.h"
+#include "host_control/identity.h"
+#include "host_control/base.h"
 
 namespace tilvane {
 namespace host {
@@ -71,9 +76,6 @@ namespace {
 #define PORT_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
 constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
-/* The names whose owner changes the bus thread follows: applications' and
- * ports'. */
-constexpr char kNameNamespace[] = "org.tilvane";
 constexpr char kInterface[] = "org.tilvane.MessagePort";
 constexpr char kErrorPortNotFound[] = "org.tilvane.MessagePort.Error.PortNotFound";
 constexpr char kErrorNotAuthorized[] = "org.tilvane.MessagePort.Error.NotAuthorized";
@@ -87,44 +89,16 @@ struct LocalPort {
     void* userData;
 };
 
-/* One connection to the bus with the thread that answers calls made on it. */
-struct Bus {
-    GDBusConnectionPtr connection;
-    GMainContextPtr context;
-    GMainLoopPtr loop;
-    GThread* thread = nullptr;
-    guint objectId = 0;
-    guint nameWatchId = 0;
-    guint deliveryFilterId = 0;
-    gulong closedHandlerId = 0;
-    std::string appId;
-    std::string busName;
-    bool ownsName = false;
-    /* Every local port has claimed its name on this connection. */
-    bool portsClaimed = false;
-};
-
 struct PortState {
-    /* Taken while the connection is opened, its name requested or it is closed. */
-    std::mutex busMutex;
-    std::unique_ptr<Bus> bus;
-
     /* Guards everything below; never held during a bus call. */
     std::mutex mutex;
     std::map<std::string, LocalPort> ports; /* by name */
     int nextId = 1;
     bool recording = false;
     std::vector<SentMessage> sent;
-    /* Unique connection name -> the application id it was found to own. */
-    std::map<std::string, std::string> verifiedSenders;
-
-    /* Connections opened so far, and whether one of them owned the
-     * application's name: a connection that replaces a lost one owns it
-     * again. Under busMutex. */
-    uint64_t opens = 0;
-    bool ownedNameBefore = false;
-    /* Told when the connection is lost (ConnectionLostHandler). */
-    std::atomic<void (*)()> lostHandler{nullptr};
+    /* The message-port object and the delivery filter on the open connection. */
+    guint objectId = 0;
+    guint deliveryFilterId = 0;
 };
 
 PortState& ThePortState()
@@ -137,7 +111,7 @@ GDBusInterfaceInfo* InterfaceInfo()
 {
     static GDBusInterfaceInfo* info = [] {
         ScopedError error;
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kMessagePortXml, error.Out());
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(ports::wire::IntrospectionXml(), error.Out());
         GDBusInterfaceInfo* found = g_dbus_node_info_lookup_interface(node, kInterface);
         g_dbus_interface_info_ref(found);
         g_dbus_node_info_unref(node);
@@ -227,67 +201,6 @@ void PostDelivery(const std::string& port, const std::string& senderApp, const c
 
 /* ---- answering calls (the bus thread) -------------------------------------- */
 
-/* True when the connection `sender` owns the bus name of `claimedApp` and, in
- * the verified identity mode, runs as a user bound to it. Otherwise `reason`
- * says why not, for the refusal's one log line. */
-/* What is known of a sender without asking the bus: 1 when it was found to
- * own the name of `claimedApp`, 0 when it cannot (no sender, or it was found
- * to own another application's name), -1 when the bus must be asked. */
-std::string NotOwnerReason(const char* sender, const std::string& claimedApp)
-{
-    return "sender " + std::string(sender != nullptr ? sender : "(none)") + " does not own the name of application " +
-           claimedApp;
-}
-
-int KnownSenderOwnsApp(const char* sender, const std::string& claimedApp, std::string& reason)
-{
-    int known = 0;
-    if (sender != nullptr) {
-        PortState& s = ThePortState();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        auto it = s.verifiedSenders.find(sender);
-        known = it == s.verifiedSenders.end() ? -1 : it->second == claimedApp ? 1 : 0;
-    }
-    if (known == 0) {
-        reason = NotOwnerReason(sender, claimedApp);
-    }
-    return known;
-}
-
-bool SenderOwnsApp(GDBusConnection* connection, const char* sender, const std::string& claimedApp,
-                   std::string& reason)
-{
-    const int known = KnownSenderOwnsApp(sender, claimedApp, reason);
-    if (known >= 0) {
-        return known == 1;
-    }
-    reason = NotOwnerReason(sender, claimedApp);
-    PortState& s = ThePortState();
-    const std::string busName = BusNameForAppId(claimedApp);
-    if (busName.empty()) {
-        return false;
-    }
-    ScopedError error;
-    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "GetNameOwner",
-                                                  g_variant_new("(s)", busName.c_str()), G_VARIANT_TYPE("(s)"),
-                                                  G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, error.Out()));
-    if (!reply) {
-        return false; /* the name has no owner */
-    }
-    const gchar* owner = nullptr;
-    g_variant_get(reply.get(), "(&s)", &owner);
-    if (std::strcmp(owner, sender) != 0) {
-        return false;
-    }
-    if (!identity::SenderMayActAs(connection, sender, claimedApp, reason)) {
-        return false;
-    }
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.verifiedSenders[sender] = claimedApp;
-    return true;
-}
-
 /* What a refused sender is told: whether the id it claims is anybody's, not
  * whose it is. */
 std::string RefusalForSender(const std::string& claimedApp)
@@ -300,31 +213,27 @@ std::string RefusalForSender(const std::string& claimedApp)
            ": it does not own that application's name, or does not run as its user";
 }
 
-void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* parameters,
-               GDBusMethodInvocation* invocation)
+/* A message for one of this process's ports, from an application the bus
+ * confirmed: answered before the port's callback runs. */
+void Handle(const ports::wire::MessagePortDeliverIn& in, GDBusConnection* connection, const gchar* sender,
+            GDBusMethodInvocation* invocation)
 {
-    const gchar* port = nullptr;
-    const gchar* senderApp = nullptr;
-    const gchar* senderPort = nullptr;
-    const gchar* encoded = nullptr;
-    g_variant_get(parameters, "(&s&s&s&s)", &port, &senderApp, &senderPort, &encoded);
-
     std::string reason;
-    if (!SenderOwnsApp(connection, sender, senderApp, reason)) {
-        PORT_LOGE("message for port %s dropped: %s", port, reason.c_str());
+    if (!SenderIsApp(connection, sender, in.senderApp, reason)) {
+        PORT_LOGE("message for port %s dropped: %s", in.port, reason.c_str());
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
-                                                   RefusalForSender(senderApp).c_str());
+                                                   RefusalForSender(in.senderApp).c_str());
         return;
     }
     LocalPort local{};
-    if (!FindPort(port, local)) {
+    if (!FindPort(in.port, local)) {
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorPortNotFound, "no such port");
         return;
     }
     BundleRefusal refused = BundleRefusal::None;
-    bundle* message = DecodeBoundedBundle(encoded, std::strlen(encoded), &refused);
+    bundle* message = DecodeBoundedBundle(in.message, std::strlen(in.message), &refused);
     if (message == nullptr) {
-        PORT_LOGE("message for port %s from %s dropped: %s", port, senderApp, DescribeRefusal(refused));
+        PORT_LOGE("message for port %s from %s dropped: %s", in.port, in.senderApp, DescribeRefusal(refused));
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidMessage, "the message is not a bundle");
         return;
     }
@@ -335,287 +244,35 @@ void OnDeliver(GDBusConnection* connection, const gchar* sender, GVariant* param
     uid_t senderUser = 0;
     const bool senderUserKnown = identity::CurrentMode() == identity::Mode::Verified &&
                                  identity::ConnectionUser(connection, sender, senderUser);
-    PostDelivery(port, senderApp, *senderPort != '\0' ? senderPort : nullptr, message, senderUserKnown, senderUser);
+    PostDelivery(in.port, in.senderApp, *in.senderPort != '\0' ? in.senderPort : nullptr, message, senderUserKnown,
+                 senderUser);
 }
 
+/* Whether one of this process's ports has that name (for older senders). */
+void Handle(const ports::wire::MessagePortHasPortIn& in, GDBusConnection* /*connection*/, const gchar* /*sender*/,
+            GDBusMethodInvocation* invocation)
+{
+    LocalPort local{};
+    ports::wire::MessagePortHasPortOut out;
+    out.exists = FindPort(in.port, local);
+    g_dbus_method_invocation_return_value(invocation, ports::wire::ToVariant(std::move(out)));
+}
+
+/* On the bus thread: the call read once into its typed request (the
+ * interface's description, message_port.xml, made message_port_wire.h). */
 void OnMethodCallCB(GDBusConnection* connection, const gchar* sender, const gchar* /*objectPath*/,
-                    const gchar* /*interfaceName*/, const gchar* methodName, GVariant* parameters,
+                    const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
                     GDBusMethodInvocation* invocation, gpointer /*userData*/)
 {
-    if (std::strcmp(methodName, "Deliver") == 0) {
-        OnDeliver(connection, sender, parameters, invocation);
+    ports::wire::Method method = ports::wire::Method::MessagePortDeliver;
+    ports::wire::Request request;
+    if (!ports::wire::FindMethod(interfaceName, methodName, method) ||
+        !ports::wire::ReadRequest(method, parameters, request)) {
+        g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD,
+                                              "unknown method %s", methodName);
         return;
     }
-    if (std::strcmp(methodName, "HasPort") == 0) {
-        const gchar* port = nullptr;
-        g_variant_get(parameters, "(&s)", &port);
-        LocalPort local{};
-        const bool exists = FindPort(port, local);
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(b)", exists));
-        return;
-    }
-    g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, "unknown method %s",
-                                          methodName);
-}
-
-/* A connection that loses an application name is no longer that application;
- * a watched port whose name or application's name lost its owner is gone.
- * Run on the bus thread in order with the calls made to the object, so that
- * a message a port sent before it went is delivered before its end is told. */
-void OnNameOwnerChangedCB(GDBusConnection* connection, const gchar* /*senderName*/, const gchar* /*objectPath*/,
-                          const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters,
-                          gpointer /*userData*/)
-{
-    const gchar* name = nullptr;
-    const gchar* oldOwner = nullptr;
-    const gchar* newOwner = nullptr;
-    g_variant_get(parameters, "(&s&s&s)", &name, &oldOwner, &newOwner);
-    NotePortWatchOwnerChange(connection, name, oldOwner, newOwner);
-    if (*oldOwner == '\0' || !g_str_has_prefix(name, kAppBusNameNamespace)) {
-        return;
-    }
-    identity::ForgetConnection(connection, oldOwner);
-    PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.verifiedSenders.erase(oldOwner);
-}
-
-gpointer RunBusThread(gpointer data)
-{
-    Bus* bus = static_cast<Bus*>(data);
-    g_main_context_push_thread_default(bus->context.get());
-    g_main_loop_run(bus->loop.get());
-    g_main_context_pop_thread_default(bus->context.get());
-    return nullptr;
-}
-
-/* ---- the connection ---------------------------------------------------------- */
-
-gboolean QuitBusLoop(gpointer loop)
-{
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_REMOVE;
-}
-
-/* On the bus thread: the connection was closed. A close of our own is not a
- * loss; any other (the daemon dropped the connection, or went away) is
- * handed to the lost handler on the application's loop. */
-gboolean NotifyConnectionLostCB(gpointer /*data*/)
-{
-    void (*handler)() = ThePortState().lostHandler.load();
-    if (handler != nullptr) {
-        handler();
-    }
-    return G_SOURCE_REMOVE;
-}
-
-void OnConnectionClosedCB(GDBusConnection* /*connection*/, gboolean remotePeerVanished, GError* error,
-                          gpointer /*userData*/)
-{
-    if (!remotePeerVanished && error == nullptr) {
-        return;
-    }
-    PORT_LOGE("message bus connection lost: %s", error != nullptr ? error->message : "the bus went away");
-    if (ThePortState().lostHandler.load() != nullptr) {
-        GSource* source = g_idle_source_new();
-        g_source_set_priority(source, G_PRIORITY_DEFAULT);
-        g_source_set_callback(source, NotifyConnectionLostCB, nullptr, nullptr);
-        g_source_attach(source, nullptr);
-        g_source_unref(source);
-    }
-}
-
-void CloseBus(std::unique_ptr<Bus> bus)
-{
-    if (!bus) {
-        return;
-    }
-    if (bus->closedHandlerId != 0) {
-        g_signal_handler_disconnect(bus->connection.get(), bus->closedHandlerId);
-    }
-    if (bus->objectId != 0) {
-        g_dbus_connection_unregister_object(bus->connection.get(), bus->objectId);
-    }
-    if (bus->deliveryFilterId != 0) {
-        g_dbus_connection_remove_filter(bus->connection.get(), bus->deliveryFilterId);
-    }
-    if (bus->nameWatchId != 0) {
-        g_dbus_connection_signal_unsubscribe(bus->connection.get(), bus->nameWatchId);
-    }
-    UnregisterRequestObjects(bus->connection.get());
-    if (!g_dbus_connection_is_closed(bus->connection.get())) {
-        g_dbus_connection_close_sync(bus->connection.get(), nullptr, nullptr);
-    }
-    if (bus->thread != nullptr) {
-        /* Through a source of its own context: a quit made before the thread
-         * has entered g_main_loop_run would be forgotten by it. */
-        GSource* stop = g_idle_source_new();
-        g_source_set_callback(stop, QuitBusLoop, bus->loop.get(), nullptr);
-        g_source_attach(stop, bus->context.get());
-        g_source_unref(stop);
-        g_thread_join(bus->thread);
-    }
-    /* Let the context release what the connection left on it. */
-    while (g_main_context_iteration(bus->context.get(), FALSE)) {
-    }
-    PORT_LOGD("bus connection of %s closed", bus->appId.c_str());
-}
-
-std::unique_ptr<Bus> OpenBus()
-{
-    const char* address = g_getenv("DBUS_SESSION_BUS_ADDRESS");
-    if (address == nullptr || *address == '\0') {
-        PORT_LOGE("no message bus: DBUS_SESSION_BUS_ADDRESS is not set");
-        return nullptr;
-    }
-    identity::LogModeOnce();
-    std::unique_ptr<Bus> bus(new Bus());
-    bus->appId = CurrentAppId();
-    bus->busName = BusNameForAppId(bus->appId);
-    bus->context.reset(g_main_context_new());
-
-    /* Calls and signals are dispatched on the context that is the thread's
-     * default while they are registered: make it the bus thread's. */
-    g_main_context_push_thread_default(bus->context.get());
-    ScopedError error;
-    bus->connection.reset(g_dbus_connection_new_for_address_sync(
-        address,
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, error.Out()));
-    if (bus->connection) {
-        g_dbus_connection_set_exit_on_close(bus->connection.get(), FALSE);
-        bus->closedHandlerId =
-            g_signal_connect(bus->connection.get(), "closed", G_CALLBACK(OnConnectionClosedCB), nullptr);
-        bus->deliveryFilterId = AddDeliveryReplyFilter(bus->connection.get());
-        static const GDBusInterfaceVTable vtable = {OnMethodCallCB, nullptr, nullptr, {nullptr}};
-        bus->objectId = g_dbus_connection_register_object(bus->connection.get(), kObjectPath, InterfaceInfo(),
-                                                          &vtable, nullptr, nullptr, error.Out());
-        bus->nameWatchId = g_dbus_connection_signal_subscribe(
-            bus->connection.get(), "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-            "/org/freedesktop/DBus", kNameNamespace, G_DBUS_SIGNAL_FLAGS_MATCH_ARG0_NAMESPACE,
-            OnNameOwnerChangedCB, nullptr, nullptr);
-        /* The request interfaces answer on the default main context. */
-        RegisterRequestObjects(bus->connection.get());
-    }
-    g_main_context_pop_thread_default(bus->context.get());
-
-    if (!bus->connection || bus->objectId == 0) {
-        PORT_LOGE("cannot use the message bus at %s: %s", address, error.Message());
-        return nullptr;
-    }
-    /* What was known through an earlier connection is not carried over. */
-    ForgetDeliveries();
-    bus->loop.reset(g_main_loop_new(bus->context.get(), FALSE));
-    bus->thread = g_thread_new("tilvane-msgport", RunBusThread, bus.get());
-    PORT_LOGD("connected to the message bus as %s (%s)", bus->appId.c_str(),
-              g_dbus_connection_get_unique_name(bus->connection.get()));
-    return bus;
-}
-
-int OwnName(Bus& bus)
-{
-    if (bus.busName.empty()) {
-        PORT_LOGE("application id \"%s\" cannot own a bus name", bus.appId.c_str());
-        return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
-    }
-    std::string error;
-    const NameRequest owned = RequestBusName(bus.connection.get(), bus.busName, kCallTimeoutMs, error);
-    if (owned == NameRequest::Denied) {
-        PORT_LOGE("the bus refuses the name of application %s (%s) to this process's user: %s", bus.appId.c_str(),
-                  bus.busName.c_str(), error.c_str());
-        return MESSAGE_PORT_ERROR_PERMISSION_DENIED;
-    }
-    if (owned == NameRequest::Failed) {
-        PORT_LOGE("cannot request bus name %s: %s", bus.busName.c_str(), error.c_str());
-        return MESSAGE_PORT_ERROR_IO_ERROR;
-    }
-    if (owned == NameRequest::OwnedByAnother) {
-        PORT_LOGE("application %s already runs on the bus (%s is owned by another process)", bus.appId.c_str(),
-                  bus.busName.c_str());
-        return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
-    }
-    bus.ownsName = true;
-    PORT_LOGD("owns bus name %s", bus.busName.c_str());
-    return MESSAGE_PORT_ERROR_NONE;
-}
-
-/* The names of the local ports, for claiming them on a new connection. */
-std::vector<std::string> LocalPortNames()
-{
-    PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    std::vector<std::string> names;
-    for (const auto& entry : s.ports) {
-        names.push_back(entry.first);
-    }
-    return names;
-}
-
-/* With busMutex held: every local port claims its name on `bus`; the first
- * failure ends the round (logged by ClaimPortName). */
-int ClaimLocalPorts(Bus& bus)
-{
-    for (const std::string& port : LocalPortNames()) {
-        const int claimed = ClaimPortName(bus.connection.get(), bus.appId, port);
-        if (claimed != MESSAGE_PORT_ERROR_NONE) {
-            return claimed;
-        }
-    }
-    bus.portsClaimed = true;
-    return MESSAGE_PORT_ERROR_NONE;
-}
-
-/* With busMutex held: the connection open and, when `needName` or when a
- * connection before it owned the name, the application's name and its ports'
- * names owned. `reopened` tells that a lost connection was replaced. */
-int EnsureConnectionLocked(PortState& s, bool needName, bool& reopened)
-{
-    if (s.bus && g_dbus_connection_is_closed(s.bus->connection.get())) {
-        PORT_LOGE("message bus connection lost; reconnecting");
-        CloseBus(std::move(s.bus));
-    }
-    if (!s.bus) {
-        s.bus = OpenBus();
-        if (!s.bus) {
-            return MESSAGE_PORT_ERROR_IO_ERROR;
-        }
-        reopened = ++s.opens > 1;
-    }
-    if ((needName || s.ownedNameBefore) && !s.bus->ownsName) {
-        const int owned = OwnName(*s.bus);
-        if (owned != MESSAGE_PORT_ERROR_NONE) {
-            return owned;
-        }
-        s.ownedNameBefore = true;
-    }
-    if (!s.bus->portsClaimed && s.bus->ownsName) {
-        ClaimLocalPorts(*s.bus);  // a port that cannot claim its name yet is tried again on the next call
-    }
-    return MESSAGE_PORT_ERROR_NONE;
-}
-
-/* The connection, opened when needed, with the application's name owned when
- * `needName`. Null with *result set when the bus cannot be used. A connection
- * that replaces a lost one owns again every name the process owned. */
-GDBusConnectionPtr Connection(bool needName, int* result)
-{
-    PortState& s = ThePortState();
-    bool reopened = false;
-    GDBusConnectionPtr connection;
-    {
-        std::lock_guard<std::mutex> lock(s.busMutex);
-        *result = EnsureConnectionLocked(s, needName, reopened);
-        if (*result != MESSAGE_PORT_ERROR_NONE) {
-            return nullptr;
-        }
-        connection.reset(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
-    }
-    if (reopened) {
-        ReclaimRequestNames();
-        RecheckPortWatches(connection.get());
-    }
-    return connection;
+    std::visit([&](const auto& in) { Handle(in, connection, sender, invocation); }, request);
 }
 
 /* ---- sending ------------------------------------------------------------------ */
@@ -667,7 +324,7 @@ int Deliver(const char* appId, const char* port, bundle* message, const std::str
     bundle_free_encoded_rawdata(&raw);
 
     int result = MESSAGE_PORT_ERROR_NONE;
-    GDBusConnectionPtr connection = Connection(true, &result);
+    GDBusConnectionPtr connection = PortsConnection(true, &result);
     if (!connection) {
         return result;
     }
@@ -710,139 +367,123 @@ bool RenewPort(const char* name, message_port_message_cb callback, void* userDat
     return true;
 }
 
-/* The connection when one is open; never opens one. */
-GDBusConnectionPtr OpenConnectionIfAny()
+/* ---- the ports on the connection (bus_connection.h) ------------------------ */
+
+/* A new connection: the message-port object, answered on the bus thread, and
+ * the filter that takes the answers of deliveries. */
+bool PortsOpened(GDBusConnection* connection)
+{
+    /* What was known through an earlier connection is not carried over. */
+    ForgetDeliveries();
+    static const GDBusInterfaceVTable vtable = {OnMethodCallCB, nullptr, nullptr, {nullptr}};
+    ScopedError error;
+    const guint filter = AddDeliveryReplyFilter(connection);
+    const guint object =
+        g_dbus_connection_register_object(connection, kObjectPath, InterfaceInfo(), &vtable, nullptr, nullptr,
+                                          error.Out());
+    if (object == 0) {
+        PORT_LOGE("cannot export the message-port object: %s", error.Message());
+    }
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.objectId = object;
+    s.deliveryFilterId = filter;
+    return object != 0;
+}
+
+void PortsClosing(GDBusConnection* connection)
+{
+    guint object = 0;
+    guint filter = 0;
+    {
+        PortState& s = ThePortState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        object = s.objectId;
+        filter = s.deliveryFilterId;
+        s.objectId = 0;
+        s.deliveryFilterId = 0;
+    }
+    if (object != 0) {
+        g_dbus_connection_unregister_object(connection, object);
+    }
+    if (filter != 0) {
+        g_dbus_connection_remove_filter(connection, filter);
+    }
+}
+
+/* The names of the local ports, for claiming them on a new connection. */
+std::vector<std::string> LocalPortNames()
 {
     PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.busMutex);
-    if (!s.bus || g_dbus_connection_is_closed(s.bus->connection.get())) {
-        return nullptr;
+    std::lock_guard<std::mutex> lock(s.mutex);
+    std::vector<std::string> names;
+    for (const auto& entry : s.ports) {
+        names.push_back(entry.first);
     }
-    return GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(s.bus->connection.get())));
+    return names;
 }
+
+/* Every local port claims its name; the first failure ends the round (logged
+ * by ClaimPortName). */
+bool ClaimLocalPorts(GDBusConnection* connection, const std::string& appId, std::string& why)
+{
+    for (const std::string& port : LocalPortNames()) {
+        if (ClaimPortName(connection, appId, port) != MESSAGE_PORT_ERROR_NONE) {
+            why = "a port's name is owned by another process";
+            return false;
+        }
+    }
+    return true;
+}
+
+const struct PortsOnTheBus {
+    PortsOnTheBus()
+    {
+        ConnectionUser user{};
+        user.opened = PortsOpened;
+        user.closing = PortsClosing;
+        user.claimNames = ClaimLocalPorts;
+        user.nameOwnerChanged = NotePortWatchOwnerChange;
+        user.reopened = RecheckPortWatches;
+        AddConnectionUser(user);
+    }
+} kPortsOnTheBus;
+
+/* Reset(): no local port, nothing recorded or in flight. */
+void ResetMessagePorts()
+{
+    ForgetDeliveries();
+    ForgetPortWatches();
+    PortState& s = ThePortState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.ports.clear();
+    s.nextId = 1;
+    s.recording = false;
+    s.sent.clear();
+}
+
+const ResetHook kResetMessagePorts(6, ResetMessagePorts);
 
 }  // namespace
 
-GDBusConnectionPtr SharedBusConnection(bool needAppName, int* messagePortResult)
+int MessagePortResult(ConnectionProblem problem)
 {
-    return Connection(needAppName, messagePortResult);
+    switch (problem) {
+    case ConnectionProblem::None: return MESSAGE_PORT_ERROR_NONE;
+    case ConnectionProblem::NameTaken: return MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE;
+    case ConnectionProblem::NameDenied: return MESSAGE_PORT_ERROR_PERMISSION_DENIED;
+    case ConnectionProblem::NoName: return MESSAGE_PORT_ERROR_INVALID_PARAMETER;
+    case ConnectionProblem::NoBus: break;
+    }
+    return MESSAGE_PORT_ERROR_IO_ERROR;
 }
 
-std::string ConnectedAppId()
+GDBusConnectionPtr PortsConnection(bool needName, int* result)
 {
-    PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.busMutex);
-    return s.bus ? s.bus->appId : std::string();
-}
-
-NameRequest RequestBusName(GDBusConnection* connection, const std::string& name, int timeoutMs, std::string& error,
-                           bool queue)
-{
-    constexpr guint32 kDoNotQueue = 0x4;
-    constexpr guint32 kPrimaryOwner = 1;
-    constexpr guint32 kInQueue = 2;
-    constexpr guint32 kAlreadyOwner = 4;
-    ScopedError failure;
-    GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "RequestName",
-                                                  g_variant_new("(su)", name.c_str(), queue ? 0u : kDoNotQueue),
-                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr,
-                                                  failure.Out()));
-    if (!reply) {
-        error = failure.Message();
-        GCharPtr remote(g_dbus_error_get_remote_error(failure.Get()));
-        return remote && std::strcmp(remote.get(), "org.freedesktop.DBus.Error.AccessDenied") == 0
-                   ? NameRequest::Denied
-                   : NameRequest::Failed;
-    }
-    guint32 answer = 0;
-    g_variant_get(reply.get(), "(u)", &answer);
-    if (answer == kInQueue) {
-        return NameRequest::Queued;
-    }
-    return answer == kPrimaryOwner || answer == kAlreadyOwner ? NameRequest::Owned : NameRequest::OwnedByAnother;
-}
-
-bool SenderIsApp(GDBusConnection* connection, const char* sender, const std::string& appId, std::string& reason)
-{
-    return SenderOwnsApp(connection, sender, appId, reason);
-}
-
-int KnownSenderIsApp(const char* sender, const std::string& appId, std::string& reason)
-{
-    return KnownSenderOwnsApp(sender, appId, reason);
-}
-
-void SetConnectionLostHandler(void (*handler)())
-{
-    ThePortState().lostHandler.store(handler);
-}
-
-bool RestoreBusConnection(std::string& why)
-{
-    int result = MESSAGE_PORT_ERROR_NONE;
-    GDBusConnectionPtr connection = Connection(false, &result);
-    if (!connection) {
-        why = result == MESSAGE_PORT_ERROR_RESOURCE_UNAVAILABLE ? "the application's name is owned by another process"
-                                                                : "the bus cannot be reached";
-        return false;
-    }
-    bool portsClaimed = false;
-    {
-        PortState& s = ThePortState();
-        std::lock_guard<std::mutex> lock(s.busMutex);
-        portsClaimed = s.bus && s.bus->portsClaimed;
-    }
-    if (!portsClaimed) {
-        why = "a port's name is owned by another process";
-        return false;
-    }
-    if (!ReclaimRequestNames()) {
-        why = "a provider's name is owned by another process";
-        return false;
-    }
-    return true;
-}
-
-bool InvokeOnBusThread(GSourceFunc function, gpointer data, GDestroyNotify destroy)
-{
-    PortState& s = ThePortState();
-    std::lock_guard<std::mutex> lock(s.busMutex);
-    if (!s.bus) {
-        return false;
-    }
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, function, data, destroy);
-    g_source_attach(source, s.bus->context.get());
-    g_source_unref(source);
-    return true;
-}
-
-void ResetMessagePorts()
-{
-    PortState& s = ThePortState();
-    {
-        std::lock_guard<std::mutex> lock(s.busMutex);
-        CloseBus(std::move(s.bus));
-    }
-    ForgetDeliveries();
-    ForgetPortWatches();
-    {
-        std::lock_guard<std::mutex> busLock(s.busMutex);
-        s.opens = 0;
-        s.ownedNameBefore = false;
-    }
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.ports.clear();
-        s.nextId = 1;
-        s.recording = false;
-        s.sent.clear();
-        s.verifiedSenders.clear();
-    }
-    identity::ForgetAllConnections();
-    ClearOwnAppIdOverride();
+    ConnectionProblem problem = ConnectionProblem::None;
+    GDBusConnectionPtr connection = SharedBusConnection(needName, &problem);
+    *result = MessagePortResult(problem);
+    return connection;
 }
 
 void RecordSentMessages(bool on)
@@ -886,7 +527,7 @@ extern "C" int message_port_register_local_port(const char* local_port, message_
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
     int result = MESSAGE_PORT_ERROR_NONE;
-    GDBusConnectionPtr connection = Connection(true, &result);
+    GDBusConnectionPtr connection = PortsConnection(true, &result);
     if (!connection) {
         return result;
     }
@@ -934,7 +575,7 @@ extern "C" int message_port_unregister_local_port(int local_port_id)
         PORT_LOGD("local port %s unregistered: %d", name.c_str(), local_port_id);
         s.ports.erase(it);
     }
-    GDBusConnectionPtr connection = OpenConnectionIfAny();
+    GDBusConnectionPtr connection = OpenBusConnectionIfAny();
     if (connection) {
         ReleasePortName(connection.get(), CurrentAppId(), name);
     }
@@ -990,7 +631,7 @@ extern "C" int message_port_check_remote_port(const char* remote_app_id, const c
         return MESSAGE_PORT_ERROR_NONE;
     }
     int result = MESSAGE_PORT_ERROR_NONE;
-    GDBusConnectionPtr connection = Connection(false, &result);
+    GDBusConnectionPtr connection = PortsConnection(false, &result);
     if (!connection) {
         return result;
     }

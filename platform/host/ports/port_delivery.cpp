@@ -4,6 +4,8 @@
  */
 #include "ports/port_delivery.h"
 
+#include "message_port_wire.h"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -19,11 +21,13 @@
 #include "bus/bus_connection.h"
 #include "dlog.h"
 #include "base/glib_ptr.h"
-#include "host_control.h"
+#include "host_control/ports.h"
+#include "host_control/identity.h"
+#include "host_control/base.h"
 #include "base/host_state.h"
 #include "message_port.h"
 #include "config/platform_config.h"
-#include "identity/credentials.h"
+#include "bus/credentials.h"
 
 namespace tilvane {
 namespace host {
@@ -40,7 +44,6 @@ constexpr size_t kPortNameDigits = 32;
 /* The bus's limit on the length of a name. */
 constexpr size_t kMaxBusNameLength = 255;
 constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
-constexpr char kInterface[] = "org.tilvane.MessagePort";
 /* Calls to the bus daemon only: it answers at once unless it has stopped. */
 constexpr int kDaemonCallTimeoutMs = 10000;
 
@@ -481,9 +484,16 @@ int SendDeliverCall(GDBusConnection* connection, const std::string& appId, const
                     const std::string& senderApp, const std::string& senderPort, const std::string& encoded)
 {
     const std::string busName = BusNameForAppId(appId);
-    GDBusMessagePtr call(g_dbus_message_new_method_call(busName.c_str(), kObjectPath, kInterface, "Deliver"));
-    g_dbus_message_set_body(call.get(), g_variant_new("(ssss)", port.c_str(), senderApp.c_str(), senderPort.c_str(),
-                                                      encoded.c_str()));
+    using ports::wire::Method;
+    GDBusMessagePtr call(g_dbus_message_new_method_call(busName.c_str(), kObjectPath,
+                                                        ports::wire::InterfaceOf(Method::MessagePortDeliver),
+                                                        ports::wire::NameOf(Method::MessagePortDeliver)));
+    ports::wire::MessagePortDeliverIn in;
+    in.port = port.c_str();
+    in.senderApp = senderApp.c_str();
+    in.senderPort = senderPort.c_str();
+    in.message = encoded.c_str();
+    g_dbus_message_set_body(call.get(), ports::wire::ToVariant(in));
     g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
 
     DeliveryState& s = TheDeliveryState();

@@ -12,12 +12,13 @@
 #include <vector>
 
 #include "base/host_state.h"
-#include "bus/bus_connection.h"
+#include "ports/port_connection.h"
 #include "dlog.h"
 #include "identity/app_identity.h"
 #include "message_port.h"
 #include "ports/port_delivery.h"
-#include "host_control.h"
+#include "host_control/identity.h"
+#include "host_control/base.h"
 
 namespace tilvane {
 namespace host {
@@ -145,7 +146,7 @@ extern "C" int message_port_add_unregistered_cb(const char* remote_app_id, const
         return MESSAGE_PORT_ERROR_IO_ERROR;
     }
     int result = MESSAGE_PORT_ERROR_NONE;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &result);
+    GDBusConnectionPtr connection = PortsConnection(false, &result);
     if (!connection) {
         return result;
     }

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "registry/app_registry.h"
-#include "host_control.h"
+#include "host_control/base.h"
 
 struct app_info_s {
     std::string appId;

@@ -18,8 +18,9 @@
 #include <mutex>
 #include <set>
 
-#include "identity/bus_policy.h"
-#include "identity/credentials.h"
+#include "registry/bus_policy.h"
+#include "identity/identity_mode.h"
+#include "host_control/identity.h"
 #include "base/host_state.h"
 #include "config/platform_config.h"
 #include "config/shared_database_file.h"

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "host_control.h"
+#include "host_control/registry.h"
 
 namespace tilvane {
 namespace host {

@@ -12,7 +12,8 @@
 #include <vector>
 
 #include "registry/app_registry.h"
-#include "host_control.h"
+#include "host_control/registry.h"
+#include "host_control/base.h"
 
 struct package_info_s {
     std::string packageId;

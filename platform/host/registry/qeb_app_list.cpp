@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "registry/app_registry.h"
-#include "host_control.h"
+#include "host_control/base.h"
 
 extern "C" int qeb_get_app_list(int type, int subtype, int region, int sort, int offset, int reserved, void** list,
                                 int* count)

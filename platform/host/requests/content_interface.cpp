@@ -1,9 +1,9 @@
 /*
  * The content-library interface: org.tilvane.Content at /org/tilvane/Content.
- * Its calls run here on the default main context, one small function per
- * method, each handing the request to the callback registered for its kind
- * and URI. Every method but Select is served as a ContentStep
- * (content_steps.h), the same way a step of an atomic publish is.
+ * Its typed requests run here on the default main context, one handler per
+ * method (request_handlers.h), each handing the request to the callback
+ * registered for its kind and URI. Every method but Select is served as a
+ * ContentStep (content_steps.h), the same way a step of an atomic publish is.
  */
 #include <cstring>
 #include <memory>
@@ -11,12 +11,13 @@
 
 #include "SQLiteCursor.h"
 #include "SharedQueryObject.h"
+#include "confinement_policy.h"
 #include "content_provider_dispatch.h"
 #include "requests/content_steps.h"
-#include "requests/request_glue.h"
-#include "bundle/row_codec.h"
 #include "requests/reply_budget.h"
-#include "requests/refusal_reasons.h"
+#include "requests/request_glue.h"
+#include "requests/request_handlers.h"
+#include "requests/row_codec.h"
 
 namespace tilvane {
 namespace host {
@@ -24,25 +25,18 @@ namespace requests {
 
 namespace {
 
-/* ---- content-library interface ----------------------------------------------- */
-
-/* The texts of a bulk's rows (owned by `array`), or why they are refused:
- * more rows or bytes than a bulk may have. */
-BundleRefusal BulkTexts(GVariant* array, std::vector<std::pair<const gchar*, size_t>>& texts)
+/* The texts of a bulk's rows, or why they are refused: more rows or bytes
+ * than a bulk may have. */
+BundleRefusal BulkTexts(const std::vector<const char*>& texts, std::vector<size_t>& lengths)
 {
-    const gsize count = g_variant_n_children(array);
-    if (count > kBulkMaxRows) {
+    if (texts.size() > kBulkMaxRows) {
         return BundleRefusal::OverLimits;
     }
-    texts.reserve(count);
+    lengths.reserve(texts.size());
     size_t total = 0;
-    GVariantIter iter;
-    g_variant_iter_init(&iter, array);
-    const gchar* text = nullptr;
-    while (g_variant_iter_next(&iter, "&s", &text)) {
-        const size_t length = std::strlen(text);
-        texts.emplace_back(text, length);
-        total += length;
+    for (const char* text : texts) {
+        lengths.push_back(std::strlen(text));
+        total += lengths.back();
     }
     return total > kBulkMaxBytes ? BundleRefusal::OverLimits : BundleRefusal::None;
 }
@@ -73,63 +67,92 @@ Record StepRecord(const std::string& clientApp, const ContentStep& step)
     return record;
 }
 
-/* Calls the provider's callback of the step's kind; false when none is
- * registered. */
-bool DispatchStep(const std::string& clientApp, ContentStep& step, const RequestReport& report, StepOutcome& outcome)
+/* A row-id lookup: the provider's callback, and the ids it found. */
+bool DispatchGetIdStep(const std::string& clientApp, ContentStep& step, const RequestReport& report,
+                       StepOutcome& outcome)
 {
-    using namespace tilvane::content;
-    bool found = false;
-    if (step.kind == RequestKind::Insert) {
+    auto in = StepRecord<PT_PROVIDER_SELECT_IN_PARAM>(clientApp, step);
+    in.strWhere = step.where;
+    in.vecWhereArgs = step.whereArgs;
+    PT_PROVIDER_GET_ID_OUT_PARAM out;
+    bool answered = false;
+    const bool found = content::DispatchGetId(in, out, answered);
+    outcome.rowIds = std::move(out.vecRowIds);
+    if (found && !answered) {
+        const Reason reason = NoResultReason(report, "the provider's row-id lookup failed");
+        outcome.error = kErrorNoResult;
+        outcome.errorText = reason.text;
+        outcome.errorReason = reason.code;
+    } else if (found && !report.budget.empty()) {
+        /* The provider stops at a failed step and answers what it had read. */
+        outcome.error = kErrorNoResult;
+        outcome.errorText = report.budget;
+        outcome.errorReason = TILVANE_REASON_BUDGET;
+    }
+    return found;
+}
+
+/* An insert or a bulk insert: the provider's callback and the new row's id. */
+bool DispatchInsertStep(const std::string& clientApp, ContentStep& step, StepOutcome& outcome)
+{
+    if (step.kind == content::RequestKind::Insert) {
         auto in = StepRecord<PT_PROVIDER_INSERT_IN_PARAM>(clientApp, step);
         in.pValues = OnlyRow(step);
         PT_PROVIDER_INSERT_OUT_PARAM out;
-        found = DispatchInsert(in, out, outcome.result);
+        const bool found = content::DispatchInsert(in, out, outcome.result);
         outcome.rowId = out.nRowId;
         outcome.reason = SyncMarkOf(in.pValues);
-        outcome.syncEndMark = outcome.reason == kSyncEndMarkSent;
-    } else if (step.kind == RequestKind::BulkInsert) {
-        auto in = StepRecord<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM>(clientApp, step);
-        in.vecValues = Borrowed(step.rows);
-        PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM out;
-        found = DispatchBulkInsert(in, out, outcome.result);
-        outcome.rowId = out.nRowId;
-    } else if (step.kind == RequestKind::Update) {
+        outcome.syncEndMark = outcome.reason.code == TILVANE_REASON_SYNC_END_MARK;
+        return found;
+    }
+    auto in = StepRecord<PT_PROVIDER_INSERT_FOR_BULKDATA_IN_PARAM>(clientApp, step);
+    in.vecValues = Borrowed(step.rows);
+    PT_PROVIDER_INSERT_FOR_BULKDATA_OUT_PARAM out;
+    const bool found = content::DispatchBulkInsert(in, out, outcome.result);
+    outcome.rowId = out.nRowId;
+    return found;
+}
+
+/* An update, bulk update or delete: the provider's callback. */
+bool DispatchChangeStep(const std::string& clientApp, ContentStep& step, StepOutcome& outcome)
+{
+    using content::RequestKind;
+    if (step.kind == RequestKind::Update) {
         auto in = StepRecord<PT_PROVIDER_UPDATE_IN_PARAM>(clientApp, step);
         in.pValues = OnlyRow(step);
         in.strWhere = step.where;
         in.vecWhereArgs = step.whereArgs;
         PT_PROVIDER_UPDATE_OUT_PARAM out;
-        found = DispatchUpdate(in, out, outcome.result);
-    } else if (step.kind == RequestKind::BulkUpdate) {
+        return content::DispatchUpdate(in, out, outcome.result);
+    }
+    if (step.kind == RequestKind::BulkUpdate) {
         auto in = StepRecord<PT_PROVIDER_UPDATE_FOR_BULKDATA_IN_PARAM>(clientApp, step);
         in.vecValues = Borrowed(step.rows);
         PT_PROVIDER_UPDATE_FOR_BULKDATA_OUT_PARAM out;
-        found = DispatchBulkUpdate(in, out, outcome.result);
-    } else if (step.kind == RequestKind::Delete) {
-        auto in = StepRecord<PT_PROVIDER_DELETE_IN_PARAM>(clientApp, step);
-        in.strWhere = step.where;
-        in.vecWhereArgs = step.whereArgs;
-        found = DispatchDelete(in, outcome.result);
-    } else if (step.kind == RequestKind::GetId) {
-        auto in = StepRecord<PT_PROVIDER_SELECT_IN_PARAM>(clientApp, step);
-        in.strWhere = step.where;
-        in.vecWhereArgs = step.whereArgs;
-        PT_PROVIDER_GET_ID_OUT_PARAM out;
-        bool answered = false;
-        found = DispatchGetId(in, out, answered);
-        outcome.rowIds = std::move(out.vecRowIds);
-        if (found && !answered) {
-            outcome.error = kErrorNoResult;
-            outcome.errorText = NoResultText(report, "the provider's row-id lookup failed");
-        } else if (found && !report.budget.empty()) {
-            /* The provider stops at a failed step and answers what it had read. */
-            outcome.error = kErrorNoResult;
-            outcome.errorText = report.budget;
-        }
+        return content::DispatchBulkUpdate(in, out, outcome.result);
+    }
+    auto in = StepRecord<PT_PROVIDER_DELETE_IN_PARAM>(clientApp, step);
+    in.strWhere = step.where;
+    in.vecWhereArgs = step.whereArgs;
+    return content::DispatchDelete(in, outcome.result);
+}
+
+/* Calls the provider's callback of the step's kind; false when none is
+ * registered. */
+bool DispatchStep(const std::string& clientApp, ContentStep& step, const RequestReport& report, StepOutcome& outcome)
+{
+    using content::RequestKind;
+    bool found = false;
+    if (step.kind == RequestKind::GetId) {
+        found = DispatchGetIdStep(clientApp, step, report, outcome);
+    } else if (step.kind == RequestKind::Insert || step.kind == RequestKind::BulkInsert) {
+        found = DispatchInsertStep(clientApp, step, outcome);
+    } else {
+        found = DispatchChangeStep(clientApp, step, outcome);
     }
     outcome.changedRows = outcome.result == 0 ? report.changedRows : 0;
-    if (outcome.reason.empty()) {
-        outcome.reason = ReasonForCode(outcome.result, report);
+    if (outcome.reason.code == TILVANE_REASON_NONE) {
+        outcome.reason = ReasonForResult(outcome.result, report);
     }
     return found;
 }
@@ -154,23 +177,25 @@ StepOutcome ServeContentStep(const std::string& clientApp, ContentStep& step)
     if (scope.Refused()) {
         outcome.error = kErrorRefused;
         outcome.errorText = scope.RefusalText();
+        outcome.errorReason = TILVANE_REASON_STRICT_CONFINEMENT;
     } else if (!found) {
         outcome.error = kErrorNotServed;
         outcome.errorText = kNoCallbackText;
+        outcome.errorReason = TILVANE_REASON_NONE;
     }
     return outcome;
 }
 
-BundleRefusal DecodeRows(GVariant* array, std::vector<BundlePtr>& rows)
+BundleRefusal DecodeRows(const std::vector<const char*>& texts, std::vector<BundlePtr>& rows)
 {
-    std::vector<std::pair<const gchar*, size_t>> texts;
-    BundleRefusal why = BulkTexts(array, texts);
+    std::vector<size_t> lengths;
+    BundleRefusal why = BulkTexts(texts, lengths);
     if (why != BundleRefusal::None) {
         return why;
     }
     rows.reserve(texts.size());
-    for (const auto& text : texts) {
-        BundlePtr b = DecodeBundle(text.first, text.second, &why);
+    for (size_t i = 0; i < texts.size(); ++i) {
+        BundlePtr b = DecodeBundle(texts[i], lengths[i], &why);
         if (b == nullptr) {
             rows.clear();
             return why;
@@ -187,204 +212,222 @@ const char* RowsRefusal(BundleRefusal why)
 
 namespace {
 
-/* True (and the call answered) when the step ended in an error. */
-bool AnsweredStepError(Job& job, const StepOutcome& outcome)
+Failure StepFailure(const StepOutcome& outcome)
 {
-    if (outcome.error == nullptr) {
-        return false;
-    }
-    ReturnError(job.invocation.get(), outcome.error, outcome.errorText.c_str());
-    return true;
+    return Failure{outcome.error, outcome.errorText, outcome.errorReason};
 }
 
-/* (result, x, reason) of a write: x the new (last) row's id of an insert,
- * the rows changed by an update or delete. */
-void ReplyWrite(Job& job, ContentStep& step)
+/* An insert's reply carries the new (last) row's id, ... */
+template <typename Out>
+auto SetCount(Out& out, const StepOutcome& outcome, int) -> decltype(out.rowId, void())
 {
-    const StepOutcome outcome = ServeContentStep(job.clientApp, step);
-    if (AnsweredStepError(job, outcome)) {
-        return;
-    }
-    const bool inserts = step.kind == content::RequestKind::Insert || step.kind == content::RequestKind::BulkInsert;
-    CountResultCode(outcome.result);
-    g_dbus_method_invocation_return_value(
-        job.invocation.get(), g_variant_new("(ixs)", outcome.result,
-                                            static_cast<gint64>(inserts ? outcome.rowId : outcome.changedRows),
-                                            outcome.reason.c_str()));
+    out.rowId = outcome.rowId;
 }
 
-ContentStep StepOf(const Job& job, content::RequestKind kind)
+/* ... an update's or delete's the rows it changed. */
+template <typename Out>
+void SetCount(Out& out, const StepOutcome& outcome, long)
+{
+    out.changedRows = outcome.changedRows;
+}
+
+/* The answer of a write: (result, x, reason), x the new (last) row's id of an
+ * insert, the rows changed by an update or delete; the result is the code. */
+template <typename Out>
+Answer<Out> AnswerWrite(const char* clientApp, ContentStep& step)
+{
+    const StepOutcome outcome = ServeContentStep(clientApp, step);
+    if (outcome.error != nullptr) {
+        return Answer<Out>::Fail(StepFailure(outcome));
+    }
+    Out out;
+    out.result = outcome.result;
+    out.reason = outcome.reason.text;
+    SetCount(out, outcome, 0);
+    return Answer<Out>::Reply(std::move(out));
+}
+
+ContentStep StepOf(content::RequestKind kind, const char* uri)
 {
     ContentStep step;
     step.kind = kind;
-    step.uri = StringArg(job.parameters.get(), 1);
+    step.uri = uri;
     return step;
 }
 
-/* The step's one row from the string argument at `index`; false after
- * answering why it is refused. */
-bool OneRowArg(Job& job, gsize index, ContentStep& step)
+/* The step's one row; false, with the failure, when it is refused. */
+bool OneRow(const char* encoded, ContentStep& step, Failure& failure)
 {
     BundleRefusal refused = BundleRefusal::None;
-    BundlePtr values = DecodeBundle(StringArg(job.parameters.get(), index), &refused);
+    BundlePtr values = DecodeBundle(encoded, &refused);
     if (values == nullptr) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(refused));
+        failure = Failure{kErrorInvalidRequest, ValuesRefusal(refused)};
         return false;
     }
     step.rows.push_back(std::move(values));
     return true;
 }
 
-/* The step's rows from the array argument at 2; false after answering why
- * they are refused. */
-bool BulkRowsArg(Job& job, ContentStep& step)
+/* The step's rows; false, with the failure, when they are refused. */
+bool BulkRows(const std::vector<const char*>& texts, ContentStep& step, Failure& failure)
 {
-    GVariantPtr rows(g_variant_get_child_value(job.parameters.get(), 2));
-    const BundleRefusal refused = DecodeRows(rows.get(), step.rows);
+    const BundleRefusal refused = DecodeRows(texts, step.rows);
     if (refused != BundleRefusal::None) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, RowsRefusal(refused));
+        failure = Failure{kErrorInvalidRequest, RowsRefusal(refused)};
         return false;
     }
     return true;
-}
-
-void ContentInsert(Job& job)
-{
-    ContentStep step = StepOf(job, content::RequestKind::Insert);
-    if (OneRowArg(job, 2, step)) {
-        ReplyWrite(job, step);
-    }
-}
-
-void ContentBulkInsert(Job& job)
-{
-    ContentStep step = StepOf(job, content::RequestKind::BulkInsert);
-    if (BulkRowsArg(job, step)) {
-        ReplyWrite(job, step);
-    }
-}
-
-void ContentBulkUpdate(Job& job)
-{
-    ContentStep step = StepOf(job, content::RequestKind::BulkUpdate);
-    if (BulkRowsArg(job, step)) {
-        ReplyWrite(job, step);
-    }
-}
-
-void ContentUpdate(Job& job)
-{
-    ContentStep step = StepOf(job, content::RequestKind::Update);
-    step.where = StringArg(job.parameters.get(), 3);
-    step.whereArgs = StringsArg(job.parameters.get(), 4);
-    if (OneRowArg(job, 2, step)) {
-        ReplyWrite(job, step);
-    }
-}
-
-void ContentDelete(Job& job)
-{
-    ContentStep step = StepOf(job, content::RequestKind::Delete);
-    step.where = StringArg(job.parameters.get(), 2);
-    step.whereArgs = StringsArg(job.parameters.get(), 3);
-    ReplyWrite(job, step);
-}
-
-void ContentGetRowIds(Job& job)
-{
-    ContentStep step = StepOf(job, content::RequestKind::GetId);
-    step.where = StringArg(job.parameters.get(), 2);
-    step.whereArgs = StringsArg(job.parameters.get(), 3);
-    const StepOutcome outcome = ServeContentStep(job.clientApp, step);
-    if (AnsweredStepError(job, outcome)) {
-        return;
-    }
-    if (outcome.rowIds.size() > MaxReplyPayloadBytes() / sizeof(int64_t)) {
-        NoteReplyTooLarge(job.clientApp, "Content.GetRowIds");
-        ReturnError(job.invocation.get(), kErrorNoResult, kReplyTooLargeText);
-        return;
-    }
-    GVariant* ids = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, outcome.rowIds.data(), outcome.rowIds.size(),
-                                              sizeof(int64_t));
-    g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ax)", ids));
-}
-
-/* Whether a select was served and answered; when not, the call has been
- * answered with why. */
-bool SelectAnswered(Job& job, const RequestReport& report, bool found, bool answered)
-{
-    if (AnsweredCurrentRefusal(job.invocation.get(), nullptr)) {
-        return false;
-    }
-    if (!found) {
-        ReturnError(job.invocation.get(), kErrorNotServed, kNoCallbackText);
-        return false;
-    }
-    if (!answered) {
-        ReturnError(job.invocation.get(), kErrorNoResult, NoResultText(report, "the provider's select failed").c_str());
-        return false;
-    }
-    return true;
-}
-
-void ContentSelect(Job& job, const RequestReport& report)
-{
-    using namespace tilvane::content;
-    GVariant* p = job.parameters.get();
-    PT_PROVIDER_SELECT_IN_PARAM in;
-    in.strAppId = job.clientApp;
-    in.strUri = StringArg(p, 1);
-    in.vecProjection = StringsArg(p, 2);
-    in.vecWhereArgs = StringsArg(p, 4);
-    in.strOrderBy = StringArg(p, 5);
-    in.strLimit = StringArg(p, 6);
-    in.strWhere = StringArg(p, 3);
-    if (!WithinRequestLimits({}, in.strWhere.c_str())) {
-        AnsweredCurrentRefusal(job.invocation.get(), nullptr);
-        return;
-    }
-    PT_PROVIDER_SELECT_OUT_PARAM out;
-    bool answered = false;
-    const bool found = DispatchSelect(in, out, answered);
-    if (!SelectAnswered(job, report, found, answered)) {
-        if (answered) {
-            CSharedQueryObject::TakeCursor(out.nRequestId);  // the refused request's cursor goes unread
-        }
-        return;
-    }
-    std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(out.nRequestId);
-    std::string encoded;
-    const RowsEncoding ended =
-        cursor ? EncodeCursorRows(*cursor, encoded, MaxReplyPayloadBytes()) : RowsEncoding::Failed;
-    if (ended == RowsEncoding::TooLarge) {
-        NoteReplyTooLarge(job.clientApp, "Content.Select");
-    }
-    if (ended != RowsEncoding::Done) {
-        ReturnError(job.invocation.get(), kErrorNoResult, BudgetOr(report, "the provider's select left no readable cursor"));
-        return;
-    }
-    g_dbus_method_invocation_return_value(job.invocation.get(), g_variant_new("(@ay)", RowsVariant(std::move(encoded))));
 }
 
 }  // namespace
 
-void RunContent(Job& job)
+Answer<wire::ContentInsertOut> Handle(const wire::ContentInsertIn& in)
 {
-    static const std::map<std::string, void (*)(Job&)> methods = {
-        {"Insert", ContentInsert}, {"BulkInsert", ContentBulkInsert}, {"BulkUpdate", ContentBulkUpdate},
-        {"Update", ContentUpdate}, {"Delete", ContentDelete},         {"GetRowIds", ContentGetRowIds},
-        {"Publish", RunPublish},
-    };
-    if (job.method == "Select") {
-        confinement::RequestScope scope(confinement::TableOfUri(StringArg(job.parameters.get(), 1)), job.clientApp);
-        RequestReportScope reportScope;
-        ContentSelect(job, reportScope.Report());
-        return;
+    ContentStep step = StepOf(content::RequestKind::Insert, in.uri);
+    Failure failure;
+    if (!OneRow(in.values, step, failure)) {
+        return Answer<wire::ContentInsertOut>::Fail(failure);
     }
-    auto method = methods.find(job.method);
-    if (method != methods.end()) {
-        method->second(job);
+    return AnswerWrite<wire::ContentInsertOut>(in.clientApp, step);
+}
+
+Answer<wire::ContentBulkInsertOut> Handle(const wire::ContentBulkInsertIn& in)
+{
+    ContentStep step = StepOf(content::RequestKind::BulkInsert, in.uri);
+    Failure failure;
+    if (!BulkRows(in.rows, step, failure)) {
+        return Answer<wire::ContentBulkInsertOut>::Fail(failure);
     }
+    return AnswerWrite<wire::ContentBulkInsertOut>(in.clientApp, step);
+}
+
+Answer<wire::ContentUpdateOut> Handle(const wire::ContentUpdateIn& in)
+{
+    ContentStep step = StepOf(content::RequestKind::Update, in.uri);
+    step.where = in.where;
+    step.whereArgs = Strings(in.whereArgs);
+    Failure failure;
+    if (!OneRow(in.values, step, failure)) {
+        return Answer<wire::ContentUpdateOut>::Fail(failure);
+    }
+    return AnswerWrite<wire::ContentUpdateOut>(in.clientApp, step);
+}
+
+Answer<wire::ContentBulkUpdateOut> Handle(const wire::ContentBulkUpdateIn& in)
+{
+    ContentStep step = StepOf(content::RequestKind::BulkUpdate, in.uri);
+    Failure failure;
+    if (!BulkRows(in.rows, step, failure)) {
+        return Answer<wire::ContentBulkUpdateOut>::Fail(failure);
+    }
+    return AnswerWrite<wire::ContentBulkUpdateOut>(in.clientApp, step);
+}
+
+Answer<wire::ContentDeleteOut> Handle(const wire::ContentDeleteIn& in)
+{
+    ContentStep step = StepOf(content::RequestKind::Delete, in.uri);
+    step.where = in.where;
+    step.whereArgs = Strings(in.whereArgs);
+    return AnswerWrite<wire::ContentDeleteOut>(in.clientApp, step);
+}
+
+Answer<wire::ContentGetRowIdsOut> Handle(const wire::ContentGetRowIdsIn& in)
+{
+    using Reply = Answer<wire::ContentGetRowIdsOut>;
+    ContentStep step = StepOf(content::RequestKind::GetId, in.uri);
+    step.where = in.where;
+    step.whereArgs = Strings(in.whereArgs);
+    StepOutcome outcome = ServeContentStep(in.clientApp, step);
+    if (outcome.error != nullptr) {
+        return Reply::Fail(StepFailure(outcome));
+    }
+    if (outcome.rowIds.size() > MaxReplyPayloadBytes() / sizeof(int64_t)) {
+        NoteReplyTooLarge(in.clientApp, "Content.GetRowIds");
+        return Reply::Fail(Failure{kErrorNoResult, kReplyTooLargeText, TILVANE_REASON_BUDGET});
+    }
+    wire::ContentGetRowIdsOut out;
+    out.rowIds = std::move(outcome.rowIds);
+    return Reply::Reply(std::move(out));
+}
+
+namespace {
+
+using SelectAnswer = Answer<wire::ContentSelectOut>;
+
+/* Why a select has no rows to send: refused under strict confinement, not
+ * served, or not answered; false when it has. */
+bool SelectFailed(const RequestReport& report, bool found, bool answered, Failure& failure)
+{
+    confinement::RequestContext* request = confinement::CurrentRequest();
+    if (request != nullptr && request->refused) {
+        failure = Failure{kErrorRefused,
+                          request->reason + " (strict confinement, rule " + request->rule + ", result " +
+                              std::to_string(CONFINEMENT_POLICY_REFUSED) + ")",
+                          TILVANE_REASON_STRICT_CONFINEMENT};
+        return true;
+    }
+    if (!found) {
+        failure = Failure{kErrorNotServed, kNoCallbackText};
+        return true;
+    }
+    if (!answered) {
+        const Reason reason = NoResultReason(report, "the provider's select failed");
+        failure = Failure{kErrorNoResult, reason.text, reason.code};
+        return true;
+    }
+    return false;
+}
+
+/* The rows of the cursor the provider stored, or why they cannot be sent. */
+SelectAnswer EncodedRows(const char* clientApp, int requestId, const RequestReport& report)
+{
+    std::shared_ptr<ISQLiteCursor> cursor = CSharedQueryObject::TakeCursor(requestId);
+    wire::ContentSelectOut out;
+    const RowsEncoding ended =
+        cursor ? EncodeCursorRows(*cursor, out.rows.owned, MaxReplyPayloadBytes()) : RowsEncoding::Failed;
+    if (ended == RowsEncoding::TooLarge) {
+        NoteReplyTooLarge(clientApp, "Content.Select");
+    }
+    if (ended != RowsEncoding::Done) {
+        const bool budget = !report.budget.empty();
+        return SelectAnswer::Fail(Failure{kErrorNoResult,
+                                          budget ? report.budget : "the provider's select left no readable cursor",
+                                          budget ? TILVANE_REASON_BUDGET : TILVANE_REASON_NONE});
+    }
+    return SelectAnswer::Reply(std::move(out));
+}
+
+}  // namespace
+
+Answer<wire::ContentSelectOut> Handle(const wire::ContentSelectIn& in)
+{
+    confinement::RequestScope scope(confinement::TableOfUri(in.uri), in.clientApp);
+    RequestReportScope reportScope;
+    PT_PROVIDER_SELECT_IN_PARAM request;
+    request.strAppId = in.clientApp;
+    request.strUri = in.uri;
+    request.vecProjection = Strings(in.projection);
+    request.vecWhereArgs = Strings(in.whereArgs);
+    request.strOrderBy = in.order;
+    request.strLimit = in.limit;
+    request.strWhere = in.where;
+    /* Over strict confinement's limits: refused, with the refusal recorded. */
+    Failure failure{kErrorRefused, "the request is over strict confinement's limits",
+                    TILVANE_REASON_STRICT_CONFINEMENT};
+    if (!WithinRequestLimits({}, request.strWhere.c_str())) {
+        SelectFailed(reportScope.Report(), true, true, failure);
+        return SelectAnswer::Fail(failure);
+    }
+    PT_PROVIDER_SELECT_OUT_PARAM out;
+    bool answered = false;
+    const bool found = content::DispatchSelect(request, out, answered);
+    if (SelectFailed(reportScope.Report(), found, answered, failure)) {
+        if (answered) {
+            CSharedQueryObject::TakeCursor(out.nRequestId);  // the refused request's cursor goes unread
+        }
+        return SelectAnswer::Fail(failure);
+    }
+    return EncodedRows(in.clientApp, out.nRequestId, reportScope.Report());
 }
 
 }  // namespace requests

@@ -32,7 +32,8 @@
  * none) and the rows each step changed (updates and deletes; 0 for the
  * others); or the failing step's index (the number of steps for the commit)
  * with either the error name and text its single method would answer with, or
- * the provider's result and reason.
+ * the provider's result and reason (an error names the reason's code after
+ * it, as the single method's would).
  */
 #include <sqlite3.h>
 
@@ -40,11 +41,13 @@
 #include <map>
 #include <utility>
 
+#include "base/glib_ptr.h"
 #include "content/outer_transaction.h"
 #include "ports/held_sends.h"
 #include "requests/content_steps.h"
 #include "requests/refusal_reasons.h"
 #include "requests/request_glue.h"
+#include "requests/request_handlers.h"
 
 namespace tilvane {
 namespace host {
@@ -53,8 +56,8 @@ namespace {
 
 struct PublishStep {
     ContentStep request;
-    std::vector<std::pair<std::string, guint32>> valueRefs;
-    std::vector<std::pair<guint32, guint32>> argRefs;
+    std::vector<std::pair<std::string, uint32_t>> valueRefs;
+    std::vector<std::pair<uint32_t, uint32_t>> argRefs;
 };
 
 /* How a publish ended. */
@@ -64,22 +67,28 @@ struct PublishEnd {
     int step = -1;
     int result = 0;
     std::string error;
-    std::string reason;
+    Reason reason;
 };
 
-/* The request kinds a step may name, by their method names. */
+/* The request kind of a step: the method of the content interface it names,
+ * one of those that change rows or look up row ids. */
 bool KindOf(const char* name, content::RequestKind& kind)
 {
     using content::RequestKind;
-    static const std::map<std::string, RequestKind> kinds = {
-        {"Insert", RequestKind::Insert}, {"BulkInsert", RequestKind::BulkInsert}, {"Update", RequestKind::Update},
-        {"BulkUpdate", RequestKind::BulkUpdate}, {"Delete", RequestKind::Delete}, {"GetRowIds", RequestKind::GetId}};
-    auto found = kinds.find(name);
-    if (found == kinds.end()) {
+    using wire::Method;
+    Method method = Method::ContentSelect;
+    if (!wire::FindMethod(kContentInterface, name, method)) {
         return false;
     }
-    kind = found->second;
-    return true;
+    switch (method) {
+    case Method::ContentInsert: kind = RequestKind::Insert; return true;
+    case Method::ContentBulkInsert: kind = RequestKind::BulkInsert; return true;
+    case Method::ContentUpdate: kind = RequestKind::Update; return true;
+    case Method::ContentBulkUpdate: kind = RequestKind::BulkUpdate; return true;
+    case Method::ContentDelete: kind = RequestKind::Delete; return true;
+    case Method::ContentGetRowIds: kind = RequestKind::GetId; return true;
+    default: return false;
+    }
 }
 
 /* How many rows a step of `kind` carries: -1 any number, else exactly. */
@@ -93,26 +102,20 @@ int RowsOfKind(content::RequestKind kind)
 }
 
 /* What the encoded rows of all steps add up to, before anything is decoded. */
-bool WithinPublishLimits(GVariant* steps, std::string& why)
+bool WithinPublishLimits(const std::vector<wire::PublishStep>& steps, std::string& why)
 {
-    const gsize count = g_variant_n_children(steps);
     size_t rows = 0;
     size_t bytes = 0;
-    for (gsize i = 0; i < count; ++i) {
-        GVariantPtr step(g_variant_get_child_value(steps, i));
-        GVariantPtr texts(g_variant_get_child_value(step.get(), 2));
-        rows += g_variant_n_children(texts.get());
-        for (gsize r = 0; r < g_variant_n_children(texts.get()); ++r) {
-            gsize length = 0;
-            GVariantPtr text(g_variant_get_child_value(texts.get(), r));
-            g_variant_get_string(text.get(), &length);
-            bytes += length;
+    for (const wire::PublishStep& step : steps) {
+        rows += step.rows.size();
+        for (const char* text : step.rows) {
+            bytes += std::strlen(text);
         }
     }
-    if (count == 0 || count > kPublishMaxSteps || rows > kPublishMaxRows || bytes > kPublishMaxBytes) {
+    if (steps.empty() || steps.size() > kPublishMaxSteps || rows > kPublishMaxRows || bytes > kPublishMaxBytes) {
         why = "a publish has 1 to " + std::to_string(kPublishMaxSteps) + " steps, at most " +
               std::to_string(kPublishMaxRows) + " rows and " + std::to_string(kPublishMaxBytes) +
-              " bytes of rows; this one has " + std::to_string(count) + " steps, " + std::to_string(rows) +
+              " bytes of rows; this one has " + std::to_string(steps.size()) + " steps, " + std::to_string(rows) +
               " rows and " + std::to_string(bytes) + " bytes";
         return false;
     }
@@ -120,23 +123,17 @@ bool WithinPublishLimits(GVariant* steps, std::string& why)
 }
 
 /* The back-references of step `index`, each to an earlier step. */
-bool ReadReferences(GVariant* valueRefs, GVariant* argRefs, size_t index, PublishStep& step, std::string& why)
+bool ReadReferences(const wire::PublishStep& wire, size_t index, PublishStep& step, std::string& why)
 {
-    if (g_variant_n_children(valueRefs) + g_variant_n_children(argRefs) > kPublishMaxReferencesPerStep) {
+    if (wire.valueRefs.size() + wire.argRefs.size() > kPublishMaxReferencesPerStep) {
         why = "more than " + std::to_string(kPublishMaxReferencesPerStep) + " back-references";
         return false;
     }
-    GVariantIter iter;
-    const gchar* column = nullptr;
-    guint32 target = 0;
-    g_variant_iter_init(&iter, valueRefs);
-    while (g_variant_iter_next(&iter, "(&su)", &column, &target)) {
-        step.valueRefs.emplace_back(column, target);
+    for (const wire::PublishValueRef& ref : wire.valueRefs) {
+        step.valueRefs.emplace_back(ref.column, ref.step);
     }
-    guint32 argument = 0;
-    g_variant_iter_init(&iter, argRefs);
-    while (g_variant_iter_next(&iter, "(uu)", &argument, &target)) {
-        step.argRefs.emplace_back(argument, target);
+    for (const wire::PublishArgRef& ref : wire.argRefs) {
+        step.argRefs.emplace_back(ref.index, ref.step);
     }
     for (const auto& ref : step.valueRefs) {
         if (ref.second >= index || RowsOfKind(step.request.kind) == 0) {
@@ -154,48 +151,37 @@ bool ReadReferences(GVariant* valueRefs, GVariant* argRefs, size_t index, Publis
 }
 
 /* One step of the call, decoded; false with `why` when it is malformed. */
-bool ReadStep(GVariant* variant, size_t index, PublishStep& step, std::string& why)
+bool ReadStep(const wire::PublishStep& wire, size_t index, PublishStep& step, std::string& why)
 {
-    const gchar* kind = nullptr;
-    const gchar* uri = nullptr;
-    const gchar* where = nullptr;
-    GVariant* rows = nullptr;
-    GVariant* args = nullptr;
-    GVariant* valueRefs = nullptr;
-    GVariant* argRefs = nullptr;
-    g_variant_get(variant, "(&s&s@as&s@as@a(su)@a(uu))", &kind, &uri, &rows, &where, &args, &valueRefs, &argRefs);
-    GVariantPtr owned[] = {GVariantPtr(rows), GVariantPtr(args), GVariantPtr(valueRefs), GVariantPtr(argRefs)};
-    step.request.uri = uri;
-    step.request.where = where;
-    step.request.whereArgs = StringsOf(args);
-    if (!KindOf(kind, step.request.kind)) {
-        why = std::string("\"") + kind + "\" is not a kind of step";
+    step.request.uri = wire.uri;
+    step.request.where = wire.where;
+    step.request.whereArgs = Strings(wire.whereArgs);
+    if (!KindOf(wire.kind, step.request.kind)) {
+        why = std::string("\"") + wire.kind + "\" is not a kind of step";
         return false;
     }
-    const BundleRefusal refused = DecodeRows(rows, step.request.rows);
+    const BundleRefusal refused = DecodeRows(wire.rows, step.request.rows);
     if (refused != BundleRefusal::None) {
         why = RowsRefusal(refused);
         return false;
     }
     const int expected = RowsOfKind(step.request.kind);
     if (expected >= 0 && step.request.rows.size() != static_cast<size_t>(expected)) {
-        why = std::string(kind) + " takes " + std::to_string(expected) + " row(s), not " +
+        why = std::string(wire.kind) + " takes " + std::to_string(expected) + " row(s), not " +
               std::to_string(step.request.rows.size());
         return false;
     }
-    return ReadReferences(valueRefs, argRefs, index, step, why);
+    return ReadReferences(wire, index, step, why);
 }
 
-bool ReadSteps(GVariant* parameters, std::vector<PublishStep>& steps, std::string& why)
+bool ReadSteps(const std::vector<wire::PublishStep>& wire, std::vector<PublishStep>& steps, std::string& why)
 {
-    GVariantPtr array(g_variant_get_child_value(parameters, 1));
-    if (!WithinPublishLimits(array.get(), why)) {
+    if (!WithinPublishLimits(wire, why)) {
         return false;
     }
-    steps.resize(g_variant_n_children(array.get()));
+    steps.resize(wire.size());
     for (size_t i = 0; i < steps.size(); ++i) {
-        GVariantPtr step(g_variant_get_child_value(array.get(), i));
-        if (!ReadStep(step.get(), i, steps[i], why)) {
+        if (!ReadStep(wire[i], i, steps[i], why)) {
             why = "step " + std::to_string(i) + ": " + why;
             return false;
         }
@@ -251,15 +237,15 @@ void RunSteps(const std::string& clientApp, std::vector<PublishStep>& steps,
     for (size_t i = 0; i < steps.size(); ++i) {
         std::string why;
         if (!ResolveReferences(steps[i], end.rowIds, why)) {
-            end = PublishEnd{{}, {}, static_cast<int>(i), 0, kErrorInvalidRequest, why};
+            end = PublishEnd{{}, {}, static_cast<int>(i), 0, kErrorInvalidRequest, Reason{TILVANE_REASON_NONE, why}};
             return;
         }
         const StepOutcome outcome = ServeContentStep(clientApp, steps[i].request);
         if (!StepSucceeded(outcome)) {
             end = PublishEnd{{}, {}, static_cast<int>(i), outcome.result, outcome.error ? outcome.error : "",
-                             outcome.error ? outcome.errorText : outcome.reason};
+                             outcome.error ? Reason{outcome.errorReason, outcome.errorText} : outcome.reason};
             if (transaction.JoinFailure() != 0) {
-                end.reason = transaction.JoinFailureText();
+                end.reason = Reason{TILVANE_REASON_STATEMENT_FAILED, transaction.JoinFailureText()};
             }
             return;
         }
@@ -285,7 +271,8 @@ PublishEnd Publish(const std::string& clientApp, std::vector<PublishStep>& steps
     if (committed != SQLITE_OK) {
         held.Drop();
         return PublishEnd{{}, {}, static_cast<int>(steps.size()), committed, "",
-                          std::string("the changes could not be stored: ") + sqlite3_errstr(committed)};
+                          Reason{TILVANE_REASON_STATEMENT_FAILED,
+                                 std::string("the changes could not be stored: ") + sqlite3_errstr(committed)}};
     }
     held.Release();
     return end;
@@ -293,40 +280,49 @@ PublishEnd Publish(const std::string& clientApp, std::vector<PublishStep>& steps
 
 }  // namespace
 
-GVariant* AnswerPublish(const std::string& clientApp, GVariant* parameters, std::string& invalid)
+Answer<wire::ContentPublishOut> Handle(const wire::ContentPublishIn& in)
 {
     std::vector<PublishStep> steps;
-    if (!ReadSteps(parameters, steps, invalid)) {
-        return nullptr;
+    std::string invalid;
+    if (!ReadSteps(in.steps, steps, invalid)) {
+        return Answer<wire::ContentPublishOut>::Fail(Failure{kErrorInvalidRequest, invalid});
     }
-    const PublishEnd end = Publish(clientApp, steps);
+    PublishEnd end = Publish(in.clientApp, steps);
     if (!end.error.empty()) {
-        CountErrorAnswer(end.error.c_str(), end.reason);
+        CountFailure(end.error.c_str(), end.reason.code, end.reason.text);
     } else {
         CountResultCode(end.result);
     }
     if (end.step < 0) {
-        REQUEST_LOGI("publish of %s: %zu step(s) stored", clientApp.c_str(), steps.size());
+        REQUEST_LOGI("publish of %s: %zu step(s) stored", in.clientApp, steps.size());
     } else {
-        REQUEST_LOGI("publish of %s: step %d of %zu failed, nothing stored: %s", clientApp.c_str(), end.step,
-                     steps.size(), end.reason.c_str());
+        REQUEST_LOGI("publish of %s: step %d of %zu failed, nothing stored: %s", in.clientApp, end.step,
+                     steps.size(), end.reason.text.c_str());
     }
-    GVariant* ids =
-        g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.rowIds.data(), end.rowIds.size(), sizeof(int64_t));
-    GVariant* changed = g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, end.changedRows.data(),
-                                                  end.changedRows.size(), sizeof(int64_t));
-    return g_variant_new("(iiss@ax@ax)", end.result, end.step, end.error.c_str(), end.reason.c_str(), ids, changed);
+    wire::ContentPublishOut out;
+    out.result = end.result;
+    out.step = end.step;
+    out.error = end.error.empty() ? std::string() : ErrorName(end.error.c_str(), end.reason.code);
+    out.reason = std::move(end.reason.text);
+    out.rowIds = std::move(end.rowIds);
+    out.changedRows = std::move(end.changedRows);
+    return Answer<wire::ContentPublishOut>::Reply(std::move(out));
 }
 
-void RunPublish(Job& job)
+GVariant* AnswerPublish(const std::string& clientApp, GVariant* parameters, std::string& invalid)
 {
-    std::string invalid;
-    GVariant* reply = AnswerPublish(job.clientApp, job.parameters.get(), invalid);
-    if (reply == nullptr) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, invalid.c_str());
-        return;
+    wire::ContentPublishIn in;
+    if (!wire::Read(parameters, in)) {
+        invalid = "the arguments are not Publish's";
+        return nullptr;
     }
-    g_dbus_method_invocation_return_value(job.invocation.get(), reply);
+    in.clientApp = clientApp.c_str();
+    Answer<wire::ContentPublishOut> answer = Handle(in);
+    if (answer.failed) {
+        invalid = answer.failure.text;
+        return nullptr;
+    }
+    return wire::ToVariant(std::move(answer.out));
 }
 
 }  // namespace requests

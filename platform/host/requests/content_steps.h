@@ -8,8 +8,6 @@
 #ifndef TILVANE_PLATFORM_CONTENT_STEPS_H
 #define TILVANE_PLATFORM_CONTENT_STEPS_H
 
-#include <gio/gio.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "bundle/bundle_limits.h"
 #include "bundle_ptr.h"
 #include "content_provider_dispatch.h"
+#include "requests/request_glue.h"
 
 namespace tilvane {
 namespace host {
@@ -35,9 +34,11 @@ struct ContentStep {
 /* How the request ended: as the single method would answer it. */
 struct StepOutcome {
     /* The error the single method answers with (kErrorNotServed, kErrorRefused,
-     * kErrorNoResult), null when the provider answered with a result. */
+     * kErrorNoResult) and its reason, null when the provider answered with a
+     * result. */
     const char* error = nullptr;
     std::string errorText;
+    tilvane_reason errorReason = TILVANE_REASON_NONE;
     int result = 0;
     /* Insert, BulkInsert: the new (last) row's id. */
     int64_t rowId = -1;
@@ -45,8 +46,8 @@ struct StepOutcome {
     int64_t changedRows = 0;
     /* GetId: the ids found. */
     std::vector<int64_t> rowIds;
-    /* The reply's reason: empty on success, what a sync mark did, or why. */
-    std::string reason;
+    /* The reply's reason: none on success, what a sync mark did, or why. */
+    Reason reason;
     /* An Insert whose values carry the sync end mark: nothing is written and
      * the provider answers with its failure code by design. */
     bool syncEndMark = false;
@@ -56,9 +57,9 @@ struct StepOutcome {
  * under the request's confinement and report, after the request limits. */
 StepOutcome ServeContentStep(const std::string& clientApp, ContentStep& step);
 
-/* The rows of an encoded array ("as"), each a bundle, within the bulk limits;
- * why they are refused otherwise (`rows` left empty). */
-BundleRefusal DecodeRows(GVariant* array, std::vector<BundlePtr>& rows);
+/* The rows of a request (bundle_encode texts), each a bundle, within the bulk
+ * limits; why they are refused otherwise (`rows` left empty). */
+BundleRefusal DecodeRows(const std::vector<const char*>& texts, std::vector<BundlePtr>& rows);
 
 /* The error text of rows that were refused. */
 const char* RowsRefusal(BundleRefusal why);

@@ -1,7 +1,8 @@
 /*
  * The data-control interface: org.tilvane.DataControl at /org/tilvane/DataControl.
- * Its calls run here on the default main context (one small function per
- * method), and the provider side of the data-control API answers them.
+ * Its typed requests run here on the default main context (one handler per
+ * method, request_handlers.h), and the provider side of the data-control API
+ * answers them.
  */
 #include <sqlite3.h>
 
@@ -12,13 +13,16 @@
 #include <utility>
 
 #include "bus/bus_connection.h"
+#include "requests/request_names.h"
 #include "confinement_policy.h"
 #include "content/database.h"
 #include "content/statement_budget.h"
-#include "host_control.h"
+#include "host_control/base.h"
 #include "config/platform_config.h"
+#include "log/system_reasons.h"
 #include "requests/request_glue.h"
-#include "bundle/row_codec.h"
+#include "requests/request_handlers.h"
+#include "requests/row_codec.h"
 #include "requests/reply_budget.h"
 
 namespace tilvane {
@@ -26,8 +30,6 @@ namespace host {
 namespace requests {
 
 namespace {
-
-/* ---- data control ---------------------------------------------------------- */
 
 /* The data-control provider of this process as a request finds it. */
 struct DcProvider {
@@ -44,98 +46,16 @@ enum class DcHanded { Handed, NotServed, Unreadable, Refused };
  * sync mark of an insert did. */
 struct DcNotes {
     BundleRefusal refused = BundleRefusal::None;
-    std::string syncMark;
+    Reason syncMark;
 };
 
-/* One method of the data-control interface: hands the request (its id and
- * handle, the call's arguments) to the provider's callback for it. */
-using DcMethod = DcHanded (*)(const DcProvider& provider, int id, data_control_s& handle, GVariant* p,
-                              DcNotes& notes);
-
-DcHanded DcInsert(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& notes)
-{
-    BundlePtr data = DecodeBundle(StringArg(p, 3), &notes.refused);
-    if (data == nullptr) {
-        return DcHanded::Unreadable;
-    }
-    if (!WithinRequestLimits({data.get()}, nullptr)) {
-        return DcHanded::Refused;
-    }
-    if (provider.callbacks.insert_cb == nullptr) {
-        return DcHanded::NotServed;
-    }
-    provider.callbacks.insert_cb(id, &handle, data.get(), provider.userData);
-    notes.syncMark = SyncMarkOf(data.get());
-    return DcHanded::Handed;
-}
-
-DcHanded DcSelect(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& /*notes*/)
-{
-    const std::vector<std::string> columns = StringsArg(p, 3);
-    const gchar* where = StringArg(p, 4);
-    const gchar* order = StringArg(p, 5);
-    std::vector<const char*> pointers;
-    for (const std::string& column : columns) {
-        pointers.push_back(column.c_str());
-    }
-    pointers.push_back(nullptr);
-    if (!WithinRequestLimits({}, where)) {
-        return DcHanded::Refused;
-    }
-    if (provider.callbacks.select_cb == nullptr) {
-        return DcHanded::NotServed;
-    }
-    provider.callbacks.select_cb(id, &handle, pointers.data(), static_cast<int>(columns.size()), OrNull(where),
-                                 OrNull(order), provider.userData);
-    return DcHanded::Handed;
-}
-
-DcHanded DcUpdate(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& notes)
-{
-    const gchar* where = StringArg(p, 4);
-    BundlePtr data = DecodeBundle(StringArg(p, 3), &notes.refused);
-    if (data == nullptr) {
-        return DcHanded::Unreadable;
-    }
-    if (!WithinRequestLimits({data.get()}, where)) {
-        return DcHanded::Refused;
-    }
-    if (provider.callbacks.update_cb == nullptr) {
-        return DcHanded::NotServed;
-    }
-    provider.callbacks.update_cb(id, &handle, data.get(), OrNull(where), provider.userData);
-    return DcHanded::Handed;
-}
-
-DcHanded DcDelete(const DcProvider& provider, int id, data_control_s& handle, GVariant* p, DcNotes& /*notes*/)
-{
-    const gchar* where = StringArg(p, 3);
-    if (!WithinRequestLimits({}, where)) {
-        return DcHanded::Refused;
-    }
-    if (provider.callbacks.delete_cb == nullptr) {
-        return DcHanded::NotServed;
-    }
-    provider.callbacks.delete_cb(id, &handle, OrNull(where), provider.userData);
-    return DcHanded::Handed;
-}
-
-/* Each method, and the answer of the provider that completes it. */
-struct DcMethodEntry {
-    DcMethod hand;
-    DcRequest::Answer completion;
+/* One request as the provider's callback gets it: its id and handle. */
+struct DcCall {
+    const DcProvider& provider;
+    int id;
+    data_control_s& handle;
+    DcNotes& notes;
 };
-
-const std::map<std::string, DcMethodEntry>& DcMethods()
-{
-    static const std::map<std::string, DcMethodEntry> methods = {
-        {"Insert", {DcInsert, DcRequest::Answer::RowId}},
-        {"Select", {DcSelect, DcRequest::Answer::Rows}},
-        {"Update", {DcUpdate, DcRequest::Answer::Done}},
-        {"Delete", {DcDelete, DcRequest::Answer::Done}},
-    };
-    return methods;
-}
 
 DcProvider CurrentDcProvider()
 {
@@ -169,93 +89,195 @@ void EndDcRequest(const DcRequest& request)
     s.active.erase(request.id);
 }
 
-/* Answers the call with what the provider answered, when that completes it;
- * an update or delete with the rows it changed (`report`). */
-void ReturnDcAnswer(Job& job, DcRequest& request, DcRequest::Answer completion, const DcNotes& notes,
-                    const RequestReport& report)
-{
-    GDBusMethodInvocation* invocation = job.invocation.get();
-    switch (request.answer) {
-    case DcRequest::Answer::None:
-        REQUEST_LOGD("data-control request %d of %s: no result", request.id, request.clientApp.c_str());
-        /* A sync mark is answered with no result by design: say what it did. */
-        ReturnError(invocation, kErrorNoResult,
-                    !notes.syncMark.empty() ? notes.syncMark.c_str()
-                                            : NoResultText(report, "the provider sent no result").c_str());
-        return;
-    case DcRequest::Answer::Error:
-        ReturnError(invocation, kErrorProviderError, request.error.c_str());
-        return;
-    default:
-        break;
-    }
-    if (request.answer != completion) {
-        ReturnError(invocation, kErrorNoResult, "the provider sent a result of another kind of request");
-    } else if (completion == DcRequest::Answer::RowId) {
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(x)", static_cast<gint64>(request.rowId)));
-    } else if (completion == DcRequest::Answer::Rows) {
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(@ay)", RowsVariant(std::move(request.rows))));
-    } else {
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(x)", static_cast<gint64>(report.changedRows)));
-    }
-}
-
-/* The tables the provider declares; a request for anything else never
+/* The tables the provider declares ([data-control] data-ids, by default the
+ * service's: data/service-defaults.conf); a request for anything else never
  * reaches a callback. Compared exactly: SQLite would read "TILES" as tiles. */
 bool ServesDataId(const std::string& dataId)
 {
     std::vector<std::string> declared = config::StringList("data-control", "data-ids");
     if (declared.empty()) {
-        declared = {"accelerators", "sections", "tiles"};
+        declared = config::SplitList(config::Default("data-control", "data-ids"));
     }
     return std::find(declared.begin(), declared.end(), dataId) != declared.end();
 }
 
-}  // namespace
+/* How a request ended: the provider's answer, or why there is none. */
+struct DcOutcome {
+    bool failed = false;
+    Failure failure;
+    DcRequest request;
+    int64_t changedRows = 0;
+};
 
-void RunDataControl(Job& job)
+/* What the provider answered, when that completes a request of `completion`;
+ * the failure the call is answered with otherwise. */
+bool AnswerCompletes(const DcRequest& request, DcRequest::Answer completion, const DcNotes& notes,
+                     const RequestReport& report, Failure& failure)
 {
-    DcProvider provider = CurrentDcProvider();
-    GVariant* p = job.parameters.get();
-    const gchar* requestedProvider = StringArg(p, 1);
-    const gchar* dataId = StringArg(p, 2);
-    if (!provider.registered || provider.providerId != requestedProvider) {
-        ReturnError(job.invocation.get(), kErrorNotServed, "no data-control provider for this provider id here");
-        return;
+    if (request.answer == DcRequest::Answer::None) {
+        REQUEST_LOGD("data-control request %d of %s: no result", request.id, request.clientApp.c_str());
+        /* A sync mark is answered with no result by design: say what it did. */
+        const Reason reason = notes.syncMark.code != TILVANE_REASON_NONE
+                                  ? notes.syncMark
+                                  : NoResultReason(report, "the provider sent no result");
+        failure = Failure{kErrorNoResult, reason.text, reason.code};
+        return false;
+    }
+    if (request.answer == DcRequest::Answer::Error) {
+        failure = Failure{kErrorProviderError, request.error, ReasonOfSystemText(request.error)};
+        return false;
+    }
+    if (request.answer != completion) {
+        failure = Failure{kErrorNoResult, "the provider sent a result of another kind of request",
+                          TILVANE_REASON_NONE};
+        return false;
+    }
+    return true;
+}
+
+/* Runs request `in` for the provider's data id: `hand` gives it to the
+ * provider's callback of its kind, which answers it (or not). */
+template <typename In, typename Hand>
+DcOutcome ServeDataControl(const In& in, DcRequest::Answer completion, Hand hand)
+{
+    const char* clientApp = in.clientApp;
+    const char* providerId = in.providerId;
+    const char* dataId = in.dataId;
+    DcOutcome outcome;
+    const DcProvider provider = CurrentDcProvider();
+    if (!provider.registered || provider.providerId != providerId) {
+        outcome.failed = true;
+        outcome.failure = Failure{kErrorNotServed, "no data-control provider for this provider id here"};
+        return outcome;
     }
     if (!ServesDataId(dataId)) {
         REQUEST_LOGE("data-control request %s of %s refused: the provider serves no data id \"%s\"",
-                     job.method.c_str(), job.clientApp.c_str(), dataId);
-        ReturnError(job.invocation.get(), kErrorNotServed, "the provider serves no such data id");
-        return;
+                     wire::NameOf(wire::MethodOf<In>::kMethod), clientApp, dataId);
+        outcome.failed = true;
+        outcome.failure = Failure{kErrorNotServed, "the provider serves no such data id"};
+        return outcome;
     }
-    DcRequest request;
-    request.clientApp = job.clientApp;
-    BeginDcRequest(request);
-    data_control_s handle{requestedProvider, dataId};
-    confinement::RequestScope scope(dataId, job.clientApp);
+    outcome.request.clientApp = clientApp;
+    BeginDcRequest(outcome.request);
+    data_control_s handle{providerId, dataId};
+    confinement::RequestScope scope(dataId, clientApp);
     RequestReportScope reportScope;
     DcNotes notes;
-    // The bus lets only the interface's methods through; any other would get no result.
-    auto method = DcMethods().find(job.method);
-    const bool known = method != DcMethods().end();
-    DcHanded handed = known ? method->second.hand(provider, request.id, handle, p, notes) : DcHanded::Handed;
-    EndDcRequest(request);
+    const DcHanded handed = hand(DcCall{provider, outcome.request.id, handle, notes});
+    EndDcRequest(outcome.request);
+    outcome.failed = true;
     if (handed == DcHanded::Unreadable) {
-        ReturnError(job.invocation.get(), kErrorInvalidRequest, ValuesRefusal(notes.refused));
-        return;
+        outcome.failure = Failure{kErrorInvalidRequest, ValuesRefusal(notes.refused)};
+    } else if (handed == DcHanded::NotServed) {
+        outcome.failure = Failure{kErrorNotServed, "the provider has no callback for this kind of request"};
+    } else if (scope.Refused()) {
+        outcome.failure = Failure{kErrorRefused, scope.RefusalText(), TILVANE_REASON_STRICT_CONFINEMENT};
+    } else {
+        outcome.failed = !AnswerCompletes(outcome.request, completion, notes, reportScope.Report(), outcome.failure);
+        outcome.changedRows = reportScope.Report().changedRows;
     }
-    if (handed == DcHanded::NotServed) {
-        ReturnError(job.invocation.get(), kErrorNotServed, "the provider has no callback for this kind of request");
-        return;
-    }
-    if (AnsweredRefusal(scope, job.invocation.get())) {
-        return;
-    }
-    ReturnDcAnswer(job, request, known ? method->second.completion : DcRequest::Answer::None, notes,
-                   reportScope.Report());
+    return outcome;
+}
+
+template <typename Out>
+Answer<Out> FailedOr(const DcOutcome& outcome, Out out)
+{
+    return outcome.failed ? Answer<Out>::Fail(outcome.failure) : Answer<Out>::Reply(std::move(out));
+}
+
+/* The values of an insert or update; null (with why in `notes`) when they
+ * are not a bundle within the limits. */
+BundlePtr Values(const char* encoded, DcNotes& notes)
+{
+    return DecodeBundle(encoded, &notes.refused);
+}
+
+}  // namespace
+
+Answer<wire::DataControlInsertOut> Handle(const wire::DataControlInsertIn& in)
+{
+    const DcOutcome outcome = ServeDataControl(
+        in, DcRequest::Answer::RowId, [&](const DcCall& call) {
+            BundlePtr data = Values(in.values, call.notes);
+            if (data == nullptr) {
+                return DcHanded::Unreadable;
+            }
+            if (!WithinRequestLimits({data.get()}, nullptr)) {
+                return DcHanded::Refused;
+            }
+            if (call.provider.callbacks.insert_cb == nullptr) {
+                return DcHanded::NotServed;
+            }
+            call.provider.callbacks.insert_cb(call.id, &call.handle, data.get(), call.provider.userData);
+            call.notes.syncMark = SyncMarkOf(data.get());
+            return DcHanded::Handed;
+        });
+    wire::DataControlInsertOut out;
+    out.rowId = outcome.request.rowId;
+    return FailedOr(outcome, std::move(out));
+}
+
+Answer<wire::DataControlSelectOut> Handle(const wire::DataControlSelectIn& in)
+{
+    DcOutcome outcome = ServeDataControl(
+        in, DcRequest::Answer::Rows, [&](const DcCall& call) {
+            std::vector<const char*> columns(in.columns.begin(), in.columns.end());
+            columns.push_back(nullptr);
+            if (!WithinRequestLimits({}, in.where)) {
+                return DcHanded::Refused;
+            }
+            if (call.provider.callbacks.select_cb == nullptr) {
+                return DcHanded::NotServed;
+            }
+            call.provider.callbacks.select_cb(call.id, &call.handle, columns.data(),
+                                              static_cast<int>(in.columns.size()), OrNull(in.where),
+                                              OrNull(in.order), call.provider.userData);
+            return DcHanded::Handed;
+        });
+    wire::DataControlSelectOut out;
+    out.rows.owned = std::move(outcome.request.rows);
+    return FailedOr(outcome, std::move(out));
+}
+
+Answer<wire::DataControlUpdateOut> Handle(const wire::DataControlUpdateIn& in)
+{
+    const DcOutcome outcome = ServeDataControl(
+        in, DcRequest::Answer::Done, [&](const DcCall& call) {
+            BundlePtr data = Values(in.values, call.notes);
+            if (data == nullptr) {
+                return DcHanded::Unreadable;
+            }
+            if (!WithinRequestLimits({data.get()}, in.where)) {
+                return DcHanded::Refused;
+            }
+            if (call.provider.callbacks.update_cb == nullptr) {
+                return DcHanded::NotServed;
+            }
+            call.provider.callbacks.update_cb(call.id, &call.handle, data.get(), OrNull(in.where),
+                                              call.provider.userData);
+            return DcHanded::Handed;
+        });
+    wire::DataControlUpdateOut out;
+    out.changedRows = outcome.changedRows;
+    return FailedOr(outcome, std::move(out));
+}
+
+Answer<wire::DataControlDeleteOut> Handle(const wire::DataControlDeleteIn& in)
+{
+    const DcOutcome outcome = ServeDataControl(
+        in, DcRequest::Answer::Done, [&](const DcCall& call) {
+            if (!WithinRequestLimits({}, in.where)) {
+                return DcHanded::Refused;
+            }
+            if (call.provider.callbacks.delete_cb == nullptr) {
+                return DcHanded::NotServed;
+            }
+            call.provider.callbacks.delete_cb(call.id, &call.handle, OrNull(in.where), call.provider.userData);
+            return DcHanded::Handed;
+        });
+    wire::DataControlDeleteOut out;
+    out.changedRows = outcome.changedRows;
+    return FailedOr(outcome, std::move(out));
 }
 
 }  // namespace requests
@@ -325,7 +347,7 @@ char* CopyString(const std::string& text)
     return copy;
 }
 
-int Answer(int requestId, DcRequest::Answer answer, int64_t rowId, std::string rows, std::string error)
+int RecordAnswer(int requestId, DcRequest::Answer answer, int64_t rowId, std::string rows, std::string error)
 {
     return WithActiveRequest(requestId, [&](DcRequest& request) {
         if (request.answer != DcRequest::Answer::None) {
@@ -343,15 +365,15 @@ int Answer(int requestId, DcRequest::Answer answer, int64_t rowId, std::string r
 
 namespace {
 
-/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id, else the
- * service's provider id. */
+/* TILVANE_DATA_CONTROL_PROVIDER_ID, else [data-control] provider-id (whose
+ * default is the service's, data/service-defaults.conf). */
 std::string ConfiguredProviderId()
 {
     const char* fromEnvironment = std::getenv("TILVANE_DATA_CONTROL_PROVIDER_ID");
     if (fromEnvironment != nullptr) {
         return fromEnvironment;
     }
-    return config::String("data-control", "provider-id", "content://com.quillon.px.tiles");
+    return config::String("data-control", "provider-id", std::string());
 }
 
 }  // namespace
@@ -496,7 +518,7 @@ extern "C" int data_control_provider_send_insert_result(int request_id, long lon
     if (ShouldFail("data_control_provider_send_insert_result")) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
-    return Answer(request_id, DcRequest::Answer::RowId, row_id, std::string(), std::string());
+    return RecordAnswer(request_id, DcRequest::Answer::RowId, row_id, std::string(), std::string());
 }
 
 extern "C" int data_control_provider_send_select_result(int request_id, void* db_handle)
@@ -528,7 +550,7 @@ extern "C" int data_control_provider_send_select_result(int request_id, void* db
                      sqlite3_errmsg(sqlite3_db_handle(statement)));
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
-    return Answer(request_id, DcRequest::Answer::Rows, -1, std::move(rows), std::string());
+    return RecordAnswer(request_id, DcRequest::Answer::Rows, -1, std::move(rows), std::string());
 }
 
 extern "C" int data_control_provider_send_update_result(int request_id)
@@ -536,7 +558,7 @@ extern "C" int data_control_provider_send_update_result(int request_id)
     if (ShouldFail("data_control_provider_send_update_result")) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
-    return Answer(request_id, DcRequest::Answer::Done, -1, std::string(), std::string());
+    return RecordAnswer(request_id, DcRequest::Answer::Done, -1, std::string(), std::string());
 }
 
 extern "C" int data_control_provider_send_delete_result(int request_id)
@@ -544,7 +566,7 @@ extern "C" int data_control_provider_send_delete_result(int request_id)
     if (ShouldFail("data_control_provider_send_delete_result")) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
-    return Answer(request_id, DcRequest::Answer::Done, -1, std::string(), std::string());
+    return RecordAnswer(request_id, DcRequest::Answer::Done, -1, std::string(), std::string());
 }
 
 extern "C" int data_control_provider_send_error(int request_id, const char* error)
@@ -552,5 +574,5 @@ extern "C" int data_control_provider_send_error(int request_id, const char* erro
     if (ShouldFail("data_control_provider_send_error")) {
         return DATA_CONTROL_ERROR_IO_ERROR;
     }
-    return Answer(request_id, DcRequest::Answer::Error, -1, std::string(), error != nullptr ? error : "");
+    return RecordAnswer(request_id, DcRequest::Answer::Error, -1, std::string(), error != nullptr ? error : "");
 }

@@ -13,9 +13,6 @@ namespace host {
 namespace requests {
 namespace {
 
-constexpr int kPermissionDenied = -13;
-constexpr int kInvalidUri = -22;
-
 /* "... (strict confinement, rule where-clause, result -1)" -> "strict-where-clause". */
 std::string StrictRule(const std::string& text)
 {
@@ -29,21 +26,19 @@ std::string StrictRule(const std::string& text)
     return "strict-" + text.substr(start, end == std::string::npos ? std::string::npos : end - start);
 }
 
-/* The reason of a provider's refusal told in the client's words (the
- * provider's own text or ReasonForProviderText's), "" for any other text. */
-const char* KnownRefusal(const std::string& text)
+/* The reasons the request interfaces give a refusal of the system's. */
+const char* KnownRefusal(tilvane_reason reason)
 {
-    const std::string words = ReasonForProviderText(text);
-    const std::string& said = words.empty() ? text : words;
-    if (said == "permission level too low") {
-        return "permission-level";
+    switch (reason) {
+    case TILVANE_REASON_PERMISSION_LEVEL: return "permission-level";
+    case TILVANE_REASON_NOT_CHANGEABLE: return "invalid-uri";
+    default: return "";
     }
-    return said == "this table cannot be changed through this request" ? "invalid-uri" : "";
 }
 
 }  // namespace
 
-std::string RefusalOfError(const char* errorName, const std::string& text)
+std::string RefusalOfError(const char* errorName, tilvane_reason reason, const std::string& text)
 {
     if (std::strcmp(errorName, kErrorNotAuthorized) == 0) {
         return "sender-not-authorized";
@@ -54,40 +49,40 @@ std::string RefusalOfError(const char* errorName, const std::string& text)
     if (std::strcmp(errorName, kErrorInvalidRequest) == 0) {
         return "invalid-request";
     }
-    if (std::strcmp(errorName, kErrorRefused) == 0) {
+    if (std::strcmp(errorName, kErrorRefused) == 0 || reason == TILVANE_REASON_STRICT_CONFINEMENT) {
         return StrictRule(text);
     }
-    const std::string known = KnownRefusal(text);
+    /* An insert that carries a sync mark writes no row and is answered so
+     * on purpose. */
+    if (reason == TILVANE_REASON_SYNC_END_MARK || reason == TILVANE_REASON_SYNC_START_MARK) {
+        return std::string();
+    }
+    const std::string known = KnownRefusal(reason);
+    if (!known.empty()) {
+        return known;
+    }
     if (std::strcmp(errorName, kErrorProviderError) == 0) {
-        return known.empty() ? "provider-error" : known;
+        return "provider-error";
     }
-    if (std::strcmp(errorName, kErrorNoResult) == 0) {
-        /* A data-control insert that carries a sync mark writes no row and
-         * is answered so on purpose. */
-        if (text.rfind("sync ", 0) == 0) {
-            return std::string();
-        }
-        return known.empty() ? "no-result" : known;
-    }
-    return "error";
+    return std::strcmp(errorName, kErrorNoResult) == 0 ? "no-result" : "error";
 }
 
 const char* RefusalOfCode(int code)
 {
-    if (code == kPermissionDenied) {
+    if (code == TILVANE_RESULT_PERMISSION_DENIED) {
         return "permission-level";
     }
-    return code == kInvalidUri ? "invalid-uri" : "failed";
+    return code == TILVANE_RESULT_INVALID_URI ? "invalid-uri" : "failed";
 }
 
-void CountErrorAnswer(const char* errorName, const std::string& text)
+void CountFailure(const char* errorName, tilvane_reason reason, const std::string& text)
 {
     if (!stats::CountingRequest()) {
         return;
     }
-    const std::string reason = RefusalOfError(errorName, text);
-    if (!reason.empty()) {
-        stats::NoteRefusal(reason.c_str());
+    const std::string refusal = RefusalOfError(errorName, reason, text);
+    if (!refusal.empty()) {
+        stats::NoteRefusal(refusal.c_str());
     }
 }
 

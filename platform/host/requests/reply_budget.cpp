@@ -4,7 +4,7 @@
 
 #include "config/platform_config.h"
 #include "requests/request_glue.h"
-#include "requests/request_report.h"
+#include "base/request_report.h"
 #include "stats/request_stats.h"
 
 namespace tilvane {

@@ -1,47 +1,28 @@
 /*
- * The two request interfaces over the message bus, exported together: data
- * control (SQL provider side) and the content library's provider interface.
+ * What the handlers of both request interfaces share (request_glue.h): the
+ * provider side's state and bus names, the decoding of a request's values,
+ * strict confinement's limits on them and the reasons a reply gives.
  *
- * Every process exports two objects on its bus connection (bus_connection.h),
- * described by request_interfaces.xml:
- *   /org/tilvane/DataControl  org.tilvane.DataControl  Insert Select Update Delete
- *   /org/tilvane/Content      org.tilvane.Content      Insert BulkInsert Select Update
- *                                                      BulkUpdate Delete GetRowIds
- * A data-control provider owns "org.tilvane.DataControl.P" + escape(authority of
- * its provider id) while its callbacks are registered; the content library owns
- * "org.tilvane.Content.P" + escape(authority) while any callback is registered
- * for a URI of that authority (escape as for application ids, AppIdentity.h).
- *
- * Each call names the caller's application id as its first argument; it is
- * believed only when the bus says that the calling connection owns that
- * application's bus name (the message ports' check). Calls arrive on the GLib
- * default main context, where the provider's callbacks run; the reply is sent
- * from there as soon as the callback returns. The first call of a sender, whose
- * check may wait for the bus daemon, is checked on the platform's bus thread
- * and handed back; the calls that come while one is being checked follow it,
- * so that every sender's calls run in the order they came. A data-control callback that sent no answer, and a content
- * select or row-id callback that returned false, are answered at once with
- * org.tilvane.Request.Error.NoResult.
+ * A data-control provider owns "org.tilvane.DataControl.P" + escape(authority
+ * of its provider id) while its callbacks are registered; the content library
+ * owns "org.tilvane.Content.P" + escape(authority) while any callback is
+ * registered for a URI of that authority (escape as for application ids,
+ * identity/app_identity.h). The request interfaces export their objects on
+ * every connection (bus_transport.cpp), and hear of the content library's
+ * registrations through the observer they register with it.
  */
 #include "requests/request_glue.h"
 
-#include <sqlite3.h>
-
-#include <atomic>
 #include <cstring>
 #include <utility>
 
-#include "identity/app_identity.h"
 #include "bus/bus_connection.h"
 #include "confinement_policy.h"
-#include "host_control.h"
-#include "app/idle_trim.h"
-#include "content/statement_budget.h"
-#include "log/log_budget.h"
-#include "requests/refusal_reasons.h"
-#include "stats/request_stats.h"
-#include "TilesModel.h"
-#include "request_interfaces_xml.h"
+#include "content/registration_observer.h"
+#include "identity/app_identity.h"
+#include "log/system_reasons.h"
+#include "request_wire.h"
+#include "tilvane_schema.h"
 
 namespace tilvane {
 namespace host {
@@ -53,23 +34,6 @@ RequestState& TheRequestState()
     return *state;
 }
 
-namespace {
-
-GDBusNodeInfo* NodeInfo()
-{
-    static GDBusNodeInfo* node = [] {
-        ScopedError error;
-        GDBusNodeInfo* parsed = g_dbus_node_info_new_for_xml(kRequestInterfacesXml, error.Out());
-        if (parsed == nullptr) {
-            REQUEST_LOGE("request interfaces: bad introspection data: %s", error.Message());
-        }
-        return parsed;
-    }();
-    return node;
-}
-
-}  // namespace
-
 bool BusConfigured()
 {
     const char* address = g_getenv("DBUS_SESSION_BUS_ADDRESS");
@@ -79,8 +43,8 @@ bool BusConfigured()
 /* RequestName without queueing; true when this connection owns the name. */
 bool OwnName(const std::string& name)
 {
-    int portResult = 0;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &portResult);
+    ConnectionProblem problem = ConnectionProblem::None;
+    GDBusConnectionPtr connection = SharedBusConnection(false, &problem);
     if (!connection) {
         return false;
     }
@@ -110,8 +74,8 @@ void ReleaseName(const std::string& name)
             return;
         }
     }
-    int portResult = 0;
-    GDBusConnectionPtr connection = SharedBusConnection(false, &portResult);
+    ConnectionProblem problem = ConnectionProblem::None;
+    GDBusConnectionPtr connection = SharedBusConnection(false, &problem);
     if (!connection) {
         return;
     }
@@ -121,18 +85,6 @@ void ReleaseName(const std::string& name)
         g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, kBusCallTimeoutMs,
         nullptr, error.Out()));
     REQUEST_LOGD("released bus name %s", name.c_str());
-}
-
-std::vector<std::string> StringsOf(GVariant* array)
-{
-    std::vector<std::string> strings;
-    GVariantIter iter;
-    g_variant_iter_init(&iter, array);
-    const gchar* text = nullptr;
-    while (g_variant_iter_next(&iter, "&s", &text)) {
-        strings.emplace_back(text);
-    }
-    return strings;
 }
 
 BundlePtr DecodeBundle(const char* encoded, size_t length, BundleRefusal* why)
@@ -150,107 +102,77 @@ const char* ValuesRefusal(BundleRefusal why)
     return why == BundleRefusal::OverLimits ? "the values are over the bundle limits" : "the values are not a bundle";
 }
 
-namespace {
-
-void DeleteStringCB(gpointer data)
+std::vector<std::string> Strings(const std::vector<const char*>& texts)
 {
-    delete static_cast<std::string*>(data);
+    return std::vector<std::string>(texts.begin(), texts.end());
 }
 
-/* What the request's report says went wrong, "" when nothing is known. */
-std::string ReasonForFailure(const RequestReport& report)
-{
-    if (!report.budget.empty()) {
-        return report.budget;
-    }
-    if (!report.statementError.empty()) {
-        return report.statementError;
-    }
-    if (!report.providerFailure.empty()) {
-        const std::string known = ReasonForProviderText(report.providerFailure);
-        return known.empty() ? report.providerFailure : known;
-    }
-    return std::string();
-}
-
-}  // namespace
-
-GVariant* RowsVariant(std::string rows)
-{
-    auto* owned = new std::string(std::move(rows));
-    GBytes* bytes = g_bytes_new_with_free_func(owned->data(), owned->size(), DeleteStringCB, owned);
-    GVariant* variant = g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE);
-    g_bytes_unref(bytes);
-    return variant;
-}
-
-std::string ReasonForCode(int code, const RequestReport& report)
-{
-    constexpr int kPermissionDenied = -13;
-    constexpr int kInvalidUri = -22;
-    if (code == 0) {
-        return std::string();
-    }
-    if (code == kPermissionDenied) {
-        return "permission level too low";
-    }
-    if (code == kInvalidUri) {
-        return "this table cannot be changed through this request";
-    }
-    return ReasonForFailure(report);
-}
-
-std::string SyncMarkOf(bundle* values)
-{
-    const char* mark = values != nullptr ? bundle_get_val(values, TilesModel::EVENT_TILES_SYNC_KEY) : nullptr;
-    if (mark == nullptr) {
-        return std::string();
-    }
-    if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_END) == 0) {
-        return kSyncEndMarkSent;
-    }
-    if (std::strcmp(mark, TilesModel::EVENT_TILES_SYNC_STATUS_START) == 0) {
-        return "sync start mark: nothing is sent";
-    }
-    return std::string();
-}
-
-std::string NoResultText(const RequestReport& report, const char* fallback)
-{
-    const std::string reason = ReasonForFailure(report);
-    return reason.empty() ? std::string(fallback) : reason;
-}
-
-const char* BudgetOr(const RequestReport& report, const char* fallback)
-{
-    return report.budget.empty() ? fallback : report.budget.c_str();
-}
-
-/* A string argument of a call, by position. */
-const gchar* StringArg(GVariant* parameters, gsize index)
-{
-    const gchar* text = nullptr;
-    g_variant_get_child(parameters, index, "&s", &text);
-    return text;
-}
-
-/* A string-array argument of a call, by position. */
-std::vector<std::string> StringsArg(GVariant* parameters, gsize index)
-{
-    GVariantPtr array(g_variant_get_child_value(parameters, index));
-    return StringsOf(array.get());
-}
-
-/* An optional text argument: null when empty. */
-const gchar* OrNull(const gchar* text)
+const char* OrNull(const char* text)
 {
     return *text != '\0' ? text : nullptr;
 }
 
-void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message)
+/* ---- reasons ------------------------------------------------------------- */
+
+std::string ErrorName(const char* error, tilvane_reason reason)
 {
-    CountErrorAnswer(name, message);
-    g_dbus_method_invocation_return_dbus_error(invocation, name, message);
+    const bool carriesReason =
+        std::strcmp(error, kErrorNoResult) == 0 || std::strcmp(error, kErrorProviderError) == 0;
+    if (!carriesReason || reason == TILVANE_REASON_NONE) {
+        return error;
+    }
+    return std::string(error) + "." + tilvane_reason_name(reason);
+}
+
+Reason ReasonOfReport(const RequestReport& report)
+{
+    if (!report.budget.empty()) {
+        return Reason{TILVANE_REASON_BUDGET, report.budget};
+    }
+    if (!report.statementError.empty()) {
+        return Reason{TILVANE_REASON_STATEMENT_FAILED, report.statementError};
+    }
+    if (!report.providerFailure.empty()) {
+        const std::string words = tilvane_reason_words(report.providerReason);
+        return Reason{report.providerReason, words.empty() ? report.providerFailure : words};
+    }
+    return Reason();
+}
+
+Reason ReasonForResult(int result, const RequestReport& report)
+{
+    if (result == 0) {
+        return Reason();
+    }
+    if (result == TILVANE_RESULT_PERMISSION_DENIED) {
+        return Reason{TILVANE_REASON_PERMISSION_LEVEL, tilvane_reason_words(TILVANE_REASON_PERMISSION_LEVEL)};
+    }
+    if (result == TILVANE_RESULT_INVALID_URI) {
+        return Reason{TILVANE_REASON_NOT_CHANGEABLE, tilvane_reason_words(TILVANE_REASON_NOT_CHANGEABLE)};
+    }
+    return ReasonOfReport(report);
+}
+
+Reason NoResultReason(const RequestReport& report, const char* fallback)
+{
+    Reason reason = ReasonOfReport(report);
+    if (reason.text.empty()) {
+        reason.text = fallback;
+    }
+    return reason;
+}
+
+Reason SyncMarkOf(bundle* values)
+{
+    namespace schema = client::schema;
+    const char* mark = values != nullptr ? bundle_get_val(values, schema::kSyncKey) : nullptr;
+    tilvane_reason code = TILVANE_REASON_NONE;
+    if (mark != nullptr && std::strcmp(mark, schema::kSyncEnd) == 0) {
+        code = TILVANE_REASON_SYNC_END_MARK;
+    } else if (mark != nullptr && std::strcmp(mark, schema::kSyncStart) == 0) {
+        code = TILVANE_REASON_SYNC_START_MARK;
+    }
+    return Reason{code, tilvane_reason_words(code)};
 }
 
 /* ---- strict confinement's limits on what a request carries ---------------- */
@@ -316,148 +238,6 @@ bool WithinRequestLimits(const std::vector<bundle*>& rows, const char* where)
     return true;
 }
 
-bool AnsweredRefusal(const confinement::RequestScope& scope, GDBusMethodInvocation* invocation)
-{
-    if (!scope.Refused()) {
-        return false;
-    }
-    ReturnError(invocation, kErrorRefused, scope.RefusalText().c_str());
-    return true;
-}
-
-bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value)
-{
-    confinement::RequestContext* request = confinement::CurrentRequest();
-    if (request == nullptr || !request->refused) {
-        return false;
-    }
-    if (value != nullptr) {
-        g_variant_unref(g_variant_ref_sink(value));
-    }
-    const std::string text = request->reason + " (strict confinement, rule " + request->rule + ", result " +
-                             std::to_string(CONFINEMENT_POLICY_REFUSED) + ")";
-    ReturnError(invocation, kErrorRefused, text.c_str());
-    return true;
-}
-
-namespace {
-
-/* Checks of senders not known yet, on the bus thread or their jobs still
- * waiting for the main context. While there is one, every call takes that
- * way, so that calls run in the order they came. */
-std::atomic<int> unsettledChecks{0};
-
-void RunJob(Job& job)
-{
-    const bool dataControl = job.interface == kDataControlInterface;
-    LogSourceScope logSource(job.clientApp);
-    content::StatementBudgetScope budget(job.clientApp, (dataControl ? "DataControl." : "Content.") + job.method);
-    if (dataControl) {
-        RunDataControl(job);
-    } else {
-        RunContent(job);
-    }
-    TrimWhenIdle();
-}
-
-void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason)
-{
-    REQUEST_LOGE("request %s.%s refused: %s", g_dbus_method_invocation_get_interface_name(invocation),
-                 g_dbus_method_invocation_get_method_name(invocation), reason.c_str());
-    ReturnError(invocation, kErrorNotAuthorized, "the sender does not own the name of the application it claims");
-}
-
-/* Runs the job, or refuses its sender, counted in the statistics. */
-void ServeJob(Job& job)
-{
-    static const std::string kDataControlName = "DataControl";
-    static const std::string kContentName = "Content";
-    stats::RequestScope counted(job.interface == kDataControlInterface ? kDataControlName : kContentName, job.method,
-                                job.arrivedUs);
-    if (job.refusal.empty()) {
-        RunJob(job);
-    } else {
-        RefuseSender(job.invocation.get(), job.refusal);
-    }
-}
-
-/* A job whose sender was checked on the bus thread, back on the main context. */
-gboolean RunCheckedJobCB(gpointer data)
-{
-    --unsettledChecks;
-    ServeJob(*static_cast<Job*>(data));
-    return G_SOURCE_REMOVE;
-}
-
-void FreeJobCB(gpointer data)
-{
-    delete static_cast<Job*>(data);
-}
-
-/* A call on its way through the bus thread. The bus thread's source owns
- * it; the job leaves it for the main context once the sender is checked. */
-struct SenderCheck {
-    std::unique_ptr<Job> job;
-};
-
-/* The bus thread's source is gone. A job still in it was never checked (the
- * connection closed first): its call is dropped with the connection. */
-void DropSenderCheckCB(gpointer data)
-{
-    std::unique_ptr<SenderCheck> check(static_cast<SenderCheck*>(data));
-    if (check->job) {
-        --unsettledChecks;
-    }
-}
-
-/* On the bus thread: asks the bus who the sender is (which may wait for the
- * bus daemon), then hands the job back to the main context. */
-gboolean CheckSenderCB(gpointer data)
-{
-    Job* job = static_cast<SenderCheck*>(data)->job.release();
-    GDBusMethodInvocation* invocation = job->invocation.get();
-    std::string reason;
-    if (!SenderIsApp(g_dbus_method_invocation_get_connection(invocation),
-                     g_dbus_method_invocation_get_sender(invocation), job->clientApp, reason)) {
-        job->refusal = reason.empty() ? "refused" : reason;
-    }
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, RunCheckedJobCB, job, FreeJobCB);
-    g_source_attach(source, nullptr);
-    g_source_unref(source);
-    return G_SOURCE_REMOVE;
-}
-
-/* On the default main context. A sender the bus was already asked about is
- * answered here and now; any other is checked on the bus thread first. */
-void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender, const gchar* /*objectPath*/,
-                        const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
-                        GDBusMethodInvocation* invocation, gpointer /*userData*/)
-{
-    const gchar* clientApp = nullptr;
-    g_variant_get_child(parameters, 0, "&s", &clientApp);
-    std::unique_ptr<Job> job(new Job{
-        std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
-        interfaceName, methodName, GVariantPtr(g_variant_ref(parameters)), clientApp, "", stats::MonotonicUs()});
-    std::string reason;
-    const int known = unsettledChecks == 0 ? KnownSenderIsApp(sender, clientApp, reason) : -1;
-    if (known != -1) {
-        job->refusal = known == 1 ? std::string() : reason;
-        ServeJob(*job);
-        return;
-    }
-    SenderCheck* check = new SenderCheck{std::move(job)};
-    ++unsettledChecks;
-    if (!InvokeOnBusThread(CheckSenderCB, check, DropSenderCheckCB)) {
-        --unsettledChecks;
-        RefuseSender(invocation, "the message bus connection is closing");
-        delete check;
-    }
-}
-
-}  // namespace
-
 }  // namespace requests
 
 /* ---- internal interface ----------------------------------------------------- */
@@ -466,7 +246,7 @@ using namespace requests;
 
 const char* RequestInterfacesIntrospectionXml()
 {
-    return kRequestInterfacesXml;
+    return wire::IntrospectionXml();
 }
 
 std::string AuthorityOf(const std::string& uri)
@@ -494,55 +274,10 @@ bool OwnsRequestBusName(const std::string& busName)
     return s.ownedNames.count(busName) != 0;
 }
 
-void RegisterRequestObjects(GDBusConnection* connection)
-{
-    GDBusNodeInfo* node = NodeInfo();
-    if (node == nullptr) {
-        return;
-    }
-    static const GDBusInterfaceVTable vtable = {OnRequestMethodCallCB, nullptr, nullptr, {nullptr}};
-    ScopedError error;
-    /* Calls are dispatched on the context that is the thread's default while
-     * the object is registered: the GLib default one, where the provider's
-     * callbacks run, so that a call reaches them in one step. */
-    g_main_context_push_thread_default(g_main_context_default());
-    const guint dc = g_dbus_connection_register_object(
-        connection, kDataControlPath, g_dbus_node_info_lookup_interface(node, kDataControlInterface), &vtable, nullptr,
-        nullptr, error.Out());
-    const guint content = g_dbus_connection_register_object(
-        connection, kContentPath, g_dbus_node_info_lookup_interface(node, kContentInterface), &vtable, nullptr,
-        nullptr, error.Out());
-    g_main_context_pop_thread_default(g_main_context_default());
-    if (dc == 0 || content == 0) {
-        REQUEST_LOGE("cannot export the request interfaces: %s", error.Message());
-    }
-    RequestState& s = TheRequestState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.dcObjectId = dc;
-    s.contentObjectId = content;
-}
+namespace {
 
-void UnregisterRequestObjects(GDBusConnection* connection)
-{
-    RequestState& s = TheRequestState();
-    guint dc = 0;
-    guint content = 0;
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        dc = s.dcObjectId;
-        content = s.contentObjectId;
-        s.dcObjectId = 0;
-        s.contentObjectId = 0;
-        s.ownedNames.clear(); /* they go with the connection */
-    }
-    if (dc != 0) {
-        g_dbus_connection_unregister_object(connection, dc);
-    }
-    if (content != 0) {
-        g_dbus_connection_unregister_object(connection, content);
-    }
-}
-
+/* The provider names of the request interfaces that this process serves,
+ * owned again on a new connection. True when each is owned. */
 bool ReclaimRequestNames()
 {
     std::vector<std::string> names;
@@ -566,6 +301,23 @@ bool ReclaimRequestNames()
     return all;
 }
 
+void ReclaimAfterReopen(GDBusConnection* /*connection*/)
+{
+    ReclaimRequestNames();
+}
+
+bool OwnsProviderNames(std::string& why)
+{
+    if (ReclaimRequestNames()) {
+        return true;
+    }
+    why = "a provider's name is owned by another process";
+    return false;
+}
+
+/* The content library tells the interface that a callback for `uri` was
+ * registered or removed, or that all were cleared, so that the bus name of
+ * the URI's authority is owned while one is left. */
 void ContentCallbackRegistered(const std::string& uri)
 {
     const std::string authority = AuthorityOf(uri);
@@ -619,19 +371,23 @@ void ContentCallbacksCleared()
     }
 }
 
-void ResetRequestInterfaces()
-{
-    RequestState& s = TheRequestState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.dcRegistered = false;
-    s.dcCallbacks = data_control_provider_sql_cb{};
-    s.dcUserData = nullptr;
-    s.dcProviderId.clear();
-    s.dcBusName.clear();
-    s.active.clear();
-    s.nextRequestId = 1;
-    s.ownedNames.clear();
-}
+/* The request interfaces on every connection (their objects and the
+ * providers' names), and the content library's registrations. Registered
+ * from here, which every use of the request interfaces links. */
+const struct RequestsAbove {
+    RequestsAbove()
+    {
+        ExportRequestObjectsOnEveryConnection();
+        ConnectionUser user{};
+        user.reopened = ReclaimAfterReopen;
+        user.ownsAll = OwnsProviderNames;
+        AddConnectionUser(user);
+        content::SetRegistrationObserver({ContentCallbackRegistered, ContentCallbackUnregistered,
+                                          ContentCallbacksCleared});
+    }
+} kRequestsAbove;
+
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

@@ -1,32 +1,31 @@
 /*
- * What the two request interfaces of the host platform share: the state of
- * this process's provider side, the bus names it owns, the call arguments,
- * and the Job that carries a call from the bus thread to the default main
- * context. The data-control interface is data_control_interface.cpp, the
- * content-library interface content_interface.cpp; request_glue.cpp exports
- * both (their description: request_interfaces.xml).
+ * What the handlers of the two request interfaces share: the state of this
+ * process's provider side and the bus names it owns, the decoding of the
+ * values a request carries, strict confinement's limits on them, and the
+ * reasons a reply gives. The typed handlers are request_handlers.h's; the
+ * bus transport that reads requests and sends replies is bus_transport.cpp.
  */
 #ifndef TILVANE_PLATFORM_REQUEST_GLUE_H
 #define TILVANE_PLATFORM_REQUEST_GLUE_H
 
-#include <gio/gio.h>
+#include <glib.h>
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "base/host_state.h"
+#include "base/request_report.h"
 #include "bundle/bundle_limits.h"
 #include "bundle_ptr.h"
+#include "confinement/request_confinement.h"
 #include "data_control.h"
 #include "dlog.h"
-#include "base/glib_ptr.h"
-#include "base/host_state.h"
-#include "confinement/request_confinement.h"
-#include "requests/request_report.h"
+#include "requests/request_names.h"
+#include "tilvane_reason.h"
 
 struct data_control_s {
     std::string providerId;
@@ -41,12 +40,6 @@ namespace tilvane {
 namespace host {
 namespace requests {
 
-inline constexpr char kDataControlPath[] = "/org/tilvane/DataControl";
-inline constexpr char kDataControlInterface[] = "org.tilvane.DataControl";
-inline constexpr char kContentPath[] = "/org/tilvane/Content";
-inline constexpr char kContentInterface[] = "org.tilvane.Content";
-inline constexpr char kDataControlNamePrefix[] = "org.tilvane.DataControl.P";
-inline constexpr char kContentNamePrefix[] = "org.tilvane.Content.P";
 inline constexpr char kErrorNoResult[] = "org.tilvane.Request.Error.NoResult";
 inline constexpr char kErrorNotServed[] = "org.tilvane.Request.Error.NotServed";
 inline constexpr char kErrorProviderError[] = "org.tilvane.Request.Error.ProviderError";
@@ -55,8 +48,6 @@ inline constexpr char kErrorInvalidRequest[] = "org.tilvane.Request.Error.Invali
 inline constexpr char kErrorRefused[] = "org.tilvane.Request.Error.Refused";
 inline constexpr int kBusCallTimeoutMs = 10000;
 inline constexpr char kNoCallbackText[] = "no callback is registered for this kind of request and URI";
-/* The reason of an insert that carried the sync end mark. */
-inline constexpr char kSyncEndMarkSent[] = "sync end mark sent";
 
 /* A data-control request while its callback runs. */
 struct DcRequest {
@@ -94,68 +85,51 @@ bool BusConfigured();
 bool OwnName(const std::string& name);
 void ReleaseName(const std::string& name);
 
-std::vector<std::string> StringsOf(GVariant* array);
 /* A request's values; null when refused, with the reason in `why`. Decoded
  * straight from the message's own bytes, within the bundle limits. */
 BundlePtr DecodeBundle(const char* encoded, size_t length, BundleRefusal* why = nullptr);
 BundlePtr DecodeBundle(const char* encoded, BundleRefusal* why = nullptr);
 /* The error text of values that were refused. */
 const char* ValuesRefusal(BundleRefusal why);
-/* The rows as an "ay" that owns them: no copy of a result that may be half a
- * megabyte. */
-GVariant* RowsVariant(std::string rows);
-
-/* The words a client gets beside a result code: what the code means for this
- * provider, else what the request's report says went wrong. */
-std::string ReasonForCode(int code, const RequestReport& report);
-/* An insert that carries a sync mark writes no row: the answer says what the
- * mark did instead ("" when the values carry no mark). */
-std::string SyncMarkOf(bundle* values);
-/* The error text of a request that got no result: its reason when known. */
-std::string NoResultText(const RequestReport& report, const char* fallback);
-/* The budget the request ran past, else `fallback`. */
-const char* BudgetOr(const RequestReport& report, const char* fallback);
-/* A string argument of a call, by position. */
-const gchar* StringArg(GVariant* parameters, gsize index);
-/* A string-array argument of a call, by position. */
-std::vector<std::string> StringsArg(GVariant* parameters, gsize index);
+/* The texts of a request, copied. */
+std::vector<std::string> Strings(const std::vector<const char*>& texts);
 /* An optional text argument: null when empty. */
-const gchar* OrNull(const gchar* text);
+const char* OrNull(const char* text);
 
-/* A method call on its way to the provider's callbacks; it holds its own
- * references to the invocation and the arguments. */
-struct Job {
-    std::unique_ptr<GDBusMethodInvocation, GObjectUnref> invocation;
-    std::string interface;
-    std::string method;
-    GVariantPtr parameters;
-    std::string clientApp;
-    /* Why the sender was refused; empty when it may make the call. */
-    std::string refusal;
-    /* When the call reached the process (stats::MonotonicUs). */
-    int64_t arrivedUs = 0;
+/* The error name a failure is answered with: `error`, and after it the name
+ * of its reason when the error does not already say it (a NoResult or a
+ * ProviderError: "org.tilvane.Request.Error.NoResult.PermissionLevel"). */
+std::string ErrorName(const char* error, tilvane_reason reason);
+
+/* Why a reply is what it is: a reason code and its words. */
+struct Reason {
+    tilvane_reason code = TILVANE_REASON_NONE;
+    std::string text;
 };
-
-void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* message);
+/* What the request's report says went wrong (a budget, a failed statement,
+ * the system's own failure line), none when nothing is known. */
+Reason ReasonOfReport(const RequestReport& report);
+/* The reason beside a provider's result code: none for success, the code's
+ * own meaning for the refusals it names, else what the report says. */
+Reason ReasonForResult(int result, const RequestReport& report);
+/* The reason of a request that got no result: the report's, else `fallback`
+ * with no code. */
+Reason NoResultReason(const RequestReport& report, const char* fallback);
+/* An insert that carries a sync mark writes no row: the reason says what the
+ * mark did instead (none when the values carry no mark). */
+Reason SyncMarkOf(bundle* values);
 
 /* Under strict confinement: false, with the refusal recorded, when a value of
  * a row or the where clause is larger than the integrator allows. */
 bool WithinRequestLimits(const std::vector<bundle*>& rows, const char* where);
-/* True (and the caller answered) when strict confinement refused the request
- * of `scope`. */
-bool AnsweredRefusal(const confinement::RequestScope& scope, GDBusMethodInvocation* invocation);
-/* True (and the caller answered) when strict confinement refused the request
- * in progress; `value`, the answer that is not sent, is dropped. */
-bool AnsweredCurrentRefusal(GDBusMethodInvocation* invocation, GVariant* value);
 
-/* The interfaces' method tables, run on the default main context. */
-void RunDataControl(Job& job);
-void RunContent(Job& job);
-/* Publish of the content-library interface (content_publish.cpp). */
-void RunPublish(Job& job);
+/* Registers the transport's objects for every bus connection (bus_transport.cpp). */
+void ExportRequestObjectsOnEveryConnection();
+
 /* The reply (floating) of Publish with `parameters` (clientApp, steps) from
- * `clientApp`, after running it; null, with `invalid` saying why, when the
- * steps are malformed or over the publish limits and nothing ran. */
+ * `clientApp`, after running it as its handler does (content_publish.cpp);
+ * null, with `invalid` saying why, when the steps are malformed or over the
+ * publish limits and nothing ran. For tests that run a publish without a bus. */
 GVariant* AnswerPublish(const std::string& clientApp, GVariant* parameters, std::string& invalid);
 
 }  // namespace requests

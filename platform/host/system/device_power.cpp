@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
 #include "bus/signal_bus.h"
 #include "dlog.h"
-#include "host_control.h"
+#include "host_control/system.h"
+#include "host_control/base.h"
 
 namespace tilvane {
 namespace host {
@@ -83,6 +85,11 @@ void ForgetPowerOffSubscribers()
     std::lock_guard<std::mutex> lock(s.mutex);
     s.subscribers.clear();
 }
+
+namespace {
+/* Reset(): no power-off subscriber. */
+const ResetHook kResetForgetPowerOffSubscribers(6, ForgetPowerOffSubscribers);
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

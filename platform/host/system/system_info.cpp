@@ -5,7 +5,8 @@
 #include "system_info.h"
 
 #include "config/settings_store.h"
-#include "host_control.h"
+#include "host_control/system.h"
+#include "host_control/base.h"
 
 namespace tilvane {
 namespace host {

@@ -15,10 +15,12 @@
 #include <vector>
 
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
 #include "config/settings_store.h"
 #include "bus/signal_bus.h"
 #include "dlog.h"
-#include "host_control.h"
+#include "host_control/system.h"
+#include "host_control/base.h"
 
 struct _keynode_t {
     std::string name;
@@ -140,6 +142,11 @@ void ForgetKeyWatchers()
     std::lock_guard<std::mutex> lock(s.mutex);
     s.watches.clear();
 }
+
+namespace {
+/* Reset(): no key watcher. */
+const ResetHook kResetForgetKeyWatchers(6, ForgetKeyWatchers);
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

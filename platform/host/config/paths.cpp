@@ -3,6 +3,7 @@
  * SetPlatformRoot's, else TILVANE_PLATFORM_ROOT's, else <cwd>/tilvane-data.
  */
 #include "tzplatform_config.h"
+#include "config/paths.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -16,11 +17,31 @@
 #include <string>
 
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
 #include "dlog.h"
+#include "host_control/config.h"
 
 namespace tilvane {
 namespace host {
 namespace {
+
+struct RootOverride {
+    std::mutex mutex;
+    std::string root;
+};
+
+RootOverride& TheRootOverride()
+{
+    static RootOverride* state = new RootOverride();
+    return *state;
+}
+
+std::string PlatformRootOverride()
+{
+    RootOverride& s = TheRootOverride();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.root;
+}
 
 std::string CurrentDirectory()
 {
@@ -90,6 +111,18 @@ std::string PlatformRootDirectory()
 {
     return PlatformRoot();
 }
+
+void SetPlatformRoot(const std::string& root)
+{
+    RootOverride& s = TheRootOverride();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.root = root;
+}
+
+namespace {
+/* Reset(): back to TILVANE_PLATFORM_ROOT or the default. */
+const ResetHook kResetRoot(2, [] { SetPlatformRoot(std::string()); });
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

@@ -1,7 +1,7 @@
 /*
- * Who a caller on the message bus is: the operating-system user that the bus
- * daemon reports for its connection, and the user each application id is
- * bound to. Internal to the host platform.
+ * Who may be whom, as the integrator's configuration says: the identity mode,
+ * the users trusted as the platform and the platform's own application ids.
+ * Internal to the host platform.
  *
  * Two identity modes, chosen by the integrator's configuration ([identity]
  * mode):
@@ -10,15 +10,14 @@
  *                package in the application registry, or, for the platform's
  *                own ids, the users the configuration names. Configuration
  *                key changes and power-off signals count only from platform
- *                users.
+ *                users. The checks themselves are bus/credentials.h's.
  *   development  every process runs as one user and is believed to be the
  *                application it claims; nothing is checked. No security
  *                boundary.
  */
-#ifndef TILVANE_PLATFORM_CREDENTIALS_H
-#define TILVANE_PLATFORM_CREDENTIALS_H
+#ifndef TILVANE_PLATFORM_IDENTITY_MODE_H
+#define TILVANE_PLATFORM_IDENTITY_MODE_H
 
-#include <gio/gio.h>
 #include <sys/types.h>
 
 #include <string>
@@ -49,27 +48,6 @@ bool IsPlatformAppId(const std::string& id);
  * package may take such an id in the verified mode. */
 bool IsLikePlatformId(const std::string& id, std::string& platformId);
 
-/* The users that may act as `appId`; false when the id is bound to nobody
- * (not installed, not a platform id) or the registry cannot be read. */
-bool BoundUsers(const std::string& appId, std::vector<uid_t>& users);
-
-/* The user of the connection `uniqueName` as the bus reports it, cached per
- * unique name; false when the bus does not know the name (gone). */
-bool ConnectionUser(GDBusConnection* connection, const std::string& uniqueName, uid_t& uid);
-/* Drops the cached user of a connection that left the bus. */
-void ForgetConnection(GDBusConnection* connection, const std::string& uniqueName);
-void ForgetAllConnections();
-
-/* In verified mode: true when the connection `sender` runs as a user bound
- * to `appId`; otherwise `reason` says why not, for the one log line of the
- * refusal. Always true in development mode. */
-bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, const std::string& appId,
-                    std::string& reason);
-
-/* In verified mode: true when the connection `sender` runs as a platform
- * user; `reason` as above. Always true in development mode. */
-bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, std::string& reason);
-
 /* The user of the process that sent the message-port message whose callback
  * runs on this thread, as the bus reported it (the port layer sets it around
  * the callback); false outside such a callback or when it is not known (the
@@ -91,6 +69,8 @@ private:
 
 /* A user given as a number or a name; false when it is neither. */
 bool ParseUser(const std::string& text, uid_t& uid);
+/* "1000,1001". */
+std::string UsersText(const std::vector<uid_t>& users);
 
 }  // namespace identity
 }  // namespace host

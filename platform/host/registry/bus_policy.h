@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "host_control.h"
+#include "host_control/registry.h"
 
 namespace tilvane {
 namespace host {

@@ -10,7 +10,8 @@
  *     2 REAL     8 bytes, IEEE 754 double, little-endian
  *     3 TEXT     u32 length, bytes
  *     4 BLOB     u32 length, bytes
- * All u32 are little-endian. Internal to the host platform.
+ * All u32 are little-endian. The client reads them with client/row_decoder.h.
+ * Internal to the host platform.
  */
 #ifndef TILVANE_PLATFORM_ROW_CODEC_H
 #define TILVANE_PLATFORM_ROW_CODEC_H
@@ -20,7 +21,6 @@
 #include <string>
 #include <vector>
 
-#include "tilvane_client.h"
 
 struct sqlite3_stmt;
 class ISQLiteCursor;
@@ -71,8 +71,6 @@ enum class RowsEncoding { Done, Failed, TooLarge };
 RowsEncoding EncodeStatementRows(sqlite3_stmt* statement, std::string& encoded, size_t maxBytes = SIZE_MAX);
 /* The same for a cursor. */
 RowsEncoding EncodeCursorRows(ISQLiteCursor& cursor, std::string& encoded, size_t maxBytes = SIZE_MAX);
-/* False for a malformed encoding. */
-bool DecodeRows(const uint8_t* data, size_t size, client::RowSet& rows);
 
 }  // namespace host
 }  // namespace tilvane

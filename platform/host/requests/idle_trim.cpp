@@ -1,10 +1,11 @@
-#include "app/idle_trim.h"
+#include "requests/idle_trim.h"
 
 #include <glib.h>
 #include <malloc.h>
 
 #include "content/database.h"
-#include "host_control.h"
+#include "base/reset_hooks.h"
+#include "host_control/base.h"
 
 namespace tilvane {
 namespace host {
@@ -50,6 +51,11 @@ void CancelIdleTrim()
     }
     gRequestSinceArmed = false;
 }
+
+namespace {
+/* Reset(): no trim is pending. */
+const ResetHook kResetIdleTrim(8, CancelIdleTrim);
+}  // namespace
 
 }  // namespace host
 }  // namespace tilvane

@@ -1,14 +1,16 @@
-#include "identity/bus_policy.h"
+#include "registry/bus_policy.h"
 
 #include <glib.h>
 #include <glib/gstdio.h>
 #include <gio/gio.h>
 
 #include "identity/app_identity.h"
-#include "identity/credentials.h"
+#include "identity/identity_mode.h"
+#include "host_control/identity.h"
 #include "dlog.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
+#include "config/paths.h"
 #include "config/platform_files.h"
 
 #define POLICY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
