@@ -31,6 +31,8 @@ SCALARS = {
     'u': ('uint32_t', 'uint32_t', 'u', 'u'),
     'x': ('int64_t', 'int64_t', 'x', 'x'),
     'b': ('bool', 'bool', 'b', 'b'),
+    # A file descriptor: its index in the message's descriptor list.
+    'h': ('FdIndex', 'FdIndex', 'h', 'h'),
 }
 DEFAULTS = {'s': '""', 'i': '0', 'u': '0', 'x': '-1', 'b': 'false'}
 
@@ -141,7 +143,10 @@ class Generator:
                 '    size_t size = 0;',
                 '    const uint8_t* Begin() const { return data != nullptr ? data : '
                 'reinterpret_cast<const uint8_t*>(owned.data()); }',
-                '    size_t Size() const { return data != nullptr ? size : owned.size(); }', '};', '']
+                '    size_t Size() const { return data != nullptr ? size : owned.size(); }', '};', '',
+                '/* A file descriptor passed with the message (type h): its index in the',
+                ' * message\'s list of descriptors; -1 for none. */',
+                'struct FdIndex {', '    int32_t index = -1;', '};', '']
         out += ['enum class Method {'] + ['    %s,' % m['id'] for m in self.methods] + ['};', '']
         out += ['/* The method `interfaceName`.`methodName`: the one place where names become',
                 ' * methods. False for a name this description does not have. */',
@@ -302,6 +307,7 @@ bool ReadNumber(GVariant* value, const GVariantType* type, T (*get)(GVariant*), 
 [[maybe_unused]] bool ReadValue(GVariant* value, int32_t& number) { return ReadNumber(value, G_VARIANT_TYPE_INT32, g_variant_get_int32, number); }
 [[maybe_unused]] bool ReadValue(GVariant* value, uint32_t& number) { return ReadNumber(value, G_VARIANT_TYPE_UINT32, g_variant_get_uint32, number); }
 [[maybe_unused]] bool ReadValue(GVariant* value, int64_t& number) { return ReadNumber(value, G_VARIANT_TYPE_INT64, g_variant_get_int64, number); }
+[[maybe_unused]] bool ReadValue(GVariant* value, FdIndex& fd) { return ReadNumber(value, G_VARIANT_TYPE_HANDLE, g_variant_get_handle, fd.index); }
 
 [[maybe_unused]] bool ReadValue(GVariant* value, bool& flag)
 {
@@ -364,6 +370,7 @@ template <typename T>
 [[maybe_unused]] GVariant* WriteValue(uint32_t number) { return g_variant_new_uint32(number); }
 [[maybe_unused]] GVariant* WriteValue(int64_t number) { return g_variant_new_int64(number); }
 [[maybe_unused]] GVariant* WriteValue(bool flag) { return g_variant_new_boolean(flag); }
+[[maybe_unused]] GVariant* WriteValue(FdIndex fd) { return g_variant_new_handle(fd.index); }
 
 [[maybe_unused]] void FreeOwnedBytesCB(gpointer data)
 {

@@ -17,6 +17,7 @@
 #include "TestSupport.h"
 #include "bundle.h"
 #include "content_provider_dispatch.h"
+#include "admin_wire.h"
 #include "message_port_wire.h"
 #include "request_wire.h"
 #include "requests/request_handlers.h"
@@ -50,6 +51,28 @@ TEST(RequestWire, MethodsAreFoundByTheirInterfaceAndNameOnly)
     tilvane::host::ports::wire::Method port = tilvane::host::ports::wire::Method::MessagePortHasPort;
     EXPECT_TRUE(tilvane::host::ports::wire::FindMethod("org.tilvane.MessagePort", "Deliver", port));
     EXPECT_EQ(port, tilvane::host::ports::wire::Method::MessagePortDeliver);
+}
+
+/* The operator's interface passes its files as descriptors: an argument of
+ * type h is read as a descriptor's index, never from a number of another type. */
+TEST(RequestWire, AFileArgumentIsReadOnlyFromADescriptorsIndex)
+{
+    namespace admin = tilvane::host::admin::wire;
+    admin::Method method = admin::Method::AdminCheck;
+    ASSERT_TRUE(admin::FindMethod("org.tilvane.Admin", "Restore", method));
+    EXPECT_EQ(method, admin::Method::AdminRestore);
+    admin::Request request;
+    Variant handle(g_variant_new("(h)", 3));
+    ASSERT_TRUE(admin::ReadRequest(method, handle.value, request));
+    EXPECT_EQ(std::get<admin::AdminRestoreIn>(request).file.index, 3);
+    Variant number(g_variant_new("(i)", 3));
+    EXPECT_FALSE(admin::ReadRequest(method, number.value, request));
+    Variant none(g_variant_new("()"));
+    EXPECT_FALSE(admin::ReadRequest(method, none.value, request));
+    admin::AdminBackupIn backup;
+    backup.file.index = 0;
+    Variant written(admin::ToVariant(backup));
+    EXPECT_STREQ(g_variant_get_type_string(written.value), "(h)");
 }
 
 TEST(RequestWire, ARequestIsReadOnlyFromArgumentsOfItsMethodsType)

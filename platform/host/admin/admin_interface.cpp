@@ -11,9 +11,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <variant>
 
 #include "admin/database_maintenance.h"
-#include "admin_interface_xml.h"
+#include "admin_wire.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
 #include "dlog.h"
@@ -35,7 +36,7 @@ GDBusNodeInfo* NodeInfo()
 {
     static GDBusNodeInfo* node = [] {
         ScopedError error;
-        GDBusNodeInfo* parsed = g_dbus_node_info_new_for_xml(kAdminInterfaceXml, error.Out());
+        GDBusNodeInfo* parsed = g_dbus_node_info_new_for_xml(wire::IntrospectionXml(), error.Out());
         if (parsed == nullptr) {
             ADMIN_LOGE("operator's interface: bad introspection data: %s", error.Message());
         }
@@ -63,17 +64,15 @@ bool MayOperate(GDBusMethodInvocation* invocation, std::string& who, std::string
     return false;
 }
 
-/* The file descriptor passed with the call as its first argument; -1 when
+/* The file descriptor passed with the call at `file` of its list; -1 when
  * none came. The caller closes it. */
-int PassedFile(GDBusMethodInvocation* invocation, GVariant* parameters)
+int PassedFile(GDBusMethodInvocation* invocation, wire::FdIndex file)
 {
     GUnixFDList* list = g_dbus_message_get_unix_fd_list(g_dbus_method_invocation_get_message(invocation));
-    gint32 handle = -1;
-    g_variant_get(parameters, "(h)", &handle);
-    if (list == nullptr || handle < 0 || handle >= g_unix_fd_list_get_length(list)) {
+    if (list == nullptr || file.index < 0 || file.index >= g_unix_fd_list_get_length(list)) {
         return -1;
     }
-    return g_unix_fd_list_get(list, handle, nullptr);
+    return g_unix_fd_list_get(list, file.index, nullptr);
 }
 
 std::string StatisticsJson()
@@ -84,91 +83,124 @@ std::string StatisticsJson()
     return stats::ToJson(stats::Take(), extra);
 }
 
-/* Does `work` with the file passed with the call and answers its summary,
- * or the error `errorName` with its reason; false when it was not done. */
+/* Who calls, and the call its file came with. */
+struct Caller {
+    GDBusMethodInvocation* invocation;
+    std::string who;
+};
+
+/* A method's answer: its reply, or an error name and its reason. */
+template <typename Out>
+struct Answer {
+    Out out{};
+    const char* error = nullptr;
+    std::string why;
+};
+
+/* Does `work` with the file passed with the call and puts its summary in the
+ * answer, or the error `errorName` with its reason; false when it was not done. */
 using FileWork = bool (*)(int fd, std::string& summary, std::string& why);
-bool AnswerWithFile(GDBusMethodInvocation* invocation, GVariant* parameters, FileWork work, const char* errorName,
-                    std::string& summary, std::string& why)
+template <typename Out>
+bool DoWithFile(const Caller& caller, wire::FdIndex file, FileWork work, const char* errorName, Answer<Out>& answer)
 {
-    const int fd = PassedFile(invocation, parameters);
+    const int fd = PassedFile(caller.invocation, file);
     if (fd < 0) {
-        why = "no file was passed with the call";
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused, why.c_str());
+        answer.error = kErrorRefused;
+        answer.why = "no file was passed with the call";
         return false;
     }
-    const bool done = work(fd, summary, why);
+    const bool done = work(fd, answer.out.summary, answer.why);
     close(fd);
     if (!done) {
-        g_dbus_method_invocation_return_dbus_error(invocation, errorName, why.c_str());
-        return false;
+        answer.error = errorName;
     }
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", summary.c_str()));
-    return true;
+    return done;
 }
 
-void AnswerBackup(GDBusMethodInvocation* invocation, GVariant* parameters, const std::string& who)
+Answer<wire::AdminGetStatisticsOut> Handle(const wire::AdminGetStatisticsIn& /*in*/, const Caller& /*caller*/)
 {
-    std::string summary;
-    std::string why;
-    if (AnswerWithFile(invocation, parameters, BackupTo, kErrorFailed, summary, why)) {
-        ADMIN_LOGI("database backup written for %s: %s", who.c_str(), summary.c_str());
-    } else {
-        ADMIN_LOGE("database backup for %s failed: %s", who.c_str(), why.c_str());
-    }
+    Answer<wire::AdminGetStatisticsOut> answer;
+    answer.out.json = StatisticsJson();
+    return answer;
 }
 
-void AnswerRestore(GDBusMethodInvocation* invocation, GVariant* parameters, const std::string& who)
+Answer<wire::AdminResetStatisticsOut> Handle(const wire::AdminResetStatisticsIn& /*in*/, const Caller& caller)
 {
-    std::string summary;
-    std::string why;
-    if (AnswerWithFile(invocation, parameters, RestoreFrom, kErrorRefused, summary, why)) {
-        ADMIN_LOGI("database restored from a copy for %s: %s", who.c_str(), summary.c_str());
-    } else {
-        ADMIN_LOGW("database restore for %s refused: %s; nothing was changed", who.c_str(), why.c_str());
-    }
+    stats::Reset();
+    ADMIN_LOGI("statistics reset by %s", caller.who.c_str());
+    return {};
 }
 
-void AnswerCheck(GDBusMethodInvocation* invocation, const std::string& who)
+Answer<wire::AdminBackupOut> Handle(const wire::AdminBackupIn& in, const Caller& caller)
+{
+    Answer<wire::AdminBackupOut> answer;
+    if (DoWithFile(caller, in.file, BackupTo, kErrorFailed, answer)) {
+        ADMIN_LOGI("database backup written for %s: %s", caller.who.c_str(), answer.out.summary.c_str());
+    } else {
+        ADMIN_LOGE("database backup for %s failed: %s", caller.who.c_str(), answer.why.c_str());
+    }
+    return answer;
+}
+
+Answer<wire::AdminRestoreOut> Handle(const wire::AdminRestoreIn& in, const Caller& caller)
+{
+    Answer<wire::AdminRestoreOut> answer;
+    if (DoWithFile(caller, in.file, RestoreFrom, kErrorRefused, answer)) {
+        ADMIN_LOGI("database restored from a copy for %s: %s", caller.who.c_str(), answer.out.summary.c_str());
+    } else {
+        ADMIN_LOGW("database restore for %s refused: %s; nothing was changed", caller.who.c_str(),
+                   answer.why.c_str());
+    }
+    return answer;
+}
+
+Answer<wire::AdminCheckOut> Handle(const wire::AdminCheckIn& /*in*/, const Caller& caller)
 {
     const CheckReport report = CheckDatabase();
-    GVariantBuilder findings;
-    g_variant_builder_init(&findings, G_VARIANT_TYPE("as"));
+    Answer<wire::AdminCheckOut> answer;
+    answer.out.healthy = report.healthy;
+    answer.out.findings = report.findings;
     size_t problems = 0;
     for (const std::string& finding : report.findings) {
-        g_variant_builder_add(&findings, "s", finding.c_str());
         problems += finding.rfind("problem: ", 0) == 0 ? 1 : 0;
     }
-    ADMIN_LOGI("database check for %s: %s", who.c_str(),
+    ADMIN_LOGI("database check for %s: %s", caller.who.c_str(),
                report.healthy ? "healthy" : (std::to_string(problems) + " problem(s)").c_str());
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(bas)", report.healthy, &findings));
+    return answer;
 }
 
+template <typename Out>
+void SendAnswer(GDBusMethodInvocation* invocation, Answer<Out>&& answer)
+{
+    if (answer.error != nullptr) {
+        g_dbus_method_invocation_return_dbus_error(invocation, answer.error, answer.why.c_str());
+        return;
+    }
+    g_dbus_method_invocation_return_value(invocation, wire::ToVariant(std::move(answer.out)));
+}
+
+/* A call, read once into its typed request (admin_wire.h, generated from
+ * admin_interface.xml), answered by its handler. */
 void OnAdminCallCB(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*objectPath*/,
-                   const gchar* /*interfaceName*/, const gchar* methodName, GVariant* parameters,
+                   const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
                    GDBusMethodInvocation* invocation, gpointer /*userData*/)
 {
-    std::string who;
+    Caller caller{invocation, std::string()};
     std::string reason;
-    if (!MayOperate(invocation, who, reason)) {
+    if (!MayOperate(invocation, caller.who, reason)) {
         ADMIN_LOGW("operator's request %s refused: %s", methodName, reason.c_str());
         g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
                                                    (reason + ": only platform users may use it").c_str());
         return;
     }
-    const std::string method = methodName;
-    if (method == "GetStatistics") {
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", StatisticsJson().c_str()));
-    } else if (method == "ResetStatistics") {
-        stats::Reset();
-        ADMIN_LOGI("statistics reset by %s", who.c_str());
-        g_dbus_method_invocation_return_value(invocation, nullptr);
-    } else if (method == "Backup") {
-        AnswerBackup(invocation, parameters, who);
-    } else if (method == "Restore") {
-        AnswerRestore(invocation, parameters, who);
-    } else {
-        AnswerCheck(invocation, who);
+    wire::Method method{};
+    wire::Request request;
+    if (!wire::FindMethod(interfaceName, methodName, method) || !wire::ReadRequest(method, parameters, request)) {
+        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused,
+                                                   "not a method of the operator's interface with its arguments");
+        return;
     }
+    std::visit([&](const auto& in) { SendAnswer(invocation, Handle(in, caller)); }, request);
 }
 
 /* The object's registration on the open connection; 0 when none. */
@@ -215,11 +247,6 @@ void ExportAdminInterfaceOnEveryConnection()
         user.closing = UnregisterAdminObject;
         AddConnectionUser(user);
     });
-}
-
-const char* AdminInterfaceXml()
-{
-    return kAdminInterfaceXml;
 }
 
 }  // namespace admin

@@ -26,9 +26,6 @@ inline constexpr char kErrorFailed[] = "org.tilvane.Admin.Error.Failed";
  * on (before the first one is opened: the service application's start). */
 void ExportAdminInterfaceOnEveryConnection();
 
-/* The introspection XML, as the code parses it. */
-const char* AdminInterfaceXml();
-
 }  // namespace admin
 }  // namespace host
 }  // namespace tilvane
