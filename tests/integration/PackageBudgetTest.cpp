@@ -5,10 +5,11 @@
  *     application was refused until a restart. Now one package holds at most
  *     128 of the 256, and the subscriptions of an application that leaves the
  *     bus are dropped;
- *   - log lines: an application of level 0 sending requests for a minute
- *     made the service write 12.4 MB. Now its lines are held to its own byte
- *     budget per interval, with one "N lines suppressed" line per interval,
- *     while another application's lines are still written.
+ *   - log lines: an application of level 0 sending requests or messages for a
+ *     minute made the service write 12.4 MB. Now its lines (those the service
+ *     writes while serving its request or its message) are held to its own
+ *     byte budget per interval, with one "N lines suppressed" line per
+ *     interval, while another application's lines are still written.
  */
 #include <gtest/gtest.h>
 
@@ -188,6 +189,56 @@ TEST_F(PackageBudgetTest, ALevelZeroApplicationFloodingRequestsIsHeldToItsLogBud
     EXPECT_GT(CountOf(log, "AppId = org.example.writer.ui"), 0) << "the other application's lines were dropped";
     /* The application's lines are the service's own texts. */
     EXPECT_GT(CountOf(log, "SelectRequest(511) > failed by permission"), 0);
+}
+
+TEST_F(PackageBudgetTest, ALevelZeroApplicationFloodingMessagesIsHeldToItsLogBudget)
+{
+    ASSERT_TRUE(m_bus.IsRunning());
+    tilvane::host::RegisteredPackage nobody;
+    nobody.packageId = "org.example.nobody";
+    nobody.applications.push_back({"org.example.nobody.ui", {}});
+    ASSERT_TRUE(tilvane::host::InstallPackage(nobody));
+    ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.writer", "org.example.writer.ui"));
+    constexpr int kAppBytes = 8192;
+    constexpr int kIntervalMs = 500;
+    ASSERT_NO_FATAL_FAILURE(StartService("[log]\napp-bytes = " + std::to_string(kAppBytes) +
+                                             "\nservice-bytes = 262144\nbudget-interval-ms = " +
+                                             std::to_string(kIntervalMs) + "\n",
+                                         {"TILVANE_LOG_RATE_BURST=0"}));
+    StuckReceiver flooder("org.example.nobody.ui", {});
+    StuckReceiver writer("org.example.writer.ui", {});
+    ASSERT_TRUE(flooder.Ready() && writer.Ready()) << flooder.Error() << writer.Error();
+    const size_t before = m_service->Err().size();
+    Request unknown("NoSuchRequest");
+    const auto start = std::chrono::steady_clock::now();
+    int messages = 0;
+    while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(3 * kIntervalMs + 200)) {
+        ASSERT_EQ(flooder.Send(kServiceAppId, "preview-event-receiver", "flood", unknown.Get()), "");
+        ++messages;
+    }
+    /* Another application's message during the flood is still logged. */
+    ASSERT_EQ(writer.Send(kServiceAppId, "preview-event-receiver", "writer", unknown.Get()), "");
+    std::this_thread::sleep_for(std::chrono::milliseconds(kIntervalMs));
+    ASSERT_EQ(flooder.Send(kServiceAppId, "preview-event-receiver", "flood", unknown.Get()), "");
+    ASSERT_TRUE(m_service->WaitFor("Start RequestCallback [org.example.writer.ui]", true, 10000)) << m_service->Err();
+    ASSERT_TRUE(tilvane::test::IterateMainContextUntil(
+        [&] {
+            return CountOf(m_service->Err().substr(before),
+                           " lines suppressed (log budget of application org.example.nobody.ui)") >= 3;
+        },
+        10000))
+        << m_service->Err().substr(before, 4000);
+
+    const std::string log = m_service->Err().substr(before);
+    std::printf("%d messages of a level-0 application in %d ms: %zu bytes of log\n", messages, 3 * kIntervalMs + 200,
+                log.size());
+    ASSERT_GT(messages, 100) << "too few messages to spend the budget";
+    const int notes = CountOf(log, " lines suppressed (log budget of application org.example.nobody.ui)");
+    EXPECT_LE(notes, 5);
+    EXPECT_LE(log.size(), 5u * (kAppBytes + 1024));
+    EXPECT_EQ(CountOf(log, "log budget of the service"), 0);
+    /* The lines that were written are the service's own texts. */
+    EXPECT_GT(CountOf(log, "Start RequestCallback [org.example.nobody.ui]"), 0);
 }
 
 }  // namespace

@@ -57,6 +57,7 @@
 #include "ports/port_connection.h"
 #include "ports/port_delivery.h"
 #include "bus/credentials.h"
+#include "log/log_budget.h"
 #include "stats/request_stats.h"
 #include "base/glib_ptr.h"
 #include "base/host_state.h"
@@ -175,6 +176,9 @@ gboolean DeliverToCallback(gpointer data)
         return G_SOURCE_REMOVE;
     }
     identity::ScopedMessageSender sender(delivery->senderUserKnown, delivery->senderUser);
+    /* What the receiver logs while it handles the message counts against
+     * the sender's log budget as well. */
+    LogSourceScope logSource(delivery->senderApp);
     port.callback(port.id, delivery->senderApp.c_str(),
                   delivery->hasSenderPort ? delivery->senderPort.c_str() : nullptr, false, delivery->message.get(),
                   port.userData);
