@@ -137,6 +137,24 @@ bool SenderUser(GDBusConnection* connection, const std::string& sender, uid_t& u
 
 }  // namespace
 
+bool UserMayActAs(uid_t uid, const std::string& who, const std::string& appId, std::string& reason)
+{
+    if (CurrentMode() == Mode::Development) {
+        return true;
+    }
+    std::vector<uid_t> users;
+    if (!BoundUsers(appId, users)) {
+        reason = "application " + appId + " is bound to no user (sender user " + std::to_string(uid) + ")";
+        return false;
+    }
+    if (std::find(users.begin(), users.end(), uid) == users.end()) {
+        reason = who + " runs as user " + std::to_string(uid) + ", application " + appId + " is bound to user " +
+                 UsersText(users);
+        return false;
+    }
+    return true;
+}
+
 bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, const std::string& appId,
                     std::string& reason)
 {
@@ -147,17 +165,7 @@ bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, cons
     if (!SenderUser(connection, sender, uid, reason)) {
         return false;
     }
-    std::vector<uid_t> users;
-    if (!BoundUsers(appId, users)) {
-        reason = "application " + appId + " is bound to no user (sender user " + std::to_string(uid) + ")";
-        return false;
-    }
-    if (std::find(users.begin(), users.end(), uid) == users.end()) {
-        reason = "sender " + sender + " runs as user " + std::to_string(uid) + ", application " + appId +
-                 " is bound to user " + UsersText(users);
-        return false;
-    }
-    return true;
+    return UserMayActAs(uid, "sender " + sender, appId, reason);
 }
 
 bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, std::string& reason)

@@ -37,6 +37,11 @@ void ForgetAllConnections();
 bool SenderMayActAs(GDBusConnection* connection, const std::string& sender, const std::string& appId,
                     std::string& reason);
 
+/* In verified mode: true when `uid`, the user of the peer `who` (as its
+ * socket reports it), is bound to `appId`; otherwise `reason` says why not,
+ * in the words SenderMayActAs uses. Always true in development mode. */
+bool UserMayActAs(uid_t uid, const std::string& who, const std::string& appId, std::string& reason);
+
 /* In verified mode: true when the connection `sender` runs as a platform
  * user; `reason` as above. Always true in development mode. */
 bool SenderIsPlatform(GDBusConnection* connection, const std::string& sender, std::string& reason);

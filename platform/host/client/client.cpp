@@ -20,6 +20,7 @@
 #include "log/system_reasons.h"
 #include "request_wire.h"
 #include "bundle/bundle_limits.h"
+#include "client/request_socket.h"
 #include "client/row_decoder.h"
 #include "bundle.h"
 #include "bundle_ptr.h"
@@ -85,43 +86,53 @@ void SetCallError(const GError* error, Result& result)
     result.reason = host::clientcalls::ReasonOfError(name);
 }
 
-/* One call. Null with `result` describing the failure when there is no reply. */
-GVariantPtr Call(const std::string& busName, const char* path, wire::Method method, GVariant* parameters,
-                 Result& result)
+/* The call on the provider's direct connection, when it has one and this
+ * process is not the provider itself: true when it was made (`reply`, or the
+ * error in `error`); false when it must take the bus. A connection found
+ * closed is replaced once: the provider closes only connections that made no
+ * request for a while, so the request was not run. */
+bool CallDirect(const std::string& busName, const char* path, wire::Method method, GVariant* parameters,
+                GVariantPtr& reply, ScopedError& error)
+{
+    if (host::OwnsRequestBusName(busName)) {
+        return false;
+    }
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        GDBusConnectionPtr direct = host::DirectRequestConnection(busName);
+        if (!direct) {
+            return false;
+        }
+        ScopedError failure;
+        reply.reset(g_dbus_connection_call_sync(direct.get(), nullptr, path, wire::InterfaceOf(method),
+                                                wire::NameOf(method), parameters, wire::ReplyTypeOf(method),
+                                                G_DBUS_CALL_FLAGS_NONE, kRequestTimeoutMs, nullptr, failure.Out()));
+        if (reply || !g_dbus_connection_is_closed(direct.get())) {
+            if (!reply) {
+                g_propagate_error(error.Out(), g_error_copy(failure.Get()));
+            }
+            return true;
+        }
+        host::DropDirectRequestConnection(busName, direct.get());
+    }
+    return false;
+}
+
+/* The call on the shared bus connection. */
+void CallOverBus(GDBusConnection* connection, const std::string& busName, const char* path, wire::Method method,
+                 GVariant* parameters, GVariantPtr& reply, ScopedError& error)
 {
     const char* interface = wire::InterfaceOf(method);
     const char* methodName = wire::NameOf(method);
     const GVariantType* replyType = wire::ReplyTypeOf(method);
-    GVariantPtr params(g_variant_ref_sink(parameters));
-    if (busName.empty()) {
-        result.outcome = Outcome::NotServed;
-        result.message = "no provider can serve this authority";
-        return nullptr;
-    }
-    int portResult = 0;
-    GDBusConnectionPtr connection = host::PortsConnection(true, &portResult);
-    if (portResult == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
-        result.outcome = Outcome::NotAuthorized;
-        result.message = "the bus refuses this application's name to this process's user";
-        return nullptr;
-    }
-    if (!connection) {
-        result.outcome = Outcome::BusError;
-        result.message = "the message bus cannot be used as this application (" + std::to_string(portResult) + ")";
-        return nullptr;
-    }
-    ScopedError error;
-    GVariantPtr reply;
     GMainContext* mainContext = g_main_context_default();
     /* A provider of this process answers on the default main context: when this
      * thread is the one that would run it, keep running it while waiting. */
     if (host::OwnsRequestBusName(busName) && g_main_context_acquire(mainContext)) {
         std::atomic<bool> done(false);
         std::thread caller([&] {
-            reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, methodName,
-                                                    params.get(), replyType,
-                                                    G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
-                                                    error.Out()));
+            reply.reset(g_dbus_connection_call_sync(connection, busName.c_str(), path, interface, methodName,
+                                                    parameters, replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                                    kRequestTimeoutMs, nullptr, error.Out()));
             done = true;
             g_main_context_wakeup(mainContext);
         });
@@ -131,10 +142,40 @@ GVariantPtr Call(const std::string& busName, const char* path, wire::Method meth
         caller.join();
         g_main_context_release(mainContext);
     } else {
-        reply.reset(g_dbus_connection_call_sync(connection.get(), busName.c_str(), path, interface, methodName,
-                                                params.get(), replyType,
-                                                G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs, nullptr,
-                                                error.Out()));
+        reply.reset(g_dbus_connection_call_sync(connection, busName.c_str(), path, interface, methodName, parameters,
+                                                replyType, G_DBUS_CALL_FLAGS_NO_AUTO_START, kRequestTimeoutMs,
+                                                nullptr, error.Out()));
+    }
+}
+
+/* One call: on the provider's direct connection when there is one, else on
+ * the bus. Null with `result` describing the failure when there is no reply. */
+GVariantPtr Call(const std::string& busName, const char* path, wire::Method method, GVariant* parameters,
+                 Result& result)
+{
+    GVariantPtr params(g_variant_ref_sink(parameters));
+    if (busName.empty()) {
+        result.outcome = Outcome::NotServed;
+        result.message = "no provider can serve this authority";
+        return nullptr;
+    }
+    ScopedError error;
+    GVariantPtr reply;
+    if (!CallDirect(busName, path, method, params.get(), reply, error)) {
+        int portResult = 0;
+        GDBusConnectionPtr connection = host::PortsConnection(true, &portResult);
+        if (portResult == MESSAGE_PORT_ERROR_PERMISSION_DENIED) {
+            result.outcome = Outcome::NotAuthorized;
+            result.message = "the bus refuses this application's name to this process's user";
+            return nullptr;
+        }
+        if (!connection) {
+            result.outcome = Outcome::BusError;
+            result.message =
+                "the message bus cannot be used as this application (" + std::to_string(portResult) + ")";
+            return nullptr;
+        }
+        CallOverBus(connection.get(), busName, path, method, params.get(), reply, error);
     }
     if (!reply) {
         SetCallError(error.Get(), result);

@@ -40,29 +40,15 @@
 #include "requests/refusal_reasons.h"
 #include "requests/request_glue.h"
 #include "requests/request_handlers.h"
+#include "requests/transport.h"
 #include "stats/request_stats.h"
 #include "request_wire.h"
 
 namespace tilvane {
 namespace host {
 namespace requests {
-namespace {
 
-/* A method call on its way to its handler; it holds its own references to the
- * invocation and the arguments, which its request borrows from. */
-struct Job {
-    std::unique_ptr<GDBusMethodInvocation, GObjectUnref> invocation;
-    GVariantPtr parameters;
-    wire::Method method;
-    wire::Request request;
-    std::string clientApp;
-    /* Why the sender was refused; empty when it may make the call. */
-    std::string refusal;
-    /* When the call reached the process (stats::MonotonicUs). */
-    int64_t arrivedUs = 0;
-};
-
-GDBusNodeInfo* NodeInfo()
+GDBusNodeInfo* RequestNodeInfo()
 {
     static GDBusNodeInfo* node = [] {
         ScopedError error;
@@ -74,6 +60,8 @@ GDBusNodeInfo* NodeInfo()
     }();
     return node;
 }
+
+namespace {
 
 /* Whether a reply carries a result code (the content interface's writes). */
 template <typename Out, typename = void>
@@ -92,16 +80,20 @@ void CountReply(const Out& out)
 }
 
 template <typename Out>
-void SendAnswer(GDBusMethodInvocation* invocation, Answer<Out>&& answer)
+size_t SendAnswer(GDBusMethodInvocation* invocation, Answer<Out>&& answer)
 {
     if (answer.failed) {
         CountFailure(answer.failure.error, answer.failure.reason, answer.failure.text);
         g_dbus_method_invocation_return_dbus_error(
             invocation, ErrorName(answer.failure.error, answer.failure.reason).c_str(), answer.failure.text.c_str());
-        return;
+        return answer.failure.text.size();
     }
     CountReply(answer.out);
-    g_dbus_method_invocation_return_value(invocation, wire::ToVariant(std::move(answer.out)));
+    GVariant* reply = g_variant_ref_sink(wire::ToVariant(std::move(answer.out)));
+    const size_t bytes = g_variant_get_size(reply);
+    g_dbus_method_invocation_return_value(invocation, reply);
+    g_variant_unref(reply);
+    return bytes;
 }
 
 /* "DataControl.Insert": the request as the budgets and the log name it. */
@@ -112,18 +104,19 @@ std::string RequestName(wire::Method method)
     return std::string(dot != nullptr ? dot + 1 : interface) + "." + wire::NameOf(method);
 }
 
-void RunJob(Job& job)
-{
-    LogSourceScope logSource(job.clientApp);
-    content::StatementBudgetScope budget(job.clientApp, RequestName(job.method));
-    std::visit([&](const auto& in) { SendAnswer(job.invocation.get(), Handle(in)); }, job.request);
-    TrimWhenIdle();
-}
+}  // namespace
 
-/* Checks of senders not known yet, on the bus thread or their jobs still
- * waiting for the main context. While there is one, every call takes that
- * way, so that calls run in the order they came. */
-std::atomic<int> unsettledChecks{0};
+size_t RunJob(Job& job)
+{
+    size_t bytes = 0;
+    {
+        LogSourceScope logSource(job.clientApp);
+        content::StatementBudgetScope budget(job.clientApp, RequestName(job.method));
+        bytes = std::visit([&](const auto& in) { return SendAnswer(job.invocation.get(), Handle(in)); }, job.request);
+    }
+    TrimWhenIdle();
+    return bytes;
+}
 
 void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason)
 {
@@ -135,7 +128,7 @@ void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason)
 }
 
 /* Runs the job, or refuses its sender, counted in the statistics. */
-void ServeJob(Job& job)
+size_t ServeJob(Job& job)
 {
     static const std::string kDataControlName = "DataControl";
     static const std::string kContentName = "Content";
@@ -143,11 +136,36 @@ void ServeJob(Job& job)
     const std::string method = wire::NameOf(job.method);
     stats::RequestScope counted(dataControl ? kDataControlName : kContentName, method, job.arrivedUs);
     if (job.refusal.empty()) {
-        RunJob(job);
-    } else {
-        RefuseSender(job.invocation.get(), job.refusal);
+        return RunJob(job);
     }
+    RefuseSender(job.invocation.get(), job.refusal);
+    return 0;
 }
+
+std::unique_ptr<Job> ReadCall(const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
+                              GDBusMethodInvocation* invocation)
+{
+    std::unique_ptr<Job> job(new Job{
+        std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(
+            static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
+        GVariantPtr(g_variant_ref(parameters)), wire::Method{}, wire::Request{}, std::string(), std::string(),
+        stats::MonotonicUs()});
+    if (!wire::FindMethod(interfaceName, methodName, job->method) ||
+        !wire::ReadRequest(job->method, parameters, job->request)) {
+        g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidRequest,
+                                                   "not a method of the request interfaces with its arguments");
+        return nullptr;
+    }
+    job->clientApp = std::visit([](const auto& in) { return std::string(in.clientApp); }, job->request);
+    return job;
+}
+
+namespace {
+
+/* Checks of senders not known yet, on the bus thread or their jobs still
+ * waiting for the main context. While there is one, every call takes that
+ * way, so that calls run in the order they came. */
+std::atomic<int> unsettledChecks{0};
 
 /* A job whose sender was checked on the bus thread, back on the main context. */
 gboolean RunCheckedJobCB(gpointer data)
@@ -197,26 +215,6 @@ gboolean CheckSenderCB(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
-/* The call read into its typed request; null (and the call answered) when it
- * is not one of the interfaces' methods with its arguments. */
-std::unique_ptr<Job> ReadCall(const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
-                              GDBusMethodInvocation* invocation)
-{
-    std::unique_ptr<Job> job(new Job{
-        std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(
-            static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
-        GVariantPtr(g_variant_ref(parameters)), wire::Method{}, wire::Request{}, std::string(), std::string(),
-        stats::MonotonicUs()});
-    if (!wire::FindMethod(interfaceName, methodName, job->method) ||
-        !wire::ReadRequest(job->method, parameters, job->request)) {
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidRequest,
-                                                   "not a method of the request interfaces with its arguments");
-        return nullptr;
-    }
-    job->clientApp = std::visit([](const auto& in) { return std::string(in.clientApp); }, job->request);
-    return job;
-}
-
 /* On the default main context. A sender the bus was already asked about is
  * answered here and now; any other is checked on the bus thread first. */
 void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender, const gchar* /*objectPath*/,
@@ -245,7 +243,7 @@ void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender,
 
 bool RegisterRequestObjects(GDBusConnection* connection)
 {
-    GDBusNodeInfo* node = NodeInfo();
+    GDBusNodeInfo* node = RequestNodeInfo();
     if (node == nullptr) {
         return true;
     }

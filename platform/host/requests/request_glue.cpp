@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "bus/bus_connection.h"
+#include "config/paths.h"
 #include "confinement_policy.h"
 #include "content/registration_observer.h"
 #include "identity/app_identity.h"
@@ -62,6 +63,7 @@ bool OwnName(const std::string& name)
     std::lock_guard<std::mutex> lock(s.mutex);
     s.ownedNames.insert(name);
     REQUEST_LOGD("owns bus name %s", name.c_str());
+    ListenForDirectRequests(name);
     return true;
 }
 
@@ -74,6 +76,7 @@ void ReleaseName(const std::string& name)
             return;
         }
     }
+    StopListeningForDirectRequests(name);
     ConnectionProblem problem = ConnectionProblem::None;
     GDBusConnectionPtr connection = SharedBusConnection(false, &problem);
     if (!connection) {
@@ -265,6 +268,11 @@ std::string DataControlBusName(const std::string& authority)
 std::string ContentBusName(const std::string& authority)
 {
     return EscapedBusName(kContentNamePrefix, authority);
+}
+
+std::string RequestSocketPath(const std::string& busName)
+{
+    return PlatformRootDirectory() + "/run/tilvane/" + busName;
 }
 
 bool OwnsRequestBusName(const std::string& busName)

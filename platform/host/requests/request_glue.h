@@ -123,6 +123,12 @@ Reason SyncMarkOf(bundle* values);
  * a row or the where clause is larger than the integrator allows. */
 bool WithinRequestLimits(const std::vector<bundle*>& rows, const char* where);
 
+/* Listens on the direct request socket of `busName`, which this process now
+ * owns, unless [request-socket] enabled is false; stops when it gives the
+ * name back (socket_transport.cpp). */
+void ListenForDirectRequests(const std::string& busName);
+void StopListeningForDirectRequests(const std::string& busName);
+
 /* Registers the transport's objects for every bus connection (bus_transport.cpp). */
 void ExportRequestObjectsOnEveryConnection();
 

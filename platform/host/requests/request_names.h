@@ -30,6 +30,10 @@ std::string AuthorityOf(const std::string& uri);
 std::string DataControlBusName(const std::string& authority);
 std::string ContentBusName(const std::string& authority);
 
+/* The direct request socket of the provider that owns `busName`:
+ * <platform root>/run/tilvane/<bus name> (socket_transport.cpp). */
+std::string RequestSocketPath(const std::string& busName);
+
 /* True when this process owns `busName` for one of its request interfaces. */
 bool OwnsRequestBusName(const std::string& busName);
 
