@@ -9,6 +9,7 @@
  */
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -227,6 +228,77 @@ TEST_F(IdentityTest, AnotherUserCannotActAsAnInstalledApplicationOrAPlatformId)
     EXPECT_EQ(CountInLog("runs as user " + kSports + ", application ContentServiceManager is bound to user 0"), 4);
     EXPECT_EQ(CountInLog("runs as user " + kSports + ", application org.example.news.ui is bound to user " + kNews), 5);
     EXPECT_EQ(CountInLog("runs as user " + kSports + ", application org.example.news is bound to user " + kNews), 4);
+}
+
+/* The same claims over the direct request socket, which every user may
+ * connect to: the socket's user is bound to applications as the bus's is. */
+TEST_F(IdentityTest, OverTheRequestSocketAnotherUserCannotActAsAnotherApplication)
+{
+    StartService();
+    PublishContent(kNewsUser, kNewsApp, "news");
+    EXPECT_GE(CountInLog("request socket: connection of process "), 1) << ServiceLog();
+    EXPECT_GE(CountInLog("(user " + kNews + ")"), 1) << ServiceLog();
+    for (const char* interface : {"content", "data-control"}) {
+        Outcome removal = Ctl(kSportsUser, kNewsApp, {"data", "delete", "tiles", "--all", "--interface", interface});
+        EXPECT_EQ(removal.status, 1) << interface << ": " << removal.out;
+        EXPECT_NE((removal.out + removal.err).find("not authorized"), std::string::npos) << removal.out << removal.err;
+        Outcome read;
+        EXPECT_EQ(TileIds(kSportsUser, kNewsApp, interface, &read), "") << interface;
+        EXPECT_NE((read.out + read.err).find("not authorized"), std::string::npos) << read.out << read.err;
+    }
+    EXPECT_EQ(Count("SELECT COUNT(*) FROM tiles"), 2);
+    /* Each refusal names the socket's peer, its user and the application's. */
+    const std::regex refusal("refused: peer [0-9]+ runs as user " + kSports +
+                             ", application org.example.news.ui is bound to user " + kNews);
+    const std::string log = ServiceLog();
+    EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), refusal), std::sregex_iterator()), 4)
+        << log;
+    EXPECT_EQ(TileIds(kNewsUser, kNewsApp, "content"), "news-content,news-data-control");
+}
+
+/* Nobody can stand in for the provider on the socket: not by owning its
+ * folder before it starts (then it listens on nothing), nor by listening
+ * where its socket would be (then clients do not talk to that listener). */
+TEST_F(IdentityTest, AnotherUsersSocketOrFolderIsNeverTakenForTheProvider)
+{
+    const std::string folder = m_root.Path() + "/run/tilvane";
+    std::filesystem::create_directories(folder);
+    chmod((m_root.Path() + "/run").c_str(), 0755);
+    ASSERT_EQ(chown(folder.c_str(), kSportsUser, kSportsUser), 0);
+    chmod(folder.c_str(), 0777);
+    /* The sports user listens where the content interface's socket would be
+     * and writes down every byte a client sends it. */
+    const std::string socket = folder + "/org.tilvane.Content.Pcom_2equillon_2epx_2etiles";
+    const std::string heard = m_logs.File("heard");
+    const std::string listener =
+        "import os,socket,time\n"
+        "s=socket.socket(socket.AF_UNIX); s.bind('" + socket + "'); os.chmod('" + socket + "', 0o666)\n"
+        "s.listen(16); s.settimeout(0.2)\n"
+        "end=time.time()+12; data=b''\n"
+        "while time.time()<end:\n"
+        "  try:\n    c,_=s.accept(); c.settimeout(0.5)\n    data+=b'[accepted]'+(c.recv(4096) or b'')\n"
+        "  except Exception: pass\n"
+        "  open('" + heard + "','wb').write(data)\n";
+    chmod(m_logs.Path().c_str(), 0777);
+    Process fake(tilvane::test::AsUser(kSportsUser, {"/usr/bin/python3", "-c", listener}), {},
+                 m_logs.File("fake.out"), m_logs.File("fake.err"));
+    for (int i = 0; i < 100 && access(socket.c_str(), F_OK) != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_EQ(access(socket.c_str(), F_OK), 0) << tilvane::test::ReadAll(m_logs.File("fake.err"));
+    StartService();
+    EXPECT_EQ(CountInLog("request socket folder " + folder + " is not this user's own; requests stay on the bus"), 2)
+        << ServiceLog();
+    /* The news application is still answered, over the bus. */
+    PublishContent(kNewsUser, kNewsApp, "news");
+    EXPECT_EQ(TileIds(kNewsUser, kNewsApp, "content"), "news-content,news-data-control");
+    EXPECT_EQ(CountInLog("request socket: connection of process "), 0);
+    fake.Signal(SIGKILL);
+    fake.Wait(5000);
+    /* The clients connected, saw whose socket it is, and said nothing. */
+    const std::string bytes = tilvane::test::ReadAll(heard);
+    EXPECT_NE(bytes.find("[accepted]"), std::string::npos);
+    EXPECT_EQ(bytes.find("AUTH"), std::string::npos) << bytes;
 }
 
 TEST_F(IdentityTest, TheBoundUserGetsItsLevelAndOnlyItsRows)

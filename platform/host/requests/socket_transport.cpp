@@ -341,7 +341,7 @@ void OnPeerClosedCB(GDBusConnection* connection, gboolean /*vanished*/, GError* 
         }
     }
     g_signal_handler_disconnect(connection, peer->closedHandler);
-    REQUEST_LOGD("request socket: connection of process %d closed", static_cast<int>(peer->pid));
+    REQUEST_LOGD("request socket: lost the connection of process %d", static_cast<int>(peer->pid));
     g_object_unref(peer->connection);
 }
 
