@@ -140,10 +140,11 @@ TEST_F(BusLossTest, ADaemonStartedAgainFindsTheServiceWithEveryNameAndPort)
 TEST_F(BusLossTest, ADaemonThatDropsTheConnectionForAnOversizedReplyFindsTheServiceAgain)
 {
     /* The integrator's limit (the default, 32 MiB) is above this bus's 1 MiB:
-     * a select of 2 MB is sent, and the daemon drops the connection. */
+     * a select of 2 MB is sent, and the daemon drops the connection. The
+     * reply takes the bus: no direct request socket. */
     PrivateBus bus(FixedAddressBus(m_busDir, ConfigWithMessageLimit(m_busDir, 1024 * 1024)));
     ASSERT_TRUE(bus.IsRunning());
-    ASSERT_NO_FATAL_FAILURE(StartService("[bus]\nreconnect-ms = 10000\n"));
+    ASSERT_NO_FATAL_FAILURE(StartService("[bus]\nreconnect-ms = 10000\n[request-socket]\nenabled = false\n"));
     {
         tilvane::test::RawDatabase db(m_root.Path() + "/opt/dbspace/.preview.db");
         ASSERT_EQ(db.Exec("INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (101, 'org.example.news');"
