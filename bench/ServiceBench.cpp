@@ -5,7 +5,9 @@
  * application, against baselines in the same run:
  *   - a bare GDBus server in a process of its own that answers the same
  *     method with a reply of the same shape and size the service gave (the
- *     caller builds the same payload with the same bundle and GVariant calls);
+ *     caller builds the same payload with the same bundle and GVariant calls),
+ *     peer to peer on a socket of its own: the client library reaches the
+ *     service on its direct request socket, so both travel the same way;
  *   - raw SQLite selecting the same rows from the same file, for selects.
  * Subject and baseline are timed in alternation (A B A B); every repetition
  * gives one ratio. Also measured: the time from exec to the first answered
@@ -99,6 +101,45 @@ void BareCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, cons
     g_dbus_method_invocation_return_dbus_error(invocation, "org.tilvane.Request.Error.NotServed", "no reply kept");
 }
 
+/* The bare server's peer-to-peer socket: the service's requests travel on its
+ * direct request socket, so the bare call does too. */
+std::string BareSocket(const std::string& directory)
+{
+    return directory + "/bare.sock";
+}
+
+struct BareObject {
+    GDBusInterfaceInfo* content;
+    const GDBusInterfaceVTable* vtable;
+    BareReplies* replies;
+};
+
+gboolean BarePeerCB(GDBusServer*, GDBusConnection* connection, gpointer data)
+{
+    const BareObject* object = static_cast<const BareObject*>(data);
+    g_object_ref(connection);
+    g_dbus_connection_register_object(connection, kBarePath, object->content, object->vtable, object->replies,
+                                      nullptr, nullptr);
+    return TRUE;
+}
+
+bool ListenPeerToPeer(const std::string& path, GDBusInterfaceInfo* content, const GDBusInterfaceVTable* vtable,
+                      BareReplies* replies)
+{
+    static BareObject object{content, vtable, replies};
+    unlink(path.c_str());
+    gchar* guid = g_dbus_generate_guid();
+    GDBusServer* server =
+        g_dbus_server_new_sync(("unix:path=" + path).c_str(), G_DBUS_SERVER_FLAGS_NONE, guid, nullptr, nullptr, nullptr);
+    g_free(guid);
+    if (server == nullptr) {
+        return false;
+    }
+    g_signal_connect(server, "new-connection", G_CALLBACK(BarePeerCB), &object);
+    g_dbus_server_start(server);
+    return true;
+}
+
 }  // namespace
 
 /* Entry of the bare server process: tilvane_bench --bare-server FD DIRECTORY.
@@ -132,7 +173,7 @@ int RunBareServer(int readyFd, const char* directory)
                                                   "org.freedesktop.DBus", "RequestName",
                                                   g_variant_new("(su)", kBareName, 4u), nullptr,
                                                   G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    if (owned == nullptr) {
+    if (owned == nullptr || !ListenPeerToPeer(BareSocket(directory), content, &vtable, &replies)) {
         return 1;
     }
     g_variant_unref(owned);
@@ -243,13 +284,27 @@ GVariant* StringArray(const std::vector<std::string>& strings)
     return g_variant_builder_end(&builder);
 }
 
+/* The bare server's root, set when it is started. */
+std::string& BareDirectory()
+{
+    static std::string directory;
+    return directory;
+}
+
+/* A peer-to-peer connection to the bare server (the one of its current run). */
 GDBusConnection* BareConnection()
 {
-    static GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        std::getenv("DBUS_SESSION_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    static GDBusConnection* connection = nullptr;
+    static std::string connectedTo;
+    if (connection == nullptr || connectedTo != BareDirectory() || g_dbus_connection_is_closed(connection)) {
+        if (connection != nullptr) {
+            g_object_unref(connection);
+        }
+        connectedTo = BareDirectory();
+        connection = g_dbus_connection_new_for_address_sync(("unix:path=" + BareSocket(connectedTo)).c_str(),
+                                                            G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, nullptr,
+                                                            nullptr, nullptr);
+    }
     return connection;
 }
 
@@ -257,7 +312,7 @@ GDBusConnection* BareConnection()
 bool BareCall(const char* method, GVariant* parameters, const char* replyType)
 {
     GVariant* reply =
-        g_dbus_connection_call_sync(BareConnection(), kBareName, kBarePath, kContentInterface, method, parameters,
+        g_dbus_connection_call_sync(BareConnection(), nullptr, kBarePath, kContentInterface, method, parameters,
                                     G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, 120000, nullptr,
                                     nullptr);
     if (reply == nullptr) {
@@ -652,6 +707,7 @@ private:
         // A fresh process (this program started again): a bare fork would
         // inherit this process's bus connections and threads.
         std::vector<std::string> args = {"/proc/self/exe", "--bare-server", std::to_string(fds[1]), m_root};
+        BareDirectory() = m_root;
         m_barePid = Spawn(args, {}, m_root + "/bare.log");
         close(fds[1]);
         char c = 0;
