@@ -48,7 +48,8 @@ ROOMS = [
     (6, 'system', 'configuration keys, power-off, system information'),
     (6, 'confinement', 'the strict-confinement switch and the request confinement record'),
     (7, 'content', 'the content library on SQLite'),
-    (8, 'requests', 'the two request interfaces: typed requests, their handlers and bus transport, '
+    (8, 'requests', 'the two request interfaces: typed requests, their handlers, their transports (the bus, the direct '
+                    'request socket), '
                     'replies with reason codes, the reasons a refusal is counted under, the idle trim'),
     (8, 'admin', 'the operator\'s interface: statistics, backup, restore and check of the tiles database, '
                  'and its caller\'s side for tilvanectl'),

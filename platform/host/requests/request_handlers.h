@@ -2,7 +2,8 @@
  * The requests of both request interfaces, typed, and their handlers: the
  * seam between a transport and what a request does.
  *
- * A transport (bus_transport.cpp: method calls on the message bus) reads each
+ * A transport (bus_transport.cpp: method calls on the message bus;
+ * socket_transport.cpp: the same on the direct request socket) reads each
  * request once into its typed struct (request_wire.h, generated from
  * request_interfaces.xml), makes sure the caller is the application the
  * request names (`clientApp`), calls Handle and sends what it answers. A
