@@ -11,7 +11,7 @@ PACKAGES=(
     bsdutils python3
     libsoup-3.0-dev libsystemd-dev
     chromium chromium-driver python3-selenium fonts-dejavu-core
-    systemd libsystemd-dev
+    systemd
     clang libfuzzer-14-dev libclang-rt-14-dev
     dpkg-dev debhelper lintian
 )
