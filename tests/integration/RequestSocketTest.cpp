@@ -84,6 +84,14 @@ protected:
     ContentClient m_client;
 };
 
+sockaddr_un UnixAddress(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
 GDBusConnection* OpenPeer(const std::string& socket)
 {
     gchar* escaped = g_dbus_address_escape_value(socket.c_str());
@@ -148,9 +156,7 @@ TEST_F(RequestSocketTest, ADeadSocketOrAFileInItsPlaceSendsTheClientToTheBus)
     /* Where the socket would be: a socket nobody listens on, then a plain file. */
     const std::string path = Folder() + "/org.tilvane.Content.Pcom_2equillon_2epx_2etiles";
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    sockaddr_un address = UnixAddress(path);
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
     close(fd);
     EXPECT_EQ(SelectTiles().outcome, Outcome::Answered);
@@ -169,9 +175,13 @@ TEST_F(RequestSocketTest, ConnectionsOverTheBudgetAreClosedAndTheClientTakesTheB
         peers.push_back(OpenPeer(socket));
         ASSERT_NE(peers.back(), nullptr);
     }
-    EXPECT_TRUE(PeerSelect(peers[0], kApp));
-    EXPECT_TRUE(PeerSelect(peers[1], kApp));
-    EXPECT_FALSE(PeerSelect(peers[2], kApp));
+    /* The service authenticates peers side by side: which one of the three
+     * came last is its own affair, but one of them is closed. */
+    int answered = 0;
+    for (GDBusConnection* peer : peers) {
+        answered += PeerSelect(peer, kApp) ? 1 : 0;
+    }
+    EXPECT_EQ(answered, 2);
     EXPECT_TRUE(m_service->WaitFor("is closed: over [request-socket] max-connections-per-user", true, 10000))
         << m_service->Err();
     /* The client library, over the budget too, is answered over the bus. */
@@ -200,9 +210,7 @@ TEST_F(RequestSocketTest, AnIdleConnectionIsClosedAndTheClientOpensANewOne)
 int HandshakenSocket(const std::string& path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    sockaddr_un address = UnixAddress(path);
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         close(fd);
         return -1;

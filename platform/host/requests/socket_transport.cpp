@@ -87,12 +87,24 @@ gboolean AuthorizePeerCB(GDBusAuthObserver* /*observer*/, GIOStream* /*stream*/,
     return credentials != nullptr;
 }
 
+/* `path` made traversable by every user when it is this user's own (a umask
+ * of the service manager's may have left it closed). */
+void OpenToEveryone(const std::string& path)
+{
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == geteuid()) {
+        chmod(path.c_str(), 0755);
+    }
+}
+
 /* The socket's folder, made when missing; false (logged) when it is not the
  * process's own or others may write it, so that nobody could have put a
  * socket of theirs in the provider's place. */
 bool OwnFolder(const std::string& folder)
 {
     g_mkdir_with_parents(folder.c_str(), 0755);
+    OpenToEveryone(folder.substr(0, folder.rfind('/')));
+    OpenToEveryone(folder);
     struct stat st {};
     if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() ||
         (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
