@@ -204,6 +204,97 @@ TEST_F(ServiceProcessTest, RestartKeepsTheDatabaseAndItsRows)
     EXPECT_EQ(second.StopWith(SIGTERM, std::chrono::seconds(20)), 0);
 }
 
+/* A service killed with SIGKILL after `fill` ran on its database (raw, the
+ * log written back into the file). */
+void StartFillAndKill(const std::string& root, const std::string& log, const std::string& database,
+                      const std::string& fill)
+{
+    ServiceProcess first(root, log);
+    ASSERT_TRUE(first.WaitForLog("service application created", std::chrono::seconds(20))) << first.Log();
+    {
+        RawDatabase db(database);
+        ASSERT_EQ(db.Exec(fill + "PRAGMA wal_checkpoint(TRUNCATE);"), 0);
+    }
+    ASSERT_EQ(first.StopWith(SIGKILL, std::chrono::seconds(20)), 128 + SIGKILL);
+}
+
+const char kFiller[] =
+    "CREATE TABLE filler (a TEXT);"
+    "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 4000) "
+    "INSERT INTO filler SELECT hex(randomblob(100)) FROM n;";
+
+TEST_F(ServiceProcessTest, AfterAKillTheNextStartServesAtOnceAndChecksTheFileInTheBackground)
+{
+    StartFillAndKill(m_root.Path(), m_logs.File("first.log"), DatabasePath(), kFiller);
+    ASSERT_TRUE(FileExists(DatabasePath() + "-inuse"));
+
+    ServiceProcess second(m_root.Path(), m_logs.File("second.log"));
+    ASSERT_TRUE(second.WaitForLog("main loop running", std::chrono::seconds(20))) << second.Log();
+    const std::string log = second.Log();
+    EXPECT_NE(log.find(DatabasePath() + " was not closed cleanly: header and tables checked, quick check in the "
+                                        "background"),
+              std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("running the quick check"), std::string::npos) << log;
+    ASSERT_TRUE(second.WaitForLog(DatabasePath() + " passed the check in the background", std::chrono::seconds(60)))
+        << second.Log();
+    EXPECT_TRUE(second.IsRunning());
+    EXPECT_EQ(second.Log().find("remove original file"), std::string::npos);
+    {
+        RawDatabase db(DatabasePath());
+        EXPECT_EQ(db.Count("filler"), 4000);
+    }
+    EXPECT_EQ(second.StopWith(SIGTERM, std::chrono::seconds(20)), 0) << second.Log();
+    EXPECT_TRUE(FileExists(DatabasePath() + "-clean"));
+}
+
+TEST_F(ServiceProcessTest, DamageFoundInTheBackgroundEndsTheServiceAndItsNextStartReplacesTheFile)
+{
+    StartFillAndKill(m_root.Path(), m_logs.File("first.log"), DatabasePath(), kFiller);
+    {
+        // The last twenty pages (leaves of the filler table, which the start
+        // does not read) overwritten; the header and every table's first
+        // pages intact.
+        const size_t size = tilvane::test::FileSize(DatabasePath());
+        ASSERT_GT(size, static_cast<size_t>(100 * 4096));
+        std::fstream file(DatabasePath(), std::ios::in | std::ios::out | std::ios::binary);
+        ASSERT_TRUE(file.is_open());
+        file.seekp(static_cast<std::streamoff>(size - 20 * 4096));
+        const std::string noise = tilvane::test::RandomBytes(20 * 4096, 17);
+        file.write(noise.data(), static_cast<std::streamsize>(noise.size()));
+    }
+
+    {
+        ServiceProcess second(m_root.Path(), m_logs.File("second.log"));
+        ASSERT_TRUE(second.WaitForLog("main loop running", std::chrono::seconds(20))) << second.Log();
+        EXPECT_NE(second.Log().find("quick check in the background"), std::string::npos) << second.Log();
+        // Signal 0 sends nothing: this waits for the service to end by itself.
+        EXPECT_EQ(second.StopWith(0, std::chrono::seconds(60)), 4) << second.Log();
+        const std::string log = second.Log();
+        // Findings, or SQLite's "malformed" when a damaged page stops the check.
+        EXPECT_TRUE(log.find(DatabasePath() + " is corrupt (") != std::string::npos ||
+                    log.find("quick check of " + DatabasePath() + ": database disk image is malformed") !=
+                        std::string::npos)
+            << log;
+        EXPECT_NE(log.find(DatabasePath() + " is damaged: the service ends and its next start replaces the file"),
+                  std::string::npos)
+            << log;
+        EXPECT_NE(log.find("lock destroyed: CTilesProviderLock"), std::string::npos) << log;
+        EXPECT_EQ(log.find("remove original file"), std::string::npos) << log;
+    }
+
+    ServiceProcess third(m_root.Path(), m_logs.File("third.log"));
+    ASSERT_TRUE(third.WaitForLog("service application created", std::chrono::seconds(20))) << third.Log();
+    const std::string log = third.Log();
+    EXPECT_NE(log.find("running the quick check"), std::string::npos) << log;
+    EXPECT_NE(log.find("----------remove original file-----------"), std::string::npos) << log;
+    {
+        RawDatabase db(DatabasePath());
+        EXPECT_EQ(db.TableNames(), (std::vector<std::string>{"accelerators", "sections", "tiles"}));
+    }
+    EXPECT_EQ(third.StopWith(SIGTERM, std::chrono::seconds(20)), 0) << third.Log();
+}
+
 TEST_F(ServiceProcessTest, HelpExplainsTheEnvironmentAndStartsNothing)
 {
     std::string command = std::string(TILVANE_SERVICE_BINARY) + " --help 2>&1";

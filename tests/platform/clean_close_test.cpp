@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <glib.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,6 +20,7 @@
 
 #include "ContentDbConnection.h"
 #include "ContentHelper.h"
+#include "content/background_check.h"
 #include "TestSupport.h"
 
 namespace {
@@ -38,7 +40,11 @@ class CleanCloseTest : public ::testing::Test
 {
 protected:
     void SetUp() override { tilvane::host::Reset(); }
-    void TearDown() override { tilvane::host::Reset(); }
+    void TearDown() override
+    {
+        tilvane::content::WaitForBackgroundChecks(60000);
+        tilvane::host::Reset();
+    }
 
     std::string DbPath() const { return m_dir.Path() + "/shelf.db"; }
     std::string RecordPath() const { return DbPath() + "-clean"; }
@@ -68,23 +74,65 @@ protected:
         }
     }
 
-    /* Checks a fresh helper's file; whether the quick check ran is in `ran`. */
-    bool Corrupt(bool& ran)
+    /* Opens, writes, and ends without closing, as a crash would. */
+    void Crash()
+    {
+        const pid_t child = fork();
+        if (child == 0) {
+            ShelfHelper helper(m_dir.Path());
+            std::string error;
+            const bool ok = helper.ConnectDB() &&
+                            helper.GetConnection()->ExcuteSQL("INSERT INTO item (title) VALUES ('last')", error) == 0;
+            _exit(ok ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+
+    static bool Logged(const std::string& message)
+    {
+        for (const auto& line : tilvane::host::CapturedLog()) {
+            if (line.message == message) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    static bool LoggedStart(const std::string& prefix)
+    {
+        for (const auto& line : tilvane::host::CapturedLog()) {
+            if (line.message.rfind(prefix, 0) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /* Checks a fresh helper's file; whether the quick check ran at open is in
+     * `ran`, whether it was left to the background in `deferred`. */
+    bool Corrupt(bool& ran, bool* deferred = nullptr)
     {
         tilvane::host::StartLogCapture();
         ShelfHelper helper(m_dir.Path());
         helper.ConnectDB();
         const bool corrupt = helper.CheckDBCorruption();
-        ran = false;
-        bool skipped = false;
-        for (const auto& line : tilvane::host::CapturedLog()) {
-            ran |= line.message == DbPath() + " was not closed cleanly or changed since: running the quick check";
-            skipped |= line.message ==
-                       DbPath() + " was closed cleanly and not changed since: header checked, quick check skipped";
+        // The helper's end would stop a check still running in the background.
+        EXPECT_TRUE(tilvane::content::WaitForBackgroundChecks(60000));
+        ran = Logged(DbPath() + " was not closed cleanly or changed since: running the quick check");
+        const bool skipped =
+            Logged(DbPath() + " was closed cleanly and not changed since: header checked, quick check skipped");
+        const bool background =
+            Logged(DbPath() + " was not closed cleanly: header and tables checked, quick check in the background");
+        if (deferred != nullptr) {
+            *deferred = background;
         }
-        tilvane::host::StopLogCapture();
-        tilvane::host::ClearCapturedLog();
-        EXPECT_NE(ran, skipped);
+        if (!background) {
+            tilvane::host::StopLogCapture();
+            tilvane::host::ClearCapturedLog();
+        }
+        EXPECT_EQ(1, int(ran) + int(skipped) + int(background));
         return corrupt;
     }
 
@@ -155,23 +203,96 @@ TEST_F(CleanCloseTest, AProcessThatEndsWithoutClosingLeavesTheNextOpenUnclean)
 {
     MakeFilledFile();
     ASSERT_TRUE(tilvane::test::FileExists(RecordPath()));
-    const pid_t child = fork();
-    if (child == 0) {
-        // Opens, writes, and ends without closing, as a crash would.
-        ShelfHelper helper(m_dir.Path());
-        std::string error;
-        const bool ok = helper.ConnectDB() &&
-                        helper.GetConnection()->ExcuteSQL("INSERT INTO item (title) VALUES ('last')", error) == 0;
-        _exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    Crash();
     EXPECT_FALSE(tilvane::test::FileExists(RecordPath()));
+    EXPECT_TRUE(tilvane::test::FileExists(DbPath() + "-inuse"));
 
+    // The integrator's choice: the full check at start after a crash too.
+    tilvane::host::SetConfigurationText("[content]\ncheck-after-crash = at-start\n");
     bool ran = false;
     EXPECT_FALSE(Corrupt(ran));
     EXPECT_TRUE(ran);
+}
+
+TEST_F(CleanCloseTest, AfterACrashTheFullCheckRunsInTheBackgroundAndTheNextCloseIsClean)
+{
+    MakeFilledFile();
+    Crash();
+
+    bool ran = true;
+    bool deferred = false;
+    EXPECT_FALSE(Corrupt(ran, &deferred));
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(deferred);
+    EXPECT_TRUE(Logged(DbPath() + " passed the check in the background"));
+    // The check passed before the helper closed the file: its close was clean.
+    EXPECT_TRUE(tilvane::test::FileExists(RecordPath()));
+    EXPECT_FALSE(tilvane::test::FileExists(DbPath() + "-inuse"));
+}
+
+TEST_F(CleanCloseTest, DamageAfterACrashInPagesTheOpenDoesNotReadIsFoundInTheBackground)
+{
+    MakeFilledFile();
+    Crash();
+    DamagePages();
+    static std::string reported;
+    reported.clear();
+    tilvane::content::SetDamageFoundHandler([](const char* path) { reported = path; });
+
+    bool ran = true;
+    bool deferred = false;
+    {
+        tilvane::host::StartLogCapture();
+        ShelfHelper helper(m_dir.Path());
+        // Served at once: the open read the header and the tables' first pages only.
+        EXPECT_FALSE(helper.CheckDBCorruption());
+        ASSERT_TRUE(tilvane::content::WaitForBackgroundChecks(60000));
+        for (int i = 0; i < 1000 && reported.empty(); ++i) {
+            g_main_context_iteration(nullptr, FALSE);
+        }
+    }
+    EXPECT_EQ(reported, DbPath());
+    // Findings, or SQLite's "malformed" when a damaged page stops the check.
+    EXPECT_TRUE(LoggedStart(DbPath() + " is corrupt (") ||
+                LoggedStart("quick check of " + DbPath() + ": database disk image is malformed"));
+    EXPECT_TRUE(tilvane::test::FileExists(DbPath() + "-corrupt"));
+    // The close after the damage was found left no clean record.
+    EXPECT_FALSE(tilvane::test::FileExists(RecordPath()));
+    tilvane::host::ClearCapturedLog();
+
+    // The next open runs the full check at once and condemns the file.
+    EXPECT_TRUE(Corrupt(ran, &deferred));
+    EXPECT_TRUE(ran);
+    EXPECT_FALSE(deferred);
+}
+
+TEST_F(CleanCloseTest, AHeaderThatDoesNotMatchTheSizeAfterACrashIsCheckedInFullAtOnce)
+{
+    MakeFilledFile();
+    Crash();
+    struct stat st;
+    ASSERT_EQ(0, stat(DbPath().c_str(), &st));
+    ASSERT_EQ(0, truncate(DbPath().c_str(), st.st_size / 2));
+
+    bool ran = false;
+    bool deferred = true;
+    EXPECT_TRUE(Corrupt(ran, &deferred));
+    EXPECT_TRUE(ran);
+    EXPECT_FALSE(deferred);
+}
+
+TEST_F(CleanCloseTest, AFileNoRunOfOursHadOpenIsCheckedInFullAtOnce)
+{
+    MakeFilledFile();
+    Crash();
+    // Neither record: the file may come from anywhere.
+    ASSERT_EQ(0, unlink((DbPath() + "-inuse").c_str()));
+
+    bool ran = false;
+    bool deferred = true;
+    EXPECT_FALSE(Corrupt(ran, &deferred));
+    EXPECT_TRUE(ran);
+    EXPECT_FALSE(deferred);
 }
 
 }  // namespace

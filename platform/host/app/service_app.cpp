@@ -33,6 +33,7 @@
 #include "message_port.h"
 #include "config/platform_config.h"
 #include "config/platform_files.h"
+#include "content/background_check.h"
 #include "log/log_sink.h"
 #include "registry/bus_policy.h"
 #include "stats/request_stats.h"
@@ -63,6 +64,8 @@ struct AppState {
     bool exitRequested = false;
     /* The loop ended because the bus was lost for good. */
     bool busLost = false;
+    /* The loop ended because the check in the background found the database damaged. */
+    bool databaseDamaged = false;
     /* Handles are ids, never pointers, so that a stale handle is harmless. */
     uintptr_t nextHandlerId = 1;
     std::vector<EventHandler> handlers;
@@ -165,6 +168,24 @@ void EndForLostBus()
         s.busLost = true;
     }
     QuitLoop("the message bus connection was lost");
+}
+
+/* The check in the background found damage (content/background_check.h): the
+ * service ends, as on SIGTERM, and exits with code 4, so that its next start
+ * (the unit's Restart=on-failure, or the bus's activation) finds the file
+ * corrupt, removes it and creates it afresh before it serves again. */
+void EndForDamagedDatabase(const char* path)
+{
+    {
+        AppState& s = TheAppState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.loop == nullptr) {
+            return;
+        }
+        s.databaseDamaged = true;
+    }
+    PLATFORM_LOGE("%s is damaged: the service ends and its next start replaces the file", path);
+    QuitLoop("the database is damaged");
 }
 
 /* Owns the sources and the loop of one service_app_main run. */
@@ -333,6 +354,7 @@ namespace {
 constexpr int kExitStartFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitBusLost = 3;
+constexpr int kExitDatabaseDamaged = 4;
 /* The unit does not restart a service that stopped for this one
  * (RestartPreventExitStatus=6): it is the integrator's to fix. */
 constexpr int kExitNotConfigured = 6;
@@ -546,18 +568,20 @@ bool AttachLoop(tilvane::host::LoopRun& run)
     ++s.run;
     s.exitRequested = false;
     s.busLost = false;
+    s.databaseDamaged = false;
     return true;
 }
 
-/* The loop is no longer the running one; true when it ended for a lost bus. */
-bool DetachLoop()
+/* The loop is no longer the running one; the exit code of a failure that
+ * ended it (a lost bus, a damaged database), else 0. */
+int DetachLoop()
 {
     using namespace tilvane::host;
     AppState& s = TheAppState();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.loop = nullptr;
     s.exitRequested = false;
-    return s.busLost;
+    return s.busLost ? kExitBusLost : s.databaseDamaged ? kExitDatabaseDamaged : 0;
 }
 
 /* After the create callback: whether the loop is to run at all (a termination
@@ -632,6 +656,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
     }
     /* The integrator's choice, stated once before the service sets up anything. */
     PLATFORM_LOGI(confinement_policy_is_strict() ? "strict confinement on" : "strict confinement off");
+    tilvane::content::SetDamageFoundHandler(EndForDamagedDatabase);
     if (!callback->create(user_data)) {
         PLATFORM_LOGE("service application create callback failed");
         DetachLoop();
@@ -639,11 +664,11 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
     }
     PLATFORM_LOGD("service application created");
     RunCreatedService(callback, user_data, run);
-    const bool busLost = DetachLoop();
-    if (busLost && programStart) {
-        std::exit(kExitBusLost);
+    const int failure = DetachLoop();
+    if (failure != 0 && programStart) {
+        std::exit(failure);
     }
-    return busLost ? APP_ERROR_INVALID_CONTEXT : APP_ERROR_NONE;
+    return failure != 0 ? APP_ERROR_INVALID_CONTEXT : APP_ERROR_NONE;
 }
 
 extern "C" void service_app_exit(void)

@@ -21,10 +21,14 @@ namespace {
 
 constexpr char kRecordTag[] = "tilvane-clean-close-1";
 
+/* How the last open of a file in this process found it. */
+enum class LastStop { Clean, Unclean, Unknown };
+
 struct Opens
 {
     std::mutex mutex;
-    std::map<std::string, bool> afterCleanClose;
+    std::map<std::string, LastStop> lastStop;
+    std::map<std::string, bool> checkOwed;
 };
 
 Opens& TheOpens()
@@ -36,6 +40,29 @@ Opens& TheOpens()
 std::string RecordPath(const std::string& path)
 {
     return path + "-clean";
+}
+
+std::string InUsePath(const std::string& path)
+{
+    return path + "-inuse";
+}
+
+std::string DamagePath(const std::string& path)
+{
+    return path + "-corrupt";
+}
+
+bool Exists(const std::string& path)
+{
+    return access(path.c_str(), F_OK) == 0;
+}
+
+LastStop Recorded(const std::string& path, LastStop fallback)
+{
+    Opens& opens = TheOpens();
+    std::lock_guard<std::mutex> lock(opens.mutex);
+    auto found = opens.lastStop.find(path);
+    return found != opens.lastStop.end() ? found->second : fallback;
 }
 
 /* The identity of the file as a line of text; empty when it cannot be read. */
@@ -84,24 +111,43 @@ uint32_t BigEndian32(const unsigned char* bytes)
 
 void ConsumeCleanCloseRecord(const std::string& path)
 {
-    bool clean = false;
+    LastStop stop = LastStop::Unknown;
     std::string recorded;
     {
         std::ifstream in(RecordPath(path));
         std::getline(in, recorded);
     }
+    const bool damageRecorded = Exists(DamagePath(path));
     if (!recorded.empty()) {
         std::remove(RecordPath(path).c_str());
         struct stat st;
-        clean = stat(path.c_str(), &st) == 0 && recorded == Identity(st) && !LogLeftBehind(path);
+        if (stat(path.c_str(), &st) == 0 && recorded == Identity(st) && !LogLeftBehind(path)) {
+            stop = LastStop::Clean;
+        }
+    } else if (Exists(InUsePath(path)) && !damageRecorded) {
+        stop = LastStop::Unclean;
     }
+    if (damageRecorded) {
+        std::remove(DamagePath(path).c_str());
+        stop = LastStop::Unknown;
+    }
+    /* Made for the coming open; kept by a crash. Not synced: a record lost
+     * with the power only brings the full check back. */
+    tilvane::host::files::CreateFile(InUsePath(path));
     Opens& opens = TheOpens();
     std::lock_guard<std::mutex> lock(opens.mutex);
-    opens.afterCleanClose[path] = clean;
+    opens.lastStop[path] = stop;
 }
 
 void WriteCleanCloseRecord(const std::string& path)
 {
+    {
+        Opens& opens = TheOpens();
+        std::lock_guard<std::mutex> lock(opens.mutex);
+        if (opens.checkOwed[path]) {
+            return;
+        }
+    }
     struct stat st;
     if (LogLeftBehind(path) || access((path + "-wal").c_str(), F_OK) == 0 || stat(path.c_str(), &st) != 0) {
         return;
@@ -109,15 +155,34 @@ void WriteCleanCloseRecord(const std::string& path)
     LetTheClockPass(st);
     /* A file of the platform like the database beside it (platform_files.h). */
     std::string error;
-    tilvane::host::files::WriteFile(RecordPath(path), Identity(st) + "\n", error);
+    if (tilvane::host::files::WriteFile(RecordPath(path), Identity(st) + "\n", error)) {
+        std::remove(InUsePath(path).c_str());
+    }
 }
 
 bool OpenedAfterCleanClose(const std::string& path)
 {
+    return Recorded(path, LastStop::Unknown) == LastStop::Clean;
+}
+
+bool OpenedAfterUncleanStop(const std::string& path)
+{
+    return Recorded(path, LastStop::Unknown) == LastStop::Unclean;
+}
+
+void SetFullCheckOwed(const std::string& path, bool owed)
+{
     Opens& opens = TheOpens();
     std::lock_guard<std::mutex> lock(opens.mutex);
-    auto found = opens.afterCleanClose.find(path);
-    return found != opens.afterCleanClose.end() && found->second;
+    opens.checkOwed[path] = owed;
+}
+
+void RecordDamageFound(const std::string& path)
+{
+    std::string error;
+    if (!tilvane::host::files::WriteFile(DamagePath(path), "damage found by the check in the background\n", error)) {
+        CONTENT_LOGE("cannot record the damage of %s: %s", path.c_str(), error.c_str());
+    }
 }
 
 bool HeaderMatchesFile(const std::string& path)

@@ -11,6 +11,8 @@
 #include <confinement_policy.h>
 #include "host_control/base.h"
 
+#include "content/background_check.h"
+#include "content/clean_close.h"
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/outer_transaction.h"
@@ -762,9 +764,14 @@ int CContentDbConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** stat
 bool CContentDbConnection::DeleteDatabase(const std::string& directory, const std::string& fileName)
 {
     const std::string path = JoinPath(directory, fileName);
+    // A check in the background would judge the file that is going away.
+    tilvane::content::StopBackgroundCheck(path);
     if (SameFile(path, m_strPath)) {
+        tilvane::content::StopBackgroundCheck(m_strPath);
+        tilvane::content::SetFullCheckOwed(m_strPath, false);
         Close();
     }
+    tilvane::content::SetFullCheckOwed(path, false);
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
         const std::string file = path + suffix;
         if (unlink(file.c_str()) != 0 && errno != ENOENT) {

@@ -7,62 +7,22 @@
 
 #include <sqlite3.h>
 
+#include "content/background_check.h"
 #include "content/clean_close.h"
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/statement_cache.h"
 #include "config/platform_config.h"
 
+using tilvane::content::CheckCondemns;
+using tilvane::content::QuickCheck;
 using tilvane::content::QuoteIdentifier;
+using tilvane::content::ReadSchema;
 using tilvane::content::StatementHandle;
 
 namespace {
 
-bool IsUnreadable(int rc)
-{
-    return rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT || rc == SQLITE_IOERR || rc == SQLITE_CANTOPEN;
-}
-
 std::string ColumnText(sqlite3_stmt* statement, int column);
-
-/* Reads the schema table: the first page and the schema must be readable. */
-int ReadSchema(sqlite3* db, const std::string& path)
-{
-    StatementHandle statement;
-    int rc = tilvane::content::PrepareStatement(db, "SELECT count(*) FROM sqlite_master", statement);
-    if (rc == SQLITE_OK) {
-        rc = sqlite3_step(statement.get());
-        rc = rc == SQLITE_ROW ? SQLITE_OK : rc;
-    }
-    statement.reset();
-    if (rc != SQLITE_OK) {
-        CONTENT_LOGE("%s cannot be read: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
-    }
-    return rc;
-}
-
-/* Reads the schema and runs PRAGMA quick_check; SQLite's code of a failure
- * (logged), else SQLITE_OK with the check's findings in `results`. */
-int QuickCheck(sqlite3* db, const std::string& path, std::vector<std::string>& results)
-{
-    int rc = ReadSchema(db, path);
-    if (rc != SQLITE_OK) {
-        return rc;
-    }
-    StatementHandle statement;
-    rc = tilvane::content::PrepareStatement(db, "PRAGMA quick_check", statement);
-    if (rc == SQLITE_OK) {
-        while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
-            results.push_back(ColumnText(statement.get(), 0));
-        }
-        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
-    }
-    statement.reset();
-    if (rc != SQLITE_OK) {
-        CONTENT_LOGE("quick check of %s: %s (%d)", path.c_str(), sqlite3_errmsg(db), rc);
-    }
-    return rc;
-}
 
 /* The one integer that `sql` selects. */
 int ReadInteger(sqlite3* db, const char* sql, int64_t& value)
@@ -270,6 +230,38 @@ void IndexLookupColumns(CContentDbConnection* connection)
     }
 }
 
+/* After an unclean stop of our own, with the header matching the file and
+ * the first page of every table readable, the full check can wait: SQLite's
+ * journal recovery ran when the schema was read. The integrator may keep it
+ * at start (`[content] check-after-crash = at-start`). */
+bool DeferFullCheck(sqlite3* db, const std::string& path)
+{
+    if (!tilvane::content::OpenedAfterUncleanStop(path) ||
+        tilvane::host::config::String("content", "check-after-crash", "background") != "background") {
+        return false;
+    }
+    return tilvane::content::HeaderMatchesFile(path) && tilvane::content::TableRootsReadable(db, path);
+}
+
+/* The quick check at start, once more when it fails in a way that can pass. */
+bool FullCheckCondemns(sqlite3* db, const std::string& path)
+{
+    std::vector<std::string> results;
+    int rc = QuickCheck(db, path, results);
+    if (CheckCondemns(rc, results) && (rc == SQLITE_OK || rc == SQLITE_IOERR)) {
+        // An I/O error can pass (the check also reports one as a finding,
+        // "unable to get the page"); a healthy file is not condemned for it.
+        CONTENT_LOGI("checking %s once more", path.c_str());
+        results.clear();
+        rc = QuickCheck(db, path, results);
+    }
+    if (rc == SQLITE_OK && CheckCondemns(rc, results)) {
+        CONTENT_LOGE("%s is corrupt (%zu finding(s)), first: %s", path.c_str(), results.size(),
+                     results.empty() ? "no result" : results[0].c_str());
+    }
+    return CheckCondemns(rc, results);
+}
+
 }  // namespace
 
 CContentHelper::CContentHelper(std::string directory, std::string fileName, int version)
@@ -280,6 +272,9 @@ CContentHelper::CContentHelper(std::string directory, std::string fileName, int 
 
 CContentHelper::~CContentHelper()
 {
+    if (m_pConnection != nullptr) {
+        tilvane::content::StopBackgroundCheck(m_pConnection->GetPath());
+    }
     DisconnectDB();
 }
 
@@ -413,7 +408,7 @@ bool CContentHelper::CheckDBCorruption()
         rc = ReadSchema(db, path);
     }
     if (rc != SQLITE_OK) {
-        return IsUnreadable(rc);
+        return CheckCondemns(rc, {});
     }
 
     // After an orderly close, with the file unchanged since, its header is
@@ -422,26 +417,14 @@ bool CContentHelper::CheckDBCorruption()
         CONTENT_LOGD("%s was closed cleanly and not changed since: header checked, quick check skipped", path.c_str());
         return false;
     }
-    CONTENT_LOGD("%s was not closed cleanly or changed since: running the quick check", path.c_str());
-    std::vector<std::string> results;
-    rc = QuickCheck(db, path, results);
-    const bool clean = rc == SQLITE_OK && results.size() == 1 && results[0] == "ok";
-    if (!clean && (rc == SQLITE_OK || rc == SQLITE_IOERR)) {
-        // An I/O error can pass (the check also reports one as a finding,
-        // "unable to get the page"); a healthy file is not condemned for it.
-        CONTENT_LOGI("checking %s once more", path.c_str());
-        results.clear();
-        rc = QuickCheck(db, path, results);
-    }
-    if (rc != SQLITE_OK) {
-        return IsUnreadable(rc);
-    }
-    if (results.size() == 1 && results[0] == "ok") {
+    if (DeferFullCheck(db, path)) {
+        CONTENT_LOGD("%s was not closed cleanly: header and tables checked, quick check in the background",
+                     path.c_str());
+        tilvane::content::StartBackgroundCheck(path);
         return false;
     }
-    CONTENT_LOGE("%s is corrupt (%zu finding(s)), first: %s", path.c_str(), results.size(),
-                 results.empty() ? "no result" : results[0].c_str());
-    return true;
+    CONTENT_LOGD("%s was not closed cleanly or changed since: running the quick check", path.c_str());
+    return FullCheckCondemns(db, path);
 }
 
 std::string CContentHelper::GetTableNameFromUri(const std::string& uri)
