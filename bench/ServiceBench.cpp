@@ -234,13 +234,14 @@ bool StopProcess(pid_t& pid, int signal)
     return reaped && (signal == SIGKILL || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
 }
 
-/* "Rss:" and "Pss:" of /proc/PID/smaps_rollup, in MiB. */
-bool MemoryOf(pid_t pid, double& rssMiB, double& pssMiB)
+/* "Rss:" and "Pss:" of /proc/PID/smaps_rollup, and the private memory (USS:
+ * "Private_Clean:" + "Private_Dirty:"), in MiB. */
+bool MemoryOf(pid_t pid, double& rssMiB, double& pssMiB, double* ussMiB = nullptr)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
     std::string line;
-    bool rss = false;
-    bool pss = false;
+    int found = 0;
+    double privateKiB = 0;
     while (std::getline(in, line)) {
         std::istringstream fields(line);
         std::string key;
@@ -248,13 +249,19 @@ bool MemoryOf(pid_t pid, double& rssMiB, double& pssMiB)
         fields >> key >> kiB;
         if (key == "Rss:") {
             rssMiB = kiB / 1024.0;
-            rss = true;
+            found |= 1;
         } else if (key == "Pss:") {
             pssMiB = kiB / 1024.0;
-            pss = true;
+            found |= 2;
+        } else if (key == "Private_Clean:" || key == "Private_Dirty:") {
+            privateKiB += kiB;
+            found |= key == "Private_Clean:" ? 4 : 8;
         }
     }
-    return rss && pss;
+    if (ussMiB != nullptr) {
+        *ussMiB = privateKiB / 1024.0;
+    }
+    return found == 15;
 }
 
 /* ---- requests as the caller builds them --------------------------------------- */
@@ -557,13 +564,15 @@ public:
     long long ClientSection() const { return m_clientSections.front(); }
     const std::string& ClientFilter() const { return m_clientFilter; }
 
-    /* Starts the service; the milliseconds from exec to the first answered request. */
-    bool Start(double& readyMs)
+    /* Starts the service (with `environment` besides its own); the
+     * milliseconds from exec to the first answered request. */
+    bool Start(double& readyMs, const std::vector<std::string>& environment = {})
     {
+        std::vector<std::string> variables = {"TILVANE_PLATFORM_ROOT=" + m_root,
+                                              std::string("TILVANE_APP_ID=") + kServiceAppId};
+        variables.insert(variables.end(), environment.begin(), environment.end());
         const Clock::time_point start = Clock::now();
-        m_servicePid = Spawn({TILVANE_SERVICE_BINARY},
-                             {"TILVANE_PLATFORM_ROOT=" + m_root, std::string("TILVANE_APP_ID=") + kServiceAppId},
-                             m_root + "/service.log");
+        m_servicePid = Spawn({TILVANE_SERVICE_BINARY}, variables, m_root + "/service.log");
         const Clock::time_point deadline = start + std::chrono::seconds(60);
         ContentClient client;
         while (Clock::now() < deadline) {
@@ -1219,7 +1228,9 @@ void BM_ServiceReadyAndMemory(benchmark::State& state)
         std::this_thread::sleep_for(std::chrono::milliseconds(ShortRun() ? 200 : 1000));
         double rss = 0;
         double pss = 0;
-        if (MemoryOf(fixture->ServicePid(), rss, pss)) {
+        double uss = 0;
+        if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+            RecordValue("USS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", uss);
             RecordValue("PSS idle after start, " + SizeName(fixture->Tiles()), big ? 4 : 0, "MiB", pss);
             RecordValue("RSS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", rss);
         }
@@ -1228,7 +1239,7 @@ void BM_ServiceReadyAndMemory(benchmark::State& state)
     }
 }
 
-/* One repetition: a kill, a start (timed): the full check runs. */
+/* One repetition: a kill, a start (timed): the full check runs in the background. */
 void BM_ServiceReadyAfterKill(benchmark::State& state)
 {
     ServiceFixture* fixture = FixtureOrSkip(state);
@@ -1246,26 +1257,140 @@ void BM_ServiceReadyAfterKill(benchmark::State& state)
     }
 }
 
-/* The idle service after the request benchmarks of its size. */
+/* Drops the database's files from the page cache (written back first), as a
+ * power loss would; with TILVANE_BENCH_DROP_ALL=1 (as root) the whole page
+ * cache, the binaries and libraries too. */
+bool DropCachedDatabase(const std::string& database)
+{
+    const char* all = std::getenv("TILVANE_BENCH_DROP_ALL");
+    if (all != nullptr && std::string(all) == "1") {
+        sync();
+        std::ofstream("/proc/sys/vm/drop_caches") << "3\n";
+    }
+    bool dropped = true;
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        const int fd = open((database + suffix).c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        dropped = fdatasync(fd) == 0 && posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED) == 0 && dropped;
+        close(fd);
+    }
+    return dropped;
+}
+
+/* One repetition: kill -9, the database dropped from the page cache, a start
+ * (timed), in turn with the full check at start (as before the check moved to
+ * the background) and with the check in the background (the default). */
+void BM_ServiceReadyAfterKillColdCache(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const std::string atStart = fixture->Root() + "/check-at-start.conf";
+    const std::string background = fixture->Root() + "/check-background.conf";
+    std::ofstream(atStart) << "[content]\ncheck-after-crash = at-start\n";
+    std::ofstream(background) << "[content]\ncheck-after-crash = background\n";
+    const std::string size = SizeName(fixture->Tiles());
+    for (auto _ : state) {
+        double readyMs[2] = {0, 0};
+        for (int side = 0; side < 2; ++side) {
+            if (!fixture->Stop(false) || !DropCachedDatabase(fixture->DatabasePath()) ||
+                !fixture->Start(readyMs[side], {"TILVANE_CONFIG=" + (side == 0 ? atStart : background)})) {
+                state.SkipWithError("the service did not restart");
+                return;
+            }
+        }
+        RecordValue("ready after kill -9, cold cache, full check at start, " + size, 0, "ms", readyMs[0]);
+        RecordValue("ready after kill -9, cold cache, check in the background, " + size,
+                    fixture->Tiles() >= 100000 ? 100 : 0, "ms", readyMs[1]);
+        state.counters["at_start_ms"] = readyMs[0];
+        state.counters["background_ms"] = readyMs[1];
+    }
+    // The default again for the benchmarks after this one.
+    double readyMs = 0;
+    if (!fixture->Stop(true) || !fixture->Start(readyMs)) {
+        state.SkipWithError("the service did not restart");
+    }
+}
+
+/* The idle service after the request benchmarks of its size: its private
+ * memory right after them and a few seconds later (it gives free memory back
+ * a second after its last request). */
 void BM_ServiceMemoryAfterRequests(benchmark::State& state)
 {
     ServiceFixture* fixture = FixtureOrSkip(state);
     if (fixture == nullptr) {
         return;
     }
+    const std::string size = SizeName(fixture->Tiles());
+    const double goal = fixture->Tiles() >= 100000 ? 3 : 0;
     for (auto _ : state) {
-        // The service gives free memory back a second after its last request.
-        std::this_thread::sleep_for(std::chrono::milliseconds(2200));
         double rss = 0;
         double pss = 0;
-        if (MemoryOf(fixture->ServicePid(), rss, pss)) {
+        double uss = 0;
+        if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+            RecordValue("USS right after the request benchmarks, " + size, 0, "MiB", uss);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+        if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
             if (std::getenv("TILVANE_BENCH_KEEP") != nullptr) {
                 std::ifstream in("/proc/" + std::to_string(fixture->ServicePid()) + "/smaps");
                 std::ofstream(fixture->Root() + "/service-smaps-after-requests.txt") << in.rdbuf();
             }
-            RecordValue("PSS idle after requests, " + SizeName(fixture->Tiles()), fixture->Tiles() >= 100000 ? 4 : 0,
-                        "MiB", pss);
-            RecordValue("RSS idle after requests, " + SizeName(fixture->Tiles()), 0, "MiB", rss);
+            RecordValue("USS idle 3 s after the request benchmarks, " + size, goal, "MiB", uss);
+            RecordValue("PSS idle after requests, " + size, 0, "MiB", pss);
+            RecordValue("RSS idle after requests, " + size, 0, "MiB", rss);
+        }
+    }
+}
+
+/* 100 bus connections of this process, each of which asked the service once
+ * (a row-id request; the bench's own name, so the service answers it as an
+ * unknown application's) and then stays connected and idle; the service's
+ * private memory a few seconds later. */
+void BM_ServiceMemoryWith100IdleClients(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const std::string size = SizeName(fixture->Tiles());
+    const std::string name = tilvane::host::ContentBusName(tilvane::host::AuthorityOf(kTilesUri));
+    for (auto _ : state) {
+        std::vector<GDBusConnection*> clients;
+        for (int i = 0; i < 100; ++i) {
+            GDBusConnection* client = g_dbus_connection_new_for_address_sync(
+                std::getenv("DBUS_SESSION_BUS_ADDRESS"),
+                static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                  G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                nullptr, nullptr, nullptr);
+            if (client == nullptr) {
+                break;
+            }
+            clients.push_back(client);
+            GVariant* reply = g_dbus_connection_call_sync(
+                client, name.c_str(), tilvane::host::kContentPath, kContentInterface, "GetRowIds",
+                g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "_id = -1", StringArray({})), nullptr,
+                G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr);
+            if (reply != nullptr) {
+                g_variant_unref(reply);
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+        double rss = 0;
+        double pss = 0;
+        double uss = 0;
+        if (clients.size() == 100 && MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+            RecordValue("USS idle with 100 idle bus clients connected, " + size,
+                        fixture->Tiles() >= 100000 ? 5 : 0, "MiB", uss);
+        } else {
+            state.SkipWithError("100 bus clients could not connect");
+        }
+        for (GDBusConnection* client : clients) {
+            g_dbus_connection_close_sync(client, nullptr, nullptr);
+            g_object_unref(client);
         }
     }
 }
@@ -1287,6 +1412,7 @@ void RegisterServiceBenchmarks()
     const Entry entries[] = {
         {"BM_ServiceReadyAndMemory", BM_ServiceReadyAndMemory},
         {"BM_ServiceReadyAfterKill", BM_ServiceReadyAfterKill},
+        {"BM_ServiceReadyAfterKillColdCache", BM_ServiceReadyAfterKillColdCache},
         {"BM_ServiceInsert", BM_ServiceInsert},
         {"BM_ServiceInsertFloor", BM_ServiceInsertFloor},
         {"BM_ServiceUpdate", BM_ServiceUpdate},
@@ -1301,6 +1427,7 @@ void RegisterServiceBenchmarks()
         {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
         {"BM_ServiceSelect1000VsBare", BM_ServiceSelect1000VsBare},
         {"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests},
+        {"BM_ServiceMemoryWith100IdleClients", BM_ServiceMemoryWith100IdleClients},
     };
     for (int size : sizes) {
         for (const Entry& entry : entries) {
