@@ -193,11 +193,11 @@ namespace {
 pid_t Spawn(const std::vector<std::string>& args, const std::vector<std::string>& extraEnvironment,
             const std::string& output)
 {
-    std::vector<std::string> environment;
+    // The extra variables first: getenv finds the first of a name.
+    std::vector<std::string> environment = extraEnvironment;
     for (char** e = environ; *e != nullptr; ++e) {
         environment.emplace_back(*e);
     }
-    environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
     std::vector<char*> argv;
     for (const std::string& arg : args) {
         argv.push_back(const_cast<char*>(arg.c_str()));
@@ -1290,8 +1290,16 @@ void BM_ServiceReadyAfterKillColdCache(benchmark::State& state)
     }
     const std::string atStart = fixture->Root() + "/check-at-start.conf";
     const std::string background = fixture->Root() + "/check-background.conf";
-    std::ofstream(atStart) << "[content]\ncheck-after-crash = at-start\n";
-    std::ofstream(background) << "[content]\ncheck-after-crash = background\n";
+    // The configuration of the other benchmarks, with the check's setting.
+    std::string common;
+    if (const char* config = std::getenv("TILVANE_CONFIG")) {
+        std::ifstream in(config);
+        std::stringstream text;
+        text << in.rdbuf();
+        common = text.str() + "\n";
+    }
+    std::ofstream(atStart) << common << "[content]\ncheck-after-crash = at-start\n";
+    std::ofstream(background) << common << "[content]\ncheck-after-crash = background\n";
     const std::string size = SizeName(fixture->Tiles());
     for (auto _ : state) {
         double readyMs[2] = {0, 0};
