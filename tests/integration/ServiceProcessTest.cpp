@@ -295,6 +295,32 @@ TEST_F(ServiceProcessTest, DamageFoundInTheBackgroundEndsTheServiceAndItsNextSta
     EXPECT_EQ(third.StopWith(SIGTERM, std::chrono::seconds(20)), 0) << third.Log();
 }
 
+TEST_F(ServiceProcessTest, SigtermWhileTheCheckRunsInTheBackgroundEndsTheServiceInOrder)
+{
+    // About 25 MB: the check at idle priority is still reading when the
+    // service is told to stop (or, on an idle machine, has just passed).
+    StartFillAndKill(m_root.Path(), m_logs.File("first.log"), DatabasePath(),
+                     "CREATE TABLE filler (a TEXT);"
+                     "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100000) "
+                     "INSERT INTO filler SELECT hex(randomblob(100)) FROM n;");
+
+    ServiceProcess second(m_root.Path(), m_logs.File("second.log"));
+    ASSERT_TRUE(second.WaitForLog("checking " + DatabasePath() + " in the background", std::chrono::seconds(20)))
+        << second.Log();
+    ASSERT_TRUE(second.WaitForLog("main loop running", std::chrono::seconds(20))) << second.Log();
+    EXPECT_EQ(second.StopWith(SIGTERM, std::chrono::seconds(20)), 0) << second.Log();
+    const std::string log = second.Log();
+    EXPECT_TRUE(log.find("check of " + DatabasePath() + " in the background stopped") != std::string::npos ||
+                log.find(DatabasePath() + " passed the check in the background") != std::string::npos)
+        << log;
+    EXPECT_NE(log.find("lock destroyed: CTilesProviderLock"), std::string::npos) << log;
+    // A check that did not pass leaves no record of a clean close: the next
+    // start checks again.
+    if (log.find("passed the check in the background") == std::string::npos) {
+        EXPECT_FALSE(FileExists(DatabasePath() + "-clean"));
+    }
+}
+
 TEST_F(ServiceProcessTest, HelpExplainsTheEnvironmentAndStartsNothing)
 {
     std::string command = std::string(TILVANE_SERVICE_BINARY) + " --help 2>&1";

@@ -36,6 +36,7 @@ struct Check
     std::thread thread;
     std::atomic<bool> stop{false};
     std::atomic<bool> done{false};
+    std::atomic<pid_t> tid{0};
 };
 
 struct Checks
@@ -52,19 +53,38 @@ Checks& TheChecks()
     return *checks;
 }
 
+constexpr int kIoWhoProcess = 1;
+constexpr int kIoClassShift = 13;
+
+/* The check's thread back at the ordinary priority, so that a stop does not
+ * wait for a core that other work keeps busy. */
+void RaisePriority(pid_t tid)
+{
+    if (tid == 0) {
+        return;
+    }
+    struct sched_param parameter = {};
+    sched_setscheduler(tid, SCHED_OTHER, &parameter);
+    constexpr int kClassBestEffort = 2;
+    constexpr int kLevelNormal = 4;
+    syscall(SYS_ioprio_set, kIoWhoProcess, tid, (kClassBestEffort << kIoClassShift) | kLevelNormal);
+}
+
 /* The calling thread at idle CPU priority (it runs only when nothing else
  * wants the core) and in the idle I/O class. */
-void LowerOwnPriority()
+void LowerOwnPriority(Check* check)
 {
     const pid_t tid = static_cast<pid_t>(syscall(SYS_gettid));
+    check->tid = tid;
     struct sched_param parameter = {};
     if (pthread_setschedparam(pthread_self(), SCHED_IDLE, &parameter) != 0) {
         setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19);
     }
-    constexpr int kWhoProcess = 1;
     constexpr int kClassIdle = 3;
-    constexpr int kClassShift = 13;
-    syscall(SYS_ioprio_set, kWhoProcess, tid, kClassIdle << kClassShift);
+    syscall(SYS_ioprio_set, kIoWhoProcess, tid, kClassIdle << kIoClassShift);
+    if (check->stop) {
+        RaisePriority(tid);  // a stop that came before the priority was lowered
+    }
 }
 
 int StopRequested(void* check)
@@ -109,7 +129,7 @@ void Finish(Check* check)
 
 void RunCheck(std::string path, Check* check)
 {
-    LowerOwnPriority();
+    LowerOwnPriority(check);
     CONTENT_LOGD("checking %s in the background", path.c_str());
     std::vector<std::string> results;
     int rc = CheckOnce(path, check, results);
@@ -150,9 +170,17 @@ void JoinLocked(std::unique_lock<std::mutex>& lock, const std::string& path, boo
     std::unique_ptr<Check> check = std::move(found->second);
     checks.byPath.erase(found);
     check->stop = true;
+    RaisePriority(check->tid);
+    // Bounded: a thread the system will not run in time is left to end by
+    // itself (its connection is its own; the object is not freed under it).
+    const bool ended = checks.ended.wait_for(lock, std::chrono::seconds(2), [&] { return check->done.load(); });
     lock.unlock();
-    if (check->thread.joinable()) {
+    if (ended && check->thread.joinable()) {
         check->thread.join();
+    } else if (check->thread.joinable()) {
+        CONTENT_LOGW("check of %s in the background did not stop in time; left to end by itself", path.c_str());
+        check->thread.detach();
+        check.release();
     }
     lock.lock();
 }
