@@ -1209,6 +1209,15 @@ void BM_ServiceRowIdsFloor(benchmark::State& state)
     sqlite3_finalize(ids);
 }
 
+/* With TILVANE_BENCH_KEEP, the service's smaps into a file of its kept folder. */
+void KeepSmaps(const ServiceFixture& fixture, const std::string& name)
+{
+    if (std::getenv("TILVANE_BENCH_KEEP") != nullptr) {
+        std::ifstream in("/proc/" + std::to_string(fixture.ServicePid()) + "/smaps");
+        std::ofstream(fixture.Root() + "/" + name) << in.rdbuf();
+    }
+}
+
 /* One repetition: an orderly stop, a start (timed), idle, memory. */
 void BM_ServiceReadyAndMemory(benchmark::State& state)
 {
@@ -1230,6 +1239,7 @@ void BM_ServiceReadyAndMemory(benchmark::State& state)
         double pss = 0;
         double uss = 0;
         if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+            KeepSmaps(*fixture, "service-smaps-after-start.txt");
             RecordValue("USS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", uss);
             RecordValue("PSS idle after start, " + SizeName(fixture->Tiles()), big ? 4 : 0, "MiB", pss);
             RecordValue("RSS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", rss);
@@ -1343,10 +1353,7 @@ void BM_ServiceMemoryAfterRequests(benchmark::State& state)
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(3000));
         if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
-            if (std::getenv("TILVANE_BENCH_KEEP") != nullptr) {
-                std::ifstream in("/proc/" + std::to_string(fixture->ServicePid()) + "/smaps");
-                std::ofstream(fixture->Root() + "/service-smaps-after-requests.txt") << in.rdbuf();
-            }
+            KeepSmaps(*fixture, "service-smaps-after-requests.txt");
             RecordValue("USS idle 3 s after the request benchmarks, " + size, goal, "MiB", uss);
             RecordValue("PSS idle after requests, " + size, 0, "MiB", pss);
             RecordValue("RSS idle after requests, " + size, 0, "MiB", rss);

@@ -37,6 +37,7 @@ const std::vector<KeyInfo>& KnownKeys()
         {"data-control", "provider-id", K::Text, kBuiltIn, false},
         {"data-control", "data-ids", K::List, kBuiltIn, false},
         {"content", "lookup-indexes", K::List, kBuiltIn, false},
+        {"content", "check-after-crash", K::Text, "background", false},
         {"maintenance", "database", K::Text, kBuiltIn, false},
         {"maintenance", "launcher-table", K::Text, kBuiltIn, false},
         {"maintenance", "launcher-package-column", K::Text, kBuiltIn, false},
