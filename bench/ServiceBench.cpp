@@ -8,15 +8,24 @@
  *     caller builds the same payload with the same bundle and GVariant calls),
  *     peer to peer on a socket of its own: the client library reaches the
  *     service on its direct request socket, so both travel the same way;
+ *     The bare caller reads a reply as the client library does (a select's
+ *     rows decoded into the client's row set);
+ *   - the physical floor: the request's message carried over a raw unix
+ *     socket to the same bare process and its reply's bytes back, then raw
+ *     SQLite running the request's statement in this process, prepared once;
  *   - raw SQLite selecting the same rows from the same file, for selects.
- * Subject and baseline are timed in alternation (A B A B); every repetition
- * gives one ratio. Also measured: the time from exec to the first answered
- * request, and the idle service's resident and proportional set sizes.
+ * Both request interfaces are measured: the content library's and the data
+ * control's. Subject and baseline are timed in alternation (A B A B); every
+ * repetition gives one ratio. Also measured: the time from exec to the first
+ * answered request, and the idle service's resident and private (USS) sizes.
  */
 #include <fcntl.h>
 #include <gio/gio.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,6 +54,7 @@
 #include "BenchProvider.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
+#include "client/row_decoder.h"
 #include "client/typed_rows.h"
 #include "requests/request_names.h"
 
@@ -53,6 +63,7 @@ extern char** environ;
 namespace {
 
 using tilvane::client::ContentClient;
+using tilvane::client::DataControlClient;
 using tilvane::client::Result;
 using tilvane::client::Values;
 using Clock = std::chrono::steady_clock;
@@ -68,9 +79,33 @@ constexpr int kClientTiles = 1000;
 constexpr char kBareName[] = "org.tilvane.BenchBare";
 constexpr char kBarePath[] = "/org/tilvane/Content";
 constexpr char kContentInterface[] = "org.tilvane.Content";
-/* The content interface's methods as the service publishes them. */
-const char* const kBareMethods[][2] = {{"Insert", "(ixs)"}, {"BulkInsert", "(ixs)"}, {"Select", "(ay)"},
-                                       {"Update", "(ixs)"}, {"Delete", "(ixs)"},     {"GetRowIds", "(ax)"}};
+constexpr char kDataControlPath[] = "/org/tilvane/DataControl";
+constexpr char kDataControlInterface[] = "org.tilvane.DataControl";
+constexpr char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr char kDataId[] = "tiles";
+
+/* The request methods the bare server answers, as the service publishes
+ * them; the index of an entry names it on the raw socket. */
+struct BareMethod
+{
+    const char* path;
+    const char* interface;
+    const char* method;
+    const char* replyType;
+};
+enum BareKind { kInsert, kBulkInsert, kSelect, kUpdate, kDelete, kGetRowIds, kDcInsert, kDcSelect, kDcUpdate, kDcDelete };
+const BareMethod kBareMethods[] = {
+    {kBarePath, kContentInterface, "Insert", "(ixs)"},
+    {kBarePath, kContentInterface, "BulkInsert", "(ixs)"},
+    {kBarePath, kContentInterface, "Select", "(ay)"},
+    {kBarePath, kContentInterface, "Update", "(ixs)"},
+    {kBarePath, kContentInterface, "Delete", "(ixs)"},
+    {kBarePath, kContentInterface, "GetRowIds", "(ax)"},
+    {kDataControlPath, kDataControlInterface, "Insert", "(x)"},
+    {kDataControlPath, kDataControlInterface, "Select", "(ay)"},
+    {kDataControlPath, kDataControlInterface, "Update", "(x)"},
+    {kDataControlPath, kDataControlInterface, "Delete", "(x)"},
+};
 
 std::string SizeName(int tiles)
 {
@@ -79,22 +114,25 @@ std::string SizeName(int tiles)
 
 /* ---- the bare server ---------------------------------------------------------- */
 
-std::string ReplyFile(const std::string& directory, const char* method)
+std::string ReplyFile(const std::string& directory, BareKind kind)
 {
-    return directory + "/" + method + ".reply";
+    return directory + "/" + kBareMethods[kind].interface + "." + kBareMethods[kind].method + ".reply";
 }
 
+/* The kept reply of every method, in the order of kBareMethods. */
 struct BareReplies
 {
-    std::vector<std::pair<std::string, GVariant*>> byMethod;
+    std::vector<GVariant*> byKind;
 };
 
-void BareCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant*,
+void BareCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar* interface, const gchar* method, GVariant*,
                 GDBusMethodInvocation* invocation, gpointer userData)
 {
-    for (const auto& entry : static_cast<BareReplies*>(userData)->byMethod) {
-        if (entry.first == method) {
-            g_dbus_method_invocation_return_value(invocation, entry.second);
+    const BareReplies* replies = static_cast<BareReplies*>(userData);
+    for (size_t kind = 0; kind < replies->byKind.size(); ++kind) {
+        if (std::strcmp(kBareMethods[kind].interface, interface) == 0 &&
+            std::strcmp(kBareMethods[kind].method, method) == 0) {
+            g_dbus_method_invocation_return_value(invocation, replies->byKind[kind]);
             return;
         }
     }
@@ -108,25 +146,32 @@ std::string BareSocket(const std::string& directory)
     return directory + "/bare.sock";
 }
 
+/* The request interfaces of the service, as it declares them. */
 struct BareObject {
     GDBusInterfaceInfo* content;
+    GDBusInterfaceInfo* dataControl;
     const GDBusInterfaceVTable* vtable;
     BareReplies* replies;
 };
 
+bool RegisterBare(GDBusConnection* connection, const BareObject& object)
+{
+    return g_dbus_connection_register_object(connection, kBarePath, object.content, object.vtable, object.replies,
+                                             nullptr, nullptr) != 0 &&
+           g_dbus_connection_register_object(connection, kDataControlPath, object.dataControl, object.vtable,
+                                             object.replies, nullptr, nullptr) != 0;
+}
+
 gboolean BarePeerCB(GDBusServer*, GDBusConnection* connection, gpointer data)
 {
-    const BareObject* object = static_cast<const BareObject*>(data);
     g_object_ref(connection);
-    g_dbus_connection_register_object(connection, kBarePath, object->content, object->vtable, object->replies,
-                                      nullptr, nullptr);
+    RegisterBare(connection, *static_cast<const BareObject*>(data));
     return TRUE;
 }
 
-bool ListenPeerToPeer(const std::string& path, GDBusInterfaceInfo* content, const GDBusInterfaceVTable* vtable,
-                      BareReplies* replies)
+bool ListenPeerToPeer(const std::string& path, const BareObject& bare)
 {
-    static BareObject object{content, vtable, replies};
+    static BareObject object = bare;
     unlink(path.c_str());
     gchar* guid = g_dbus_generate_guid();
     GDBusServer* server =
@@ -140,40 +185,177 @@ bool ListenPeerToPeer(const std::string& path, GDBusInterfaceInfo* content, cons
     return true;
 }
 
+/* ---- the raw socket: the same bytes, no D-Bus ------------------------------------ */
+
+/* The raw socket beside the bare server's: a request is its kind (one byte),
+ * its length (4 bytes) and its message's bytes; the answer is a length and
+ * the bytes of the reply message the bus would carry. */
+std::string RawSocketPath(const std::string& directory)
+{
+    return directory + "/raw.sock";
+}
+
+bool ReadFull(int fd, void* data, size_t size)
+{
+    char* at = static_cast<char*>(data);
+    while (size > 0) {
+        const ssize_t got = read(fd, at, size);
+        if (got <= 0) {
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        at += got;
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+/* Writes a 4-byte length, then `data` (and for a request, the kind before). */
+bool WriteFramed(int fd, const std::string& data, int kind = -1)
+{
+    char head[5];
+    const uint32_t length = static_cast<uint32_t>(data.size());
+    size_t headSize = 0;
+    if (kind >= 0) {
+        head[headSize++] = static_cast<char>(kind);
+    }
+    std::memcpy(head + headSize, &length, sizeof length);
+    headSize += sizeof length;
+    iovec parts[2] = {{head, headSize}, {const_cast<char*>(data.data()), data.size()}};
+    size_t left = headSize + data.size();
+    int part = 0;
+    while (left > 0) {
+        const ssize_t wrote = writev(fd, parts + part, 2 - part);
+        if (wrote <= 0) {
+            if (wrote < 0 && errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        left -= static_cast<size_t>(wrote);
+        for (size_t done = static_cast<size_t>(wrote); done > 0 && part < 2;) {
+            const size_t step = std::min(done, parts[part].iov_len);
+            parts[part].iov_base = static_cast<char*>(parts[part].iov_base) + step;
+            parts[part].iov_len -= step;
+            done -= step;
+            if (parts[part].iov_len == 0) {
+                ++part;
+            }
+        }
+    }
+    return true;
+}
+
+/* Reads a length and that many bytes into `data`. */
+bool ReadFramed(int fd, std::string& data)
+{
+    uint32_t length = 0;
+    if (!ReadFull(fd, &length, sizeof length)) {
+        return false;
+    }
+    data.resize(length);
+    return ReadFull(fd, &data[0], length);
+}
+
+/* The bytes of `body` in a message of `kind`'s method (or its reply). */
+std::string MessageBytes(BareKind kind, GVariant* body, bool reply)
+{
+    const BareMethod& method = kBareMethods[kind];
+    GDBusMessage* call = g_dbus_message_new_method_call(nullptr, method.path, method.interface, method.method);
+    g_dbus_message_set_serial(call, 7);
+    GDBusMessage* message = call;
+    if (reply) {
+        message = g_dbus_message_new_method_reply(call);
+        g_dbus_message_set_serial(message, 8);
+    }
+    g_dbus_message_set_body(message, body);
+    gsize size = 0;
+    guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    std::string bytes(reinterpret_cast<const char*>(blob), size);
+    g_free(blob);
+    if (message != call) {
+        g_object_unref(message);
+    }
+    g_object_unref(call);
+    return bytes;
+}
+
+void ServeRawPeer(int fd, const std::vector<std::string>* replies)
+{
+    std::string request;
+    unsigned char kind = 0;
+    while (ReadFull(fd, &kind, 1) && ReadFramed(fd, request) && kind < replies->size() &&
+           WriteFramed(fd, (*replies)[kind])) {
+    }
+    close(fd);
+}
+
+bool ListenRaw(const std::string& path, const BareReplies& replies)
+{
+    static std::vector<std::string> messages;
+    for (size_t kind = 0; kind < replies.byKind.size(); ++kind) {
+        messages.push_back(MessageBytes(static_cast<BareKind>(kind), replies.byKind[kind], true));
+    }
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    unlink(path.c_str());
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener, 8) != 0) {
+        return false;
+    }
+    std::thread([listener] {
+        for (;;) {
+            const int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (peer >= 0) {
+                std::thread(ServeRawPeer, peer, &messages).detach();
+            }
+        }
+    }).detach();
+    return true;
+}
+
 }  // namespace
 
 /* Entry of the bare server process: tilvane_bench --bare-server FD DIRECTORY.
- * Answers each method of the content interface with the reply kept in
- * DIRECTORY/<method>.reply, loaded once at start. */
+ * Answers each method of the request interfaces with the reply kept in
+ * DIRECTORY/<interface>.<method>.reply, loaded once at start, on the bus,
+ * peer to peer, and on the raw socket (the same reply's message bytes). */
 int RunBareServer(int readyFd, const char* directory)
 {
     static BareReplies replies;
-    for (const auto& method : kBareMethods) {
-        std::ifstream in(ReplyFile(directory, method[0]), std::ios::binary);
+    for (size_t kind = 0; kind < sizeof kBareMethods / sizeof kBareMethods[0]; ++kind) {
+        std::ifstream in(ReplyFile(directory, static_cast<BareKind>(kind)), std::ios::binary);
         std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         GBytes* data = g_bytes_new(bytes.data(), bytes.size());
-        GVariant* reply = g_variant_new_from_bytes(G_VARIANT_TYPE(method[1]), data, FALSE);
+        GVariant* reply = g_variant_new_from_bytes(G_VARIANT_TYPE(kBareMethods[kind].replyType), data, FALSE);
         g_bytes_unref(data);
-        replies.byMethod.emplace_back(method[0], g_variant_ref_sink(reply));
+        replies.byKind.push_back(g_variant_ref_sink(reply));
     }
     GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
         std::getenv("DBUS_SESSION_BUS_ADDRESS"),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
-    // The content interface as the service declares it.
+    // The request interfaces as the service declares them.
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(tilvane::host::RequestInterfacesIntrospectionXml(), nullptr);
-    GDBusInterfaceInfo* content = node != nullptr ? g_dbus_node_info_lookup_interface(node, kContentInterface) : nullptr;
     static const GDBusInterfaceVTable vtable = {BareCallCB, nullptr, nullptr, {nullptr}};
-    if (connection == nullptr || content == nullptr ||
-        g_dbus_connection_register_object(connection, kBarePath, content, &vtable, &replies, nullptr, nullptr) == 0) {
+    const BareObject object{node != nullptr ? g_dbus_node_info_lookup_interface(node, kContentInterface) : nullptr,
+                            node != nullptr ? g_dbus_node_info_lookup_interface(node, kDataControlInterface) : nullptr,
+                            &vtable, &replies};
+    if (connection == nullptr || object.content == nullptr || object.dataControl == nullptr ||
+        !RegisterBare(connection, object)) {
         return 1;
     }
     GVariant* owned = g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                   "org.freedesktop.DBus", "RequestName",
                                                   g_variant_new("(su)", kBareName, 4u), nullptr,
                                                   G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    if (owned == nullptr || !ListenPeerToPeer(BareSocket(directory), content, &vtable, &replies)) {
+    if (owned == nullptr || !ListenPeerToPeer(BareSocket(directory), object) ||
+        !ListenRaw(RawSocketPath(directory), replies)) {
         return 1;
     }
     g_variant_unref(owned);
@@ -234,14 +416,15 @@ bool StopProcess(pid_t& pid, int signal)
     return reaped && (signal == SIGKILL || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
 }
 
-/* "Rss:" and "Pss:" of /proc/PID/smaps_rollup, and the private memory (USS:
- * "Private_Clean:" + "Private_Dirty:"), in MiB. */
-bool MemoryOf(pid_t pid, double& rssMiB, double& pssMiB, double* ussMiB = nullptr)
+/* "Rss:" and the private memory (USS: "Private_Clean:" + "Private_Dirty:")
+ * of /proc/PID/smaps_rollup, in MiB. USS is what the process alone holds;
+ * PSS would move with whatever else maps the same libraries. */
+bool MemoryOf(pid_t pid, double& rssMiB, double& ussMiB)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
     std::string line;
     int found = 0;
-    double privateKiB = 0;
+    ussMiB = 0;
     while (std::getline(in, line)) {
         std::istringstream fields(line);
         std::string key;
@@ -250,18 +433,12 @@ bool MemoryOf(pid_t pid, double& rssMiB, double& pssMiB, double* ussMiB = nullpt
         if (key == "Rss:") {
             rssMiB = kiB / 1024.0;
             found |= 1;
-        } else if (key == "Pss:") {
-            pssMiB = kiB / 1024.0;
-            found |= 2;
         } else if (key == "Private_Clean:" || key == "Private_Dirty:") {
-            privateKiB += kiB;
-            found |= key == "Private_Clean:" ? 4 : 8;
+            ussMiB += kiB / 1024.0;
+            found |= key == "Private_Clean:" ? 2 : 4;
         }
     }
-    if (ussMiB != nullptr) {
-        *ussMiB = privateKiB / 1024.0;
-    }
-    return found == 15;
+    return found == 7;
 }
 
 /* ---- requests as the caller builds them --------------------------------------- */
@@ -315,25 +492,79 @@ GDBusConnection* BareConnection()
     return connection;
 }
 
-/* One call to the bare server; the reply is read as the client reads it. */
-bool BareCall(const char* method, GVariant* parameters, const char* replyType)
+/* One call of `kind` to the bare server; the reply is read as the client
+ * reads it: a select's rows decoded into the client library's row set, row
+ * ids reached as an array. */
+bool BareCallOf(BareKind kind, GVariant* parameters)
 {
-    GVariant* reply =
-        g_dbus_connection_call_sync(BareConnection(), nullptr, kBarePath, kContentInterface, method, parameters,
-                                    G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START, 120000, nullptr,
-                                    nullptr);
+    const BareMethod& method = kBareMethods[kind];
+    GVariant* reply = g_dbus_connection_call_sync(BareConnection(), nullptr, method.path, method.interface,
+                                                  method.method, parameters, G_VARIANT_TYPE(method.replyType),
+                                                  G_DBUS_CALL_FLAGS_NO_AUTO_START, 120000, nullptr, nullptr);
     if (reply == nullptr) {
         return false;
     }
     GVariant* first = g_variant_get_child_value(reply, 0);
-    if (g_variant_is_container(first)) {
+    bool read = true;
+    if (g_variant_is_of_type(first, G_VARIANT_TYPE_BYTESTRING)) {
         gsize count = 0;
-        benchmark::DoNotOptimize(g_variant_get_fixed_array(
-            first, &count, std::strcmp(replyType, "(ax)") == 0 ? sizeof(gint64) : 1));
+        const void* bytes = g_variant_get_fixed_array(first, &count, 1);
+        tilvane::client::RowSet rows;
+        read = tilvane::host::DecodeRows(static_cast<const uint8_t*>(bytes), count, rows);
+        benchmark::DoNotOptimize(rows);
+    } else if (g_variant_is_container(first)) {
+        gsize count = 0;
+        std::vector<long long> ids;
+        const gint64* at = static_cast<const gint64*>(g_variant_get_fixed_array(first, &count, sizeof(gint64)));
+        ids.assign(at, at + count);
+        benchmark::DoNotOptimize(ids);
     }
     g_variant_unref(first);
     g_variant_unref(reply);
-    return true;
+    return read;
+}
+
+/* A call of the content interface's `method` to the bare server. */
+bool BareCall(const char* method, GVariant* parameters, const char* /*replyType*/)
+{
+    for (int kind = kInsert; kind <= kGetRowIds; ++kind) {
+        if (std::strcmp(kBareMethods[kind].method, method) == 0) {
+            return BareCallOf(static_cast<BareKind>(kind), parameters);
+        }
+    }
+    return false;
+}
+
+/* A connection to the bare server's raw socket (the one of its current run). */
+int RawConnection()
+{
+    static int fd = -1;
+    static std::string connectedTo;
+    if (fd < 0 || connectedTo != BareDirectory()) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        connectedTo = BareDirectory();
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", RawSocketPath(connectedTo).c_str());
+        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            close(fd);
+            fd = -1;
+        }
+    }
+    return fd;
+}
+
+/* The transport's floor of one request: `message` (the request's message
+ * bytes, made once by the caller) to the raw socket, and the bytes of the
+ * reply message the service would send read back whole. */
+bool RawRoundTrip(BareKind kind, const std::string& message)
+{
+    static std::string reply;
+    const int fd = RawConnection();
+    return fd >= 0 && WriteFramed(fd, message, kind) && ReadFramed(fd, reply) && !reply.empty();
 }
 
 /* The rows of a select result in the form they travel in (docs/messaging.md,
@@ -392,10 +623,10 @@ std::string WireRows(const tilvane::client::RowSet& rows)
     return out;
 }
 
-bool WriteReply(const std::string& directory, const char* method, GVariant* reply)
+bool WriteReply(const std::string& directory, BareKind kind, GVariant* reply)
 {
     GVariant* owned = g_variant_ref_sink(reply);
-    std::ofstream out(ReplyFile(directory, method), std::ios::binary | std::ios::trunc);
+    std::ofstream out(ReplyFile(directory, kind), std::ios::binary | std::ios::trunc);
     out.write(static_cast<const char*>(g_variant_get_data(owned)), static_cast<std::streamsize>(g_variant_get_size(owned)));
     g_variant_unref(owned);
     return static_cast<bool>(out);
@@ -690,21 +921,47 @@ private:
         // the two rows just removed).
         select = client.Select(uri, {}, "", {}, "_id", "");
         rowIds = client.GetRowIds(uri, "", {});
-        const std::string rows = WireRows(select.rows);
         // Code, row id or rows changed, and reason: the service's reply of a write.
         auto written = [](const Result& result, long long second) {
             return g_variant_new("(ixs)", result.code, static_cast<gint64>(second), result.message.c_str());
         };
-        return WriteReply(m_root, "Insert", written(insert, insert.rowId)) &&
-               WriteReply(m_root, "BulkInsert", written(bulk, bulk.rowId)) &&
-               WriteReply(m_root, "Update", written(update, update.changedRows)) &&
-               WriteReply(m_root, "Delete", written(remove, remove.changedRows)) &&
-               WriteReply(m_root, "Select",
-                          g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(),
-                                                                           rows.size(), 1))) &&
-               WriteReply(m_root, "GetRowIds",
+        return select.Ok() && rowIds.Ok() && WriteReply(m_root, kInsert, written(insert, insert.rowId)) &&
+               WriteReply(m_root, kBulkInsert, written(bulk, bulk.rowId)) &&
+               WriteReply(m_root, kUpdate, written(update, update.changedRows)) &&
+               WriteReply(m_root, kDelete, written(remove, remove.changedRows)) &&
+               WriteReply(m_root, kSelect, RowsReply(select)) &&
+               WriteReply(m_root, kGetRowIds,
                           g_variant_new("(@ax)", g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, rowIds.rowIds.data(),
-                                                                           rowIds.rowIds.size(), sizeof(gint64))));
+                                                                           rowIds.rowIds.size(), sizeof(gint64)))) &&
+               CaptureDataControlReplies();
+    }
+
+    static GVariant* RowsReply(const Result& select)
+    {
+        const std::string rows = WireRows(select.rows);
+        return g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, rows.data(), rows.size(), 1));
+    }
+
+    /* The same for the data-control interface: a tile inserted, updated and
+     * deleted again, and the caller's tiles selected. */
+    bool CaptureDataControlReplies()
+    {
+        const DataControlClient client(kProviderId);
+        const Values row = BenchTile(900002, ClientSection(), kClientPackage);
+        const std::string where = "tile_id = '" + row.front().second + "'";
+        const Result insert = client.Insert(kDataId, row);
+        const Result update = client.Update(kDataId, {{TilesModel::Tiles::TILE_PROGRESS, "50"}}, where);
+        const Result remove = client.Delete(kDataId, where);
+        const Result select = client.Select(kDataId, {}, "", "_id");
+        if (!insert.Ok() || !update.Ok() || !remove.Ok() || !select.Ok() || remove.changedRows != 1) {
+            std::fprintf(stderr, "service benchmark: data control: %s / %s / %s / %s\n", insert.message.c_str(),
+                         update.message.c_str(), remove.message.c_str(), select.message.c_str());
+            return false;
+        }
+        return WriteReply(m_root, kDcInsert, g_variant_new("(x)", static_cast<gint64>(insert.rowId))) &&
+               WriteReply(m_root, kDcUpdate, g_variant_new("(x)", static_cast<gint64>(update.changedRows))) &&
+               WriteReply(m_root, kDcDelete, g_variant_new("(x)", static_cast<gint64>(remove.changedRows))) &&
+               WriteReply(m_root, kDcSelect, RowsReply(select));
     }
 
     bool StartBare()
@@ -738,6 +995,10 @@ private:
 /* ---- the benchmarks ------------------------------------------------------------ */
 
 const std::string kTilesUri = TilesModel::Tiles::CONTENT_URI;
+/* Every request kind against the bare call on the same transport. */
+constexpr double kBareGoal = 1.15;
+constexpr char kBareCallName[] = "bare D-Bus call";
+constexpr char kFloorName[] = "raw socket round trip + raw SQLite";
 
 ServiceFixture* FixtureOrSkip(benchmark::State& state)
 {
@@ -757,39 +1018,14 @@ void BM_ServiceInsert(benchmark::State& state)
     ContentClient client;
     const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
     RunInterleaved(
-        state, "e2e insert one tile, " + SizeName(fixture->Tiles()), 1.2, Pairs(200, 20),
+        state, "e2e insert one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(200, 20),
         [&] { return client.Insert(kTilesUri, row).Ok(); },
         [&] {
             const std::string encoded = EncodedBundle(row);
             return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
         },
-        "bare D-Bus call");
+        kBareCallName);
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
-}
-
-/* The floor under the insert above: the same bare call, then raw SQLite
- * storing the same tile (FloorDb), against the bare call alone. */
-void BM_ServiceInsertFloor(benchmark::State& state)
-{
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
-    const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(row));
-    if (insert == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    auto bare = [&] {
-        const std::string encoded = EncodedBundle(row);
-        return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
-    };
-    RunInterleaved(
-        state, "floor of the insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
-        Pairs(200, 20), [&] { return bare() && RawInsertRows(floor.Db(), insert, {row}); }, bare,
-        "bare D-Bus call");
 }
 
 /* The values of the n-th update of the update benchmarks: its progress
@@ -821,43 +1057,9 @@ void BM_ServiceUpdate(benchmark::State& state)
     int served = 0;
     int bare = 0;
     RunInterleaved(
-        state, "e2e update one tile, " + SizeName(fixture->Tiles()), 1.2, Pairs(200, 20),
+        state, "e2e update one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(200, 20),
         [&] { return client.Update(kTilesUri, UpdateValues(served++), "tile_id = ?", {tileId}).Ok(); },
-        [&] { return BareUpdate(UpdateValues(bare++), tileId); }, "bare D-Bus call");
-}
-
-/* The floor under the update above: the same bare call, then raw SQLite
- * updating the same tile by its id on a copy of the database (FloorDb). */
-void BM_ServiceUpdateFloor(benchmark::State& state)
-{
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
-    const std::string tileId = std::string(kClientPackage) + ".tile.7";
-    const Values shape = UpdateValues(0);
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* update = floor.Prepare("UPDATE tiles SET \"" + shape[0].first + "\"=?, \"" + shape[1].first +
-                                         "\"=? WHERE tile_id = ?");
-    if (update == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    int stored = 0;
-    int bare = 0;
-    auto raw = [&] {
-        const Values values = UpdateValues(stored++);
-        sqlite3_bind_text(update, 1, values[0].second.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_text(update, 2, values[1].second.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_text(update, 3, tileId.c_str(), -1, SQLITE_STATIC);
-        const bool done = sqlite3_step(update) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
-        sqlite3_reset(update);
-        return done;
-    };
-    RunInterleaved(
-        state, "floor of the update (bare call + raw SQLite update), " + SizeName(fixture->Tiles()), 0,
-        Pairs(200, 20), [&] { return BareUpdate(UpdateValues(stored), tileId) && raw(); },
-        [&] { return BareUpdate(UpdateValues(bare++), tileId); }, "bare D-Bus call");
+        [&] { return BareUpdate(UpdateValues(bare++), tileId); }, kBareCallName);
 }
 
 void BM_ServiceDelete(benchmark::State& state)
@@ -880,7 +1082,7 @@ void BM_ServiceDelete(benchmark::State& state)
     int next = 0;
     int nextBare = 0;
     RunInterleaved(
-        state, "e2e delete one tile, " + SizeName(fixture->Tiles()), 1.2, pairs,
+        state, "e2e delete one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, pairs,
         [&] { return client.Delete(kTilesUri, "tile_id = ?", {rows[static_cast<size_t>(next++)].front().second}).Ok(); },
         [&] {
             const std::vector<std::string> whereArgs = {rows[static_cast<size_t>(nextBare++)].front().second};
@@ -889,50 +1091,7 @@ void BM_ServiceDelete(benchmark::State& state)
                                           StringArray(whereArgs)),
                             "(ixs)");
         },
-        "bare D-Bus call");
-}
-
-/* The floor under the delete above: the same bare call, then raw SQLite
- * deleting the same tile by its id on a copy of the database (FloorDb) that
- * holds the same rows to delete. */
-void BM_ServiceDeleteFloor(benchmark::State& state)
-{
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
-    const int pairs = Pairs(200, 20);
-    std::vector<Values> rows;
-    for (int i = 0; i < pairs; ++i) {
-        rows.push_back(BenchTile(800000 + i, fixture->ClientSection(), kClientPackage));
-    }
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
-    sqlite3_stmt* remove = floor.Prepare("DELETE FROM tiles WHERE tile_id = ?");
-    if (insert == nullptr || remove == nullptr || !RawInsertRows(floor.Db(), insert, rows)) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    auto bare = [&](const std::string& tileId) {
-        return BareCall("Delete",
-                        g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?", StringArray({tileId})),
-                        "(ixs)");
-    };
-    int next = 0;
-    int nextBare = 0;
-    auto raw = [&](const std::string& tileId) {
-        sqlite3_bind_text(remove, 1, tileId.c_str(), -1, SQLITE_STATIC);
-        const bool done = sqlite3_step(remove) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
-        sqlite3_reset(remove);
-        return done;
-    };
-    RunInterleaved(
-        state, "floor of the delete (bare call + raw SQLite delete), " + SizeName(fixture->Tiles()), 0, pairs,
-        [&] {
-            const std::string& tileId = rows[static_cast<size_t>(next++)].front().second;
-            return bare(tileId) && raw(tileId);
-        },
-        [&] { return bare(rows[static_cast<size_t>(nextBare++)].front().second); }, "bare D-Bus call");
+        kBareCallName);
 }
 
 void BM_ServiceBulkInsert1000(benchmark::State& state)
@@ -947,7 +1106,7 @@ void BM_ServiceBulkInsert1000(benchmark::State& state)
         rows.push_back(BenchTile(600000 + i, fixture->ClientSection(), "org.example.bench.bulk"));
     }
     RunInterleaved(
-        state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()), 1.3, Pairs(10, 2),
+        state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(10, 2),
         [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
         [&] {
             std::vector<std::string> encoded;
@@ -957,41 +1116,8 @@ void BM_ServiceBulkInsert1000(benchmark::State& state)
             return BareCall("BulkInsert",
                             g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ixs)");
         },
-        "bare D-Bus call");
+        kBareCallName);
     client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
-}
-
-/* The floor under the bulk insert above: the same bare call, then raw SQLite
- * storing the same 1,000 tiles in one transaction (FloorDb), against the bare
- * call alone. */
-void BM_ServiceBulkInsertFloor(benchmark::State& state)
-{
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
-    std::vector<Values> rows;
-    for (int i = 0; i < 1000; ++i) {
-        rows.push_back(BenchTile(600000 + i, fixture->ClientSection(), "org.example.bench.bulk"));
-    }
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
-    if (insert == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    auto bare = [&] {
-        std::vector<std::string> encoded;
-        for (const Values& row : rows) {
-            encoded.push_back(EncodedBundle(row));
-        }
-        return BareCall("BulkInsert", g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)),
-                        "(ixs)");
-    };
-    RunInterleaved(
-        state, "floor of the bulk insert (bare call + raw SQLite insert), " + SizeName(fixture->Tiles()), 0,
-        Pairs(10, 2), [&] { return bare() && RawInsertRows(floor.Db(), insert, rows); }, bare,
-        "bare D-Bus call");
 }
 
 /* ---- the typed, atomic publish ---------------------------------------------- */
@@ -1115,7 +1241,7 @@ void BM_ServiceSelect1000VsRaw(benchmark::State& state)
         "SELECT * FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ") ORDER BY _id";
     const size_t expected = static_cast<size_t>(std::min(kClientTiles, fixture->Tiles()));
     RunInterleaved(
-        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / raw", 2.5, Pairs(40, 5),
+        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / raw", 0, Pairs(40, 5),
         [&] {
             Result result = client.Select(kTilesUri, {}, "", {}, "_id", "");
             return result.Ok() && result.rows.rows.size() == expected;
@@ -1154,7 +1280,7 @@ void BM_ServiceSelect1000VsBare(benchmark::State& state)
     }
     ContentClient client;
     RunInterleaved(
-        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", 0, Pairs(40, 5),
+        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(40, 5),
         [&] { return client.Select(kTilesUri, {}, "", {}, "_id", "").Ok(); },
         [&] {
             return BareCall("Select",
@@ -1162,7 +1288,7 @@ void BM_ServiceSelect1000VsBare(benchmark::State& state)
                                           StringArray({}), "_id", ""),
                             "(ay)");
         },
-        "bare D-Bus call");
+        kBareCallName);
 }
 
 void BM_ServiceRowIds(benchmark::State& state)
@@ -1173,24 +1299,170 @@ void BM_ServiceRowIds(benchmark::State& state)
     }
     ContentClient client;
     RunInterleaved(
-        state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()), 1.2, Pairs(100, 10),
+        state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(100, 10),
         [&] { return client.GetRowIds(kTilesUri, "", {}).Ok(); },
         [&] {
             return BareCall("GetRowIds",
                             g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})), "(ax)");
         },
-        "bare D-Bus call");
+        kBareCallName);
 }
 
-/* The floor under the row ids above: the same bare call, then raw SQLite
- * reading the ids of the caller's tiles from the service's own file with the
- * filter the service builds for it. */
-void BM_ServiceRowIdsFloor(benchmark::State& state)
+/* ---- against the physical floor ------------------------------------------------ */
+
+/*
+ * The physical floor of a request: its message's bytes (made once, as the
+ * bus would carry them) to the bare process's raw unix socket and the bytes
+ * of the service's reply message back, then raw SQLite running the request's
+ * statement in this process, prepared once (FloorDb for writes, the
+ * service's own file for reads). No service that keeps its rows in SQLite and
+ * answers over a socket can do less on this machine.
+ */
+
+/* Steps `statement` to its end reading every column as the service's row
+ * encoder reads it; the rows it gave, or -1 when it failed. */
+long long StepAllColumns(sqlite3_stmt* statement)
+{
+    long long rows = 0;
+    size_t bytes = 0;
+    const int columns = sqlite3_column_count(statement);
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        ++rows;
+        for (int c = 0; c < columns; ++c) {
+            switch (sqlite3_column_type(statement, c)) {
+            case SQLITE_INTEGER:
+                bytes += static_cast<size_t>(sqlite3_column_int64(statement, c) & 1);
+                break;
+            case SQLITE_NULL:
+                break;
+            default:
+                benchmark::DoNotOptimize(sqlite3_column_blob(statement, c));
+                bytes += static_cast<size_t>(sqlite3_column_bytes(statement, c));
+            }
+        }
+    }
+    benchmark::DoNotOptimize(bytes);
+    sqlite3_reset(statement);
+    return rc == SQLITE_DONE ? rows : -1;
+}
+
+void BM_ServiceInsertVsFloor(benchmark::State& state)
 {
     ServiceFixture* fixture = FixtureOrSkip(state);
     if (fixture == nullptr) {
         return;
     }
+    ContentClient client;
+    const Values row = BenchTile(710000, fixture->ClientSection(), kClientPackage);
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(row));
+    if (insert == nullptr) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    const std::string message =
+        MessageBytes(kInsert, g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), EncodedBundle(row).c_str()), false);
+    RunInterleaved(
+        state, "e2e insert one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(200, 20),
+        [&] { return client.Insert(kTilesUri, row).Ok(); },
+        [&] { return RawRoundTrip(kInsert, message) && RawInsertRows(floor.Db(), insert, {row}); }, kFloorName);
+    client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
+}
+
+void BM_ServiceUpdateVsFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    const std::string tileId = std::string(kClientPackage) + ".tile.7";
+    const Values shape = UpdateValues(0);
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* update = floor.Prepare("UPDATE tiles SET \"" + shape[0].first + "\"=?, \"" + shape[1].first +
+                                         "\"=? WHERE tile_id = ?");
+    if (update == nullptr) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    const std::string message =
+        MessageBytes(kUpdate,
+                     g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(shape).c_str(),
+                                   "tile_id = ?", StringArray({tileId})),
+                     false);
+    int served = 0;
+    int stored = 0;
+    auto raw = [&] {
+        const Values values = UpdateValues(stored++);
+        sqlite3_bind_text(update, 1, values[0].second.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(update, 2, values[1].second.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(update, 3, tileId.c_str(), -1, SQLITE_STATIC);
+        const bool done = sqlite3_step(update) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
+        sqlite3_reset(update);
+        return done;
+    };
+    RunInterleaved(
+        state, "e2e update one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(200, 20),
+        [&] { return client.Update(kTilesUri, UpdateValues(served++), "tile_id = ?", {tileId}).Ok(); },
+        [&] { return RawRoundTrip(kUpdate, message) && raw(); }, kFloorName);
+}
+
+void BM_ServiceDeleteVsFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    const int pairs = Pairs(200, 20);
+    // The rows to delete, one per pair, stored by the service before the copy
+    // is made: both sides delete the same tiles.
+    std::vector<Values> rows;
+    for (int i = 0; i < pairs; ++i) {
+        rows.push_back(BenchTile(810000 + i, fixture->ClientSection(), kClientPackage));
+    }
+    if (!client.BulkInsert(kTilesUri, rows).Ok()) {
+        state.SkipWithError("cannot insert the rows to delete");
+        return;
+    }
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* remove = floor.Prepare("DELETE FROM tiles WHERE tile_id = ?");
+    if (remove == nullptr) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    const std::string message =
+        MessageBytes(kDelete,
+                     g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?",
+                                   StringArray({rows.front().front().second})),
+                     false);
+    int next = 0;
+    int nextRaw = 0;
+    auto raw = [&](const std::string& tileId) {
+        sqlite3_bind_text(remove, 1, tileId.c_str(), -1, SQLITE_STATIC);
+        const bool done = sqlite3_step(remove) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
+        sqlite3_reset(remove);
+        return done;
+    };
+    RunInterleaved(
+        state, "e2e delete one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, pairs,
+        [&] {
+            return client.Delete(kTilesUri, "tile_id = ?", {rows[static_cast<size_t>(next++)].front().second}).Ok();
+        },
+        [&] {
+            return RawRoundTrip(kDelete, message) && raw(rows[static_cast<size_t>(nextRaw++)].front().second);
+        },
+        kFloorName);
+}
+
+void BM_ServiceRowIdsVsFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
     RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
     sqlite3_stmt* ids = nullptr;
     const std::string sql = "SELECT _id FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ")";
@@ -1199,13 +1471,12 @@ void BM_ServiceRowIdsFloor(benchmark::State& state)
         return;
     }
     const long long expected = std::min(kClientTiles, fixture->Tiles());
-    auto bare = [&] {
-        return BareCall("GetRowIds", g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})),
-                        "(ax)");
-    };
+    const std::string message = MessageBytes(
+        kGetRowIds, g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})), false);
     RunInterleaved(
-        state, "floor of the row ids (bare call + raw SQLite select), " + SizeName(fixture->Tiles()), 0,
-        Pairs(100, 10), [&] { return bare() && StepAll(ids) == expected; }, bare, "bare D-Bus call");
+        state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(100, 10),
+        [&] { return client.GetRowIds(kTilesUri, "", {}).Ok(); },
+        [&] { return RawRoundTrip(kGetRowIds, message) && StepAll(ids) == expected; }, kFloorName);
     sqlite3_finalize(ids);
 }
 
@@ -1216,6 +1487,159 @@ void KeepSmaps(const ServiceFixture& fixture, const std::string& name)
         std::ifstream in("/proc/" + std::to_string(fixture.ServicePid()) + "/smaps");
         std::ofstream(fixture.Root() + "/" + name) << in.rdbuf();
     }
+}
+
+void BM_ServiceBulkInsertVsFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    std::vector<Values> rows;
+    std::vector<std::string> encoded;
+    for (int i = 0; i < 1000; ++i) {
+        rows.push_back(BenchTile(610000 + i, fixture->ClientSection(), "org.example.bench.bulkfloor"));
+        encoded.push_back(EncodedBundle(rows.back()));
+    }
+    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
+    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
+    if (insert == nullptr) {
+        state.SkipWithError("cannot copy the service's database");
+        return;
+    }
+    const std::string message = MessageBytes(
+        kBulkInsert, g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), false);
+    RunInterleaved(
+        state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 1.5, Pairs(10, 2),
+        [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
+        [&] { return RawRoundTrip(kBulkInsert, message) && RawInsertRows(floor.Db(), insert, rows); }, kFloorName);
+    client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulkfloor.%"});
+}
+
+void BM_ServiceSelect1000VsFloor(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    ContentClient client;
+    RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
+    sqlite3_stmt* select = nullptr;
+    const std::string sql =
+        "SELECT * FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ") ORDER BY _id";
+    if (sqlite3_prepare_v2(raw.Get(), sql.c_str(), -1, &select, nullptr) != SQLITE_OK) {
+        state.SkipWithError("cannot read the service's database");
+        return;
+    }
+    const long long expected = std::min(kClientTiles, fixture->Tiles());
+    const std::string message =
+        MessageBytes(kSelect,
+                     g_variant_new("(ss@ass@asss)", kClientApp, kTilesUri.c_str(), StringArray({}), "",
+                                   StringArray({}), "_id", ""),
+                     false);
+    RunInterleaved(
+        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 1.25, Pairs(40, 5),
+        [&] {
+            Result result = client.Select(kTilesUri, {}, "", {}, "_id", "");
+            return result.Ok() && result.rows.rows.size() == static_cast<size_t>(expected);
+        },
+        [&] { return RawRoundTrip(kSelect, message) && StepAllColumns(select) == expected; }, kFloorName);
+    sqlite3_finalize(select);
+}
+
+/* ---- the data-control interface ------------------------------------------------ */
+
+/* Each request of the data-control interface against the bare call on the
+ * same transport, the caller building the same payload. */
+void BM_DataControlInsert(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const DataControlClient client(kProviderId);
+    const Values row = BenchTile(720000, fixture->ClientSection(), kClientPackage);
+    RunInterleaved(
+        state, "e2e data control insert one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
+        Pairs(200, 20), [&] { return client.Insert(kDataId, row).Ok(); },
+        [&] {
+            const std::string encoded = EncodedBundle(row);
+            return BareCallOf(kDcInsert,
+                              g_variant_new("(ssss)", kClientApp, kProviderId, kDataId, encoded.c_str()));
+        },
+        kBareCallName);
+    client.Delete(kDataId, "tile_id = '" + row.front().second + "'");
+}
+
+void BM_DataControlUpdate(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const DataControlClient client(kProviderId);
+    const std::string where = "tile_id = '" + std::string(kClientPackage) + ".tile.8'";
+    int served = 0;
+    int bare = 0;
+    RunInterleaved(
+        state, "e2e data control update one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
+        Pairs(200, 20), [&] { return client.Update(kDataId, UpdateValues(served++), where).Ok(); },
+        [&] {
+            const std::string encoded = EncodedBundle(UpdateValues(bare++));
+            return BareCallOf(kDcUpdate, g_variant_new("(sssss)", kClientApp, kProviderId, kDataId, encoded.c_str(),
+                                                       where.c_str()));
+        },
+        kBareCallName);
+}
+
+void BM_DataControlDelete(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const DataControlClient client(kProviderId);
+    const int pairs = Pairs(200, 20);
+    std::vector<Values> rows;
+    for (int i = 0; i < pairs; ++i) {
+        rows.push_back(BenchTile(830000 + i, fixture->ClientSection(), kClientPackage));
+    }
+    if (!ContentClient().BulkInsert(kTilesUri, rows).Ok()) {
+        state.SkipWithError("cannot insert the rows to delete");
+        return;
+    }
+    int next = 0;
+    int nextBare = 0;
+    auto where = [&rows](int& at) { return "tile_id = '" + rows[static_cast<size_t>(at++)].front().second + "'"; };
+    RunInterleaved(
+        state, "e2e data control delete one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, pairs,
+        [&] {
+            const Result result = client.Delete(kDataId, where(next));
+            return result.Ok() && result.changedRows == 1;
+        },
+        [&] {
+            return BareCallOf(kDcDelete,
+                              g_variant_new("(ssss)", kClientApp, kProviderId, kDataId, where(nextBare).c_str()));
+        },
+        kBareCallName);
+}
+
+void BM_DataControlSelect1000(benchmark::State& state)
+{
+    ServiceFixture* fixture = FixtureOrSkip(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    const DataControlClient client(kProviderId);
+    RunInterleaved(
+        state, "e2e data control select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
+        Pairs(40, 5), [&] { return client.Select(kDataId, {}, "", "_id").Ok(); },
+        [&] {
+            return BareCallOf(kDcSelect, g_variant_new("(sss@asss)", kClientApp, kProviderId, kDataId,
+                                                       StringArray({}), "", "_id"));
+        },
+        kBareCallName);
 }
 
 /* One repetition: an orderly stop, a start (timed), idle, memory. */
@@ -1236,16 +1660,14 @@ void BM_ServiceReadyAndMemory(benchmark::State& state)
                     readyMs);
         std::this_thread::sleep_for(std::chrono::milliseconds(ShortRun() ? 200 : 1000));
         double rss = 0;
-        double pss = 0;
         double uss = 0;
-        if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+        if (MemoryOf(fixture->ServicePid(), rss, uss)) {
             KeepSmaps(*fixture, "service-smaps-after-start.txt");
             RecordValue("USS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", uss);
-            RecordValue("PSS idle after start, " + SizeName(fixture->Tiles()), big ? 4 : 0, "MiB", pss);
             RecordValue("RSS idle after start, " + SizeName(fixture->Tiles()), 0, "MiB", rss);
         }
         state.counters["ready_ms"] = readyMs;
-        state.counters["pss_mib"] = pss;
+        state.counters["uss_mib"] = uss;
     }
 }
 
@@ -1346,16 +1768,14 @@ void BM_ServiceMemoryAfterRequests(benchmark::State& state)
     const double goal = fixture->Tiles() >= 100000 ? 3 : 0;
     for (auto _ : state) {
         double rss = 0;
-        double pss = 0;
         double uss = 0;
-        if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+        if (MemoryOf(fixture->ServicePid(), rss, uss)) {
             RecordValue("USS right after the request benchmarks, " + size, 0, "MiB", uss);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(3000));
-        if (MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+        if (MemoryOf(fixture->ServicePid(), rss, uss)) {
             KeepSmaps(*fixture, "service-smaps-after-requests.txt");
             RecordValue("USS idle 3 s after the request benchmarks, " + size, goal, "MiB", uss);
-            RecordValue("PSS idle after requests, " + size, 0, "MiB", pss);
             RecordValue("RSS idle after requests, " + size, 0, "MiB", rss);
         }
     }
@@ -1395,9 +1815,8 @@ void BM_ServiceMemoryWith100IdleClients(benchmark::State& state)
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(3000));
         double rss = 0;
-        double pss = 0;
         double uss = 0;
-        if (clients.size() == 100 && MemoryOf(fixture->ServicePid(), rss, pss, &uss)) {
+        if (clients.size() == 100 && MemoryOf(fixture->ServicePid(), rss, uss)) {
             RecordValue("USS idle with 100 idle bus clients connected, " + size,
                         fixture->Tiles() >= 100000 ? 5 : 0, "MiB", uss);
         } else {
@@ -1429,18 +1848,23 @@ void RegisterServiceBenchmarks()
         {"BM_ServiceReadyAfterKill", BM_ServiceReadyAfterKill},
         {"BM_ServiceReadyAfterKillColdCache", BM_ServiceReadyAfterKillColdCache},
         {"BM_ServiceInsert", BM_ServiceInsert},
-        {"BM_ServiceInsertFloor", BM_ServiceInsertFloor},
+        {"BM_ServiceInsertVsFloor", BM_ServiceInsertVsFloor},
         {"BM_ServiceUpdate", BM_ServiceUpdate},
-        {"BM_ServiceUpdateFloor", BM_ServiceUpdateFloor},
+        {"BM_ServiceUpdateVsFloor", BM_ServiceUpdateVsFloor},
         {"BM_ServiceDelete", BM_ServiceDelete},
-        {"BM_ServiceDeleteFloor", BM_ServiceDeleteFloor},
+        {"BM_ServiceDeleteVsFloor", BM_ServiceDeleteVsFloor},
         {"BM_ServiceRowIds", BM_ServiceRowIds},
-        {"BM_ServiceRowIdsFloor", BM_ServiceRowIdsFloor},
+        {"BM_ServiceRowIdsVsFloor", BM_ServiceRowIdsVsFloor},
         {"BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000},
-        {"BM_ServiceBulkInsertFloor", BM_ServiceBulkInsertFloor},
+        {"BM_ServiceBulkInsertVsFloor", BM_ServiceBulkInsertVsFloor},
         {"BM_ServicePublish1000In10Sections", BM_ServicePublish1000In10Sections},
         {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
         {"BM_ServiceSelect1000VsBare", BM_ServiceSelect1000VsBare},
+        {"BM_ServiceSelect1000VsFloor", BM_ServiceSelect1000VsFloor},
+        {"BM_DataControlInsert", BM_DataControlInsert},
+        {"BM_DataControlUpdate", BM_DataControlUpdate},
+        {"BM_DataControlDelete", BM_DataControlDelete},
+        {"BM_DataControlSelect1000", BM_DataControlSelect1000},
         {"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests},
         {"BM_ServiceMemoryWith100IdleClients", BM_ServiceMemoryWith100IdleClients},
     };
