@@ -80,10 +80,11 @@ def sections_curve(run):
 
 
 def rows_curve(run):
-    kinds = ["e2e select 1000 tiles, {} / raw", "e2e insert one tile, {}", "e2e update one tile, {}",
-             "e2e delete one tile, {}", "e2e row ids of 1000 tiles, {}", "e2e bulk insert 1000 tiles, {}",
+    kinds = ["e2e select 1000 tiles, {} / floor", "e2e insert one tile, {} / floor",
+             "e2e update one tile, {} / floor", "e2e delete one tile, {} / floor",
+             "e2e row ids of 1000 tiles, {} / floor", "e2e bulk insert 1000 tiles, {} / floor",
              "ready after exec (clean stop before), {}", "ready after exec (killed before), {}",
-             "PSS idle after start, {}", "PSS idle after requests, {}"]
+             "USS idle after start, {}", "USS idle after requests, {}"]
     titles = [re.sub(r"(, \{\}|e2e |\{\} )", "", kind) for kind in kinds]
     lines = ["| Tiles | " + " | ".join(titles) + " |", "|---|" + "---|" * len(kinds)]
     for size in ("1k tiles", "10k tiles", "100k tiles"):
