@@ -1062,6 +1062,20 @@ void BM_ServiceUpdate(benchmark::State& state)
         [&] { return BareUpdate(UpdateValues(bare++), tileId); }, kBareCallName);
 }
 
+/* Tiles of the caller to delete, one per pair, numbered from `first`, stored
+ * through the service before the timed loop; empty when they could not be. */
+std::vector<Values> StoredRowsToDelete(const ServiceFixture& fixture, int first, int count)
+{
+    std::vector<Values> rows;
+    for (int i = 0; i < count; ++i) {
+        rows.push_back(BenchTile(first + i, fixture.ClientSection(), kClientPackage));
+    }
+    if (!ContentClient().BulkInsert(kTilesUri, rows).Ok()) {
+        rows.clear();
+    }
+    return rows;
+}
+
 void BM_ServiceDelete(benchmark::State& state)
 {
     ServiceFixture* fixture = FixtureOrSkip(state);
@@ -1071,11 +1085,8 @@ void BM_ServiceDelete(benchmark::State& state)
     ContentClient client;
     const int pairs = Pairs(200, 20);
     // The rows to delete, one per pair, made before the timed loop.
-    std::vector<Values> rows;
-    for (int i = 0; i < pairs; ++i) {
-        rows.push_back(BenchTile(800000 + i, fixture->ClientSection(), kClientPackage));
-    }
-    if (!client.BulkInsert(kTilesUri, rows).Ok()) {
+    const std::vector<Values> rows = StoredRowsToDelete(*fixture, 800000, pairs);
+    if (rows.empty()) {
         state.SkipWithError("cannot insert the rows to delete");
         return;
     }
@@ -1418,11 +1429,8 @@ void BM_ServiceDeleteVsFloor(benchmark::State& state)
     const int pairs = Pairs(200, 20);
     // The rows to delete, one per pair, stored by the service before the copy
     // is made: both sides delete the same tiles.
-    std::vector<Values> rows;
-    for (int i = 0; i < pairs; ++i) {
-        rows.push_back(BenchTile(810000 + i, fixture->ClientSection(), kClientPackage));
-    }
-    if (!client.BulkInsert(kTilesUri, rows).Ok()) {
+    const std::vector<Values> rows = StoredRowsToDelete(*fixture, 810000, pairs);
+    if (rows.empty()) {
         state.SkipWithError("cannot insert the rows to delete");
         return;
     }
@@ -1601,11 +1609,8 @@ void BM_DataControlDelete(benchmark::State& state)
     }
     const DataControlClient client(kProviderId);
     const int pairs = Pairs(200, 20);
-    std::vector<Values> rows;
-    for (int i = 0; i < pairs; ++i) {
-        rows.push_back(BenchTile(830000 + i, fixture->ClientSection(), kClientPackage));
-    }
-    if (!ContentClient().BulkInsert(kTilesUri, rows).Ok()) {
+    const std::vector<Values> rows = StoredRowsToDelete(*fixture, 830000, pairs);
+    if (rows.empty()) {
         state.SkipWithError("cannot insert the rows to delete");
         return;
     }
