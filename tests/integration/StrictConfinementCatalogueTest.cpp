@@ -300,6 +300,51 @@ void ExpectNoResult(Catalogue&, const Result& result)
     EXPECT_EQ(result.outcome, Outcome::NoResult) << Text(result);
 }
 
+using Expectation = std::function<void(Catalogue&, const Result&)>;
+
+/* The write succeeded, and `sql` on the database gives `value` after it. */
+Expectation WroteSo(std::string sql, std::string value)
+{
+    return [sql, value](Catalogue& c, const Result& result) {
+        EXPECT_TRUE(result.Ok()) << Text(result);
+        EXPECT_EQ(c.Scalar(sql), value);
+    };
+}
+
+/* The same for data control, whose write answers carry no result of their own. */
+Expectation AnsweredAndWroteSo(std::string sql, std::string value)
+{
+    return [sql, value](Catalogue& c, const Result& result) {
+        EXPECT_EQ(result.outcome, Outcome::Answered) << Text(result);
+        EXPECT_EQ(c.Scalar(sql), value);
+    };
+}
+
+/* The message was sent, and the service acted on it: `sql` comes to give `value`. */
+Expectation SentAndActedOn(std::string sql, std::string value)
+{
+    return [sql, value](Catalogue& c, const Result& result) {
+        EXPECT_EQ(result.code, 0);
+        EXPECT_TRUE(c.WaitForScalar(sql, value));
+    };
+}
+
+/* The line of strict confinement dropping a `kind` message from `sender`. */
+std::string DroppedMessageLine(const std::string& kind, const std::string& sender)
+{
+    return "strict confinement refused (rule trusted-sender) for (no request): " + kind + " message from " + sender +
+           " dropped: not a platform sender";
+}
+
+/* The message was sent, and strict confinement dropped it as the caller's. */
+Expectation SentAndDropped(std::string kind)
+{
+    return [kind](Catalogue& c, const Result& result) {
+        EXPECT_EQ(result.code, 0);
+        EXPECT_TRUE(c.WaitForServiceLine(DroppedMessageLine(kind, kHostile))) << c.ServiceLog();
+    };
+}
+
 Result SelectTiles(Catalogue& c, const std::string& where, std::vector<std::string> projection = {"tile_id"})
 {
     return c.content.Select(Uri("tiles"), projection, where, {}, "tile_id", "");
@@ -364,15 +409,8 @@ const std::vector<HostileRequest>& Requests()
          [](Catalogue& c) {
              return c.content.Update(Uri("tiles"), {{"tile_title", "taken"}}, "tile_id = 'none' OR 1=1", {});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT tile_title FROM tiles WHERE _id = 2001"), "taken");
-         },
-         nullptr,
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT tile_title FROM tiles WHERE _id = 1001"), "taken");
-         }},
+         WroteSo("SELECT tile_title FROM tiles WHERE _id = 2001", "taken"), nullptr,
+         WroteSo("SELECT tile_title FROM tiles WHERE _id = 1001", "taken")},
         {"WhereThatClosesTheFilter",
          [](Catalogue& c) { return SelectTiles(c, "1) OR (1=1"); }, ExpectNoResult, "where-clause", nullptr},
         {"WhereWithParenthesisInAString",
@@ -506,35 +544,23 @@ const std::vector<HostileRequest>& Requests()
          [](Catalogue& c) {
              return c.content.Insert(Uri("sections"), {{"section_id", "planted"}, {"section_accelerator_raw_id", "200"}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT section_accelerator_raw_id FROM sections WHERE section_id = 'planted'"), "200");
-         },
+         WroteSo("SELECT section_accelerator_raw_id FROM sections WHERE section_id = 'planted'", "200"),
          "insert-owner", nullptr},
         {"SectionUnderAnotherPackagesAcceleratorOnDataControl",
          [](Catalogue& c) {
              return c.dataControl.Insert("sections", {{"section_id", "planted"}, {"section_accelerator_raw_id", "200"}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_EQ(result.outcome, Outcome::Answered) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT section_accelerator_raw_id FROM sections WHERE section_id = 'planted'"), "200");
-         },
+         AnsweredAndWroteSo("SELECT section_accelerator_raw_id FROM sections WHERE section_id = 'planted'", "200"),
          "insert-owner", nullptr},
         {"TileInAnotherPackagesSection",
          [](Catalogue& c) {
              return c.content.Insert(Uri("tiles"), {{"tile_id", "planted"}, {"tile_section_raw_id", "20"}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT tile_section_raw_id FROM tiles WHERE tile_id = 'planted'"), "20");
-         },
+         WroteSo("SELECT tile_section_raw_id FROM tiles WHERE tile_id = 'planted'", "20"),
          "insert-owner", nullptr},
         {"TileOfNobody",
          [](Catalogue& c) { return c.content.Insert(Uri("tiles"), {}); },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT count(*) FROM tiles WHERE tile_section_raw_id IS NULL"), "1");
-         },
+         WroteSo("SELECT count(*) FROM tiles WHERE tile_section_raw_id IS NULL", "1"),
          "insert-owner", nullptr},
         /* ---- bulk updates ---- */
         {"BulkUpdateOfAnotherPackagesTile",
@@ -543,50 +569,25 @@ const std::vector<HostileRequest>& Requests()
                                          {{{"bulk_update_row_id_key", "1001"}, {"tile_title", "taken"}},
                                           {{"bulk_update_row_id_key", "2001"}, {"tile_title", "taken"}}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT tile_title FROM tiles WHERE _id = 2001"), "taken");
-         },
-         nullptr,
-         [](Catalogue& c, const Result& result) {
-             /* Confined like a single update: the caller's own row changes. */
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT tile_title FROM tiles WHERE _id = 1001"), "taken");
-         }},
+         WroteSo("SELECT tile_title FROM tiles WHERE _id = 2001", "taken"), nullptr,
+         /* Confined like a single update: the caller's own row changes. */
+         WroteSo("SELECT tile_title FROM tiles WHERE _id = 1001", "taken")},
         /* ---- the change manager's ports ---- */
         {"UninstallOfAnotherPackage",
          [](Catalogue& c) {
              return c.SendToPort("accelerator_port", {{"action", "1"}, {"accelerator_app_pkg_name", "org.example.sports"}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_EQ(result.code, 0);
-             EXPECT_TRUE(c.WaitForScalar("SELECT count(*) FROM tiles WHERE tile_section_raw_id = 20", "0"));
-         },
+         SentAndActedOn("SELECT count(*) FROM tiles WHERE tile_section_raw_id = 20", "0"),
          nullptr,
-         [](Catalogue& c, const Result& result) {
-             EXPECT_EQ(result.code, 0);
-             EXPECT_TRUE(c.WaitForServiceLine("strict confinement refused (rule trusted-sender) for (no request): "
-                                              "uninstall message from org.example.news.ui dropped: not a platform "
-                                              "sender"))
-                 << c.ServiceLog();
-         }},
+         SentAndDropped("uninstall")},
         {"VisibilityOfAnotherPackage",
          [](Catalogue& c) {
              return c.SendToPort("launcher_event_port",
                                  {{"visibility", "hidden"}, {"accelerator_app_pkg_name", "org.example.films"}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_EQ(result.code, 0);
-             EXPECT_TRUE(c.WaitForScalar("SELECT accelerator_enabled FROM accelerators WHERE _id = 300", "0"));
-         },
+         SentAndActedOn("SELECT accelerator_enabled FROM accelerators WHERE _id = 300", "0"),
          nullptr,
-         [](Catalogue& c, const Result& result) {
-             EXPECT_EQ(result.code, 0);
-             EXPECT_TRUE(c.WaitForServiceLine("strict confinement refused (rule trusted-sender) for (no request): "
-                                              "visibility message from org.example.news.ui dropped: not a platform "
-                                              "sender"))
-                 << c.ServiceLog();
-         }},
+         SentAndDropped("visibility")},
         {"InstallOfItsOwnPackageByALevelZeroApplication",
          [](Catalogue& c) {
              /* This process has not used the bus yet: it can still become the
@@ -609,10 +610,7 @@ const std::vector<HostileRequest>& Requests()
          },
          nullptr,
          [](Catalogue& c, const Result&) {
-             EXPECT_TRUE(c.WaitForServiceLine("strict confinement refused (rule trusted-sender) for (no request): "
-                                              "install message from org.example.mute.ui dropped: not a platform "
-                                              "sender"))
-                 << c.ServiceLog();
+             EXPECT_TRUE(c.WaitForServiceLine(DroppedMessageLine("install", kMute))) << c.ServiceLog();
              EXPECT_EQ(c.Scalar("SELECT count(*) FROM accelerators WHERE accelerator_app_pkg_name = '" +
                                 std::string(kMutePackage) + "'"),
                        "0");
@@ -634,19 +632,13 @@ const std::vector<HostileRequest>& Requests()
              return c.content.Insert(Uri("tiles"),
                                      {{"tile_id", "big"}, {"tile_section_raw_id", "10"}, {"tile_title", std::string(5000, 'x')}});
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT length(tile_title) FROM tiles WHERE tile_id = 'big'"), "5000");
-         },
+         WroteSo("SELECT length(tile_title) FROM tiles WHERE tile_id = 'big'", "5000"),
          "limits", nullptr},
         {"ValueLargerThanTheLimitOnDataControl",
          [](Catalogue& c) {
              return c.dataControl.Update("tiles", {{"tile_title", std::string(5000, 'x')}}, "tile_id = 'news1'");
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_EQ(result.outcome, Outcome::Answered) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT length(tile_title) FROM tiles WHERE tile_id = 'news1'"), "5000");
-         },
+         AnsweredAndWroteSo("SELECT length(tile_title) FROM tiles WHERE tile_id = 'news1'", "5000"),
          "limits", nullptr},
         {"MoreSectionsThanTheLimit",
          [](Catalogue& c) {
@@ -657,10 +649,7 @@ const std::vector<HostileRequest>& Requests()
              }
              return last;
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT count(*) FROM sections WHERE section_accelerator_raw_id = 100"), "4");
-         },
+         WroteSo("SELECT count(*) FROM sections WHERE section_accelerator_raw_id = 100", "4"),
          "limits", nullptr},
         {"MoreTilesThanTheLimit",
          [](Catalogue& c) {
@@ -670,10 +659,7 @@ const std::vector<HostileRequest>& Requests()
              }
              return c.content.BulkInsert(Uri("tiles"), rows);
          },
-         [](Catalogue& c, const Result& result) {
-             EXPECT_TRUE(result.Ok()) << Text(result);
-             EXPECT_EQ(c.Scalar("SELECT count(*) FROM tiles WHERE tile_section_raw_id = 10"), "7");
-         },
+         WroteSo("SELECT count(*) FROM tiles WHERE tile_section_raw_id = 10", "7"),
          "limits", nullptr},
     };
     return requests;
