@@ -92,6 +92,15 @@ private:
     bool fired_ = false;
 };
 
+/* Runs the service application with `callbacks` and `r` under a watchdog:
+ * the loop ends by itself and the run returns without error. */
+void RunToItsEnd(service_app_lifecycle_callback_s callbacks, Recorder& r)
+{
+    Watchdog watchdog(10);
+    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
+    EXPECT_FALSE(watchdog.Fired());
+}
+
 class ServiceAppTest : public ::testing::Test {
 protected:
     void SetUp() override { tilvane::host::Reset(); }
@@ -156,9 +165,7 @@ TEST_F(ServiceAppTest, TerminationRequestedDuringCreateIsNotLost)
         std::thread([] { tilvane::host::RequestTermination(); }).join();
         return OnCreate(data);
     };
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
-    EXPECT_FALSE(watchdog.Fired());
+    RunToItsEnd(callbacks, r);
     EXPECT_EQ(r.terminates, 1);
 }
 
@@ -174,9 +181,7 @@ TEST_F(ServiceAppTest, TerminationFromTimeoutSource)
             return G_SOURCE_REMOVE;
         },
         nullptr);
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
-    EXPECT_FALSE(watchdog.Fired());
+    RunToItsEnd(callbacks, r);
     EXPECT_EQ(r.appControls, 0);
     EXPECT_EQ(r.terminates, 1);
 }
@@ -185,10 +190,7 @@ TEST_F(ServiceAppTest, ServiceAppExitFromLoop)
 {
     Recorder r;
     r.onAppControl = [](Recorder*) { service_app_exit(); };
-    service_app_lifecycle_callback_s callbacks = Callbacks();
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
-    EXPECT_FALSE(watchdog.Fired());
+    RunToItsEnd(Callbacks(), r);
     EXPECT_EQ(r.terminates, 1);
 }
 
@@ -197,9 +199,7 @@ TEST_F(ServiceAppTest, ServiceAppExitInsideTerminateIsHarmless)
     Recorder r;
     r.exitFromTerminate = true;
     r.onAppControl = [](Recorder*) { service_app_exit(); };
-    service_app_lifecycle_callback_s callbacks = Callbacks();
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
+    RunToItsEnd(Callbacks(), r);
     EXPECT_EQ(r.terminates, 1);
 }
 
@@ -211,9 +211,7 @@ TEST_F(ServiceAppTest, ServiceAppExitDuringCreateSkipsLoop)
         service_app_exit();
         return OnCreate(data);
     };
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
-    EXPECT_FALSE(watchdog.Fired());
+    RunToItsEnd(callbacks, r);
     EXPECT_EQ(r.appControls, 0);
     EXPECT_EQ(r.terminates, 1);
 }
@@ -222,10 +220,7 @@ TEST_F(ServiceAppTest, SigtermEndsLoopCleanly)
 {
     Recorder r;
     r.onAppControl = [](Recorder*) { raise(SIGTERM); };
-    service_app_lifecycle_callback_s callbacks = Callbacks();
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
-    EXPECT_FALSE(watchdog.Fired());
+    RunToItsEnd(Callbacks(), r);
     EXPECT_EQ(r.terminates, 1);
 }
 
@@ -233,10 +228,7 @@ TEST_F(ServiceAppTest, SigintEndsLoopCleanly)
 {
     Recorder r;
     r.onAppControl = [](Recorder*) { raise(SIGINT); };
-    service_app_lifecycle_callback_s callbacks = Callbacks();
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
-    EXPECT_FALSE(watchdog.Fired());
+    RunToItsEnd(Callbacks(), r);
     EXPECT_EQ(r.terminates, 1);
 }
 
@@ -259,9 +251,7 @@ TEST_F(ServiceAppTest, RequestTerminationWithoutLoopDoesNothing)
      * its own service_app_exit, after the app control callback. */
     Recorder r;
     r.onAppControl = [](Recorder*) { service_app_exit(); };
-    service_app_lifecycle_callback_s callbacks = Callbacks();
-    Watchdog watchdog(10);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &r), APP_ERROR_NONE);
+    RunToItsEnd(Callbacks(), r);
     EXPECT_EQ(r.appControls, 1);
     EXPECT_EQ(r.terminates, 1);
 }
