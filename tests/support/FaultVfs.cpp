@@ -29,6 +29,18 @@ Plan& ThePlan()
     return *plan;
 }
 
+/* The plan, locked while this lives. */
+class LockedPlan
+{
+public:
+    LockedPlan() : m_plan(ThePlan()), m_lock(m_plan.mutex) {}
+    Plan* operator->() { return &m_plan; }
+
+private:
+    Plan& m_plan;
+    std::lock_guard<std::mutex> m_lock;
+};
+
 sqlite3_vfs* gReal = nullptr;
 sqlite3_vfs gShim;
 bool gInstalled = false;
@@ -59,9 +71,8 @@ int ExtendedCode(unsigned operation, int code)
 
 bool Matches(const char* path)
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    return plan.filter.empty() || (path != nullptr && std::strstr(path, plan.filter.c_str()) != nullptr);
+    LockedPlan plan;
+    return plan->filter.empty() || (path != nullptr && std::strstr(path, plan->filter.c_str()) != nullptr);
 }
 
 /* SQLITE_OK, or the code this call fails with. */
@@ -70,15 +81,14 @@ int Count(bool counted, unsigned operation)
     if (!counted) {
         return SQLITE_OK;
     }
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    if ((plan.operations & operation) == 0 || (plan.gate != nullptr && !plan.gate())) {
+    LockedPlan plan;
+    if ((plan->operations & operation) == 0 || (plan->gate != nullptr && !plan->gate())) {
         return SQLITE_OK;
     }
-    const long call = ++plan.calls;
-    if (plan.nth > 0 && (call == plan.nth || (plan.persistent && call > plan.nth))) {
-        ++plan.failures;
-        return ExtendedCode(operation, plan.code);
+    const long call = ++plan->calls;
+    if (plan->nth > 0 && (call == plan->nth || (plan->persistent && call > plan->nth))) {
+        ++plan->failures;
+        return ExtendedCode(operation, plan->code);
     }
     return SQLITE_OK;
 }
@@ -90,92 +100,29 @@ int Close(sqlite3_file* file)
     return rc;
 }
 
-int Read(sqlite3_file* file, void* buffer, int amount, sqlite3_int64 offset)
-{
-    if (int rc = Count(Of(file)->counted, kRead)) {
-        return rc;
+/* The real file's method `Method`, called with the same arguments; a method
+ * of an operation `Kind` (not 0) is counted first and fails when the plan
+ * says so. */
+template <typename Member, Member Method, unsigned Kind>
+struct Forward;
+
+template <typename Result, typename... Args, Result (*sqlite3_io_methods::*Method)(sqlite3_file*, Args...),
+          unsigned Kind>
+struct Forward<Result (*sqlite3_io_methods::*)(sqlite3_file*, Args...), Method, Kind> {
+    static Result Call(sqlite3_file* file, Args... args)
+    {
+        if constexpr (Kind != 0) {
+            if (int rc = Count(Of(file)->counted, Kind)) {
+                return rc;
+            }
+        }
+        sqlite3_file* real = Of(file)->real();
+        return (real->pMethods->*Method)(real, args...);
     }
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xRead(real, buffer, amount, offset);
-}
+};
 
-int Write(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64 offset)
-{
-    if (int rc = Count(Of(file)->counted, kWrite)) {
-        return rc;
-    }
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xWrite(real, buffer, amount, offset);
-}
-
-int Truncate(sqlite3_file* file, sqlite3_int64 size)
-{
-    if (int rc = Count(Of(file)->counted, kTruncate)) {
-        return rc;
-    }
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xTruncate(real, size);
-}
-
-int Sync(sqlite3_file* file, int flags)
-{
-    if (int rc = Count(Of(file)->counted, kSync)) {
-        return rc;
-    }
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xSync(real, flags);
-}
-
-int FileSize(sqlite3_file* file, sqlite3_int64* size)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xFileSize(real, size);
-}
-
-int Lock(sqlite3_file* file, int level)
-{
-    if (int rc = Count(Of(file)->counted, kLock)) {
-        return rc;
-    }
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xLock(real, level);
-}
-
-int Unlock(sqlite3_file* file, int level)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xUnlock(real, level);
-}
-
-int CheckReservedLock(sqlite3_file* file, int* out)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xCheckReservedLock(real, out);
-}
-
-int FileControl(sqlite3_file* file, int op, void* arg)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xFileControl(real, op, arg);
-}
-
-int SectorSize(sqlite3_file* file)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xSectorSize(real);
-}
-
-int DeviceCharacteristics(sqlite3_file* file)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xDeviceCharacteristics(real);
-}
-
-int ShmMap(sqlite3_file* file, int region, int size, int extend, void volatile** out)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xShmMap(real, region, size, extend, out);
-}
+template <auto Method, unsigned Kind = 0>
+constexpr auto Forwarded = &Forward<decltype(Method), Method, Kind>::Call;
 
 int ShmLock(sqlite3_file* file, int offset, int n, int flags)
 {
@@ -185,25 +132,12 @@ int ShmLock(sqlite3_file* file, int offset, int n, int flags)
             return rc == SQLITE_IOERR_LOCK ? SQLITE_IOERR_SHMLOCK : rc;
         }
     }
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xShmLock(real, offset, n, flags);
-}
-
-void ShmBarrier(sqlite3_file* file)
-{
-    sqlite3_file* real = Of(file)->real();
-    real->pMethods->xShmBarrier(real);
-}
-
-int ShmUnmap(sqlite3_file* file, int deleteFlag)
-{
-    sqlite3_file* real = Of(file)->real();
-    return real->pMethods->xShmUnmap(real, deleteFlag);
+    return Forwarded<&sqlite3_io_methods::xShmLock>(file, offset, n, flags);
 }
 
 int Fetch(sqlite3_file* file, sqlite3_int64 offset, int amount, void** out)
 {
-    /* No memory-mapped reads: every read goes through Read and is counted. */
+    /* No memory-mapped reads: every read goes through xRead and is counted. */
     (void)file;
     (void)offset;
     (void)amount;
@@ -216,10 +150,28 @@ int Unfetch(sqlite3_file* /*file*/, sqlite3_int64 /*offset*/, void* /*page*/)
     return SQLITE_OK;
 }
 
+using M = sqlite3_io_methods;
+
 const sqlite3_io_methods kMethods = {
-    3,         Close,       Read,         Write,    Truncate,          Sync,        FileSize,
-    Lock,      Unlock,      CheckReservedLock,      FileControl,       SectorSize,  DeviceCharacteristics,
-    ShmMap,    ShmLock,     ShmBarrier,   ShmUnmap, Fetch,             Unfetch,
+    3,
+    Close,
+    Forwarded<&M::xRead, kRead>,
+    Forwarded<&M::xWrite, kWrite>,
+    Forwarded<&M::xTruncate, kTruncate>,
+    Forwarded<&M::xSync, kSync>,
+    Forwarded<&M::xFileSize>,
+    Forwarded<&M::xLock, kLock>,
+    Forwarded<&M::xUnlock>,
+    Forwarded<&M::xCheckReservedLock>,
+    Forwarded<&M::xFileControl>,
+    Forwarded<&M::xSectorSize>,
+    Forwarded<&M::xDeviceCharacteristics>,
+    Forwarded<&M::xShmMap>,
+    ShmLock,
+    Forwarded<&M::xShmBarrier>,
+    Forwarded<&M::xShmUnmap>,
+    Fetch,
+    Unfetch,
 };
 
 int Open(sqlite3_vfs* /*vfs*/, const char* path, sqlite3_file* file, int flags, int* outFlags)
@@ -307,49 +259,38 @@ void Uninstall()
 
 void SetFileFilter(const std::string& text)
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    plan.filter = text;
+    LockedPlan()->filter = text;
 }
 
 void Arm(unsigned operations, long nth, int code, bool persistent)
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    plan.operations = operations;
-    plan.nth = nth;
-    plan.code = code;
-    plan.persistent = persistent;
-    plan.calls = 0;
-    plan.failures = 0;
+    LockedPlan plan;
+    plan->operations = operations;
+    plan->nth = nth;
+    plan->code = code;
+    plan->persistent = persistent;
+    plan->calls = 0;
+    plan->failures = 0;
 }
 
 void SetCountingGate(bool (*gate)())
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    plan.gate = gate;
+    LockedPlan()->gate = gate;
 }
 
 void Disarm()
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    plan.nth = 0;
+    LockedPlan()->nth = 0;
 }
 
 long Calls()
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    return plan.calls;
+    return LockedPlan()->calls;
 }
 
 long Failures()
 {
-    Plan& plan = ThePlan();
-    std::lock_guard<std::mutex> lock(plan.mutex);
-    return plan.failures;
+    return LockedPlan()->failures;
 }
 
 const Fault kFaults[4] = {
