@@ -21,6 +21,7 @@
 #include "TestProcess.h"
 #include "TestSupport.h"
 
+using tilvane::test::Lines;
 using tilvane::test::PrivateBus;
 using tilvane::test::Process;
 using tilvane::test::TempDir;
@@ -37,16 +38,6 @@ struct Outcome {
     std::string err;
 };
 
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::stringstream stream(text);
-    std::string line;
-    while (std::getline(stream, line)) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 size_t Occurrences(const std::string& text, const std::string& needle)
 {

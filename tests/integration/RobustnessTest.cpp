@@ -29,6 +29,7 @@
 #include "TestSupport.h"
 #include "TilesModel.h"
 
+using tilvane::test::Lines;
 using tilvane::test::Process;
 using tilvane::test::RawDatabase;
 using tilvane::test::ReadAll;
@@ -39,16 +40,6 @@ namespace {
 const char kServiceAppId[] = "com.quillon.px.tilvane";
 const char kReady[] = "local port preview-event-receiver registered";
 
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 /* The words after `prefix ` of every line that starts with it. */
 std::vector<std::string> Marked(const std::string& text, const std::string& prefix)

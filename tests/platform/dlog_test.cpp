@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "StderrCapture.h"
+#include "TestSupport.h"
 #include "log/journal_format.h"
 #include "log/log_settings.h"
 #include <host_control.h>
@@ -18,6 +19,7 @@
 
 namespace {
 
+using tilvane::test::Lines;
 using tilvane::test::StderrCapture;
 
 /* Splits "MM-DD HH:MM:SS.mmm P/TAG(PID): message" into its parts; false when
@@ -62,16 +64,6 @@ bool ParseLine(const std::string& line, ParsedLine& parsed)
     return true;
 }
 
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 class DlogTest : public ::testing::Test {
 protected:

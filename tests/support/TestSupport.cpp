@@ -158,6 +158,17 @@ size_t FileSize(const std::string& path)
     return static_cast<size_t>(std::filesystem::file_size(path));
 }
 
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 std::vector<host::LogLine> LinesContaining(const std::string& tag, const std::string& text)
 {
     std::vector<host::LogLine> found;

@@ -91,6 +91,8 @@ void WriteFile(const std::string& path, const std::string& content);
 std::string RandomBytes(size_t count, unsigned seed);
 void TruncateFile(const std::string& path, size_t size);
 size_t FileSize(const std::string& path);
+/* The lines of `text`, without their line ends. */
+std::vector<std::string> Lines(const std::string& text);
 
 /* Captured lines of one tag whose message contains `text`. */
 std::vector<host::LogLine> LinesContaining(const std::string& tag, const std::string& text);
