@@ -15,6 +15,7 @@
 #include <host_control.h>
 #include <tilvane_client.h>
 
+#include "Json.h"
 #include "JsonLines.h"
 #include "Manifest.h"
 #include "bundle/bundle_limits.h"
@@ -144,29 +145,6 @@ std::string ManifestParse(const uint8_t* data, size_t size)
     return "";
 }
 
-namespace {
-
-std::string JsonQuoted(const std::string& text)
-{
-    static const char kHex[] = "0123456789abcdef";
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out.push_back('\\');
-            out.push_back(static_cast<char>(c));
-        } else if (c < 0x20) {
-            out += "\\u00";
-            out.push_back(kHex[c >> 4]);
-            out.push_back(kHex[c & 0xF]);
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
-    return out + "\"";
-}
-
-}  // namespace
-
 std::string JsonLinesRead(const uint8_t* data, size_t size)
 {
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
@@ -179,7 +157,8 @@ std::string JsonLinesRead(const uint8_t* data, size_t size)
     for (const client::Values& row : rows) {
         std::string line = "{";
         for (size_t i = 0; i < row.size(); ++i) {
-            line += (i == 0 ? "" : ",") + JsonQuoted(row[i].first) + ":" + JsonQuoted(row[i].second);
+            line += (i == 0 ? "" : ",") + tilvanectl::JsonQuote(row[i].first) + ":" +
+                    tilvanectl::JsonQuote(row[i].second);
         }
         line += "}";
         client::Values again;
