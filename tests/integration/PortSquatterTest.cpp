@@ -31,6 +31,7 @@
 #include <tilvane_client.h>
 
 #include "MultiUserBus.h"
+#include "RawBus.h"
 #include "ServiceUnderTest.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
@@ -57,11 +58,7 @@ int Squat(int readyFd, uid_t uid)
     if (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0) {
         return 10;
     }
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        g_getenv("DBUS_SESSION_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* connection = tilvane::test::OpenRawConnection();
     if (connection == nullptr) {
         return 11;
     }

@@ -18,6 +18,7 @@
 #include <host_control.h>
 
 #include "PermissionHelper.h"
+#include "RawBus.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
@@ -85,11 +86,7 @@ protected:
 
         m_context = g_main_context_new();
         g_main_context_push_thread_default(m_context);
-        m_connection = g_dbus_connection_new_for_address_sync(
-            g_getenv("DBUS_SESSION_BUS_ADDRESS"),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr);
+        m_connection = tilvane::test::OpenRawConnection();
         ASSERT_NE(m_connection, nullptr);
         ASSERT_EQ(BusCall("RequestName", g_variant_new("(su)", tilvane::host::BusNameForAppId(kCallerAppId).c_str(), 4u),
                           "(u)"),

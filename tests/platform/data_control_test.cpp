@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "RawBus.h"
 #include "TestSupport.h"
 
 using tilvane::client::Cell;
@@ -436,11 +437,7 @@ TEST_F(DataControlTest, TheCallerIdOfAnotherProcessComesFromTheBus)
 
     /* A hand-made client that claims an application it is not is refused. */
     GError* error = nullptr;
-    GDBusConnection* forger = g_dbus_connection_new_for_address_sync(
-        m_bus.Address().c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
+    GDBusConnection* forger = tilvane::test::OpenRawConnection(m_bus.Address().c_str(), &error);
     ASSERT_NE(forger, nullptr);
     GVariant* reply = g_dbus_connection_call_sync(
         forger, "org.tilvane.DataControl.Porg_2eexample_2epreviews", "/org/tilvane/DataControl",

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "RawBus.h"
 #include "TestSupport.h"
 
 using tilvane::test::ChildProcess;
@@ -57,11 +58,7 @@ void RecordCB(int localPortId, const char* remoteAppId, const char* remotePort, 
 GDBusConnection* RawConnection()
 {
     GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        g_getenv("DBUS_SESSION_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
+    GDBusConnection* connection = tilvane::test::OpenRawConnection(nullptr, &error);
     if (error != nullptr) {
         ADD_FAILURE() << error->message;
         g_error_free(error);
@@ -74,19 +71,8 @@ GDBusConnection* RawConnection()
 std::string RawDeliver(GDBusConnection* connection, const std::string& appId, const std::string& port,
                        const std::string& claimedApp, bundle* message)
 {
-    bundle_raw* raw = nullptr;
-    int length = 0;
-    bundle_encode(message, &raw, &length);
-    std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-    bundle_free_encoded_rawdata(&raw);
-    GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection, tilvane::host::BusNameForAppId(appId).c_str(), "/org/tilvane/MessagePort",
-        "org.tilvane.MessagePort", "Deliver",
-        g_variant_new("(ssss)", port.c_str(), claimedApp.c_str(), "", encoded.c_str()), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    if (reply != nullptr) {
-        g_variant_unref(reply);
+    GError* error = tilvane::test::CallDeliver(connection, appId, port, claimedApp, "", message);
+    if (error == nullptr) {
         return "";
     }
     gchar* name = g_dbus_error_get_remote_error(error);

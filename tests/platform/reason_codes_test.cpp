@@ -21,6 +21,7 @@
 
 #include "ContentDbConnection.h"
 #include "ContentProviderParam.h"
+#include "RawBus.h"
 #include "TestSupport.h"
 #include "base/request_report.h"
 #include "content_provider_dispatch.h"
@@ -73,11 +74,7 @@ std::string RawSelectErrorName(const std::string& busAddress, const std::string&
 
 std::string RawSelectErrorNameOnThisThread(const std::string& busAddress, const std::string& appId)
 {
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        busAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* connection = tilvane::test::OpenRawConnection(busAddress.c_str());
     const std::string name = tilvane::host::BusNameForAppId(appId);
     GVariant* owned = g_dbus_connection_call_sync(
         connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",

@@ -8,6 +8,8 @@
 
 #include <string>
 
+#include "RawBus.h"
+
 namespace tilvane {
 namespace test {
 
@@ -62,11 +64,7 @@ inline std::string DescribedSignatures(const std::string& xmlPath, const char* i
 inline std::string ExportedSignatures(const std::string& busAddress, const std::string& name, const char* path,
                                       const char* interface)
 {
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        busAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* connection = tilvane::test::OpenRawConnection(busAddress.c_str());
     if (connection == nullptr) {
         return "";
     }

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "RawBus.h"
+
 namespace tilvane {
 namespace test {
 
@@ -25,11 +27,7 @@ public:
     {
         m_context = g_main_context_new();
         GError* error = nullptr;
-        m_connection = g_dbus_connection_new_for_address_sync(
-            g_getenv("DBUS_SESSION_BUS_ADDRESS"),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &error);
+        m_connection = OpenRawConnection(nullptr, &error);
         if (m_connection == nullptr) {
             m_error = error != nullptr ? error->message : "no connection";
             g_clear_error(&error);
@@ -82,22 +80,12 @@ public:
      * `senderPort`, and waits for the answer (the receiver is a live service). */
     std::string Send(const std::string& appId, const std::string& port, const std::string& senderPort, bundle* message)
     {
-        bundle_raw* raw = nullptr;
-        int length = 0;
-        bundle_encode(message, &raw, &length);
-        std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-        bundle_free_encoded_rawdata(&raw);
-        GError* error = nullptr;
-        GVariant* reply = g_dbus_connection_call_sync(
-            m_connection, host::BusNameForAppId(appId).c_str(), "/org/tilvane/MessagePort", "org.tilvane.MessagePort",
-            "Deliver", g_variant_new("(ssss)", port.c_str(), m_appId.c_str(), senderPort.c_str(), encoded.c_str()),
-            nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-        if (reply != nullptr) {
-            g_variant_unref(reply);
+        GError* error = CallDeliver(m_connection, appId, port, m_appId, senderPort, message);
+        if (error == nullptr) {
             return "";
         }
-        std::string failure = error != nullptr ? error->message : "failed";
-        g_clear_error(&error);
+        std::string failure = error->message;
+        g_error_free(error);
         return failure;
     }
 
