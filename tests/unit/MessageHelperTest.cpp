@@ -10,6 +10,7 @@
 #include <message_port.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -51,6 +52,26 @@ void RecordCB(int /*localPortId*/, const char* remoteAppId, const char* remotePo
 
 const Entries kEvent = {{"accelerator_app_pkg_name", "com.example.pkg"}, {"sync", "end"}};
 
+/* The body of a process that runs as `appId` with the port `port`, is ready
+ * once the port is registered, and ends at the first message: 0 when it is
+ * kEvent from the service, sent from no port of its own. */
+std::function<int(int)> ReceiverOfOneEvent(std::string appId, std::string port)
+{
+    return [appId, port](int readyFd) {
+        tilvane::host::SetOwnAppId(appId);
+        std::vector<Received> received;
+        if (message_port_register_local_port(port.c_str(), RecordCB, &received) <= 0) {
+            return 10;
+        }
+        ChildProcess::SignalReady(readyFd);
+        if (!IterateMainContextUntil([&] { return !received.empty(); }, 10000)) {
+            return 11;
+        }
+        const Received& first = received[0];
+        return first.remoteAppId == kServiceAppId && !first.hasRemotePort && first.entries == kEvent ? 0 : 12;
+    };
+}
+
 /* The entries of the last subscriber-list dump, as "appID : [..], PortName : [..]" lines. */
 std::vector<std::string> LastDump()
 {
@@ -86,6 +107,17 @@ protected:
         tilvane::host::RecordSentMessages(true);
     }
 
+    /* Registers this process's port "listener", which records into
+     * `received`, and subscribes it; false when it could not be registered. */
+    bool SubscribeListener(std::vector<Received>& received)
+    {
+        if (message_port_register_local_port("listener", RecordCB, &received) <= 0) {
+            return false;
+        }
+        m_helper.SubscribalRequest(kServiceAppId, "listener");
+        return true;
+    }
+
     /* Runs the main context for a while so that anything queued arrives. */
     static void Settle() { IterateMainContextUntil([] { return false; }, 200); }
 
@@ -114,8 +146,7 @@ TEST_F(MessageHelperTest, EmptyPortSubscriptionIsStoredUnderTheEmptyKey)
 TEST_F(MessageHelperTest, SubscribingTwiceKeepsOneEntry)
 {
     std::vector<Received> received;
-    ASSERT_GT(message_port_register_local_port("listener", RecordCB, &received), 0);
-    m_helper.SubscribalRequest(kServiceAppId, "listener");
+    ASSERT_TRUE(SubscribeListener(received));
     m_helper.SubscribalRequest(kServiceAppId, "listener");
     EXPECT_EQ(LastDump(), (std::vector<std::string>{"appID : [com.quillon.px.tilvane], PortName : "
                                                     "[listener_com.quillon.px.tilvane]"}));
@@ -214,18 +245,7 @@ TEST_F(MessageHelperTest, VanishedSubscriberIsSkippedAndTheNextOneStillReceives)
 TEST_F(MessageHelperTest, ASubscriberWhoseProcessEndedIsSkipped)
 {
     /* The subscriber runs in another process, receives one event, and ends. */
-    ChildProcess subscriber([](int readyFd) {
-        tilvane::host::SetOwnAppId("com.example.subscriber");
-        std::vector<Received> received;
-        if (message_port_register_local_port("events", RecordCB, &received) <= 0) {
-            return 10;
-        }
-        ChildProcess::SignalReady(readyFd);
-        if (!IterateMainContextUntil([&] { return !received.empty(); }, 10000)) {
-            return 11;
-        }
-        return received[0].remoteAppId == kServiceAppId && received[0].entries == kEvent ? 0 : 12;
-    });
+    ChildProcess subscriber(ReceiverOfOneEvent("com.example.subscriber", "events"));
     ASSERT_TRUE(subscriber.Started());
     ASSERT_TRUE(subscriber.Go());
     ASSERT_TRUE(subscriber.WaitReady());
@@ -244,8 +264,7 @@ TEST_F(MessageHelperTest, FailedSendWithRetryGoesOnInTheBackgroundFiveTimesOneSe
 {
     tilvane::host::UseVirtualClock(true);
     std::vector<Received> received;
-    ASSERT_GT(message_port_register_local_port("listener", RecordCB, &received), 0);
-    m_helper.SubscribalRequest(kServiceAppId, "listener");
+    ASSERT_TRUE(SubscribeListener(received));
 
     BundlePtr event = MakeBundle(kEvent);
     tilvane::host::FailNextCalls("message_port_send_message", 1);
@@ -288,8 +307,7 @@ TEST_F(MessageHelperTest, FailedSendWithoutRetryReturnsTheFailure)
 {
     tilvane::host::UseVirtualClock(true);
     std::vector<Received> received;
-    ASSERT_GT(message_port_register_local_port("listener", RecordCB, &received), 0);
-    m_helper.SubscribalRequest(kServiceAppId, "listener");
+    ASSERT_TRUE(SubscribeListener(received));
 
     BundlePtr event = MakeBundle(kEvent);
     tilvane::host::FailNextCalls("message_port_send_message", 1);
@@ -350,21 +368,7 @@ TEST_F(MessageHelperTest, InitRegistersThePortAndSubscribesTheDownloadManager)
 
 TEST_F(MessageHelperTest, TheDownloadManagerReceivesEventsOverTheBus)
 {
-    ChildProcess downloadManager([](int readyFd) {
-        tilvane::host::SetOwnAppId("DownloadManager");
-        std::vector<Received> received;
-        if (message_port_register_local_port("image_update_db", RecordCB, &received) <= 0) {
-            return 10;
-        }
-        ChildProcess::SignalReady(readyFd);
-        if (!IterateMainContextUntil([&] { return !received.empty(); }, 10000)) {
-            return 11;
-        }
-        return received[0].remoteAppId == kServiceAppId && !received[0].hasRemotePort &&
-                       received[0].entries == kEvent
-                   ? 0
-                   : 12;
-    });
+    ChildProcess downloadManager(ReceiverOfOneEvent("DownloadManager", "image_update_db"));
     ASSERT_TRUE(downloadManager.Started());
     ASSERT_TRUE(downloadManager.Go());
     ASSERT_TRUE(downloadManager.WaitReady());
@@ -471,8 +475,7 @@ TEST_F(MessageHelperTest, TriggerSendsTheTestEventDirectlyToTheRequester)
     std::vector<Received> subscriber;
     int replies = message_port_register_local_port("replies", RecordCB, &received);
     ASSERT_GT(replies, 0);
-    ASSERT_GT(message_port_register_local_port("listener", RecordCB, &subscriber), 0);
-    m_helper.SubscribalRequest(kServiceAppId, "listener");
+    ASSERT_TRUE(SubscribeListener(subscriber));
 
     BundlePtr trigger = MakeBundle({{"request_type", "TriggerPreviewEvent"}, {"replaceTargetPortName", "replies"}});
     ASSERT_EQ(message_port_send_message_with_local_port(kServiceAppId, kReceiverPort, trigger.get(), replies), 0);
