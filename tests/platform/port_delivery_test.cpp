@@ -10,6 +10,7 @@
 #include <chrono>
 #include <string>
 
+#include "RawBus.h"
 #include "StuckReceiver.h"
 #include "TestSupport.h"
 
@@ -26,6 +27,24 @@ int64_t MillisecondsSince(std::chrono::steady_clock::time_point start)
 
 void NothingCB(int, const char*, const char*, bool, bundle*, void*)
 {
+}
+
+/* Has `stuck` answer until no call to it is left in flight; false when
+ * they did not settle within 5 s. */
+bool AnswerUntilSettled(StuckReceiver& stuck)
+{
+    return IterateMainContextUntil(
+        [&] {
+            stuck.Answer();
+            return tilvane::host::UnansweredDeliveries("com.example.stuck") == 0;
+        },
+        5000);
+}
+
+/* The line that says the stuck receiver answers again, `dropped` messages later. */
+std::string AnswersAgainLine(int dropped)
+{
+    return "application com.example.stuck answers again; " + std::to_string(dropped) + " message(s) to it were dropped";
 }
 
 class PortDeliveryTest : public ::testing::Test
@@ -71,15 +90,9 @@ TEST_F(PortDeliveryTest, AReceiverThatNeverAnswersIsCheckedAndSentToWithoutWaiti
               1);
 
     /* Once it answers, the calls settle and sending goes on. */
-    ASSERT_TRUE(IterateMainContextUntil(
-        [&] {
-            stuck.Answer();
-            return tilvane::host::UnansweredDeliveries("com.example.stuck") == 0;
-        },
-        5000));
+    ASSERT_TRUE(AnswerUntilSettled(stuck));
     EXPECT_EQ(stuck.Answer(), 4);
-    EXPECT_EQ(CountLines("tilvane-platform", "application com.example.stuck answers again; 2 message(s) to it were dropped"),
-              1);
+    EXPECT_EQ(CountLines("tilvane-platform", AnswersAgainLine(2)), 1);
     EXPECT_EQ(message_port_send_message("com.example.stuck", "inbox", message), MESSAGE_PORT_ERROR_NONE);
     bundle_free(message);
 }
@@ -98,14 +111,8 @@ TEST_F(PortDeliveryTest, OverTheBoundSendsAreDroppedOnlyOnceTheReceiverHasBeenQu
     /* Quiet for longer than the window: now it is taken for one that does not read. */
     IterateMainContextUntil([] { return false; }, 400);
     EXPECT_EQ(message_port_send_message("com.example.stuck", "inbox", message), MESSAGE_PORT_ERROR_MAX_EXCEEDED);
-    ASSERT_TRUE(IterateMainContextUntil(
-        [&] {
-            stuck.Answer();
-            return tilvane::host::UnansweredDeliveries("com.example.stuck") == 0;
-        },
-        5000));
-    EXPECT_EQ(CountLines("tilvane-platform", "application com.example.stuck answers again; 1 message(s) to it were dropped"),
-              1);
+    ASSERT_TRUE(AnswerUntilSettled(stuck));
+    EXPECT_EQ(CountLines("tilvane-platform", AnswersAgainLine(1)), 1);
     EXPECT_EQ(message_port_send_message("com.example.stuck", "inbox", message), MESSAGE_PORT_ERROR_NONE);
     bundle_free(message);
 }
@@ -163,28 +170,15 @@ TEST_F(PortDeliveryTest, APortWhoseNameAnotherConnectionHoldsCannotBeRegistered)
     ASSERT_TRUE(m_bus.IsRunning());
     /* A squatter owns the port's name, not the application's. */
     tilvane::test::ChildProcess holder([](int readyFd) {
-        GVariant* reply = nullptr;
-        {
-            GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-            if (connection == nullptr) {
-                return 11;
-            }
-            reply = g_dbus_connection_call_sync(
-                connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-                g_variant_new("(su)", tilvane::host::BusNameForPort("com.example.me", "inbox").c_str(), 4u),
-                G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-            if (reply == nullptr) {
-                return 12;
-            }
-            guint32 answer = 0;
-            g_variant_get(reply, "(u)", &answer);
-            g_variant_unref(reply);
-            if (answer != 1) {
-                return 13;
-            }
-            tilvane::test::ChildProcess::SignalReady(readyFd);
-            g_usleep(10 * G_USEC_PER_SEC);
+        GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+        if (connection == nullptr) {
+            return 11;
         }
+        if (!tilvane::test::OwnRawName(connection, tilvane::host::BusNameForPort("com.example.me", "inbox"))) {
+            return 12;
+        }
+        tilvane::test::ChildProcess::SignalReady(readyFd);
+        g_usleep(10 * G_USEC_PER_SEC);
         return 0;
     });
     ASSERT_TRUE(holder.Started());

@@ -26,6 +26,23 @@ inline GDBusConnection* OpenRawConnection(const char* address = nullptr, GError*
         nullptr, nullptr, error);
 }
 
+/* Takes `name` for `connection`, without queueing for it: true when the
+ * connection now owns it. */
+inline bool OwnRawName(GDBusConnection* connection, const std::string& name)
+{
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", name.c_str(), 4u), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
+        nullptr);
+    if (reply == nullptr) {
+        return false;
+    }
+    guint32 answer = 0;
+    g_variant_get(reply, "(u)", &answer);
+    g_variant_unref(reply);
+    return answer == 1;
+}
+
 /* Calls Deliver on the message-port object of `appId` over `connection`,
  * claiming to come from `senderApp` (its port `senderPort`, "" for none), and
  * waits for the answer: null when it succeeded, else the error (for the

@@ -98,20 +98,7 @@ public:
     }
 
 private:
-    bool Own(const std::string& name)
-    {
-        GVariant* reply = g_dbus_connection_call_sync(
-            m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-            g_variant_new("(su)", name.c_str(), 4u), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
-            nullptr);
-        if (reply == nullptr) {
-            return false;
-        }
-        guint32 answer = 0;
-        g_variant_get(reply, "(u)", &answer);
-        g_variant_unref(reply);
-        return answer == 1;
-    }
+    bool Own(const std::string& name) { return OwnRawName(m_connection, name); }
 
     static void OnCallCB(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant*,
                          GDBusMethodInvocation* invocation, gpointer data)
