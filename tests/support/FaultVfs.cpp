@@ -42,7 +42,6 @@ private:
 };
 
 sqlite3_vfs* gReal = nullptr;
-sqlite3_vfs gShim;
 bool gInstalled = false;
 
 /* Our file: the real VFS's file follows it in the same allocation. */
@@ -191,21 +190,45 @@ int Open(sqlite3_vfs* /*vfs*/, const char* path, sqlite3_file* file, int flags, 
     return rc;
 }
 
-int Delete(sqlite3_vfs* /*vfs*/, const char* path, int syncDir) { return gReal->xDelete(gReal, path, syncDir); }
-int Access(sqlite3_vfs* /*vfs*/, const char* path, int flags, int* out) { return gReal->xAccess(gReal, path, flags, out); }
-int FullPathname(sqlite3_vfs* /*vfs*/, const char* path, int size, char* out)
-{
-    return gReal->xFullPathname(gReal, path, size, out);
-}
-void* DlOpen(sqlite3_vfs* /*vfs*/, const char* path) { return gReal->xDlOpen(gReal, path); }
-void DlError(sqlite3_vfs* /*vfs*/, int size, char* out) { gReal->xDlError(gReal, size, out); }
-void (*DlSym(sqlite3_vfs* /*vfs*/, void* handle, const char* symbol))(void) { return gReal->xDlSym(gReal, handle, symbol); }
-void DlClose(sqlite3_vfs* /*vfs*/, void* handle) { gReal->xDlClose(gReal, handle); }
-int Randomness(sqlite3_vfs* /*vfs*/, int size, char* out) { return gReal->xRandomness(gReal, size, out); }
-int Sleep(sqlite3_vfs* /*vfs*/, int micro) { return gReal->xSleep(gReal, micro); }
-int CurrentTime(sqlite3_vfs* /*vfs*/, double* out) { return gReal->xCurrentTime(gReal, out); }
-int GetLastError(sqlite3_vfs* /*vfs*/, int size, char* out) { return gReal->xGetLastError(gReal, size, out); }
-int CurrentTimeInt64(sqlite3_vfs* /*vfs*/, sqlite3_int64* out) { return gReal->xCurrentTimeInt64(gReal, out); }
+/* The real VFS's method `Method`, called with the same arguments. */
+template <typename Member, Member Method>
+struct ForwardToVfs;
+
+template <typename Result, typename... Args, Result (*sqlite3_vfs::*Method)(sqlite3_vfs*, Args...)>
+struct ForwardToVfs<Result (*sqlite3_vfs::*)(sqlite3_vfs*, Args...), Method> {
+    static Result Call(sqlite3_vfs* /*vfs*/, Args... args) { return (gReal->*Method)(gReal, args...); }
+};
+
+template <auto Method>
+constexpr auto ForwardedToVfs = &ForwardToVfs<decltype(Method), Method>::Call;
+
+using V = sqlite3_vfs;
+
+/* Version 2: the sizes are the real VFS's, set at installation. */
+sqlite3_vfs gShim = {
+    2,
+    0,
+    0,
+    nullptr,
+    "tilvane-fault",
+    nullptr,
+    Open,
+    ForwardedToVfs<&V::xDelete>,
+    ForwardedToVfs<&V::xAccess>,
+    ForwardedToVfs<&V::xFullPathname>,
+    ForwardedToVfs<&V::xDlOpen>,
+    ForwardedToVfs<&V::xDlError>,
+    ForwardedToVfs<&V::xDlSym>,
+    ForwardedToVfs<&V::xDlClose>,
+    ForwardedToVfs<&V::xRandomness>,
+    ForwardedToVfs<&V::xSleep>,
+    ForwardedToVfs<&V::xCurrentTime>,
+    ForwardedToVfs<&V::xGetLastError>,
+    ForwardedToVfs<&V::xCurrentTimeInt64>,
+    nullptr,
+    nullptr,
+    nullptr,
+};
 
 }  // namespace
 
@@ -221,24 +244,8 @@ bool Install()
     if (gReal == nullptr || gReal->iVersion < 2) {
         return false;
     }
-    std::memset(&gShim, 0, sizeof gShim);
-    gShim.iVersion = 2;
     gShim.szOsFile = static_cast<int>(sizeof(File)) + gReal->szOsFile;
     gShim.mxPathname = gReal->mxPathname;
-    gShim.zName = "tilvane-fault";
-    gShim.xOpen = Open;
-    gShim.xDelete = Delete;
-    gShim.xAccess = Access;
-    gShim.xFullPathname = FullPathname;
-    gShim.xDlOpen = DlOpen;
-    gShim.xDlError = DlError;
-    gShim.xDlSym = DlSym;
-    gShim.xDlClose = DlClose;
-    gShim.xRandomness = Randomness;
-    gShim.xSleep = Sleep;
-    gShim.xCurrentTime = CurrentTime;
-    gShim.xGetLastError = GetLastError;
-    gShim.xCurrentTimeInt64 = CurrentTimeInt64;
     if (sqlite3_vfs_register(&gShim, 1) != SQLITE_OK) {
         return false;
     }
