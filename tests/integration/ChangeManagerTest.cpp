@@ -23,14 +23,13 @@
 #include <host_control.h>
 #include <message_port.h>
 
+#include "ProcessesUnderRoot.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 
 using tilvane::test::ChildProcess;
 using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PrivateBus;
 using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
 
 namespace {
 
@@ -40,34 +39,24 @@ using tilvane::test::Process;
 using tilvane::test::ReadAll;
 
 
-class ChangeManagerTest : public ::testing::Test
+class ChangeManagerTest : public tilvane::test::ProcessesUnderRootTest
 {
 protected:
     Process* Tool(const std::vector<std::string>& words, const std::string& name)
     {
         std::vector<std::string> args = {TILVANECTL_BINARY, "--app-id", "com.example." + name};
         args.insert(args.end(), words.begin(), words.end());
-        m_processes.emplace_back(new Process(args, {"TILVANE_PLATFORM_ROOT=" + m_root.Path()},
-                                             m_logs.File(name + ".out"), m_logs.File(name + ".err")));
-        return m_processes.back().get();
+        return Start(args, name);
     }
 
     Process* Service(const std::string& name = "service")
     {
-        m_processes.emplace_back(new Process({TILVANE_SERVICE_BINARY},
-                                             {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
-                                              std::string("TILVANE_APP_ID=") + kServiceAppId},
-                                             m_logs.File(name + ".out"), m_logs.File(name + ".err")));
-        return m_processes.back().get();
+        return Start({TILVANE_SERVICE_BINARY}, name,
+                     {"TILVANE_LOG_LEVEL=D", std::string("TILVANE_APP_ID=") + kServiceAppId});
     }
 
     std::string MainPath() const { return m_root.Path() + "/opt/dbspace/.preview.db"; }
     std::string BackupPath() const { return m_root.Path() + "/opt/dbspace/.preview.db.sqlite"; }
-
-    PrivateBus m_bus;
-    tilvane::test::DevelopmentRoot m_root;
-    TempDir m_logs;
-    std::vector<std::unique_ptr<Process>> m_processes;
 };
 
 TEST_F(ChangeManagerTest, InstallGetsTheNewIdAndTheRowIsInBothDatabases)

@@ -21,14 +21,13 @@
 #include <host_control.h>
 
 #include "MessageHelper.h"
+#include "ProcessesUnderRoot.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 
 using tilvane::test::CountLines;
 using tilvane::test::IterateMainContextUntil;
 using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
-using tilvane::test::TempDir;
 
 namespace {
 
@@ -39,31 +38,21 @@ using tilvane::test::Process;
 using tilvane::test::ReadAll;
 
 
-class EventsTest : public ::testing::Test
+class EventsTest : public tilvane::test::ProcessesUnderRootTest
 {
 protected:
     Process* Tool(const std::string& appId, const std::vector<std::string>& words, const std::string& name)
     {
         std::vector<std::string> args = {TILVANECTL_BINARY, "--app-id", appId, "events"};
         args.insert(args.end(), words.begin(), words.end());
-        m_processes.emplace_back(new Process(args, {"TILVANE_PLATFORM_ROOT=" + m_root.Path()},
-                                             m_logs.File(name + ".out"), m_logs.File(name + ".err")));
-        return m_processes.back().get();
+        return Start(args, name);
     }
 
     Process* Service()
     {
-        m_processes.emplace_back(new Process({TILVANE_SERVICE_BINARY},
-                                             {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D",
-                                              std::string("TILVANE_APP_ID=") + kServiceAppId},
-                                             m_logs.File("service.out"), m_logs.File("service.err")));
-        return m_processes.back().get();
+        return Start({TILVANE_SERVICE_BINARY}, "service",
+                     {"TILVANE_LOG_LEVEL=D", std::string("TILVANE_APP_ID=") + kServiceAppId});
     }
-
-    PrivateBus m_bus;
-    tilvane::test::DevelopmentRoot m_root;
-    TempDir m_logs;
-    std::vector<std::unique_ptr<Process>> m_processes;
 };
 
 TEST_F(EventsTest, TriggerPrintsTheTestEventOfTheRunningServiceAndSubscribersDoNotGetIt)

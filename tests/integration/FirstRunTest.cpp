@@ -18,13 +18,12 @@
 
 #include <tilvane_version.h>
 
+#include "ProcessesUnderRoot.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 
 using tilvane::test::Lines;
-using tilvane::test::PrivateBus;
 using tilvane::test::Process;
-using tilvane::test::TempDir;
 
 namespace {
 
@@ -61,7 +60,7 @@ size_t ColumnOf(const std::string& line, size_t offset)
     return column;
 }
 
-class FirstRunTest : public ::testing::Test
+class FirstRunTest : public tilvane::test::ProcessesUnderRootTest
 {
 protected:
     void SetUp() override
@@ -78,21 +77,13 @@ protected:
         }
     }
 
-    void TearDown() override
-    {
-        for (auto& service : m_services) {
-            service->Signal(SIGTERM);
-            service->Wait(20000);
-        }
-    }
+    void TearDown() override { StopAll(); }
 
     Process* StartService(const std::vector<std::string>& environment = {}, const std::string& name = "service")
     {
-        std::vector<std::string> env = {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D"};
+        std::vector<std::string> env = {"TILVANE_LOG_LEVEL=D"};
         env.insert(env.end(), environment.begin(), environment.end());
-        m_services.emplace_back(
-            new Process({TILVANE_SERVICE_BINARY}, env, m_logs.File(name + ".out"), m_logs.File(name + ".err")));
-        return m_services.back().get();
+        return Start({TILVANE_SERVICE_BINARY}, name, env);
     }
 
     Process* RunningService()
@@ -129,10 +120,6 @@ protected:
         return run;
     }
 
-    PrivateBus m_bus;
-    tilvane::test::DevelopmentRoot m_root;
-    TempDir m_logs;
-    std::vector<std::unique_ptr<Process>> m_services;
     int m_runs = 0;
 };
 
@@ -204,7 +191,7 @@ TEST_F(FirstRunTest, ASecondInstanceEndsAtOnceAndTheFirstKeepsRunning)
     EXPECT_EQ(trigger.exitCode, 0) << trigger.err;
     first->Signal(SIGTERM);
     EXPECT_EQ(first->Wait(20000), 0);
-    m_services.clear();
+    m_processes.clear();
 }
 
 TEST_F(FirstRunTest, VersionAndUnknownArgumentsOfBothPrograms)
@@ -401,7 +388,7 @@ TEST_F(FirstRunTest, EventsSubscribeSubscribesAgainWhenTheServiceComesBack)
 
     first->Signal(SIGTERM);
     ASSERT_EQ(first->Wait(20000), 0);
-    m_services.clear();
+    m_processes.clear();
     ASSERT_TRUE(subscriber.WaitFor("left the bus; waiting for it to come back", true, 10000)) << subscriber.Err();
 
     Process* second = StartService({}, "second");

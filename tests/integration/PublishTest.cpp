@@ -18,12 +18,12 @@
 #include <host_control.h>
 #include <tilvane_publisher.h>
 
+#include "ProcessesUnderRoot.h"
 #include "TestProcess.h"
 #include "TestSupport.h"
 
 using tilvane::test::Process;
 using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
 namespace client = tilvane::client;
 
 namespace {
@@ -57,7 +57,7 @@ client::Content Generation(const std::string& mark, int sections, int tiles)
     return content;
 }
 
-class PublishTest : public ::testing::Test
+class PublishTest : public tilvane::test::ProcessesUnderRootTest
 {
 protected:
     void SetUp() override
@@ -72,27 +72,14 @@ protected:
         ASSERT_EQ(Ctl({"app", "install", radio}), 0);
     }
 
-    void TearDown() override
-    {
-        for (auto& process : m_processes) {
-            process->Signal(SIGTERM);
-            process->Wait(20000);
-        }
-    }
+    void TearDown() override { StopAll(); }
 
     /* Extra lines of the integrator's configuration, before the service starts. */
     void Configure(const std::string& lines) { std::ofstream(m_root.File("etc/tilvane.conf"), std::ios::app) << lines; }
 
-    Process* Start(const std::vector<std::string>& args, const std::string& name)
-    {
-        m_processes.emplace_back(new Process(args, {"TILVANE_PLATFORM_ROOT=" + m_root.Path(), "TILVANE_LOG_LEVEL=D"},
-                                             m_logs.File(name + ".out"), m_logs.File(name + ".err")));
-        return m_processes.back().get();
-    }
-
     Process* RunningService()
     {
-        Process* service = Start({TILVANE_SERVICE_BINARY}, "service");
+        Process* service = Start({TILVANE_SERVICE_BINARY}, "service", {"TILVANE_LOG_LEVEL=D"});
         EXPECT_TRUE(service->WaitFor("service application created", true, 20000)) << service->Err();
         return service;
     }
@@ -122,10 +109,6 @@ protected:
             .Dump({"accelerators", "sections", "tiles", "sqlite_sequence"});
     }
 
-    tilvane::test::PrivateBus m_bus;
-    tilvane::test::DevelopmentRoot m_root;
-    TempDir m_logs;
-    std::vector<std::unique_ptr<Process>> m_processes;
     int m_runs = 0;
 };
 
@@ -182,7 +165,7 @@ TEST_F(PublishTest, APublishWhoseThirdStepFailsLeavesThePreviousContentByteForBy
     Configure("[strict]\nconfinement = true\nvalue-bytes = 64\ntrusted-senders = org.example.listener\n");
     Process* service = RunningService();
     Process* subscriber = Start({TILVANECTL_BINARY, "--app-id", "org.example.listener", "events", "subscribe"},
-                                "subscriber");
+                                "subscriber", {"TILVANE_LOG_LEVEL=D"});
     ASSERT_TRUE(service->WaitFor("[org.example.listener] was added", true, 10000)) << service->Err();
 
     const client::Publisher publisher(kPublisher);
