@@ -118,12 +118,21 @@ protected:
         return true;
     }
 
+    /* Sends kEvent with `retry`, its first attempt failing; the result of Send. */
+    int SendFailingOnce(bool retry)
+    {
+        tilvane::host::FailNextCalls("message_port_send_message", 1);
+        return m_helper.Send(m_failingOnce.get(), retry);
+    }
+
     /* Runs the main context for a while so that anything queued arrives. */
     static void Settle() { IterateMainContextUntil([] { return false; }, 200); }
 
     PrivateBus m_bus;
     PlatformSandbox m_sandbox;
     CMessageHelper m_helper{kReceiverPort};
+    /* The event SendFailingOnce sends: it outlives the retries in the background. */
+    BundlePtr m_failingOnce = MakeBundle(kEvent);
 };
 
 /* ---- the subscriber list ------------------------------------------------------ */
@@ -266,9 +275,7 @@ TEST_F(MessageHelperTest, FailedSendWithRetryGoesOnInTheBackgroundFiveTimesOneSe
     std::vector<Received> received;
     ASSERT_TRUE(SubscribeListener(received));
 
-    BundlePtr event = MakeBundle(kEvent);
-    tilvane::host::FailNextCalls("message_port_send_message", 1);
-    int result = m_helper.Send(event.get(), true);
+    int result = SendFailingOnce(true);
     EXPECT_EQ(static_cast<uint32_t>(result), kSendingInBackground);
     EXPECT_EQ(CountLines("tilvane", "NG - appID: com.quillon.px.tilvane"), 1);
 
@@ -309,9 +316,7 @@ TEST_F(MessageHelperTest, FailedSendWithoutRetryReturnsTheFailure)
     std::vector<Received> received;
     ASSERT_TRUE(SubscribeListener(received));
 
-    BundlePtr event = MakeBundle(kEvent);
-    tilvane::host::FailNextCalls("message_port_send_message", 1);
-    EXPECT_EQ(m_helper.Send(event.get(), false), MESSAGE_PORT_ERROR_IO_ERROR);
+    EXPECT_EQ(SendFailingOnce(false), MESSAGE_PORT_ERROR_IO_ERROR);
     Settle();
     EXPECT_TRUE(received.empty());
     EXPECT_TRUE(tilvane::host::RecordedSleeps().empty());
