@@ -82,6 +82,15 @@ class Publisher:
         self.run(app_id, "data", "insert", "tiles", "--bulk", path)
 
 
+def write_under_root(root, device_path, text):
+    """Writes `text` to the file the device sees as `device_path`, under the platform root."""
+    file = os.path.join(root, device_path.lstrip("/"))
+    os.makedirs(os.path.dirname(file), exist_ok=True)
+    with open(file, "w", encoding="utf-8") as out:
+        out.write(text)
+    return device_path
+
+
 def write_poster(root, device_path, title, colour, ratio="16:9"):
     """An SVG poster under the platform root at a device path such as /opt/usr/apps/..."""
     width, height = {"16:9": (320, 180), "4:3": (240, 180), "2:3": (120, 180), "1:1": (180, 180)}.get(ratio,
@@ -93,11 +102,7 @@ def write_poster(root, device_path, title, colour, ratio="16:9"):
            '<rect width="100%%" height="100%%" fill="url(#g)"/>'
            '<text x="12" y="%d" font-family="sans-serif" font-size="20" font-weight="bold" fill="#fff">%s</text>'
            '</svg>') % (width, height, width, height, colour, height - 16, escaped)
-    file = os.path.join(root, device_path.lstrip("/"))
-    os.makedirs(os.path.dirname(file), exist_ok=True)
-    with open(file, "w", encoding="utf-8") as out:
-        out.write(svg)
-    return device_path
+    return write_under_root(root, device_path, svg)
 
 
 def write_icon(root, device_path, letter, colour):
@@ -106,11 +111,14 @@ def write_icon(root, device_path, letter, colour):
            '<rect width="96" height="96" rx="18" fill="%s"/>'
            '<text x="48" y="66" text-anchor="middle" font-family="sans-serif" font-size="56" font-weight="bold"'
            ' fill="#fff">%s</text></svg>') % (colour, letter)
-    file = os.path.join(root, device_path.lstrip("/"))
-    os.makedirs(os.path.dirname(file), exist_ok=True)
-    with open(file, "w", encoding="utf-8") as out:
-        out.write(svg)
-    return device_path
+    return write_under_root(root, device_path, svg)
+
+
+def publish_section(publisher, app, entry, section_id, title, position, tiles):
+    """A section of `app`'s launcher entry, its title always shown, with its tiles."""
+    section = publisher.add_section(app, entry, section_id=section_id, section_title=title,
+                                    section_position=position, section_title_display_mode="ALWAYS")
+    publisher.add_tiles(app, section, tiles)
 
 
 def publish_sample(publisher, top, root):
@@ -129,9 +137,7 @@ def publish_sample(publisher, top, root):
     now = int(time.time())
     videos = "org.example.videos.main"
     entry = publisher.own_entry(videos)
-    watching = publisher.add_section(videos, entry, section_id="continue", section_title="Continue watching",
-                                     section_position=1, section_title_display_mode="ALWAYS")
-    publisher.add_tiles(videos, watching, [
+    publish_section(publisher, videos, entry, "continue", "Continue watching", 1, [
         {"tile_id": "v1", "tile_title": "The Long Harbour", "tile_subtitle": "Episode 4", "tile_position": 1,
          "tile_progress": 65, "tile_playable": 1, "tile_image_ratio": "16:9",
          "tile_image_path": write_poster(root, videos_res + "harbour.svg", "The Long Harbour", "#1f6feb"),
@@ -143,9 +149,7 @@ def publish_sample(publisher, top, root):
         {"tile_id": "v3", "tile_title": "Last season's final", "tile_position": 3, "tile_image_ratio": "16:9",
          "tile_display_until": now - 86400},
     ])
-    picks = publisher.add_section(videos, entry, section_id="picks", section_title="Picks for you",
-                                  section_position=2, section_title_display_mode="ALWAYS")
-    publisher.add_tiles(videos, picks, [
+    publish_section(publisher, videos, entry, "picks", "Picks for you", 2, [
         {"tile_id": "p1", "tile_title": "Mountain Light", "tile_position": 1, "tile_image_ratio": "2:3",
          "tile_image_path": write_poster(root, videos_res + "mountain.svg", "Mountain", "#d29922", "2:3")},
         {"tile_id": "p2", "tile_title": "Cities at Dawn", "tile_position": 2, "tile_image_ratio": "2:3",
@@ -158,9 +162,7 @@ def publish_sample(publisher, top, root):
 
     music = "org.example.music.main"
     entry = publisher.own_entry(music)
-    albums = publisher.add_section(music, entry, section_id="albums", section_title="Recent albums",
-                                   section_position=1, section_title_display_mode="ALWAYS")
-    publisher.add_tiles(music, albums, [
+    publish_section(publisher, music, entry, "albums", "Recent albums", 1, [
         {"tile_id": "m1", "tile_title": "Blue Hours", "tile_subtitle": "The Quiet Set", "tile_position": 1,
          "tile_image_ratio": "1:1", "tile_playable": 1,
          "tile_image_path": write_poster(root, music_res + "blue.svg", "Blue Hours", "#1f6feb", "1:1")},
