@@ -555,16 +555,7 @@ TEST_F(InstallTest, AProgramBuildsAgainstTheInstalledPkgConfigFileAndTalksToTheI
     Shell version = RunShell(environment + " pkg-config --modversion tilvane-client");
     EXPECT_EQ(version.output, std::string(TILVANE_VERSION) + "\n");
 
-    const std::string source = work.File("reader.cpp");
-    tilvane::test::WriteFile(source,
-                             "#include <tilvane_client.h>\n"
-                             "#include <cstdio>\n"
-                             "int main(int argc, char** argv) {\n"
-                             "    tilvane::client::ContentClient client;\n"
-                             "    tilvane::client::Result result = client.Select(argv[1], {\"_id\"}, \"\", {}, \"\", \"\");\n"
-                             "    std::printf(\"%s|%zu\\n\", tilvane::client::Explain(result).c_str(), result.rows.rows.size());\n"
-                             "    return argc == 2 && result.Ok() ? 0 : 1;\n"
-                             "}\n");
+    const std::string source = std::string(TILVANE_SOURCE_DIR) + "/tests/integration/programs/reader.cpp";
     Shell build = BuildWithPkgConfig("c++ -std=c++17", source, work.File("reader"));
     ASSERT_EQ(build.exitCode, 0) << build.output;
 
@@ -710,26 +701,7 @@ TEST_F(InstallTest, TheClientLibraryExportsExactlyItsApiUnderOneSymbolVersion)
 TEST_F(InstallTest, TheClientLibraryWritesNothingToStandardErrorUnlessAHandlerIsInstalled)
 {
     TempDir work;
-    const std::string source = work.File("quiet.c");
-    tilvane::test::WriteFile(source,
-                             "#include <stdio.h>\n"
-                             "#include <string.h>\n"
-                             "#include <tilvane_c.h>\n"
-                             "static void handler(int priority, const char *tag, const char *message, void *data) {\n"
-                             "    (void)data; printf(\"log %d %s %s\\n\", priority, tag, message);\n"
-                             "}\n"
-                             "int main(int argc, char **argv) {\n"
-                             "    if (argc > 1 && strcmp(argv[1], \"--handler\") == 0)\n"
-                             "        tilvane_set_log_handler(handler, NULL);\n"
-                             "    tilvane_publisher *publisher = tilvane_publisher_new(NULL, NULL);\n"
-                             "    tilvane_content *content = tilvane_content_new();\n"
-                             "    tilvane_content_add_section(content);\n"
-                             "    tilvane_error published = tilvane_publisher_publish(publisher, content, TILVANE_REPLACE);\n"
-                             "    printf(\"publish: %s\\n\", tilvane_error_name(published));\n"
-                             "    tilvane_content_free(content);\n"
-                             "    tilvane_publisher_free(publisher);\n"
-                             "    return 0;\n"
-                             "}\n");
+    const std::string source = std::string(TILVANE_SOURCE_DIR) + "/tests/integration/programs/quiet.c";
     Shell build = BuildWithPkgConfig("cc -std=c99 -Wall -Werror", source, work.File("quiet"));
     ASSERT_EQ(build.exitCode, 0) << build.output;
     const std::string library = "LD_LIBRARY_PATH=" + Installed(TILVANE_INSTALL_LIBDIR);
