@@ -40,6 +40,9 @@ using tilvane::test::StuckReceiver;
 using tilvane::test::TempDir;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
+/* The log budgets of the flooding tests: bytes an application may log in an interval. */
+constexpr int kAppBytes = 8192;
+constexpr int kIntervalMs = 500;
 
 int CountOf(const std::string& text, const std::string& what)
 {
@@ -72,6 +75,23 @@ protected:
         tilvane::test::WriteConfiguration(m_root.Path(), "[identity]\nmode = development\n" + configuration);
         m_service = tilvane::test::StartServiceUnderTest(m_root.Path(), m_logs, environment);
         ASSERT_TRUE(m_service->WaitFor("main loop running", true, 30000)) << m_service->Err();
+    }
+
+    /* Installs the flooder org.example.nobody.ui without any privilege
+     * (level 0: every request refused) and a writer, org.example.writer.ui,
+     * and starts the service with small log budgets, so that a few seconds
+     * show them (kAppBytes an interval of kIntervalMs), the per-site limit off. */
+    void StartWithAFlooderAndSmallLogBudgets()
+    {
+        tilvane::host::RegisteredPackage nobody;
+        nobody.packageId = "org.example.nobody";
+        nobody.applications.push_back({"org.example.nobody.ui", {}});
+        ASSERT_TRUE(tilvane::host::InstallPackage(nobody));
+        ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.writer", "org.example.writer.ui"));
+        ASSERT_NO_FATAL_FAILURE(StartService("[log]\napp-bytes = " + std::to_string(kAppBytes) +
+                                                 "\nservice-bytes = 262144\nbudget-interval-ms = " +
+                                                 std::to_string(kIntervalMs) + "\n",
+                                             {"TILVANE_LOG_RATE_BURST=0"}));
     }
 
     /* `count` subscriptions of `receiver` from made-up ports "<prefix>N". */
@@ -139,19 +159,7 @@ TEST_F(PackageBudgetTest, OnePackageCannotFillTheSubscriberListAndItsSubscriptio
 TEST_F(PackageBudgetTest, ALevelZeroApplicationFloodingRequestsIsHeldToItsLogBudget)
 {
     ASSERT_TRUE(m_bus.IsRunning());
-    /* Installed without any privilege: level 0, every request refused. */
-    tilvane::host::RegisteredPackage nobody;
-    nobody.packageId = "org.example.nobody";
-    nobody.applications.push_back({"org.example.nobody.ui", {}});
-    ASSERT_TRUE(tilvane::host::InstallPackage(nobody));
-    ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.writer", "org.example.writer.ui"));
-    constexpr int kAppBytes = 8192;
-    constexpr int kIntervalMs = 500;
-    /* Small budgets, so that a few seconds show them; the per-site limit off. */
-    ASSERT_NO_FATAL_FAILURE(StartService("[log]\napp-bytes = " + std::to_string(kAppBytes) +
-                                             "\nservice-bytes = 262144\nbudget-interval-ms = " +
-                                             std::to_string(kIntervalMs) + "\n",
-                                         {"TILVANE_LOG_RATE_BURST=0"}));
+    ASSERT_NO_FATAL_FAILURE(StartWithAFlooderAndSmallLogBudgets());
     tilvane::host::SetOwnAppId("org.example.nobody.ui");
     tilvane::client::ContentClient client;
     const size_t before = m_service->Err().size();
@@ -194,17 +202,7 @@ TEST_F(PackageBudgetTest, ALevelZeroApplicationFloodingRequestsIsHeldToItsLogBud
 TEST_F(PackageBudgetTest, ALevelZeroApplicationFloodingMessagesIsHeldToItsLogBudget)
 {
     ASSERT_TRUE(m_bus.IsRunning());
-    tilvane::host::RegisteredPackage nobody;
-    nobody.packageId = "org.example.nobody";
-    nobody.applications.push_back({"org.example.nobody.ui", {}});
-    ASSERT_TRUE(tilvane::host::InstallPackage(nobody));
-    ASSERT_TRUE(tilvane::test::InstallPreviewWriter("org.example.writer", "org.example.writer.ui"));
-    constexpr int kAppBytes = 8192;
-    constexpr int kIntervalMs = 500;
-    ASSERT_NO_FATAL_FAILURE(StartService("[log]\napp-bytes = " + std::to_string(kAppBytes) +
-                                             "\nservice-bytes = 262144\nbudget-interval-ms = " +
-                                             std::to_string(kIntervalMs) + "\n",
-                                         {"TILVANE_LOG_RATE_BURST=0"}));
+    ASSERT_NO_FATAL_FAILURE(StartWithAFlooderAndSmallLogBudgets());
     StuckReceiver flooder("org.example.nobody.ui", {});
     StuckReceiver writer("org.example.writer.ui", {});
     ASSERT_TRUE(flooder.Ready() && writer.Ready()) << flooder.Error() << writer.Error();
