@@ -54,6 +54,7 @@
 #include "BenchProvider.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
+#include "bundle/bundle_limits.h"
 #include "client/row_decoder.h"
 #include "client/typed_rows.h"
 #include "requests/request_names.h"
@@ -443,19 +444,27 @@ bool MemoryOf(pid_t pid, double& rssMiB, double& ussMiB)
 
 /* ---- requests as the caller builds them --------------------------------------- */
 
-std::string EncodedBundle(const Values& values)
+/* A row as the request carries it: the binary form of its bundle, in an `ay`. */
+GVariant* EncodedBundle(const Values& values)
 {
-    bundle* b = bundle_create();
-    for (const auto& entry : values) {
-        bundle_add_str(b, entry.first.c_str(), entry.second.c_str());
+    auto* encoded = new std::string;
+    tilvane::host::AppendBinaryBundle(values, *encoded);
+    GBytes* bytes = g_bytes_new_with_free_func(encoded->data(), encoded->size(),
+                                               [](gpointer data) { delete static_cast<std::string*>(data); }, encoded);
+    GVariant* row = g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE);
+    g_bytes_unref(bytes);
+    return row;
+}
+
+/* The rows of a bulk as the request carries them (`aay`). */
+GVariant* EncodedRows(const std::vector<Values>& rows)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("aay"));
+    for (const Values& row : rows) {
+        g_variant_builder_add_value(&builder, EncodedBundle(row));
     }
-    bundle_raw* raw = nullptr;
-    int length = 0;
-    bundle_encode(b, &raw, &length);
-    std::string text(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-    bundle_free_encoded_rawdata(&raw);
-    bundle_free(b);
-    return text;
+    return g_variant_builder_end(&builder);
 }
 
 GVariant* StringArray(const std::vector<std::string>& strings)
@@ -1021,8 +1030,8 @@ void BM_ServiceInsert(benchmark::State& state)
         state, "e2e insert one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(200, 20),
         [&] { return client.Insert(kTilesUri, row).Ok(); },
         [&] {
-            const std::string encoded = EncodedBundle(row);
-            return BareCall("Insert", g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), encoded.c_str()), "(ixs)");
+            return BareCall("Insert", g_variant_new("(ss@ay)", kClientApp, kTilesUri.c_str(), EncodedBundle(row)),
+                            "(ixs)");
         },
         kBareCallName);
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
@@ -1039,9 +1048,8 @@ Values UpdateValues(int n)
 /* The bare call of an update of `values`. */
 bool BareUpdate(const Values& values, const std::string& tileId)
 {
-    const std::string encoded = EncodedBundle(values);
     return BareCall("Update",
-                    g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), encoded.c_str(), "tile_id = ?",
+                    g_variant_new("(ss@ays@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(values), "tile_id = ?",
                                   StringArray({tileId})),
                     "(ixs)");
 }
@@ -1120,12 +1128,8 @@ void BM_ServiceBulkInsert1000(benchmark::State& state)
         state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(10, 2),
         [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
         [&] {
-            std::vector<std::string> encoded;
-            for (const Values& row : rows) {
-                encoded.push_back(EncodedBundle(row));
-            }
-            return BareCall("BulkInsert",
-                            g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), "(ixs)");
+            return BareCall("BulkInsert", g_variant_new("(ss@aay)", kClientApp, kTilesUri.c_str(), EncodedRows(rows)),
+                            "(ixs)");
         },
         kBareCallName);
     client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
@@ -1141,8 +1145,7 @@ Values SentValues(const Row& row, const std::vector<tilvane::host::typed::Field<
     size_t rawBytes = 0;
     bool ok = false;
     const std::string encoded = tilvane::host::typed::EncodeRow(row, fields, rawBytes, ok);
-    bundle* values = bundle_decode(reinterpret_cast<const bundle_raw*>(encoded.c_str()),
-                                   static_cast<int>(encoded.size()));
+    bundle* values = tilvane::host::DecodeBoundedBinaryBundle(encoded.data(), encoded.size(), nullptr);
     Values sent;
     bundle_iterate(
         values,
@@ -1373,7 +1376,7 @@ void BM_ServiceInsertVsFloor(benchmark::State& state)
         return;
     }
     const std::string message =
-        MessageBytes(kInsert, g_variant_new("(sss)", kClientApp, kTilesUri.c_str(), EncodedBundle(row).c_str()), false);
+        MessageBytes(kInsert, g_variant_new("(ss@ay)", kClientApp, kTilesUri.c_str(), EncodedBundle(row)), false);
     RunInterleaved(
         state, "e2e insert one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(200, 20),
         [&] { return client.Insert(kTilesUri, row).Ok(); },
@@ -1399,7 +1402,7 @@ void BM_ServiceUpdateVsFloor(benchmark::State& state)
     }
     const std::string message =
         MessageBytes(kUpdate,
-                     g_variant_new("(ssss@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(shape).c_str(),
+                     g_variant_new("(ss@ays@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(shape),
                                    "tile_id = ?", StringArray({tileId})),
                      false);
     int served = 0;
@@ -1505,10 +1508,8 @@ void BM_ServiceBulkInsertVsFloor(benchmark::State& state)
     }
     ContentClient client;
     std::vector<Values> rows;
-    std::vector<std::string> encoded;
     for (int i = 0; i < 1000; ++i) {
         rows.push_back(BenchTile(610000 + i, fixture->ClientSection(), "org.example.bench.bulkfloor"));
-        encoded.push_back(EncodedBundle(rows.back()));
     }
     FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
     sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
@@ -1517,7 +1518,7 @@ void BM_ServiceBulkInsertVsFloor(benchmark::State& state)
         return;
     }
     const std::string message = MessageBytes(
-        kBulkInsert, g_variant_new("(ss@as)", kClientApp, kTilesUri.c_str(), StringArray(encoded)), false);
+        kBulkInsert, g_variant_new("(ss@aay)", kClientApp, kTilesUri.c_str(), EncodedRows(rows)), false);
     RunInterleaved(
         state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 1.5, Pairs(10, 2),
         [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
@@ -1572,9 +1573,8 @@ void BM_DataControlInsert(benchmark::State& state)
         state, "e2e data control insert one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
         Pairs(200, 20), [&] { return client.Insert(kDataId, row).Ok(); },
         [&] {
-            const std::string encoded = EncodedBundle(row);
             return BareCallOf(kDcInsert,
-                              g_variant_new("(ssss)", kClientApp, kProviderId, kDataId, encoded.c_str()));
+                              g_variant_new("(sss@ay)", kClientApp, kProviderId, kDataId, EncodedBundle(row)));
         },
         kBareCallName);
     client.Delete(kDataId, "tile_id = '" + row.front().second + "'");
@@ -1594,9 +1594,8 @@ void BM_DataControlUpdate(benchmark::State& state)
         state, "e2e data control update one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
         Pairs(200, 20), [&] { return client.Update(kDataId, UpdateValues(served++), where).Ok(); },
         [&] {
-            const std::string encoded = EncodedBundle(UpdateValues(bare++));
-            return BareCallOf(kDcUpdate, g_variant_new("(sssss)", kClientApp, kProviderId, kDataId, encoded.c_str(),
-                                                       where.c_str()));
+            return BareCallOf(kDcUpdate, g_variant_new("(sss@ays)", kClientApp, kProviderId, kDataId,
+                                                       EncodedBundle(UpdateValues(bare++)), where.c_str()));
         },
         kBareCallName);
 }

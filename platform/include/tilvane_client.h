@@ -23,7 +23,8 @@ namespace client {
 /* What one request may carry; the service refuses more (Outcome::InvalidRequest):
  * a row at most kMaxRowColumns columns, names of at most kMaxColumnNameBytes
  * and kMaxRowBytes of names and values together; a bulk at most kMaxBulkRows
- * rows and kMaxBulkBytes of rows as sent (about 4/3 of their names and values). */
+ * rows and kMaxBulkBytes of rows as sent (RowBytesSent: their names and values
+ * and 8 bytes of lengths per column and per row). */
 inline constexpr std::size_t kMaxRowColumns = 1024;
 inline constexpr std::size_t kMaxColumnNameBytes = 1024;
 inline constexpr std::size_t kMaxRowBytes = 1024 * 1024;
@@ -32,6 +33,9 @@ inline constexpr std::size_t kMaxBulkBytes = 16 * 1024 * 1024;
 
 /* Row values: column name -> value, in order (sent as a bundle of strings). */
 using Values = std::vector<std::pair<std::string, std::string>>;
+
+/* The bytes `row` takes in a request, as kMaxBulkBytes counts them. */
+std::size_t RowBytesSent(const Values& row);
 
 struct Cell {
     enum class Type { Null, Integer, Real, Text, Blob };

@@ -153,24 +153,33 @@ protected:
         return found;
     }
 
+    /* The binary form of a row of one column, as the request carries it:
+     * "TVB" 1, the entry count, then each text after its length (32-bit
+     * little-endian). */
+    static std::string OneEntryRow(const std::string& key, const std::string& value)
+    {
+        std::string row("TVB\x01", 4);
+        for (uint32_t number : {1u, static_cast<uint32_t>(key.size())}) {
+            row.append(reinterpret_cast<const char*>(&number), 4);
+        }
+        row += key;
+        const uint32_t valueLength = static_cast<uint32_t>(value.size());
+        row.append(reinterpret_cast<const char*>(&valueLength), 4);
+        return row + value;
+    }
+
     /* Sends kRun inserts without waiting, then waits for every answer. */
     InsertAnswers InsertRun(const std::string& prefix)
     {
         InsertAnswers run;
         for (int i = 0; i < kRun; ++i) {
-            bundle* values = bundle_create();
-            bundle_add_str(values, TilesModel::Tiles::TILE_ID, (prefix + std::to_string(i)).c_str());
-            bundle_raw* raw = nullptr;
-            int length = 0;
-            bundle_encode(values, &raw, &length);
+            const std::string values = OneEntryRow(TilesModel::Tiles::TILE_ID, prefix + std::to_string(i));
+            GVariant* encoded = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, values.data(), values.size(), 1);
             g_dbus_connection_call(m_connection, m_provider.c_str(), "/org/tilvane/Content", "org.tilvane.Content",
                                    "Insert",
-                                   g_variant_new("(sss)", kCallerAppId, TilesModel::Tiles::CONTENT_URI,
-                                                 reinterpret_cast<const char*>(raw)),
+                                   g_variant_new("(ss@ay)", kCallerAppId, TilesModel::Tiles::CONTENT_URI, encoded),
                                    G_VARIANT_TYPE("(ixs)"), G_DBUS_CALL_FLAGS_NONE, 20000, nullptr, OnInsertAnsweredCB,
                                    new Call{&run, i});
-            bundle_free_encoded_rawdata(&raw);
-            bundle_free(values);
         }
         while (run.answered < kRun) {
             g_main_context_iteration(m_context, TRUE);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <host_control.h>
 
+#include <memory>
 #include <string>
 #include <variant>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "ContentProviderParam.h"
 #include "TestSupport.h"
 #include "bundle.h"
+#include "bundle/bundle_limits.h"
 #include "content_provider_dispatch.h"
 #include "admin_wire.h"
 #include "message_port_wire.h"
@@ -78,12 +80,16 @@ TEST(RequestWire, AFileArgumentIsReadOnlyFromADescriptorsIndex)
 TEST(RequestWire, ARequestIsReadOnlyFromArgumentsOfItsMethodsType)
 {
     wire::Request request;
-    Variant insert(g_variant_new("(sss)", "org.example.app", "content://a/tiles", "encoded"));
+    Variant insert(g_variant_new("(ss@ay)", "org.example.app", "content://a/tiles",
+                                 g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "enc\0ded", 8, 1)));
     ASSERT_TRUE(wire::ReadRequest(wire::Method::ContentInsert, insert.value, request));
     const auto& in = std::get<wire::ContentInsertIn>(request);
     EXPECT_STREQ(in.clientApp, "org.example.app");
     EXPECT_STREQ(in.uri, "content://a/tiles");
-    EXPECT_STREQ(in.values, "encoded");
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(in.values.Begin()), in.values.Size()),
+              std::string("enc\0ded", 8));
+    Variant asText(g_variant_new("(sss)", "org.example.app", "content://a/tiles", "encoded"));
+    EXPECT_FALSE(wire::ReadRequest(wire::Method::ContentInsert, asText.value, request));
     Variant tooFew(g_variant_new("(ss)", "org.example.app", "content://a/tiles"));
     EXPECT_FALSE(wire::ReadRequest(wire::Method::ContentInsert, tooFew.value, request));
     Variant wrongType(g_variant_new("(ssi)", "org.example.app", "content://a/tiles", 3));
@@ -123,20 +129,28 @@ TEST(RequestWire, APublishsStepsTravelWhole)
     wire::PublishStep step;
     step.kind = "BulkInsert";
     step.uri = "content://a/tiles";
-    step.rows = {row.c_str(), row.c_str()};
+    wire::Bytes borrowed;
+    borrowed.data = reinterpret_cast<const uint8_t*>(row.data());
+    borrowed.size = row.size();
+    wire::Bytes shared;
+    shared.shared = std::make_shared<const std::string>("shared-row");
+    step.rows = {borrowed, shared};
     step.where = "x = ?";
     step.whereArgs = {"1"};
     step.valueRefs = {wire::PublishValueRef{"tile_section_raw_id", 0}};
     step.argRefs = {wire::PublishArgRef{0, 0}};
     in.steps = {step, step};
     Variant written(wire::ToVariant(in));
-    EXPECT_STREQ(g_variant_get_type_string(written.value), "(sa(ssassasa(su)a(uu)))");
+    EXPECT_STREQ(g_variant_get_type_string(written.value), "(sa(ssaaysasa(su)a(uu)))");
     wire::ContentPublishIn read;
     ASSERT_TRUE(wire::Read(written.value, read));
     ASSERT_EQ(read.steps.size(), 2u);
     EXPECT_STREQ(read.steps[1].kind, "BulkInsert");
     ASSERT_EQ(read.steps[1].rows.size(), 2u);
-    EXPECT_STREQ(read.steps[1].rows[1], "row-text");
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read.steps[1].rows[0].Begin()), read.steps[1].rows[0].Size()),
+              "row-text");
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read.steps[1].rows[1].Begin()), read.steps[1].rows[1].Size()),
+              "shared-row");
     EXPECT_STREQ(read.steps[1].whereArgs[0], "1");
     EXPECT_STREQ(read.steps[1].valueRefs[0].column, "tile_section_raw_id");
     EXPECT_EQ(read.steps[1].argRefs[0].index, 0u);
@@ -173,19 +187,14 @@ TEST(RequestHandlers, AHandlerAnswersATypedRequestWithoutAnyBus)
     PlatformSandbox sandbox;
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
     ASSERT_TRUE(register_insert_db_callback("content://org.example.nobus/tiles", InsertCB, nullptr));
-    bundle* values = bundle_create();
-    bundle_add_str(values, "title", "t");
-    bundle_raw* raw = nullptr;
-    int length = 0;
-    ASSERT_EQ(bundle_encode(values, &raw, &length), BUNDLE_ERROR_NONE);
-    const std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-    bundle_free_encoded_rawdata(&raw);
-    bundle_free(values);
+    std::string encoded;
+    ASSERT_TRUE(tilvane::host::AppendBinaryBundle({{"title", "t"}}, encoded));
 
     wire::ContentInsertIn in;
     in.clientApp = "org.example.caller";
     in.uri = "content://org.example.nobus/tiles";
-    in.values = encoded.c_str();
+    in.values.data = reinterpret_cast<const uint8_t*>(encoded.data());
+    in.values.size = encoded.size();
     auto answer = tilvane::host::requests::Handle(in);
     ASSERT_FALSE(answer.failed) << answer.failure.text;
     EXPECT_EQ(answer.out.result, 0);

@@ -5,25 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "bundle_ptr.h"
 
 namespace tilvanectl {
 namespace {
 
 using tilvane::client::Values;
-
-/* The row's size as it travels: its bundle's transport text. */
-size_t SentBytes(const Values& row)
-{
-    BundlePtr values = MakeBundle(row);
-    bundle_raw* raw = nullptr;
-    int length = 0;
-    if (values == nullptr || bundle_encode(values.get(), &raw, &length) != BUNDLE_ERROR_NONE) {
-        return 0;
-    }
-    bundle_free_encoded_rawdata(&raw);
-    return static_cast<size_t>(length);
-}
 
 /* Why one row is more than a request may carry; "" when it is not. */
 std::string RowOverLimits(const Values& row)
@@ -60,7 +46,7 @@ bool SplitIntoParts(const std::vector<Values>& rows, std::vector<BulkPart>& part
             error = "row " + std::to_string(i + 1) + " has " + over + " (the limit of one request)";
             return false;
         }
-        const size_t bytes = SentBytes(rows[i]);
+        const size_t bytes = RowBytesSent(rows[i]);
         if (parts.empty() || parts.back().count == kMaxBulkRows || partBytes + bytes > kMaxBulkBytes) {
             parts.push_back(BulkPart{i, 0});
             partBytes = 0;

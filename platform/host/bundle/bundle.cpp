@@ -301,23 +301,12 @@ BundleRefusal ReadEntries(Reader& reader, _bundle_t& result)
 
 }  // namespace
 
-bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
+namespace {
+
+/* A new bundle whose buffer holds `size` bytes and the spare byte after them;
+ * null (out of memory) when there is none. */
+std::unique_ptr<bundle> NewDecodedBundle(size_t size)
 {
-    BundleRefusal ignored = BundleRefusal::None;
-    BundleRefusal& refusal = why != nullptr ? *why : ignored;
-    refusal = BundleRefusal::Malformed;
-    if (text == nullptr || length == 0) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    if (length > kBundleMaxEncodedBytes) {
-        refusal = BundleRefusal::OverLimits;
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    // Decoded from the caller's bytes, into the buffer that keeps the texts.
-    const std::string_view encoded(text, length);
-    const size_t size = DecodedLength(encoded);
     std::unique_ptr<bundle> result(new (std::nothrow) _bundle_t());
     if (result) {
         result->decoded.reset(new (std::nothrow) char[size + 1]);
@@ -326,10 +315,12 @@ bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
         SetResult(BUNDLE_ERROR_OUT_OF_MEMORY);
         return nullptr;
     }
-    if (!DecodeBase64(encoded, result->decoded.get())) {
-        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
+    return result;
+}
+
+/* The entries of `result`'s buffer of `size` bytes; null when refused. */
+bundle* ReadDecoded(std::unique_ptr<bundle> result, size_t size, BundleRefusal& refusal)
+{
     Reader reader(result->decoded.get(), size);
     refusal = ReadEntries(reader, *result);
     if (refusal != BundleRefusal::None) {
@@ -338,6 +329,132 @@ bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
     }
     SetResult(BUNDLE_ERROR_NONE);
     return result.release();
+}
+
+/* False, with the refusal, for no bytes or more than `maxBytes`. */
+bool Admissible(const void* data, size_t size, size_t maxBytes, BundleRefusal& refusal)
+{
+    refusal = BundleRefusal::Malformed;
+    if (data == nullptr || size == 0) {
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    if (size > maxBytes) {
+        refusal = BundleRefusal::OverLimits;
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
+{
+    BundleRefusal ignored = BundleRefusal::None;
+    BundleRefusal& refusal = why != nullptr ? *why : ignored;
+    if (!Admissible(text, length, kBundleMaxEncodedBytes, refusal)) {
+        return nullptr;
+    }
+    // Decoded from the caller's bytes, into the buffer that keeps the texts.
+    const std::string_view encoded(text, length);
+    const size_t size = DecodedLength(encoded);
+    std::unique_ptr<bundle> result = NewDecodedBundle(size);
+    if (!result) {
+        return nullptr;
+    }
+    if (!DecodeBase64(encoded, result->decoded.get())) {
+        SetResult(BUNDLE_ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    return ReadDecoded(std::move(result), size, refusal);
+}
+
+bundle* DecodeBoundedBinaryBundle(const void* data, size_t size, BundleRefusal* why)
+{
+    BundleRefusal ignored = BundleRefusal::None;
+    BundleRefusal& refusal = why != nullptr ? *why : ignored;
+    if (!Admissible(data, size, kBundleMaxBinaryBytes, refusal)) {
+        return nullptr;
+    }
+    // The one copy: the message's bytes are read-only, the texts are closed in place.
+    std::unique_ptr<bundle> result = NewDecodedBundle(size);
+    if (!result) {
+        return nullptr;
+    }
+    memcpy(result->decoded.get(), data, size);
+    return ReadDecoded(std::move(result), size, refusal);
+}
+
+namespace {
+
+char* PutU32At(char* out, uint32_t value)
+{
+    out[0] = static_cast<char>(value & 0xffu);
+    out[1] = static_cast<char>((value >> 8) & 0xffu);
+    out[2] = static_cast<char>((value >> 16) & 0xffu);
+    out[3] = static_cast<char>((value >> 24) & 0xffu);
+    return out + 4;
+}
+
+char* PutTextAt(char* out, std::string_view text)
+{
+    out = PutU32At(out, static_cast<uint32_t>(text.size()));
+    memcpy(out, text.data(), text.size());
+    return out + text.size();
+}
+
+/* False when a key comes twice: compared in place for a launcher row's few
+ * dozen keys, through a hash set from kIndexFrom keys on. */
+bool DistinctKeys(const std::vector<std::string_view>& keys)
+{
+    if (keys.size() >= _bundle_t::kIndexFrom) {
+        std::unordered_map<std::string_view, size_t> seen;
+        seen.reserve(keys.size());
+        for (size_t i = 0; i < keys.size(); ++i) {
+            if (!seen.emplace(keys[i], i).second) {
+                return false;
+            }
+        }
+        return true;
+    }
+    for (size_t i = 1; i < keys.size(); ++i) {
+        for (size_t j = 0; j < i; ++j) {
+            if (keys[i] == keys[j]) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool AppendBinaryBundle(const std::vector<std::pair<std::string, std::string>>& entries, std::string& out)
+{
+    std::vector<std::string_view> keys;
+    keys.reserve(entries.size());
+    size_t bytes = sizeof kMagic + 4;
+    for (const auto& entry : entries) {
+        keys.emplace_back(entry.first.c_str());  // up to the first NUL
+        if (keys.back().empty()) {
+            return false;
+        }
+        bytes += 8 + keys.back().size() + strlen(entry.second.c_str());
+    }
+    if (!DistinctKeys(keys)) {
+        return false;
+    }
+    const size_t start = out.size();
+    out.resize(start + bytes);
+    char* at = &out[start];
+    memcpy(at, kMagic, sizeof kMagic);
+    at = PutU32At(at + sizeof kMagic, static_cast<uint32_t>(entries.size()));
+    for (size_t i = 0; i < entries.size(); ++i) {
+        at = PutTextAt(at, keys[i]);
+        at = PutTextAt(at, entries[i].second.c_str());
+    }
+    return true;
 }
 
 const char* DescribeRefusal(BundleRefusal why)

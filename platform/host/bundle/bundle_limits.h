@@ -11,6 +11,9 @@
 #define TILVANE_PLATFORM_BUNDLE_LIMITS_H
 
 #include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "bundle.h"
 
@@ -25,6 +28,10 @@ constexpr size_t kBundleMaxBytes = 1024 * 1024;
 /* The transport text: no text longer than this can decode within the limits
  * above (base64 of the header, the lengths and kBundleMaxBytes of content). */
 constexpr size_t kBundleMaxEncodedBytes = 4 * ((8 + 8 * kBundleMaxKeys + kBundleMaxBytes + 2) / 3);
+
+/* The binary form: no row longer than this can decode within the limits
+ * above (the header, the lengths and kBundleMaxBytes of content). */
+constexpr size_t kBundleMaxBinaryBytes = 8 + 8 * kBundleMaxKeys + kBundleMaxBytes;
 
 /* One bulk request of the content-library interface. */
 constexpr size_t kBulkMaxRows = 4096;
@@ -49,6 +56,16 @@ enum class BundleRefusal {
 /* Decodes `length` bytes of transport text. Null when refused, with the reason
  * in `why` (may be null). Runs in time linear in `length`. */
 bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why);
+
+/* Decodes `size` bytes of the binary form (the transport text before its
+ * base64), copying them once into the bundle's own buffer. Null when refused,
+ * as DecodeBoundedBundle. Runs in time linear in `size`. */
+bundle* DecodeBoundedBinaryBundle(const void* data, size_t size, BundleRefusal* why);
+
+/* Appends the binary form of a row of (key, value) entries to `out`, each
+ * text up to its first NUL as bundle_add_str keeps it. False (and `out` as it
+ * was) when a key is empty or comes twice, as bundle_add_str refuses them. */
+bool AppendBinaryBundle(const std::vector<std::pair<std::string, std::string>>& entries, std::string& out);
 
 /* "not a bundle" / "over the bundle limits" */
 const char* DescribeRefusal(BundleRefusal why);

@@ -47,27 +47,16 @@ using host::kDataControlPath;
 /* A provider working through a large bulk may take a while. */
 constexpr int kRequestTimeoutMs = 120000;
 
-std::string EncodeValues(const Values& values, bool& ok)
+/* Row values in the binary form of a bundle, handed to the call without a
+ * copy; false when a bundle cannot hold them (an empty or repeated name). */
+bool EncodeValues(const Values& values, wire::Bytes& encoded)
 {
-    ok = false;
-    BundlePtr b = MakeBundle();
-    if (b == nullptr) {
-        return std::string();
+    auto bytes = std::make_shared<std::string>();
+    if (!host::AppendBinaryBundle(values, *bytes)) {
+        return false;
     }
-    for (const auto& entry : values) {
-        if (bundle_add_str(b.get(), entry.first.c_str(), entry.second.c_str()) != BUNDLE_ERROR_NONE) {
-            return std::string();
-        }
-    }
-    bundle_raw* raw = nullptr;
-    int length = 0;
-    if (bundle_encode(b.get(), &raw, &length) != BUNDLE_ERROR_NONE) {
-        return std::string();
-    }
-    std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-    bundle_free_encoded_rawdata(&raw);
-    ok = true;
-    return encoded;
+    encoded.shared = std::move(bytes);
+    return true;
 }
 
 void SetCallError(const GError* error, Result& result)
@@ -198,18 +187,7 @@ std::string SelfId()
     return host::CurrentAppId();
 }
 
-std::vector<std::string> EncodeRows(const std::vector<Values>& rows, bool& ok)
-{
-    std::vector<std::string> encoded;
-    ok = true;
-    for (const Values& row : rows) {
-        encoded.push_back(EncodeValues(row, ok));
-        if (!ok) {
-            break;
-        }
-    }
-    return encoded;
-}
+
 
 Result InvalidValues()
 {
@@ -419,9 +397,37 @@ tilvane_reason ReasonOfError(const std::string& name)
     return TILVANE_REASON_NONE;
 }
 
+}  // namespace clientcalls
+}  // namespace host
+
+namespace client {
+
+std::size_t RowBytesSent(const Values& row)
+{
+    std::string encoded;
+    return host::AppendBinaryBundle(row, encoded) ? encoded.size() : 0;
+}
+
+}  // namespace client
+
+namespace host {
+namespace clientcalls {
+
+std::vector<requests::wire::Bytes> EncodeRows(const std::vector<client::Values>& rows, bool& ok)
+{
+    std::vector<requests::wire::Bytes> encoded(rows.size());
+    ok = true;
+    for (size_t i = 0; i < rows.size() && ok; ++i) {
+        ok = client::EncodeValues(rows[i], encoded[i]);
+    }
+    return encoded;
+}
+
 std::string Encode(const client::Values& values, bool& ok)
 {
-    return client::EncodeValues(values, ok);
+    std::string encoded;
+    ok = AppendBinaryBundle(values, encoded);
+    return encoded;
 }
 
 GVariantPtr CallContent(const std::string& uri, requests::wire::Method method, GVariant* arguments,
@@ -499,9 +505,8 @@ DataControlClient::DataControlClient(std::string providerId) : m_providerId(std:
 
 Result DataControlClient::Insert(const std::string& dataId, const Values& values) const
 {
-    bool ok = false;
-    const std::string encoded = EncodeValues(values, ok);
-    if (!ok) {
+    wire::Bytes encoded;
+    if (!EncodeValues(values, encoded)) {
         return InvalidValues();
     }
     const std::string self = SelfId();
@@ -509,7 +514,7 @@ Result DataControlClient::Insert(const std::string& dataId, const Values& values
     in.clientApp = self.c_str();
     in.providerId = m_providerId.c_str();
     in.dataId = dataId.c_str();
-    in.values = encoded.c_str();
+    in.values = std::move(encoded);
     return AskDataControl(m_providerId, in);
 }
 
@@ -529,9 +534,8 @@ Result DataControlClient::Select(const std::string& dataId, const std::vector<st
 
 Result DataControlClient::Update(const std::string& dataId, const Values& values, const std::string& where) const
 {
-    bool ok = false;
-    const std::string encoded = EncodeValues(values, ok);
-    if (!ok) {
+    wire::Bytes encoded;
+    if (!EncodeValues(values, encoded)) {
         return InvalidValues();
     }
     const std::string self = SelfId();
@@ -539,7 +543,7 @@ Result DataControlClient::Update(const std::string& dataId, const Values& values
     in.clientApp = self.c_str();
     in.providerId = m_providerId.c_str();
     in.dataId = dataId.c_str();
-    in.values = encoded.c_str();
+    in.values = std::move(encoded);
     in.where = where.c_str();
     return AskDataControl(m_providerId, in);
 }
@@ -573,27 +577,26 @@ In ContentRequest(const std::string& self, const std::string& uri)
 
 Result ContentClient::Insert(const std::string& uri, const Values& values) const
 {
-    bool ok = false;
-    const std::string encoded = EncodeValues(values, ok);
-    if (!ok) {
+    wire::Bytes encoded;
+    if (!EncodeValues(values, encoded)) {
         return InvalidValues();
     }
     const std::string self = SelfId();
     auto in = ContentRequest<wire::ContentInsertIn>(self, uri);
-    in.values = encoded.c_str();
+    in.values = std::move(encoded);
     return AskContent(uri, in);
 }
 
 Result ContentClient::BulkInsert(const std::string& uri, const std::vector<Values>& rows) const
 {
     bool ok = false;
-    const std::vector<std::string> encoded = EncodeRows(rows, ok);
+    std::vector<wire::Bytes> encoded = host::clientcalls::EncodeRows(rows, ok);
     if (!ok) {
         return InvalidValues();
     }
     const std::string self = SelfId();
     auto in = ContentRequest<wire::ContentBulkInsertIn>(self, uri);
-    in.rows = Pointers(encoded);
+    in.rows = std::move(encoded);
     return AskContent(uri, in);
 }
 
@@ -614,14 +617,13 @@ Result ContentClient::Select(const std::string& uri, const std::vector<std::stri
 Result ContentClient::Update(const std::string& uri, const Values& values, const std::string& where,
                              const std::vector<std::string>& whereArgs) const
 {
-    bool ok = false;
-    const std::string encoded = EncodeValues(values, ok);
-    if (!ok) {
+    wire::Bytes encoded;
+    if (!EncodeValues(values, encoded)) {
         return InvalidValues();
     }
     const std::string self = SelfId();
     auto in = ContentRequest<wire::ContentUpdateIn>(self, uri);
-    in.values = encoded.c_str();
+    in.values = std::move(encoded);
     in.where = where.c_str();
     in.whereArgs = Pointers(whereArgs);
     return AskContent(uri, in);
@@ -630,13 +632,13 @@ Result ContentClient::Update(const std::string& uri, const Values& values, const
 Result ContentClient::BulkUpdate(const std::string& uri, const std::vector<Values>& rows) const
 {
     bool ok = false;
-    const std::vector<std::string> encoded = EncodeRows(rows, ok);
+    std::vector<wire::Bytes> encoded = host::clientcalls::EncodeRows(rows, ok);
     if (!ok) {
         return InvalidValues();
     }
     const std::string self = SelfId();
     auto in = ContentRequest<wire::ContentBulkUpdateIn>(self, uri);
-    in.rows = Pointers(encoded);
+    in.rows = std::move(encoded);
     return AskContent(uri, in);
 }
 

@@ -31,8 +31,11 @@ tilvane_reason ReasonOfResult(int code);
  * reason codes (none, with words), the words that provider used. */
 tilvane_reason ReasonOf(const client::Result& result);
 
-/* Row values as a bundle_encode text; `ok` false when they cannot be. */
+/* Row values in the binary form of a bundle; `ok` false when they cannot be. */
 std::string Encode(const client::Values& values, bool& ok);
+/* The rows of a bulk, each in the binary form of a bundle and handed to the
+ * call without a copy; `ok` false when one cannot be. */
+std::vector<requests::wire::Bytes> EncodeRows(const std::vector<client::Values>& rows, bool& ok);
 
 /* One call of the content-library interface to the provider of `uri` (any
  * URI or provider id of its authority), as this process's application;

@@ -21,13 +21,23 @@ std::vector<const char*> Pointers(const std::vector<std::string>& strings)
     return pointers;
 }
 
-/* A step as the request carries it; it borrows `step`'s texts. */
+std::vector<wire::Bytes> Borrowed(const std::vector<std::string>& rows)
+{
+    std::vector<wire::Bytes> borrowed(rows.size());
+    for (size_t i = 0; i < rows.size(); ++i) {
+        borrowed[i].data = reinterpret_cast<const uint8_t*>(rows[i].data());
+        borrowed[i].size = rows[i].size();
+    }
+    return borrowed;
+}
+
+/* A step as the request carries it; it borrows `step`'s texts and rows. */
 wire::PublishStep WireStep(const Step& step)
 {
     wire::PublishStep wireStep;
     wireStep.kind = step.kind.c_str();
     wireStep.uri = step.uri.c_str();
-    wireStep.rows = Pointers(step.rows);
+    wireStep.rows = Borrowed(step.rows);
     wireStep.where = step.where.c_str();
     wireStep.whereArgs = Pointers(step.whereArgs);
     for (const auto& ref : step.valueRefs) {

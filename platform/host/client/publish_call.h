@@ -25,7 +25,7 @@ struct Step {
      * "Update", "BulkUpdate", "Delete" or "GetRowIds". */
     std::string kind;
     std::string uri;
-    /* bundle_encode texts (clientcalls::Encode). */
+    /* Binary forms of bundles (clientcalls::Encode). */
     std::vector<std::string> rows;
     std::string where;
     std::vector<std::string> whereArgs;

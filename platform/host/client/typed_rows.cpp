@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bundle/bundle_limits.h"
 #include "bundle_ptr.h"
 #include "tilvane_c.h"
 
@@ -296,7 +297,7 @@ std::string EncodeRow(const Row& row, const std::vector<Field<Row>>& fields, siz
 {
     ok = true;
     rawBytes = 0;
-    BundlePtr values = MakeBundle();
+    client::Values values;
     for (const Field<Row>& field : fields) {
         std::visit(
             [&](auto member) {
@@ -306,18 +307,15 @@ std::string EncodeRow(const Row& row, const std::vector<Field<Row>>& fields, siz
                 const std::string text = ToText(row.*member);
                 ok = ok && text.find('\0') == std::string::npos;
                 rawBytes += std::strlen(field.name) + text.size();
-                bundle_add_str(values.get(), field.name, text.c_str());
+                values.emplace_back(field.name, text);
             },
             field.member);
     }
-    bundle_raw* raw = nullptr;
-    int length = 0;
-    if (bundle_encode(values.get(), &raw, &length) != BUNDLE_ERROR_NONE) {
+    std::string encoded;
+    if (!AppendBinaryBundle(values, encoded)) {
         ok = false;
         return std::string();
     }
-    std::string encoded(reinterpret_cast<const char*>(raw), static_cast<size_t>(length));
-    bundle_free_encoded_rawdata(&raw);
     return encoded;
 }
 

@@ -39,7 +39,7 @@ const std::vector<Field<client::Tile>>& TileFields();
 template <typename Row>
 std::vector<std::string> Projection(const std::vector<Field<Row>>& fields);
 
-/* The row's values that differ from a new row's, as a bundle_encode text;
+/* The row's values that differ from a new row's, in the binary form of a bundle;
  * `rawBytes` receives the bytes of their names and values. `ok` false when a
  * text holds what a bundle cannot (it is cut at a NUL byte). */
 template <typename Row>

@@ -27,16 +27,14 @@ namespace {
 
 /* The texts of a bulk's rows, or why they are refused: more rows or bytes
  * than a bulk may have. */
-BundleRefusal BulkTexts(const std::vector<const char*>& texts, std::vector<size_t>& lengths)
+BundleRefusal BulkBytes(const std::vector<wire::Bytes>& encoded)
 {
-    if (texts.size() > kBulkMaxRows) {
+    if (encoded.size() > kBulkMaxRows) {
         return BundleRefusal::OverLimits;
     }
-    lengths.reserve(texts.size());
     size_t total = 0;
-    for (const char* text : texts) {
-        lengths.push_back(std::strlen(text));
-        total += lengths.back();
+    for (const wire::Bytes& row : encoded) {
+        total += row.Size();
     }
     return total > kBulkMaxBytes ? BundleRefusal::OverLimits : BundleRefusal::None;
 }
@@ -186,16 +184,15 @@ StepOutcome ServeContentStep(const std::string& clientApp, ContentStep& step)
     return outcome;
 }
 
-BundleRefusal DecodeRows(const std::vector<const char*>& texts, std::vector<BundlePtr>& rows)
+BundleRefusal DecodeRows(const std::vector<wire::Bytes>& encoded, std::vector<BundlePtr>& rows)
 {
-    std::vector<size_t> lengths;
-    BundleRefusal why = BulkTexts(texts, lengths);
+    BundleRefusal why = BulkBytes(encoded);
     if (why != BundleRefusal::None) {
         return why;
     }
-    rows.reserve(texts.size());
-    for (size_t i = 0; i < texts.size(); ++i) {
-        BundlePtr b = DecodeBundle(texts[i], lengths[i], &why);
+    rows.reserve(encoded.size());
+    for (const wire::Bytes& row : encoded) {
+        BundlePtr b = DecodeBundle(row, &why);
         if (b == nullptr) {
             rows.clear();
             return why;
@@ -256,7 +253,7 @@ ContentStep StepOf(content::RequestKind kind, const char* uri)
 }
 
 /* The step's one row; false, with the failure, when it is refused. */
-bool OneRow(const char* encoded, ContentStep& step, Failure& failure)
+bool OneRow(const wire::Bytes& encoded, ContentStep& step, Failure& failure)
 {
     BundleRefusal refused = BundleRefusal::None;
     BundlePtr values = DecodeBundle(encoded, &refused);
@@ -269,9 +266,9 @@ bool OneRow(const char* encoded, ContentStep& step, Failure& failure)
 }
 
 /* The step's rows; false, with the failure, when they are refused. */
-bool BulkRows(const std::vector<const char*>& texts, ContentStep& step, Failure& failure)
+bool BulkRows(const std::vector<wire::Bytes>& encoded, ContentStep& step, Failure& failure)
 {
-    const BundleRefusal refused = DecodeRows(texts, step.rows);
+    const BundleRefusal refused = DecodeRows(encoded, step.rows);
     if (refused != BundleRefusal::None) {
         failure = Failure{kErrorInvalidRequest, RowsRefusal(refused)};
         return false;

@@ -3,13 +3,13 @@
  * steps) that the provider runs as one transaction, so that an application
  * replaces or extends its content all or nothing.
  *
- *   Publish(s clientApp, a(ssassasa(su)a(uu)) steps)
+ *   Publish(s clientApp, a(ssaaysasa(su)a(uu)) steps)
  *       -> (i result, i step, s error, s reason, ax rowIds, ax changedRows)
  *
  * A step is (kind, uri, rows, where, whereArgs, valueRefs, argRefs):
  *   kind       the single method it stands for: Insert, BulkInsert, Update,
  *              BulkUpdate, Delete or GetRowIds;
- *   rows       bundle_encode texts (Insert and Update: exactly one; Delete and
+ *   rows       binary forms of bundles (Insert and Update: exactly one; Delete and
  *              GetRowIds: none);
  *   valueRefs  (column, step): every row gets `column` = the row id of that
  *              earlier step;
@@ -108,8 +108,8 @@ bool WithinPublishLimits(const std::vector<wire::PublishStep>& steps, std::strin
     size_t bytes = 0;
     for (const wire::PublishStep& step : steps) {
         rows += step.rows.size();
-        for (const char* text : step.rows) {
-            bytes += std::strlen(text);
+        for (const wire::Bytes& row : step.rows) {
+            bytes += row.Size();
         }
     }
     if (steps.empty() || steps.size() > kPublishMaxSteps || rows > kPublishMaxRows || bytes > kPublishMaxBytes) {

@@ -57,9 +57,9 @@ struct StepOutcome {
  * under the request's confinement and report, after the request limits. */
 StepOutcome ServeContentStep(const std::string& clientApp, ContentStep& step);
 
-/* The rows of a request (bundle_encode texts), each a bundle, within the bulk
- * limits; why they are refused otherwise (`rows` left empty). */
-BundleRefusal DecodeRows(const std::vector<const char*>& texts, std::vector<BundlePtr>& rows);
+/* The rows of a request (binary forms of bundles), each a bundle, within the
+ * bulk limits; why they are refused otherwise (`rows` left empty). */
+BundleRefusal DecodeRows(const std::vector<wire::Bytes>& encoded, std::vector<BundlePtr>& rows);
 
 /* The error text of rows that were refused. */
 const char* RowsRefusal(BundleRefusal why);

@@ -187,7 +187,7 @@ Answer<Out> FailedOr(const DcOutcome& outcome, Out out)
 
 /* The values of an insert or update; null (with why in `notes`) when they
  * are not a bundle within the limits. */
-BundlePtr Values(const char* encoded, DcNotes& notes)
+BundlePtr Values(const wire::Bytes& encoded, DcNotes& notes)
 {
     return DecodeBundle(encoded, &notes.refused);
 }

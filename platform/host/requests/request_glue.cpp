@@ -90,14 +90,9 @@ void ReleaseName(const std::string& name)
     REQUEST_LOGD("released bus name %s", name.c_str());
 }
 
-BundlePtr DecodeBundle(const char* encoded, size_t length, BundleRefusal* why)
+BundlePtr DecodeBundle(const wire::Bytes& encoded, BundleRefusal* why)
 {
-    return BundlePtr(DecodeBoundedBundle(encoded, length, why));
-}
-
-BundlePtr DecodeBundle(const char* encoded, BundleRefusal* why)
-{
-    return DecodeBundle(encoded, std::strlen(encoded), why);
+    return BundlePtr(DecodeBoundedBinaryBundle(encoded.Begin(), encoded.Size(), why));
 }
 
 const char* ValuesRefusal(BundleRefusal why)

@@ -25,6 +25,7 @@
 #include "data_control.h"
 #include "dlog.h"
 #include "requests/request_names.h"
+#include "request_wire.h"
 #include "tilvane_reason.h"
 
 struct data_control_s {
@@ -85,10 +86,10 @@ bool BusConfigured();
 bool OwnName(const std::string& name);
 void ReleaseName(const std::string& name);
 
-/* A request's values; null when refused, with the reason in `why`. Decoded
- * straight from the message's own bytes, within the bundle limits. */
-BundlePtr DecodeBundle(const char* encoded, size_t length, BundleRefusal* why = nullptr);
-BundlePtr DecodeBundle(const char* encoded, BundleRefusal* why = nullptr);
+/* A request's values (the binary form of a bundle); null when refused, with
+ * the reason in `why`. Copied once from the message's own bytes into the
+ * bundle, within the bundle limits. */
+BundlePtr DecodeBundle(const wire::Bytes& encoded, BundleRefusal* why = nullptr);
 /* The error text of values that were refused. */
 const char* ValuesRefusal(BundleRefusal why);
 /* The texts of a request, copied. */
