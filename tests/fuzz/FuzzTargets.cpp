@@ -30,6 +30,8 @@ using Entries = std::vector<std::pair<std::string, std::string>>;
 
 /* A decoded bundle: within the limits, unique non-empty keys, every key found
  * by lookup, and encoding it gives back a text that decodes to the same. */
+std::string CheckEntries(bundle* decoded, Entries& entries);
+
 std::string CheckDecoded(const char* text, size_t length)
 {
     host::BundleRefusal why = host::BundleRefusal::None;
@@ -37,8 +39,44 @@ std::string CheckDecoded(const char* text, size_t length)
     if (!decoded) {
         return why == host::BundleRefusal::None ? "refused without a reason" : "";
     }
-    const Entries entries = BundleEntries(decoded.get());
-    if (entries.size() > host::kBundleMaxKeys || static_cast<int>(entries.size()) != bundle_get_count(decoded.get())) {
+    Entries entries;
+    return CheckEntries(decoded.get(), entries);
+}
+
+/* The binary form as a request carries it: refused exactly when its base64
+ * text is, for the same reason; accepted, the same entries, and encoding them
+ * again gives back the very bytes (the form has one spelling). */
+std::string CheckBinary(const uint8_t* data, size_t size)
+{
+    host::BundleRefusal why = host::BundleRefusal::None;
+    BundlePtr decoded(host::DecodeBoundedBinaryBundle(data, size, &why));
+    gchar* text = g_base64_encode(data, size);
+    host::BundleRefusal textWhy = host::BundleRefusal::None;
+    BundlePtr fromText(host::DecodeBoundedBundle(text, std::strlen(text), &textWhy));
+    g_free(text);
+    if (!decoded || !fromText) {
+        const bool agree = !decoded && !fromText && (why == textWhy || size == 0);
+        return why == host::BundleRefusal::None && !decoded ? "refused without a reason"
+               : agree                                      ? ""
+                                                            : "the binary and the text decoders disagree";
+    }
+    Entries entries;
+    std::string problem = CheckEntries(decoded.get(), entries);
+    if (!problem.empty()) {
+        return problem;
+    }
+    std::string again;
+    if (!host::AppendBinaryBundle(entries, again) || again != std::string(reinterpret_cast<const char*>(data), size) ||
+        BundleEntries(fromText.get()) != entries) {
+        return "encoding the decoded entries does not give back the bytes";
+    }
+    return "";
+}
+
+std::string CheckEntries(bundle* decoded, Entries& entries)
+{
+    entries = BundleEntries(decoded);
+    if (entries.size() > host::kBundleMaxKeys || static_cast<int>(entries.size()) != bundle_get_count(decoded)) {
         return "entry count";
     }
     std::set<std::string> keys;
@@ -48,11 +86,11 @@ std::string CheckDecoded(const char* text, size_t length)
         if (entry.first.empty() || entry.first.size() > host::kBundleMaxKeyBytes || !keys.insert(entry.first).second) {
             return "a key that should have been refused";
         }
-        const char* value = bundle_get_val(decoded.get(), entry.first.c_str());
+        const char* value = bundle_get_val(decoded, entry.first.c_str());
         if (value == nullptr || entry.second != value) {
             return "lookup of a decoded key";
         }
-        if (bundle_add_str(decoded.get(), entry.first.c_str(), "x") != BUNDLE_ERROR_KEY_EXISTS) {
+        if (bundle_add_str(decoded, entry.first.c_str(), "x") != BUNDLE_ERROR_KEY_EXISTS) {
             return "a decoded key added twice";
         }
     }
@@ -61,7 +99,7 @@ std::string CheckDecoded(const char* text, size_t length)
     }
     bundle_raw* raw = nullptr;
     int rawLength = 0;
-    if (bundle_encode(decoded.get(), &raw, &rawLength) != BUNDLE_ERROR_NONE) {
+    if (bundle_encode(decoded, &raw, &rawLength) != BUNDLE_ERROR_NONE) {
         return "cannot encode a decoded bundle";
     }
     BundlePtr again(bundle_decode(raw, rawLength));
@@ -84,6 +122,10 @@ std::string BundleDecode(const uint8_t* data, size_t size)
     gchar* text = g_base64_encode(data, size);
     problem = CheckDecoded(text, std::strlen(text));
     g_free(text);
+    if (!problem.empty()) {
+        return "base64 of the input: " + problem;
+    }
+    problem = CheckBinary(data, size);
     return problem.empty() ? "" : "binary: " + problem;
 }
 

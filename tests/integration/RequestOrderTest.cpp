@@ -153,27 +153,12 @@ protected:
         return found;
     }
 
-    /* The binary form of a row of one column, as the request carries it:
-     * "TVB" 1, the entry count, then each text after its length (32-bit
-     * little-endian). */
-    static std::string OneEntryRow(const std::string& key, const std::string& value)
-    {
-        std::string row("TVB\x01", 4);
-        for (uint32_t number : {1u, static_cast<uint32_t>(key.size())}) {
-            row.append(reinterpret_cast<const char*>(&number), 4);
-        }
-        row += key;
-        const uint32_t valueLength = static_cast<uint32_t>(value.size());
-        row.append(reinterpret_cast<const char*>(&valueLength), 4);
-        return row + value;
-    }
-
     /* Sends kRun inserts without waiting, then waits for every answer. */
     InsertAnswers InsertRun(const std::string& prefix)
     {
         InsertAnswers run;
         for (int i = 0; i < kRun; ++i) {
-            const std::string values = OneEntryRow(TilesModel::Tiles::TILE_ID, prefix + std::to_string(i));
+            const std::string values = tilvane::test::BinaryRow({{TilesModel::Tiles::TILE_ID, prefix + std::to_string(i)}});
             GVariant* encoded = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, values.data(), values.size(), 1);
             g_dbus_connection_call(m_connection, m_provider.c_str(), "/org/tilvane/Content", "org.tilvane.Content",
                                    "Insert",

@@ -203,6 +203,119 @@ TEST_F(RequestSocketTest, AnIdleConnectionIsClosedAndTheClientOpensANewOne)
     EXPECT_EQ(OwnConnections(), 2) << m_service->Err();
 }
 
+/* ---- rows on the wire ---------------------------------------------------------- */
+
+/* One raw content call; the error's name and text ("" and "" when answered),
+ * the reply's result in `result`. */
+std::pair<std::string, std::string> RawContentCall(GDBusConnection* connection, const char* busName,
+                                                   const char* method, GVariant* parameters, int* result = nullptr)
+{
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(connection, busName, "/org/tilvane/Content", "org.tilvane.Content",
+                                                  method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, 10000, nullptr,
+                                                  &error);
+    if (reply == nullptr) {
+        gchar* remote = g_dbus_error_get_remote_error(error);
+        g_dbus_error_strip_remote_error(error);
+        std::pair<std::string, std::string> failure(remote != nullptr ? remote : "", error->message);
+        g_free(remote);
+        g_error_free(error);
+        return failure;
+    }
+    if (result != nullptr) {
+        g_variant_get_child(reply, 0, "i", result);
+    }
+    g_variant_unref(reply);
+    return {"", ""};
+}
+
+GVariant* ByteString(const std::string& bytes)
+{
+    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+}
+
+GVariant* ByteStrings(const std::vector<std::string>& rows)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("aay"));
+    for (const std::string& row : rows) {
+        g_variant_builder_add_value(&builder, ByteString(row));
+    }
+    return g_variant_builder_end(&builder);
+}
+
+/* What the service answers on `connection` to rows that are not the binary
+ * form of a bundle, and to one that is. */
+void ExpectRowsRefusedAsBefore(GDBusConnection* connection, const char* busName, const std::string& section)
+{
+    const char* uri = TilesModel::Tiles::CONTENT_URI;
+    const std::string good = tilvane::test::BinaryRow({{TilesModel::Tiles::TILE_ID, std::string("raw-") + (busName ? "bus" : "socket")},
+                                                       {TilesModel::Tiles::TILE_SECTION_RAW_ID, section}});
+    const std::pair<std::string, std::string> notABundle("org.tilvane.Request.Error.InvalidRequest",
+                                                         "the values are not a bundle");
+    const std::pair<std::string, std::string> rowNotABundle("org.tilvane.Request.Error.InvalidRequest",
+                                                            "a row is not a bundle");
+    for (const std::string& bad : {std::string("not a row"), good.substr(0, good.size() - 1), good + "x",
+                                   tilvane::test::BinaryRow({{"tile_id", "a"}, {"tile_id", "b"}}), std::string()}) {
+        EXPECT_EQ(RawContentCall(connection, busName, "Insert", g_variant_new("(ss@ay)", kApp, uri, ByteString(bad))),
+                  notABundle);
+        EXPECT_EQ(RawContentCall(connection, busName, "BulkInsert",
+                                 g_variant_new("(ss@aay)", kApp, uri, ByteStrings({good, bad}))),
+                  rowNotABundle);
+    }
+    /* The base64 text of the bundle is not accepted in its place, nor as a text. */
+    gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(good.data()), good.size());
+    EXPECT_EQ(RawContentCall(connection, busName, "Insert", g_variant_new("(ss@ay)", kApp, uri, ByteString(text))),
+              notABundle);
+    EXPECT_EQ(RawContentCall(connection, busName, "Insert", g_variant_new("(sss)", kApp, uri, text)).first,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    g_free(text);
+    /* Over the limits: one value of more bytes than a bundle may hold. */
+    const std::string huge = tilvane::test::BinaryRow({{"tile_title", std::string(1024 * 1024, 'x')}});
+    EXPECT_EQ(RawContentCall(connection, busName, "Insert", g_variant_new("(ss@ay)", kApp, uri, ByteString(huge))),
+              std::make_pair(std::string("org.tilvane.Request.Error.InvalidRequest"),
+                             std::string("the values are over the bundle limits")));
+    int result = -1;
+    EXPECT_EQ(RawContentCall(connection, busName, "Insert", g_variant_new("(ss@ay)", kApp, uri, ByteString(good)),
+                             &result),
+              std::make_pair(std::string(), std::string()));
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(RequestSocketTest, RowsThatAreNotTheBinaryFormOfABundleAreRefusedOnTheSocketAndOnTheBusAlike)
+{
+    StartService();
+    tilvane::test::RawDatabase db(m_root.Path() + "/opt/dbspace/.preview.db");
+    ASSERT_EQ(db.Exec("INSERT INTO accelerators (_id, accelerator_app_pkg_name) VALUES (201, 'org.example.news');"
+                      "INSERT INTO sections (_id, section_id, section_accelerator_raw_id) VALUES (201, 'raw', 201);"),
+              0);
+    const std::string section = "201";
+    const std::string socket = ContentSocket();
+    ASSERT_FALSE(socket.empty());
+    GDBusConnection* peer = OpenPeer(socket);
+    ASSERT_NE(peer, nullptr);
+    ExpectRowsRefusedAsBefore(peer, nullptr, section);
+    g_object_unref(peer);
+    GDBusConnection* bus = g_dbus_connection_new_for_address_sync(
+        m_bus.Address().c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    ASSERT_NE(bus, nullptr);
+    /* On the bus the caller is who owns the application's name. */
+    GVariant* owned = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", tilvane::host::BusNameForAppId(kApp).c_str(), 4u), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr);
+    ASSERT_NE(owned, nullptr);
+    g_variant_unref(owned);
+    const std::string busName = std::filesystem::path(socket).filename().string();
+    ExpectRowsRefusedAsBefore(bus, busName.c_str(), section);
+    g_object_unref(bus);
+    EXPECT_EQ(db.Column("SELECT tile_id FROM tiles WHERE tile_id LIKE 'raw-%' ORDER BY tile_id"),
+              (std::vector<std::string>{"raw-bus", "raw-socket"}));
+}
+
 /* ---- a peer that never reads ------------------------------------------------ */
 
 /* A connected unix socket that did the EXTERNAL handshake by hand, so that

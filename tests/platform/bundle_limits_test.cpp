@@ -30,8 +30,8 @@ void PutU32(std::string& out, uint32_t value)
     }
 }
 
-/* The transport text of `entries`, written by hand (duplicates allowed). */
-std::string Encoded(const Entries& entries)
+/* The binary form of `entries`, written by hand (duplicates allowed). */
+std::string Binary(const Entries& entries)
 {
     std::string binary("TVB\x01", 4);
     PutU32(binary, static_cast<uint32_t>(entries.size()));
@@ -41,6 +41,13 @@ std::string Encoded(const Entries& entries)
         PutU32(binary, static_cast<uint32_t>(entry.second.size()));
         binary += entry.second;
     }
+    return binary;
+}
+
+/* The transport text of `entries`: the base64 of their binary form. */
+std::string Encoded(const Entries& entries)
+{
+    const std::string binary = Binary(entries);
     gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(binary.data()), binary.size());
     std::string result(text);
     g_free(text);
@@ -138,3 +145,86 @@ TEST(BundleLimitsTest, AddLookupAndDeleteStayRightAcrossTheIndex)
 }
 
 }  // namespace
+
+namespace {
+
+BundleRefusal BinaryRefusal(const std::string& bytes)
+{
+    BundleRefusal why = BundleRefusal::None;
+    BundlePtr decoded(tilvane::host::DecodeBoundedBinaryBundle(bytes.data(), bytes.size(), &why));
+    EXPECT_EQ(decoded == nullptr, why != BundleRefusal::None);
+    return why;
+}
+
+}  // namespace
+
+TEST(BundleLimitsTest, TheBinaryFormIsHeldToTheLimitsOfTheText)
+{
+    using tilvane::host::kBundleMaxBytes;
+    using tilvane::host::kBundleMaxKeyBytes;
+    using tilvane::host::kBundleMaxKeys;
+    const std::vector<Entries> cases = {
+        Keys(kBundleMaxKeys),
+        Keys(kBundleMaxKeys + 1),
+        {{std::string(kBundleMaxKeyBytes, 'k'), "v"}},
+        {{std::string(kBundleMaxKeyBytes + 1, 'k'), "v"}},
+        {{"k", std::string(kBundleMaxBytes - 1, 'v')}},
+        {{"k", std::string(kBundleMaxBytes, 'v')}},
+        {{"a", "1"}, {"b", "2"}, {"a", "3"}},
+        {{"", "empty key"}},
+        {{"k", std::string("nul\0inside", 10)}},
+    };
+    const BundleRefusal expected[] = {BundleRefusal::None,       BundleRefusal::OverLimits, BundleRefusal::None,
+                                      BundleRefusal::OverLimits, BundleRefusal::None,       BundleRefusal::OverLimits,
+                                      BundleRefusal::Malformed,  BundleRefusal::Malformed,  BundleRefusal::Malformed};
+    for (size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_EQ(expected[i], BinaryRefusal(Binary(cases[i]))) << "case " << i;
+        EXPECT_EQ(expected[i], Refusal(Encoded(cases[i]))) << "case " << i;
+    }
+    /* More bytes than any bundle within the limits: refused before a copy is made. */
+    std::string longest = Binary({{"k", "v"}});
+    longest.resize(tilvane::host::kBundleMaxBinaryBytes + 1, 'x');
+    EXPECT_EQ(BundleRefusal::OverLimits, BinaryRefusal(longest));
+}
+
+TEST(BundleLimitsTest, ATruncatedOrExtendedBinaryFormIsNotABundle)
+{
+    const std::string whole = Binary({{"title", "a tile"}, {"tile_id", "7"}});
+    BundlePtr decoded(tilvane::host::DecodeBoundedBinaryBundle(whole.data(), whole.size(), nullptr));
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_STREQ("a tile", bundle_get_val(decoded.get(), "title"));
+    EXPECT_STREQ("7", bundle_get_val(decoded.get(), "tile_id"));
+    for (size_t cut = 0; cut < whole.size(); ++cut) {
+        EXPECT_EQ(BundleRefusal::Malformed, BinaryRefusal(whole.substr(0, cut))) << "cut at " << cut;
+    }
+    EXPECT_EQ(BundleRefusal::Malformed, BinaryRefusal(whole + "x"));
+    std::string otherMagic = whole;
+    otherMagic[3] = '\x02';
+    EXPECT_EQ(BundleRefusal::Malformed, BinaryRefusal(otherMagic));
+    /* The base64 text of a row is not its binary form. */
+    EXPECT_EQ(BundleRefusal::Malformed, BinaryRefusal(Encoded({{"title", "a tile"}})));
+}
+
+TEST(BundleLimitsTest, AppendBinaryBundleWritesWhatTheDecoderReadsAndRefusesWhatABundleCannotHold)
+{
+    std::string out = "kept";
+    ASSERT_TRUE(tilvane::host::AppendBinaryBundle({{"title", "a tile"}, {"tile_id", "7"}}, out));
+    EXPECT_EQ("kept" + Binary({{"title", "a tile"}, {"tile_id", "7"}}), out);
+    /* As bundle_add_str keeps them: a text ends at its first NUL. */
+    std::string cut;
+    ASSERT_TRUE(tilvane::host::AppendBinaryBundle({{std::string("ti\0x", 4), std::string("a\0b", 3)}}, cut));
+    EXPECT_EQ(Binary({{"ti", "a"}}), cut);
+    Entries many = Keys(200);
+    many.emplace_back("key199", "again");
+    const std::vector<Entries> refused = {{{"", "v"}}, {{"a", "1"}, {"a", "2"}}, many, {{std::string("\0k", 2), "v"}}};
+    for (const Entries& entries : refused) {
+        std::string unchanged = "kept";
+        EXPECT_FALSE(tilvane::host::AppendBinaryBundle(entries, unchanged));
+        EXPECT_EQ("kept", unchanged);
+    }
+    std::string large;
+    ASSERT_TRUE(tilvane::host::AppendBinaryBundle(Keys(200), large));
+    BundlePtr decoded(tilvane::host::DecodeBoundedBinaryBundle(large.data(), large.size(), nullptr));
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(200, bundle_get_count(decoded.get()));
+}

@@ -17,6 +17,7 @@
 
 #include "StderrCapture.h"
 #include "TestSupport.h"
+#include "bundle/bundle_limits.h"
 #include "client/typed_rows.h"
 #include "log/log_sink.h"
 #include "tilvane_c.h"
@@ -63,8 +64,7 @@ client::Tile EveryTileField()
 template <typename Row>
 std::vector<client::Cell> AsSelected(const std::string& encoded, const std::vector<typed::Field<Row>>& fields)
 {
-    BundlePtr values(bundle_decode(reinterpret_cast<const bundle_raw*>(encoded.c_str()),
-                                   static_cast<int>(encoded.size())));
+    BundlePtr values(tilvane::host::DecodeBoundedBinaryBundle(encoded.data(), encoded.size(), nullptr));
     std::vector<client::Cell> cells(1);
     cells[0].type = client::Cell::Type::Integer;
     cells[0].integer = 99;
@@ -92,8 +92,7 @@ TEST(PublisherRowsTest, EveryTileColumnIsWrittenAndReadBackAsItsType)
     typed::ReadRow(read, typed::TileFields(), AsSelected(encoded, typed::TileFields()));
     EXPECT_TRUE(read == tile);
     EXPECT_EQ(read.rowId, 99);
-    BundlePtr values(bundle_decode(reinterpret_cast<const bundle_raw*>(encoded.c_str()),
-                                   static_cast<int>(encoded.size())));
+    BundlePtr values(tilvane::host::DecodeBoundedBinaryBundle(encoded.data(), encoded.size(), nullptr));
     EXPECT_STREQ(bundle_get_val(values.get(), "tile_image_ratio"), "2:3");
     EXPECT_STREQ(bundle_get_val(values.get(), "tile_playable"), "1");
     EXPECT_STREQ(bundle_get_val(values.get(), "tile_display_until"), "-5");
@@ -106,8 +105,7 @@ TEST(PublisherRowsTest, ANewRowSendsNoColumnAndReadsBackFromTheSchemasDefaults)
     const std::string encoded = typed::EncodeRow(client::Section(), typed::SectionFields(), rawBytes, ok);
     EXPECT_TRUE(ok);
     EXPECT_EQ(rawBytes, 0u);
-    BundlePtr values(bundle_decode(reinterpret_cast<const bundle_raw*>(encoded.c_str()),
-                                   static_cast<int>(encoded.size())));
+    BundlePtr values(tilvane::host::DecodeBoundedBinaryBundle(encoded.data(), encoded.size(), nullptr));
     EXPECT_EQ(bundle_get_count(values.get()), 0);
     /* What the schema stores for a row without values. */
     std::vector<client::Cell> cells(6);

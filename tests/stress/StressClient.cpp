@@ -172,7 +172,7 @@ int Oversized(const std::string& section, const std::string& serviceApp)
     Line("keys " + tilvane::client::Describe(client.Insert(kTiles, many)));
     std::vector<Values> rows(4097, Values{{"tile_id", "r"}, {"tile_section_raw_id", section}});
     Line("rows " + tilvane::client::Describe(client.BulkInsert(kTiles, rows)));
-    std::vector<Values> big(13, Values{{"tile_id", "b"}, {"tile_title", std::string(1000 * 1000, 'x')}});
+    std::vector<Values> big(17, Values{{"tile_id", "b"}, {"tile_title", std::string(1000 * 1000, 'x')}});
     Line("bytes " + tilvane::client::Describe(client.BulkInsert(kTiles, big)));
     bundle* message = bundle_create();
     for (int i = 0; i < 80000; ++i) {

@@ -148,6 +148,24 @@ std::string RandomBytes(size_t count, unsigned seed)
     return bytes;
 }
 
+std::string BinaryRow(const std::vector<std::pair<std::string, std::string>>& entries)
+{
+    std::string row("TVB\x01", 4);
+    auto u32 = [&row](size_t value) {
+        for (int i = 0; i < 4; ++i) {
+            row.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+        }
+    };
+    u32(entries.size());
+    for (const auto& entry : entries) {
+        u32(entry.first.size());
+        row += entry.first;
+        u32(entry.second.size());
+        row += entry.second;
+    }
+    return row;
+}
+
 void TruncateFile(const std::string& path, size_t size)
 {
     std::filesystem::resize_file(path, size);

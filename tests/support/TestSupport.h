@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <dlog.h>
@@ -89,6 +90,10 @@ private:
 bool FileExists(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
 std::string RandomBytes(size_t count, unsigned seed);
+/* The binary form of a row as a request carries it, written by hand for tests
+ * that speak the raw wire: "TVB" 1, the entry count, then each key and value
+ * after its length (32-bit little-endian). Duplicates and empty keys allowed. */
+std::string BinaryRow(const std::vector<std::pair<std::string, std::string>>& entries);
 void TruncateFile(const std::string& path, size_t size);
 size_t FileSize(const std::string& path);
 /* The lines of `text`, without their line ends. */
