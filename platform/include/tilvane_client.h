@@ -31,7 +31,8 @@ inline constexpr std::size_t kMaxRowBytes = 1024 * 1024;
 inline constexpr std::size_t kMaxBulkRows = 4096;
 inline constexpr std::size_t kMaxBulkBytes = 16 * 1024 * 1024;
 
-/* Row values: column name -> value, in order (sent as a bundle of strings). */
+/* Row values: column name -> value, in order (sent as a bundle of strings; a
+ * name or value holding a NUL byte is refused, Outcome::InvalidRequest). */
 using Values = std::vector<std::pair<std::string, std::string>>;
 
 /* The bytes `row` takes in a request, as kMaxBulkBytes counts them. */

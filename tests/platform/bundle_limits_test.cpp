@@ -210,13 +210,14 @@ TEST(BundleLimitsTest, AppendBinaryBundleWritesWhatTheDecoderReadsAndRefusesWhat
     std::string out = "kept";
     ASSERT_TRUE(tilvane::host::AppendBinaryBundle({{"title", "a tile"}, {"tile_id", "7"}}, out));
     EXPECT_EQ("kept" + Binary({{"title", "a tile"}, {"tile_id", "7"}}), out);
-    /* As bundle_add_str keeps them: a text ends at its first NUL. */
-    std::string cut;
-    ASSERT_TRUE(tilvane::host::AppendBinaryBundle({{std::string("ti\0x", 4), std::string("a\0b", 3)}}, cut));
-    EXPECT_EQ(Binary({{"ti", "a"}}), cut);
+    /* A text is written whole; one with a NUL byte is not a bundle to the decoder. */
+    std::string withNul;
+    ASSERT_TRUE(tilvane::host::AppendBinaryBundle({{"title", std::string("a\0b", 3)}}, withNul));
+    EXPECT_EQ(Binary({{"title", std::string("a\0b", 3)}}), withNul);
+    EXPECT_EQ(BundleRefusal::Malformed, BinaryRefusal(withNul));
     Entries many = Keys(200);
     many.emplace_back("key199", "again");
-    const std::vector<Entries> refused = {{{"", "v"}}, {{"a", "1"}, {"a", "2"}}, many, {{std::string("\0k", 2), "v"}}};
+    const std::vector<Entries> refused = {{{"", "v"}}, {{"a", "1"}, {"a", "2"}}, many, {{"b", "1"}, {"a", "2"}, {"b", "3"}}};
     for (const Entries& entries : refused) {
         std::string unchanged = "kept";
         EXPECT_FALSE(tilvane::host::AppendBinaryBundle(entries, unchanged));

@@ -390,6 +390,10 @@ namespace {
 
 char* PutU32At(char* out, uint32_t value)
 {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    memcpy(out, &value, 4);  // one store
+    return out + 4;
+#endif
     out[0] = static_cast<char>(value & 0xffu);
     out[1] = static_cast<char>((value >> 8) & 0xffu);
     out[2] = static_cast<char>((value >> 16) & 0xffu);
@@ -404,45 +408,61 @@ char* PutTextAt(char* out, std::string_view text)
     return out + text.size();
 }
 
-/* False when a key comes twice: compared in place for a launcher row's few
- * dozen keys, through a hash set from kIndexFrom keys on. */
-bool DistinctKeys(const std::vector<std::string_view>& keys)
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+uint8_t KeyHash(const std::string& key)
 {
-    if (keys.size() >= _bundle_t::kIndexFrom) {
-        std::unordered_map<std::string_view, size_t> seen;
-        seen.reserve(keys.size());
-        for (size_t i = 0; i < keys.size(); ++i) {
-            if (!seen.emplace(keys[i], i).second) {
-                return false;
-            }
+    const auto last = static_cast<unsigned char>(key.back());
+    const auto middle = static_cast<unsigned char>(key[key.size() / 2]);
+    return static_cast<uint8_t>(key.size() * 31u + last * 7u + middle);
+}
+
+/* False when a key comes twice, through a hash set (many keys). */
+bool DistinctManyKeys(const Entries& entries)
+{
+    std::unordered_map<std::string_view, size_t> seen;
+    seen.reserve(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (!seen.emplace(entries[i].first, i).second) {
+            return false;
         }
-        return true;
     }
-    for (size_t i = 1; i < keys.size(); ++i) {
-        for (size_t j = 0; j < i; ++j) {
-            if (keys[i] == keys[j]) {
-                return false;
+    return true;
+}
+
+/* False when a key comes twice among a launcher row's few dozen keys: one
+ * byte of hash each, and the keys themselves compared only when it repeats. */
+bool DistinctFewKeys(const Entries& entries)
+{
+    uint8_t hashes[_bundle_t::kIndexFrom];
+    uint64_t seen[4] = {0, 0, 0, 0};
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const uint8_t hash = hashes[i] = KeyHash(entries[i].first);
+        const uint64_t bit = uint64_t{1} << (hash & 63);
+        if ((seen[hash >> 6] & bit) != 0) {
+            for (size_t j = 0; j < i; ++j) {
+                if (hashes[j] == hash && entries[j].first == entries[i].first) {
+                    return false;
+                }
             }
         }
+        seen[hash >> 6] |= bit;
     }
     return true;
 }
 
 }  // namespace
 
-bool AppendBinaryBundle(const std::vector<std::pair<std::string, std::string>>& entries, std::string& out)
+bool AppendBinaryBundle(const Entries& entries, std::string& out)
 {
-    std::vector<std::string_view> keys;
-    keys.reserve(entries.size());
     size_t bytes = sizeof kMagic + 4;
     for (const auto& entry : entries) {
-        keys.emplace_back(entry.first.c_str());  // up to the first NUL
-        if (keys.back().empty()) {
+        if (entry.first.empty()) {
             return false;
         }
-        bytes += 8 + keys.back().size() + strlen(entry.second.c_str());
+        bytes += 8 + entry.first.size() + entry.second.size();
     }
-    if (!DistinctKeys(keys)) {
+    if (!(entries.size() < _bundle_t::kIndexFrom ? DistinctFewKeys(entries) : DistinctManyKeys(entries))) {
         return false;
     }
     const size_t start = out.size();
@@ -450,9 +470,9 @@ bool AppendBinaryBundle(const std::vector<std::pair<std::string, std::string>>& 
     char* at = &out[start];
     memcpy(at, kMagic, sizeof kMagic);
     at = PutU32At(at + sizeof kMagic, static_cast<uint32_t>(entries.size()));
-    for (size_t i = 0; i < entries.size(); ++i) {
-        at = PutTextAt(at, keys[i]);
-        at = PutTextAt(at, entries[i].second.c_str());
+    for (const auto& entry : entries) {
+        at = PutTextAt(at, entry.first);
+        at = PutTextAt(at, entry.second);
     }
     return true;
 }

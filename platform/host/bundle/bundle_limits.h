@@ -63,8 +63,10 @@ bundle* DecodeBoundedBundle(const char* text, size_t length, BundleRefusal* why)
 bundle* DecodeBoundedBinaryBundle(const void* data, size_t size, BundleRefusal* why);
 
 /* Appends the binary form of a row of (key, value) entries to `out`, each
- * text up to its first NUL as bundle_add_str keeps it. False (and `out` as it
- * was) when a key is empty or comes twice, as bundle_add_str refuses them. */
+ * text whole: one holding a NUL byte makes a form the decoder refuses (it is
+ * not scanned for here, the decoder reads every byte anyway). False (and
+ * `out` as it was) when a key is empty or comes twice, as bundle_add_str
+ * refuses them. */
 bool AppendBinaryBundle(const std::vector<std::pair<std::string, std::string>>& entries, std::string& out);
 
 /* "not a bundle" / "over the bundle limits" */
