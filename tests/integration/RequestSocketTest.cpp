@@ -316,6 +316,33 @@ TEST_F(RequestSocketTest, RowsThatAreNotTheBinaryFormOfABundleAreRefusedOnTheSoc
               (std::vector<std::string>{"raw-bus", "raw-socket"}));
 }
 
+TEST_F(RequestSocketTest, ADataControlInsertOfValuesThatAreNotABundleIsRefusedAsBefore)
+{
+    StartService();
+    std::string socket;
+    for (const auto& entry : std::filesystem::directory_iterator(Folder())) {
+        if (entry.path().filename().string().rfind("org.tilvane.DataControl.P", 0) == 0) {
+            socket = entry.path().string();
+        }
+    }
+    ASSERT_FALSE(socket.empty());
+    GDBusConnection* peer = OpenPeer(socket);
+    ASSERT_NE(peer, nullptr);
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(
+        peer, nullptr, "/org/tilvane/DataControl", "org.tilvane.DataControl", "Insert",
+        g_variant_new("(sss@ay)", kApp, "content://com.quillon.px.tiles", "tiles", ByteString("not a row")),
+        nullptr, G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, &error);
+    ASSERT_EQ(reply, nullptr);
+    gchar* remote = g_dbus_error_get_remote_error(error);
+    g_dbus_error_strip_remote_error(error);
+    EXPECT_STREQ(remote, "org.tilvane.Request.Error.InvalidRequest");
+    EXPECT_STREQ(error->message, "the values are not a bundle");
+    g_free(remote);
+    g_error_free(error);
+    g_object_unref(peer);
+}
+
 /* ---- a peer that never reads ------------------------------------------------ */
 
 /* A connected unix socket that did the EXTERNAL handshake by hand, so that
