@@ -81,8 +81,6 @@ constexpr char kInterface[] = "org.tilvane.MessagePort";
 constexpr char kErrorPortNotFound[] = "org.tilvane.MessagePort.Error.PortNotFound";
 constexpr char kErrorNotAuthorized[] = "org.tilvane.MessagePort.Error.NotAuthorized";
 constexpr char kErrorInvalidMessage[] = "org.tilvane.MessagePort.Error.InvalidMessage";
-/* Only a receiver that has stopped altogether makes a call wait this long. */
-constexpr int kCallTimeoutMs = 10000;
 
 struct LocalPort {
     int id;
