@@ -487,6 +487,54 @@ TEST_F(AppRegistryTest, AnotherProcessSeesChangesAndIsSeen)
     EXPECT_EQ(app_info_create("org.example.weather.main", &info), APP_MANAGER_ERROR_NO_SUCH_APP);
 }
 
+TEST_F(AppRegistryTest, LookupsSeeEveryChangeThoughTheConnectionIsKept)
+{
+    ASSERT_TRUE(tilvane::host::InstallPackage(WeatherPackage()));
+    int result = -1;
+    ASSERT_EQ(PackageOf("org.example.weather.main", &result), "org.example.weather");
+
+    /* Another process (its lookups start from the connection this one kept)
+     * reads, then changes the registry. */
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        int childResult = -1;
+        const bool read = PackageOf("org.example.weather.main", &childResult) == "org.example.weather";
+        const bool changed =
+            tilvane::host::InstallPackage(NewsPackage()) && tilvane::host::RemovePackage("org.example.weather");
+        const bool seen = PackageOf("org.example.news.widget", &childResult) == "org.example.news" &&
+                          PackageOf("org.example.weather.main", &childResult).empty();
+        _exit(read && changed && seen ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+
+    EXPECT_EQ(PackageOf("org.example.weather.main", &result), "");
+    EXPECT_EQ(result, PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE);
+    EXPECT_EQ(PackageOf("org.example.news.main", &result), "org.example.news");
+    EXPECT_EQ(MetadataOf("org.example.news.main"), (Metadata{{"first", "1"}, {"second", "two"}}));
+}
+
+TEST_F(AppRegistryTest, LookupsFollowARegistryFileThatWasReplaced)
+{
+    ASSERT_TRUE(tilvane::host::InstallPackage(WeatherPackage()));
+    int result = -1;
+    ASSERT_EQ(PackageOf("org.example.weather.main", &result), "org.example.weather");
+
+    /* The file goes away (as when the platform's data is wiped) and a new one holds another package. */
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        unlink((RegistryFile() + suffix).c_str());
+    }
+    EXPECT_EQ(PackageOf("org.example.weather.main", &result), "");
+    EXPECT_EQ(result, PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE);
+    ASSERT_TRUE(tilvane::host::InstallPackage(NewsPackage()));
+    EXPECT_EQ(PackageOf("org.example.news.main", &result), "org.example.news");
+    EXPECT_EQ(PackageOf("org.example.weather.main", &result), "");
+    EXPECT_EQ(MetadataOf("org.example.news.widget"), (Metadata{{"only", ""}}));
+}
+
 TEST_F(AppRegistryTest, TwoConnectionsWritingAtOnceBothLand)
 {
     /* Several processes write the file at once; the busy timeout serialises them. */

@@ -67,6 +67,20 @@ TEST(ConfinementPolicyTest, TheIntegratorsGroupSetsSwitchLimitsAndTrustedSenders
     EXPECT_FALSE(confinement_policy_is_trusted_sender("org.example.launcher.evil"));
 }
 
+TEST(ConfinementPolicyTest, TheSwitchFollowsEveryChangeOfTheConfiguration)
+{
+    PlatformSandbox sandbox;
+    for (int round = 0; round < 2; ++round) {
+        tilvane::host::SetConfigurationText("[strict]\nconfinement = true\n");
+        EXPECT_TRUE(confinement_policy_is_strict()) << round;
+        EXPECT_TRUE(confinement_policy_is_strict()) << round;
+        tilvane::host::SetConfigurationText("[strict]\nconfinement = false\n");
+        EXPECT_FALSE(confinement_policy_is_strict()) << round;
+        tilvane::host::SetConfigurationText("");
+        EXPECT_FALSE(confinement_policy_is_strict()) << round;
+    }
+}
+
 TEST(ConfinementPolicyTest, ServiceStartSaysOnceWhichModeIsInForce)
 {
     for (bool strict : {false, true}) {

@@ -2,6 +2,8 @@
 #include <dlog.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "StderrCapture.h"
 #include "TestSupport.h"
 #include "log/journal_format.h"
@@ -121,11 +123,26 @@ TEST_F(DlogTest, CaptureOffKeepsNothing)
     EXPECT_TRUE(tilvane::host::CapturedLog().empty());
 }
 
+/* "MM-DD HH:MM" of the local time now. */
+std::string LocalMinute()
+{
+    const time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char text[32];
+    strftime(text, sizeof text, "%m-%d %H:%M", &local);
+    return text;
+}
+
 TEST_F(DlogTest, StderrLineShape)
 {
     StderrCapture capture;
+    const std::string before = LocalMinute();
     const int written = __dlog_print(LOG_ID_MAIN, DLOG_INFO, "tilvane", "hello %s %d", "world", 7);
+    const std::string after = LocalMinute();
     const std::string text = capture.Stop();
+    /* The stamp is the local time of the line: month, day, hour and minute. */
+    EXPECT_TRUE(text.compare(0, 11, before) == 0 || text.compare(0, 11, after) == 0) << text << " " << before;
 
     ASSERT_FALSE(text.empty());
     EXPECT_EQ(text.back(), '\n');

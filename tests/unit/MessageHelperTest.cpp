@@ -263,6 +263,15 @@ TEST_F(MessageHelperTest, ASubscriberWhoseProcessEndedIsSkipped)
     BundlePtr event = MakeBundle(kEvent);
     EXPECT_EQ(m_helper.Send(event.get(), true), 0);
     EXPECT_EQ(subscriber.Wait(15000), 0);
+    /* The bus drops the ended process's names a moment after it has ended. */
+    ASSERT_TRUE(IterateMainContextUntil(
+        [] {
+            bool exist = true;
+            return message_port_check_remote_port("com.example.subscriber", "events", &exist) ==
+                       MESSAGE_PORT_ERROR_NONE &&
+                   !exist;
+        },
+        5000));
 
     EXPECT_EQ(m_helper.Send(event.get(), true), -22);
     EXPECT_EQ(CountLines("tilvane", "Target AppID [com.example.subscriber] or port [events] is not exist"), 1);

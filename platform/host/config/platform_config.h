@@ -23,6 +23,7 @@
 #define TILVANE_PLATFORM_PLATFORM_CONFIG_H
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -100,6 +101,36 @@ bool Reload(std::vector<Change>& changes, std::string& problem);
 /* Changes whenever what was read is dropped (Forget, SetConfigurationText):
  * for callers that keep values they read on a hot path. */
 uint64_t Generation();
+
+/* A value computed from the configuration and kept until the configuration
+ * changes: for what every request asks (the statement budgets, whether
+ * confinement is strict), where looking keys up again costs more than the
+ * request's own work. `read` runs again after every change of Generation(). */
+template <typename T>
+class FollowedValue
+{
+public:
+    explicit FollowedValue(T (*read)()) : m_read(read) {}
+
+    T Get()
+    {
+        const uint64_t now = Generation();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_known || now != m_generation) {
+            m_value = m_read();
+            m_generation = now;
+            m_known = true;
+        }
+        return m_value;
+    }
+
+private:
+    T (*m_read)();
+    std::mutex m_mutex;
+    bool m_known = false;
+    uint64_t m_generation = 0;
+    T m_value{};
+};
 
 }  // namespace config
 }  // namespace host

@@ -81,9 +81,19 @@ std::string TableOfUri(const std::string& uri)
 
 using namespace tilvane::host;
 
-extern "C" bool confinement_policy_is_strict(void)
+namespace {
+
+bool ReadStrict()
 {
     return config::Bool(kGroup, "confinement", false);
+}
+
+}  // namespace
+
+extern "C" bool confinement_policy_is_strict(void)
+{
+    static config::FollowedValue<bool> strict(ReadStrict);
+    return strict.Get();
 }
 
 extern "C" int confinement_policy_max_sections_per_package(void)

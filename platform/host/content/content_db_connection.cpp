@@ -93,13 +93,10 @@ int BindBundleValue(sqlite3_stmt* statement, int index, const char* value)
 void AppendQuotedIdentifier(std::string& sql, const char* name)
 {
     sql.push_back('"');
-    for (const char* c = name; *c != '\0'; ++c) {
-        if (*c == '"') {
-            sql.push_back('"');
-        }
-        sql.push_back(*c);
+    for (const char* quote; (quote = std::strchr(name, '"')) != nullptr; name = quote + 1) {
+        sql.append(name, static_cast<size_t>(quote - name) + 1).push_back('"');
     }
-    sql.push_back('"');
+    sql.append(name).push_back('"');
 }
 
 bool SameFile(const std::string& a, const std::string& b)

@@ -154,19 +154,10 @@ StatementBudgets ReadStatementBudgets()
 
 }  // namespace
 
-/* Read again only when the configuration changed: every request asks. */
 StatementBudgets ConfiguredStatementBudgets()
 {
-    static std::mutex mutex;
-    static uint64_t generation = UINT64_MAX;
-    static StatementBudgets budgets{};
-    const uint64_t now = host::config::Generation();
-    std::lock_guard<std::mutex> lock(mutex);
-    if (now != generation) {
-        budgets = ReadStatementBudgets();
-        generation = now;
-    }
-    return budgets;
+    static host::config::FollowedValue<StatementBudgets> budgets(ReadStatementBudgets);
+    return budgets.Get();
 }
 
 int ApplyStatementBudgets(sqlite3* db)

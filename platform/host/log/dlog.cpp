@@ -281,17 +281,42 @@ void WriteAll(const std::string& line)
     }
 }
 
-std::string Stamp(int prio)
+/* Writes `value` as `width` decimal digits at `out`. */
+void PutDigits(char* out, int value, int width)
+{
+    for (int i = width - 1; i >= 0; --i) {
+        out[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+}
+
+/* Appends "MM-DD HH:MM:SS.mmm P/": formatted by hand, as this runs for every
+ * line a request writes and printf's machinery cost more than the rest of
+ * the line. */
+void AppendStamp(std::string& line, int prio)
 {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     struct tm local;
     localtime_r(&tv.tv_sec, &local);
-    char stamp[64];
-    snprintf(stamp, sizeof stamp, "%02d-%02d %02d:%02d:%02d.%03d %c/", local.tm_mon + 1, local.tm_mday,
-             local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(tv.tv_usec / 1000),
-             PriorityLetter(prio));
-    return stamp;
+    char stamp[] = "MM-DD HH:MM:SS.mmm P/";
+    PutDigits(stamp, local.tm_mon + 1, 2);
+    PutDigits(stamp + 3, local.tm_mday, 2);
+    PutDigits(stamp + 6, local.tm_hour, 2);
+    PutDigits(stamp + 9, local.tm_min, 2);
+    PutDigits(stamp + 12, local.tm_sec, 2);
+    PutDigits(stamp + 15, static_cast<int>(tv.tv_usec / 1000), 3);
+    stamp[19] = PriorityLetter(prio);
+    line.append(stamp, sizeof stamp - 1);
+}
+
+/* Appends "(PID): "; the process's id is read on every line, as a forked
+ * child writes its own. */
+void AppendPid(std::string& line)
+{
+    line.push_back('(');
+    line.append(std::to_string(static_cast<int>(getpid())));
+    line.append("): ", 3);
 }
 
 struct Sink {
@@ -334,11 +359,12 @@ size_t WriteLine(int prio, const char* tag, const std::string& message)
         WriteAll(line);
         return line.size();
     }
-    char pid[32];
-    snprintf(pid, sizeof pid, "(%d): ", static_cast<int>(getpid()));
     std::string line;
     line.reserve(message.size() + 64);
-    line.append(Stamp(prio)).append(tag).append(pid).append(message).push_back('\n');
+    AppendStamp(line, prio);
+    line.append(tag);
+    AppendPid(line);
+    line.append(message).push_back('\n');
     WriteAll(line);
     return line.size();
 }

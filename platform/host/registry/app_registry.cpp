@@ -12,9 +12,13 @@
 
 #include <pwd.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <set>
 
@@ -22,10 +26,12 @@
 #include "identity/identity_mode.h"
 #include "host_control/identity.h"
 #include "base/host_state.h"
+#include "base/reset_hooks.h"
 #include "config/platform_config.h"
 #include "config/shared_database_file.h"
 #include "dlog.h"
 #include "qeb_app_list.h"
+#include "tzplatform_config.h"
 
 #define REGISTRY_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 #define REGISTRY_LOGD(...) __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, kPlatformLogTag, __VA_ARGS__)
@@ -87,6 +93,113 @@ private:
             Exec("ALTER TABLE packages ADD COLUMN user_id INTEGER");
         }
     }
+};
+
+/* What tells a kept connection that it no longer reaches the registry: the
+ * file it opened (replaced or removed when the platform's root is) and the
+ * resets of the control API. */
+struct FileIdentity {
+    std::string path;
+    dev_t device = 0;
+    ino_t inode = 0;
+    uint64_t resets = 0;
+
+    bool operator==(const FileIdentity& other) const
+    {
+        return path == other.path && device == other.device && inode == other.inode && resets == other.resets;
+    }
+};
+
+std::atomic<uint64_t> g_resets{0};
+
+void ForgetKeptConnections()
+{
+    ++g_resets;
+}
+
+const ResetHook kForgetKeptConnections(4, ForgetKeptConnections);
+
+/* The registry file as it is now; an empty path when it is not there. */
+FileIdentity CurrentRegistryFile()
+{
+    FileIdentity identity;
+    const char* directory = tzplatform_getenv(TZ_SYS_DB);
+    struct stat status;
+    if (directory == nullptr) {
+        return identity;
+    }
+    const std::string path = std::string(directory) + "/" + kRegistryFile;
+    if (stat(path.c_str(), &status) != 0) {
+        return identity;
+    }
+    identity.path = path;
+    identity.device = status.st_dev;
+    identity.inode = status.st_ino;
+    identity.resets = g_resets.load();
+    return identity;
+}
+
+/* The connection a lookup uses. Opening the file and running its schema cost
+ * several times the lookup itself, and the verified mode looks a caller's
+ * user up on every request, so each thread keeps one connection for its
+ * lookups. It holds no transaction between lookups (another process's change
+ * is seen by the next one, as with a connection of its own); it is opened
+ * again when the file it reached was replaced or removed, or after a reset.
+ * A lookup made while the thread's kept connection is lent out opens its own. */
+class LookupConnection
+{
+public:
+    LookupConnection()
+    {
+        Kept& kept = TheKept();
+        const FileIdentity now = CurrentRegistryFile();
+        if (kept.owner != getpid()) {
+            /* A connection is never used across fork(): the child leaves the
+             * parent's alone (closing it could disturb the parent's locks). */
+            kept.connection.release();
+            kept.owner = getpid();
+        }
+        if (kept.lent || now.path.empty()) {
+            m_own.reset(new Connection());
+            m_connection = m_own.get();
+            return;
+        }
+        if (!kept.connection || !kept.connection->IsOpen() || !(kept.file == now)) {
+            kept.connection.reset(new Connection());
+            kept.file = now;
+        }
+        kept.lent = true;
+        m_connection = kept.connection.get();
+    }
+
+    ~LookupConnection()
+    {
+        if (!m_own) {
+            TheKept().lent = false;
+        }
+    }
+
+    LookupConnection(const LookupConnection&) = delete;
+    LookupConnection& operator=(const LookupConnection&) = delete;
+
+    Connection& Get() { return *m_connection; }
+
+private:
+    struct Kept {
+        std::unique_ptr<Connection> connection;
+        FileIdentity file;
+        bool lent = false;
+        pid_t owner = 0;
+    };
+
+    static Kept& TheKept()
+    {
+        thread_local Kept kept;
+        return kept;
+    }
+
+    std::unique_ptr<Connection> m_own;
+    Connection* m_connection = nullptr;
 };
 
 /* A prepared statement with bound texts, finalised on destruction. */
@@ -459,7 +572,8 @@ Result ReadPackages(std::vector<RegisteredPackage>& packages)
 
 Result FindPackageOfApp(const std::string& appId, std::string& packageId)
 {
-    Connection connection;
+    LookupConnection lookup;
+    Connection& connection = lookup.Get();
     if (!connection.IsOpen()) {
         return Result::Failed;
     }
@@ -477,7 +591,8 @@ Result ReadApplication(const std::string& appId, std::string& packageId,
                        std::vector<std::pair<std::string, std::string>>& metadata)
 {
     metadata.clear();
-    Connection connection;
+    LookupConnection lookup;
+    Connection& connection = lookup.Get();
     if (!connection.IsOpen()) {
         return Result::Failed;
     }
@@ -506,7 +621,8 @@ Result ReadApplication(const std::string& appId, std::string& packageId,
 
 Result FindUserOfId(const std::string& id, int64_t& userId)
 {
-    Connection connection;
+    LookupConnection lookup;
+    Connection& connection = lookup.Get();
     if (!connection.IsOpen()) {
         return Result::Failed;
     }
