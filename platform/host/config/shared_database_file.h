@@ -2,8 +2,9 @@
  * One connection to a small SQLite file of the host platform under the
  * platform's database directory (the application registry, the settings
  * store), shared by processes: WAL, synchronous NORMAL, foreign keys on, a
- * busy timeout, and the file's schema in place. Every operation opens its own
- * connection, so a change made by another process is seen by the next call.
+ * busy timeout, and the file's schema in place. A connection holds no
+ * transaction between operations, so a change made by another process is
+ * seen by the next one.
  * A new file gets the platform's file mode (platform_files.h): no
  * application's user reads or writes it.
  */

@@ -4,8 +4,9 @@
  * list, in one SQLite file under the platform's database directory.
  *
  * The file runs in WAL mode with a busy timeout, so several processes (the
- * service, tilvanectl, tests) read and write it at once. Every operation opens
- * its own connection and transaction: nothing is cached, and a change made by
+ * service, tilvanectl, tests) read and write it at once. Every change opens
+ * its own connection and transaction; lookups share one connection per
+ * thread (LookupConnection below). Nothing read is cached: a change made by
  * another process is seen by the next call.
  */
 #include "registry/app_registry.h"
