@@ -16,10 +16,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <host_control.h>
@@ -201,6 +203,32 @@ TEST_F(RequestSocketTest, AnIdleConnectionIsClosedAndTheClientOpensANewOne)
         << m_service->Err();
     EXPECT_EQ(SelectTiles().outcome, Outcome::Answered);
     EXPECT_EQ(OwnConnections(), 2) << m_service->Err();
+}
+
+TEST_F(RequestSocketTest, AConnectionThatCarriedALargeRequestIsClosedSoonerWhenIdle)
+{
+    StartService("[request-socket]\nidle-close-ms = 60000\nlarge-request-bytes = 4096\nlarge-idle-close-ms = 300\n");
+    const std::string idleLine = "(user " + std::to_string(geteuid()) + "): idle";
+
+    /* Small requests only: the connection stays for its minute. */
+    EXPECT_EQ(SelectTiles().outcome, Outcome::Answered);
+    ASSERT_EQ(OwnConnections(), 1) << m_service->Err();
+    EXPECT_FALSE(m_service->WaitFor(idleLine, true, 1000)) << m_service->Err();
+
+    /* A request of more than 4096 bytes: closed 300 ms after it. */
+    const std::string where = std::string(TilesModel::Tiles::TILE_ID) + " <> '" + std::string(5000, 'x') + "'";
+    tilvane::client::Result large =
+        m_client.Select(TilesModel::Tiles::CONTENT_URI, {TilesModel::Tiles::TILE_ID}, where, {}, "", "");
+    EXPECT_EQ(large.outcome, Outcome::Answered) << tilvane::client::Describe(large);
+    EXPECT_EQ(OwnConnections(), 1) << m_service->Err();
+    ASSERT_TRUE(m_service->WaitFor(idleLine, true, 5000)) << m_service->Err();
+    EXPECT_EQ(m_service->Count(idleLine), 1);
+
+    /* The next request opens a new connection, which small requests keep. */
+    EXPECT_EQ(SelectTiles().outcome, Outcome::Answered);
+    EXPECT_EQ(OwnConnections(), 2) << m_service->Err();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    EXPECT_EQ(m_service->Count(idleLine), 1) << m_service->Err();
 }
 
 /* ---- rows on the wire ---------------------------------------------------------- */

@@ -19,6 +19,14 @@
  *                                              as soon as they are made;
  *   idle-close-ms    a connection that made no request for this long is closed
  *                    (the client library opens a new one when it needs it);
+ *   large-request-bytes, large-idle-close-ms
+ *                    a connection that carried a request of at least
+ *                    large-request-bytes is closed once it made no request
+ *                    for large-idle-close-ms: GDBus reads each message into
+ *                    a buffer of the connection that grows to the largest
+ *                    message it has read and never shrinks, so a bulk of
+ *                    1,000 tiles would otherwise hold 1.4 MB until the
+ *                    connection ends;
  *   unsent-bytes     replies a peer has not read: a reply that comes while more
  *                    than this is still unsent closes the connection.
  * Everything else (statement time, reply size, log bytes) is the request's
@@ -41,6 +49,7 @@
 #include "bus/credentials.h"
 #include "config/platform_config.h"
 #include "config/paths.h"
+#include "requests/idle_trim.h"
 #include "requests/request_glue.h"
 #include "requests/transport.h"
 
@@ -53,6 +62,8 @@ constexpr char kGroup[] = "request-socket";
 constexpr int64_t kDefaultMaxConnections = 256;
 constexpr int64_t kDefaultMaxConnectionsPerUser = 32;
 constexpr int64_t kDefaultIdleCloseMs = 60000;
+constexpr int64_t kDefaultLargeRequestBytes = 256 * 1024;
+constexpr int64_t kDefaultLargeIdleCloseMs = 1000;
 constexpr int64_t kDefaultUnsentBytes = 4 * 1024 * 1024;
 /* Replies are counted as unsent until a flush after them completes; a flush
  * is asked for once this many bytes were sent since the last one. */
@@ -205,6 +216,8 @@ struct Peer {
     guint objects[2] = {0, 0};
     gulong closedHandler = 0;
     gint64 lastActive = 0;
+    /* It carried a request of at least large-request-bytes. */
+    bool carriedLarge = false;
     size_t unsent = 0;
     size_t flushing = 0;
     bool flushPending = false;
@@ -238,9 +251,25 @@ void ClosePeer(Peer& peer, const char* why)
     g_dbus_connection_close(peer.connection, nullptr, nullptr, nullptr);
 }
 
-int64_t IdleCloseMs()
+/* How long `peer` may stay idle before it is closed, in ms; 0: for ever. */
+int64_t IdleCloseMs(const Peer& peer)
 {
-    return config::Integer(kGroup, "idle-close-ms", kDefaultIdleCloseMs);
+    const int64_t idleMs = config::Integer(kGroup, "idle-close-ms", kDefaultIdleCloseMs);
+    if (!peer.carriedLarge) {
+        return idleMs;
+    }
+    const int64_t largeMs = config::Integer(kGroup, "large-idle-close-ms", kDefaultLargeIdleCloseMs);
+    if (largeMs <= 0) {
+        return idleMs;
+    }
+    return idleMs <= 0 ? largeMs : std::min(idleMs, largeMs);
+}
+
+/* When `peer` is due to be closed as idle; G_MAXINT64 for never. */
+gint64 IdleDueUs(const Peer& peer)
+{
+    const int64_t idleMs = IdleCloseMs(peer);
+    return peer.closing || idleMs <= 0 ? G_MAXINT64 : peer.lastActive + idleMs * 1000;
 }
 
 void ArmIdleTimer();
@@ -250,9 +279,8 @@ gboolean IdleTimerCB(gpointer /*data*/)
     Peers& peers = ThePeers();
     peers.idleTimer = 0;
     const gint64 now = g_get_monotonic_time();
-    const gint64 idleUs = IdleCloseMs() * 1000;
     for (auto& entry : peers.byConnection) {
-        if (now - entry.second->lastActive >= idleUs) {
+        if (IdleDueUs(*entry.second) <= now) {
             ClosePeer(*entry.second, "idle");
         }
     }
@@ -264,22 +292,36 @@ gboolean IdleTimerCB(gpointer /*data*/)
 void ArmIdleTimer()
 {
     Peers& peers = ThePeers();
-    const int64_t idleMs = IdleCloseMs();
-    if (peers.idleTimer != 0 || idleMs <= 0) {
+    if (peers.idleTimer != 0) {
         return;
     }
     gint64 earliest = G_MAXINT64;
     for (const auto& entry : peers.byConnection) {
-        if (!entry.second->closing) {
-            earliest = std::min(earliest, entry.second->lastActive);
-        }
+        earliest = std::min(earliest, IdleDueUs(*entry.second));
     }
     if (earliest == G_MAXINT64) {
         return;
     }
-    const gint64 dueUs = earliest + idleMs * 1000 - g_get_monotonic_time();
+    const gint64 dueUs = earliest - g_get_monotonic_time();
     const guint dueMs = dueUs <= 0 ? 0 : static_cast<guint>((dueUs + 999) / 1000);
     peers.idleTimer = g_timeout_add(dueMs, IdleTimerCB, nullptr);
+}
+
+/* A request of `bytes` came on `peer`: past large-request-bytes the connection
+ * is closed sooner when idle, and the idle timer is set again for it. */
+void NoteRequestSize(Peer& peer, size_t bytes)
+{
+    const int64_t large = config::Integer(kGroup, "large-request-bytes", kDefaultLargeRequestBytes);
+    if (peer.carriedLarge || large <= 0 || static_cast<int64_t>(bytes) < large) {
+        return;
+    }
+    peer.carriedLarge = true;
+    Peers& peers = ThePeers();
+    if (peers.idleTimer != 0) {
+        g_source_remove(peers.idleTimer);
+        peers.idleTimer = 0;
+    }
+    ArmIdleTimer();
 }
 
 void FlushedCB(GObject* source, GAsyncResult* result, gpointer /*data*/)
@@ -325,6 +367,7 @@ void OnDirectCallCB(GDBusConnection* connection, const gchar* /*sender*/, const 
     }
     Peer& peer = *it->second;
     peer.lastActive = g_get_monotonic_time();
+    NoteRequestSize(peer, g_variant_get_size(parameters));
     std::unique_ptr<Job> job = ReadCall(interfaceName, methodName, parameters, invocation);
     if (!job) {
         return;
@@ -355,6 +398,9 @@ void OnPeerClosedCB(GDBusConnection* connection, gboolean /*vanished*/, GError* 
     g_signal_handler_disconnect(connection, peer->closedHandler);
     REQUEST_LOGD("request socket: lost the connection of process %d", static_cast<int>(peer->pid));
     g_object_unref(peer->connection);
+    /* Its buffers go back to the allocator as GDBus lets the connection go;
+     * from there, to the system. */
+    TrimWhenIdle();
 }
 
 /* Null when the peer may connect; otherwise why not. */
