@@ -410,6 +410,10 @@ TEST_F(ContentInterfaceTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest
     int highwater = 0;
     ASSERT_EQ(SQLITE_OK, sqlite3_db_status(g_db->GetHandle(), SQLITE_DBSTATUS_CACHE_USED, &cacheBefore, &highwater, 0));
     EXPECT_GT(cacheBefore, 0);
+    int statementsBefore = 0;
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_db_status(g_db->GetHandle(), SQLITE_DBSTATUS_STMT_USED, &statementsBefore, &highwater, 0));
+    EXPECT_GT(statementsBefore, 0);
 
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(tilvane::test::IterateMainContextUntil(
@@ -419,9 +423,15 @@ TEST_F(ContentInterfaceTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest
     int cacheAfter = 0;
     ASSERT_EQ(SQLITE_OK, sqlite3_db_status(g_db->GetHandle(), SQLITE_DBSTATUS_CACHE_USED, &cacheAfter, &highwater, 0));
     EXPECT_LT(cacheAfter, cacheBefore);
+    // And the statements kept for reuse: the next request prepares its own.
+    int statementsAfter = 0;
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_db_status(g_db->GetHandle(), SQLITE_DBSTATUS_STMT_USED, &statementsAfter, &highwater, 0));
+    EXPECT_EQ(statementsAfter, 0);
     // Once for both requests.
     tilvane::test::IterateMainContextUntil([] { return false; }, 1500);
     EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before + 1);
+    ASSERT_EQ(m_client.GetRowIds(kTiles, "", {}).outcome, Outcome::Answered);
 }
 
 TEST_F(ContentInterfaceTest, RowsLargerThanAReplyCarriesAreRefusedBeforeAnythingIsSent)

@@ -74,6 +74,9 @@ void Database::ReleaseCachedMemoryOfAll()
         // A database in use is left alone: no waiting under the list's lock.
         std::unique_lock<std::recursive_mutex> own(database->m_mutex, std::try_to_lock);
         if (own.owns_lock() && database->m_handle) {
+            // The statements kept for bulks are prepared again by the next
+            // request; idle, they only hold memory.
+            database->m_statements.Clear();
             sqlite3_db_release_memory(database->m_handle.get());
         }
     }

@@ -72,8 +72,9 @@ public:
     /* The confinement of the statements prepared now, or null for none; the
      * first non-null one installs the database's SQLite authorizer. */
     void SetActiveAuthorizer(ScopedStatementAuthorizer* pAuthorizer);
-    /* Frees what SQLite caches for every open database that no thread is
-     * using (page cache): the service calls it when it falls idle. */
+    /* Frees what is cached for every open database that no thread is using
+     * (SQLite's page cache, the statements kept for reuse): the service calls
+     * it when it falls idle. */
     static void ReleaseCachedMemoryOfAll();
     /* Runs `use` on the handle of every open database, under its mutex. */
     static void ForEachOpenHandle(const std::function<void(sqlite3*)>& use);
