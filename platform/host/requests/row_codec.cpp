@@ -5,6 +5,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "SQLiteCursor.h"
@@ -15,24 +16,16 @@ namespace host {
 
 namespace {
 
-/* Room for the first rows; the string grows geometrically after that. */
+/* Room for the first rows; the buffer doubles after that. */
 constexpr size_t kInitialReserve = 16 * 1024;
 
-void AppendU32(std::string& bytes, uint32_t value)
+char* PutU32At(char* out, uint32_t value)
 {
-    const char le[4] = {static_cast<char>(value & 0xff), static_cast<char>((value >> 8) & 0xff),
-                        static_cast<char>((value >> 16) & 0xff), static_cast<char>((value >> 24) & 0xff)};
-    bytes.append(le, sizeof le);
-}
-
-void AppendTagged64(std::string& bytes, uint8_t tag, uint64_t bits)
-{
-    char out[9];
-    out[0] = static_cast<char>(tag);
-    for (int i = 0; i < 8; ++i) {
-        out[1 + i] = static_cast<char>((bits >> (8 * i)) & 0xff);
-    }
-    bytes.append(out, sizeof out);
+    out[0] = static_cast<char>(value & 0xff);
+    out[1] = static_cast<char>((value >> 8) & 0xff);
+    out[2] = static_cast<char>((value >> 16) & 0xff);
+    out[3] = static_cast<char>((value >> 24) & 0xff);
+    return out + 4;
 }
 
 std::vector<std::string> StatementColumnNames(sqlite3_stmt* statement)
@@ -51,35 +44,50 @@ std::vector<std::string> StatementColumnNames(sqlite3_stmt* statement)
 
 RowEncoder::RowEncoder(const std::vector<std::string>& columns, size_t maxBytes) : m_maxBytes(maxBytes)
 {
-    m_bytes.reserve(kInitialReserve);
-    m_bytes.push_back(static_cast<char>(kRowFormat));
-    PutU32(static_cast<uint32_t>(columns.size()));
+    m_bytes.resize(kInitialReserve);
+    *Grow(1) = static_cast<char>(kRowFormat);
+    PutU32At(Grow(4), static_cast<uint32_t>(columns.size()));
     for (const std::string& name : columns) {
-        PutU32(static_cast<uint32_t>(name.size()));
-        m_bytes.append(name);
+        char* at = PutU32At(Grow(4 + name.size()), static_cast<uint32_t>(name.size()));
+        std::memcpy(at, name.data(), name.size());
     }
-    m_rowCountAt = m_bytes.size();
-    PutU32(0);
+    m_rowCountAt = m_used;
+    PutU32At(Grow(4), 0);
 }
 
-void RowEncoder::PutU32(uint32_t value)
+char* RowEncoder::Grow(size_t bytes)
 {
-    AppendU32(m_bytes, value);
+    if (m_bytes.size() - m_used < bytes) {
+        m_bytes.resize(std::max(m_bytes.size() * 2, m_used + bytes));
+    }
+    char* at = &m_bytes[m_used];
+    m_used += bytes;
+    return at;
 }
 
 bool RowEncoder::Room(size_t bytes)
 {
-    if (m_over || bytes > m_maxBytes || m_bytes.size() > m_maxBytes - bytes) {
+    if (m_over || bytes > m_maxBytes || m_used > m_maxBytes - bytes) {
         m_over = true;
         return false;
     }
     return true;
 }
 
+void RowEncoder::Null()
+{
+    if (Room(1)) {
+        *Grow(1) = static_cast<char>(kTagNull);
+    }
+}
+
 void RowEncoder::Integer(int64_t value)
 {
     if (Room(9)) {
-        AppendTagged64(m_bytes, kTagInteger, static_cast<uint64_t>(value));
+        char* at = Grow(9);
+        *at = static_cast<char>(kTagInteger);
+        const uint64_t bits = static_cast<uint64_t>(value);
+        PutU32At(PutU32At(at + 1, static_cast<uint32_t>(bits)), static_cast<uint32_t>(bits >> 32));
     }
 }
 
@@ -88,32 +96,33 @@ void RowEncoder::Real(double value)
     uint64_t bits = 0;
     std::memcpy(&bits, &value, sizeof bits);
     if (Room(9)) {
-        AppendTagged64(m_bytes, kTagReal, bits);
+        char* at = Grow(9);
+        *at = static_cast<char>(kTagReal);
+        PutU32At(PutU32At(at + 1, static_cast<uint32_t>(bits)), static_cast<uint32_t>(bits >> 32));
+    }
+}
+
+void RowEncoder::Tagged(uint8_t tag, const void* data, size_t length)
+{
+    if (!Room(5 + length)) {
+        return;
+    }
+    char* at = Grow(5 + length);
+    *at = static_cast<char>(tag);
+    at = PutU32At(at + 1, static_cast<uint32_t>(length));
+    if (length > 0) {
+        std::memcpy(at, data, length);
     }
 }
 
 void RowEncoder::Text(const char* data, size_t length)
 {
-    if (!Room(5 + length)) {
-        return;
-    }
-    m_bytes.push_back(static_cast<char>(kTagText));
-    PutU32(static_cast<uint32_t>(length));
-    if (length > 0) {
-        m_bytes.append(data, length);
-    }
+    Tagged(kTagText, data, length);
 }
 
 void RowEncoder::Blob(const void* data, size_t length)
 {
-    if (!Room(5 + length)) {
-        return;
-    }
-    m_bytes.push_back(static_cast<char>(kTagBlob));
-    PutU32(static_cast<uint32_t>(length));
-    if (length > 0) {
-        m_bytes.append(static_cast<const char*>(data), length);
-    }
+    Tagged(kTagBlob, data, length);
 }
 
 void RowEncoder::StatementRow(sqlite3_stmt* statement, int count)
@@ -147,9 +156,8 @@ void RowEncoder::StatementRow(sqlite3_stmt* statement, int count)
 
 std::string RowEncoder::Finish()
 {
-    for (int i = 0; i < 4; ++i) {
-        m_bytes[m_rowCountAt + static_cast<size_t>(i)] = static_cast<char>((m_rows >> (8 * i)) & 0xff);
-    }
+    PutU32At(&m_bytes[m_rowCountAt], m_rows);
+    m_bytes.resize(m_used);
     return std::move(m_bytes);
 }
 

@@ -36,7 +36,7 @@ public:
     /* `maxBytes`: the encoding stops growing once it would pass this many
      * bytes (a cell that would pass it is left out), and Over() says so. */
     explicit RowEncoder(const std::vector<std::string>& columns, size_t maxBytes = SIZE_MAX);
-    void Null() { m_bytes.push_back(static_cast<char>(kTagNull)); }
+    void Null();
     void Integer(int64_t value);
     void Real(double value);
     void Text(const char* data, size_t length);
@@ -49,13 +49,19 @@ public:
     std::string Finish();
     /* True when a cell was left out for the byte ceiling. */
     bool Over() const { return m_over; }
-    size_t Bytes() const { return m_bytes.size(); }
+    size_t Bytes() const { return m_used; }
 
 private:
-    void PutU32(uint32_t value);
     /* False (and Over() from then on) when `bytes` more would pass the ceiling. */
     bool Room(size_t bytes);
+    /* Where the next `bytes` go; they count as written. */
+    char* Grow(size_t bytes);
+    /* A tag and a length, then `length` bytes of `data`. */
+    void Tagged(uint8_t tag, const void* data, size_t length);
+    /* The buffer is kept longer than what was written (m_used), so that a
+     * cell is written without a call per byte run; Finish() cuts it. */
     std::string m_bytes;
+    size_t m_used = 0;
     size_t m_maxBytes = SIZE_MAX;
     bool m_over = false;
     size_t m_rowCountAt = 0;
