@@ -33,6 +33,7 @@
 #include <bundle.h>
 #include <host_control.h>
 #include <tilvane_client.h>
+#include <tilvane_schema.h>
 #include <tilvane_publisher.h>
 #include <tzplatform_config.h>
 
@@ -82,7 +83,7 @@ constexpr char kBarePath[] = "/org/tilvane/Content";
 constexpr char kContentInterface[] = "org.tilvane.Content";
 constexpr char kDataControlPath[] = "/org/tilvane/DataControl";
 constexpr char kDataControlInterface[] = "org.tilvane.DataControl";
-constexpr char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 constexpr char kDataId[] = "tiles";
 
 /* The request methods the bare server answers, as the service publishes

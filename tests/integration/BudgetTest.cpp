@@ -29,6 +29,7 @@
 #include <host_control.h>
 #include <message_port.h>
 #include <tilvane_client.h>
+#include <tilvane_schema.h>
 
 #include "PreviewApps.h"
 #include "ServiceUnderTest.h"
@@ -43,7 +44,7 @@ using tilvane::test::Process;
 using tilvane::test::TempDir;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
-const char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kAttacker[] = "org.example.attacker.ui";
 const char kVictim[] = "org.example.news.ui";
 constexpr int kBudgetMs = 400;

@@ -21,6 +21,7 @@
 #include <host_control.h>
 #include <message_port.h>
 #include <tilvane_client.h>
+#include <tilvane_schema.h>
 
 #include "PreviewApps.h"
 #include "ServiceUnderTest.h"
@@ -37,7 +38,7 @@ using tilvane::test::Process;
 using tilvane::test::TempDir;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
-const char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kCaller[] = "org.example.news.ui";
 
 /* A bus at a fixed address, so that a daemon started again listens where the

@@ -25,6 +25,7 @@
 
 #include "ProcessesUnderRoot.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
 
 using tilvane::test::ChildProcess;
@@ -33,7 +34,7 @@ using tilvane::test::RawDatabase;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 
 using tilvane::test::Process;
 using tilvane::test::ReadAll;

@@ -23,6 +23,7 @@
 #include "MessageHelper.h"
 #include "ProcessesUnderRoot.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
 
 using tilvane::test::CountLines;
@@ -31,7 +32,7 @@ using tilvane::test::PlatformSandbox;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kTestEventLine[] = "accelerator_app_pkg_name=livetv_antenna tile_section_raw_id= sync=end";
 
 using tilvane::test::Process;

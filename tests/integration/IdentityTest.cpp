@@ -25,7 +25,9 @@
 
 #include "MultiUserBus.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
+#include "tilvane_schema.h"
 
 using tilvane::test::CanSwitchUsers;
 using tilvane::test::MultiUserBus;
@@ -36,8 +38,8 @@ using tilvane::test::WriteFile;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
-const char kProvider[] = "content://com.quillon.px.tiles";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
+constexpr const char* kProvider = tilvane::client::schema::kProviderId;
 constexpr int kRoot = 0;
 /* The applications' users must exist: the bus daemon looks up each
  * connection's groups and drops a connection whose user it cannot find. */

@@ -36,6 +36,7 @@
 
 #include "MultiUserBus.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
 
 using tilvane::test::CanSwitchUsers;
@@ -50,7 +51,7 @@ using tilvane::test::WriteFile;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr int kRoot = 0;
 const int kNewsUser = UserIdOf("daemon");
 const int kSportsUser = UserIdOf("nobody");

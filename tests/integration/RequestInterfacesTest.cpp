@@ -18,15 +18,17 @@
 #include <vector>
 
 #include "PermissionHelper.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
+#include "tilvane_schema.h"
 #include "TilesModel.h"
 
 using tilvane::test::TempDir;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
-const char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
+constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 
 /* A process started with the test's platform root and bus, its output in a file. */
 class Process

@@ -20,6 +20,7 @@
 #include "PermissionHelper.h"
 #include "RawBus.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
 
@@ -28,7 +29,7 @@ namespace {
 using tilvane::test::Process;
 using tilvane::test::TempDir;
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kCallerAppId[] = "org.example.news.ui";
 const char kContentNamePrefix[] = "org.tilvane.Content.P";
 const int kRun = 40;

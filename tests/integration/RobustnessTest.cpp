@@ -26,6 +26,7 @@
 
 #include "PermissionHelper.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
 
@@ -37,7 +38,7 @@ using tilvane::test::TempDir;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kReady[] = "local port preview-event-receiver registered";
 
 

@@ -26,7 +26,9 @@
 
 #include "PermissionHelper.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
+#include "tilvane_schema.h"
 #include "TilesModel.h"
 
 using tilvane::test::Process;
@@ -35,8 +37,8 @@ using tilvane::test::TempDir;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
-const char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
+constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kNews[] = "org.example.news.ui";
 const char kStranger[] = "org.example.nobody.ui";
 const char kLauncher[] = "ContentServiceManager";

@@ -36,7 +36,7 @@ using tilvane::test::Process;
 using tilvane::test::StuckReceiver;
 using tilvane::test::TempDir;
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kCallerAppId[] = "org.example.news.ui";
 
 int64_t MillisecondsSince(std::chrono::steady_clock::time_point start)

@@ -15,6 +15,7 @@
 #include <host_control.h>
 #include <message_port.h>
 #include <tilvane_client.h>
+#include <tilvane_schema.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,6 +27,7 @@
 
 #include "PermissionHelper.h"
 #include "TestProcess.h"
+#include "ServiceUnderTest.h"
 #include "TestSupport.h"
 #include "TilesModel.h"
 
@@ -40,8 +42,8 @@ using tilvane::test::TempDir;
 
 namespace {
 
-const char kServiceAppId[] = "com.quillon.px.tilvane";
-const char kProviderId[] = "content://com.quillon.px.tiles";
+constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
+constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kHostile[] = "org.example.news.ui";
 const char kQuotePackage[] = "org.example.q' OR '1'='1";
 const char kQuoteApp[] = "org.example.quote.ui";
