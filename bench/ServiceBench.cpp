@@ -1023,12 +1023,8 @@ ServiceFixture* FixtureOrSkip(benchmark::State& state)
     return fixture;
 }
 
-void BM_ServiceInsert(benchmark::State& state)
+void BM_ServiceInsert(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
     RunInterleaved(
@@ -1059,12 +1055,8 @@ bool BareUpdate(const Values& values, const std::string& tileId)
                     "(ixs)");
 }
 
-void BM_ServiceUpdate(benchmark::State& state)
+void BM_ServiceUpdate(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     const std::string tileId = std::string(kClientPackage) + ".tile.7";
     int served = 0;
@@ -1076,8 +1068,9 @@ void BM_ServiceUpdate(benchmark::State& state)
 }
 
 /* Tiles of the caller to delete, one per pair, numbered from `first`, stored
- * through the service before the timed loop; empty when they could not be. */
-std::vector<Values> StoredRowsToDelete(const ServiceFixture& fixture, int first, int count)
+ * through the service before the timed loop; empty, with the benchmark
+ * skipped, when they could not be. */
+std::vector<Values> StoredRowsToDelete(benchmark::State& state, const ServiceFixture& fixture, int first, int count)
 {
     std::vector<Values> rows;
     for (int i = 0; i < count; ++i) {
@@ -1085,22 +1078,18 @@ std::vector<Values> StoredRowsToDelete(const ServiceFixture& fixture, int first,
     }
     if (!ContentClient().BulkInsert(kTilesUri, rows).Ok()) {
         rows.clear();
+        state.SkipWithError("cannot insert the rows to delete");
     }
     return rows;
 }
 
-void BM_ServiceDelete(benchmark::State& state)
+void BM_ServiceDelete(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     const int pairs = Pairs(200, 20);
     // The rows to delete, one per pair, made before the timed loop.
-    const std::vector<Values> rows = StoredRowsToDelete(*fixture, 800000, pairs);
+    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 800000, pairs);
     if (rows.empty()) {
-        state.SkipWithError("cannot insert the rows to delete");
         return;
     }
     int next = 0;
@@ -1118,12 +1107,8 @@ void BM_ServiceDelete(benchmark::State& state)
         kBareCallName);
 }
 
-void BM_ServiceBulkInsert1000(benchmark::State& state)
+void BM_ServiceBulkInsert1000(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     std::vector<Values> rows;
     for (int i = 0; i < 1000; ++i) {
@@ -1228,12 +1213,8 @@ bool PublishWithSingleRequests(const ContentClient& client, const tilvane::clien
  * transaction, all or nothing) against the same rows through the single
  * request API, interleaved; what each side published is removed again,
  * untimed, before the other runs. */
-void BM_ServicePublish1000In10Sections(benchmark::State& state)
+void BM_ServicePublish1000In10Sections(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const tilvane::client::Content content = PublishedContent();
     const tilvane::client::Publisher publisher;
     ContentClient client;
@@ -1247,12 +1228,8 @@ void BM_ServicePublish1000In10Sections(benchmark::State& state)
         "single requests (section inserts, a bulk per section, end mark)", removeAgain);
 }
 
-void BM_ServiceSelect1000VsRaw(benchmark::State& state)
+void BM_ServiceSelect1000VsRaw(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
     // The statement the service runs for this caller: its tiles filter, all columns.
@@ -1291,12 +1268,8 @@ void BM_ServiceSelect1000VsRaw(benchmark::State& state)
         "raw SQLite select");
 }
 
-void BM_ServiceSelect1000VsBare(benchmark::State& state)
+void BM_ServiceSelect1000VsBare(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     RunInterleaved(
         state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(40, 5),
@@ -1310,12 +1283,8 @@ void BM_ServiceSelect1000VsBare(benchmark::State& state)
         kBareCallName);
 }
 
-void BM_ServiceRowIds(benchmark::State& state)
+void BM_ServiceRowIds(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     RunInterleaved(
         state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(100, 10),
@@ -1366,12 +1335,8 @@ long long StepAllColumns(sqlite3_stmt* statement)
     return rc == SQLITE_DONE ? rows : -1;
 }
 
-void BM_ServiceInsertVsFloor(benchmark::State& state)
+void BM_ServiceInsertVsFloor(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     const Values row = BenchTile(710000, fixture->ClientSection(), kClientPackage);
     FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
@@ -1389,12 +1354,8 @@ void BM_ServiceInsertVsFloor(benchmark::State& state)
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
 }
 
-void BM_ServiceUpdateVsFloor(benchmark::State& state)
+void BM_ServiceUpdateVsFloor(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     const std::string tileId = std::string(kClientPackage) + ".tile.7";
     const Values shape = UpdateValues(0);
@@ -1427,19 +1388,14 @@ void BM_ServiceUpdateVsFloor(benchmark::State& state)
         [&] { return RawRoundTrip(kUpdate, message) && raw(); }, kFloorName);
 }
 
-void BM_ServiceDeleteVsFloor(benchmark::State& state)
+void BM_ServiceDeleteVsFloor(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     const int pairs = Pairs(200, 20);
     // The rows to delete, one per pair, stored by the service before the copy
     // is made: both sides delete the same tiles.
-    const std::vector<Values> rows = StoredRowsToDelete(*fixture, 810000, pairs);
+    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 810000, pairs);
     if (rows.empty()) {
-        state.SkipWithError("cannot insert the rows to delete");
         return;
     }
     FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
@@ -1472,12 +1428,8 @@ void BM_ServiceDeleteVsFloor(benchmark::State& state)
         kFloorName);
 }
 
-void BM_ServiceRowIdsVsFloor(benchmark::State& state)
+void BM_ServiceRowIdsVsFloor(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
     sqlite3_stmt* ids = nullptr;
@@ -1505,12 +1457,8 @@ void KeepSmaps(const ServiceFixture& fixture, const std::string& name)
     }
 }
 
-void BM_ServiceBulkInsertVsFloor(benchmark::State& state)
+void BM_ServiceBulkInsertVsFloor(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     std::vector<Values> rows;
     for (int i = 0; i < 1000; ++i) {
@@ -1531,12 +1479,8 @@ void BM_ServiceBulkInsertVsFloor(benchmark::State& state)
     client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulkfloor.%"});
 }
 
-void BM_ServiceSelect1000VsFloor(benchmark::State& state)
+void BM_ServiceSelect1000VsFloor(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     ContentClient client;
     RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
     sqlite3_stmt* select = nullptr;
@@ -1566,12 +1510,8 @@ void BM_ServiceSelect1000VsFloor(benchmark::State& state)
 
 /* Each request of the data-control interface against the bare call on the
  * same transport, the caller building the same payload. */
-void BM_DataControlInsert(benchmark::State& state)
+void BM_DataControlInsert(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const DataControlClient client(kProviderId);
     const Values row = BenchTile(720000, fixture->ClientSection(), kClientPackage);
     RunInterleaved(
@@ -1585,12 +1525,8 @@ void BM_DataControlInsert(benchmark::State& state)
     client.Delete(kDataId, "tile_id = '" + row.front().second + "'");
 }
 
-void BM_DataControlUpdate(benchmark::State& state)
+void BM_DataControlUpdate(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const DataControlClient client(kProviderId);
     const std::string where = "tile_id = '" + std::string(kClientPackage) + ".tile.8'";
     int served = 0;
@@ -1605,17 +1541,12 @@ void BM_DataControlUpdate(benchmark::State& state)
         kBareCallName);
 }
 
-void BM_DataControlDelete(benchmark::State& state)
+void BM_DataControlDelete(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const DataControlClient client(kProviderId);
     const int pairs = Pairs(200, 20);
-    const std::vector<Values> rows = StoredRowsToDelete(*fixture, 830000, pairs);
+    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 830000, pairs);
     if (rows.empty()) {
-        state.SkipWithError("cannot insert the rows to delete");
         return;
     }
     int next = 0;
@@ -1634,12 +1565,8 @@ void BM_DataControlDelete(benchmark::State& state)
         kBareCallName);
 }
 
-void BM_DataControlSelect1000(benchmark::State& state)
+void BM_DataControlSelect1000(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const DataControlClient client(kProviderId);
     RunInterleaved(
         state, "e2e data control select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
@@ -1652,12 +1579,8 @@ void BM_DataControlSelect1000(benchmark::State& state)
 }
 
 /* One repetition: an orderly stop, a start (timed), idle, memory. */
-void BM_ServiceReadyAndMemory(benchmark::State& state)
+void BM_ServiceReadyAndMemory(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const bool big = fixture->Tiles() >= 100000;
     for (auto _ : state) {
         double readyMs = 0;
@@ -1681,12 +1604,8 @@ void BM_ServiceReadyAndMemory(benchmark::State& state)
 }
 
 /* One repetition: a kill, a start (timed): the full check runs in the background. */
-void BM_ServiceReadyAfterKill(benchmark::State& state)
+void BM_ServiceReadyAfterKill(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     for (auto _ : state) {
         double readyMs = 0;
         if (!fixture->Stop(false) || !fixture->Start(readyMs)) {
@@ -1723,12 +1642,8 @@ bool DropCachedDatabase(const std::string& database)
 /* One repetition: kill -9, the database dropped from the page cache, a start
  * (timed), in turn with the full check at start (as before the check moved to
  * the background) and with the check in the background (the default). */
-void BM_ServiceReadyAfterKillColdCache(benchmark::State& state)
+void BM_ServiceReadyAfterKillColdCache(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const std::string atStart = fixture->Root() + "/check-at-start.conf";
     const std::string background = fixture->Root() + "/check-background.conf";
     // The configuration of the other benchmarks, with the check's setting.
@@ -1767,12 +1682,8 @@ void BM_ServiceReadyAfterKillColdCache(benchmark::State& state)
 /* The idle service after the request benchmarks of its size: its private
  * memory right after them and a few seconds later (it gives free memory back
  * a second after its last request). */
-void BM_ServiceMemoryAfterRequests(benchmark::State& state)
+void BM_ServiceMemoryAfterRequests(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const std::string size = SizeName(fixture->Tiles());
     const double goal = fixture->Tiles() >= 100000 ? 3 : 0;
     for (auto _ : state) {
@@ -1794,12 +1705,8 @@ void BM_ServiceMemoryAfterRequests(benchmark::State& state)
  * (a row-id request; the bench's own name, so the service answers it as an
  * unknown application's) and then stays connected and idle; the service's
  * private memory a few seconds later. */
-void BM_ServiceMemoryWith100IdleClients(benchmark::State& state)
+void BM_ServiceMemoryWith100IdleClients(benchmark::State& state, ServiceFixture* fixture)
 {
-    ServiceFixture* fixture = FixtureOrSkip(state);
-    if (fixture == nullptr) {
-        return;
-    }
     const std::string size = SizeName(fixture->Tiles());
     const std::string name = tilvane::host::ContentBusName(tilvane::host::AuthorityOf(kTilesUri));
     for (auto _ : state) {
@@ -1850,7 +1757,9 @@ void RegisterServiceBenchmarks()
     struct Entry
     {
         const char* name;
-        void (*function)(benchmark::State&);
+        /* Run with the service of the benchmark's size; skipped when it
+         * cannot be started. */
+        void (*function)(benchmark::State&, ServiceFixture*);
     };
     const Entry entries[] = {
         {"BM_ServiceReadyAndMemory", BM_ServiceReadyAndMemory},
@@ -1879,7 +1788,13 @@ void RegisterServiceBenchmarks()
     };
     for (int size : sizes) {
         for (const Entry& entry : entries) {
-            benchmark::RegisterBenchmark(entry.name, entry.function)
+            const auto body = entry.function;
+            benchmark::RegisterBenchmark(entry.name,
+                                         [body](benchmark::State& state) {
+                                             if (ServiceFixture* fixture = FixtureOrSkip(state)) {
+                                                 body(state, fixture);
+                                             }
+                                         })
                 ->Arg(size)
                 ->Iterations(1)
                 ->UseRealTime()
