@@ -538,9 +538,6 @@ bool StartUpPreconditionsHold(const char* program)
 
 namespace {
 
-/* A program's start once its command line is read: its application id
- * chosen, the modes of the platform's files corrected and the preconditions
- * checked (ending the process when one fails). */
 /* The service's threads (the loop, GDBus's worker, the check in the
  * background) allocate from one malloc arena: each further arena keeps its
  * own partly used pages after the idle trim (0.2-0.3 MiB of the idle
@@ -551,6 +548,9 @@ void KeepOneMallocArena()
     mallopt(M_ARENA_MAX, 1);
 }
 
+/* A program's start once its command line is read: its application id
+ * chosen, the modes of the platform's files corrected and the preconditions
+ * checked (ending the process when one fails). */
 void PrepareProgramStart(int argc, char** argv)
 {
     using namespace tilvane::host;

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <vector>
 
 #include "registry/bus_policy.h"
 #include "identity/identity_mode.h"
@@ -156,8 +157,12 @@ public:
         const FileIdentity now = CurrentRegistryFile();
         if (kept.owner != getpid()) {
             /* A connection is never used across fork(): the child leaves the
-             * parent's alone (closing it could disturb the parent's locks). */
-            kept.connection.release();
+             * parent's alone, neither using nor closing it (closing could
+             * disturb the parent's locks). */
+            static auto* leftToTheParent = new std::vector<std::unique_ptr<Connection>>();
+            if (kept.connection) {
+                leftToTheParent->push_back(std::move(kept.connection));
+            }
             kept.owner = getpid();
         }
         if (kept.lent || now.path.empty()) {
