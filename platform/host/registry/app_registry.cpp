@@ -172,11 +172,17 @@ public:
         }
         if (!kept.connection || !kept.connection->IsOpen() || !(kept.file == now)) {
             kept.connection.reset(new Connection());
+            kept.connection->Exec(("PRAGMA cache_size = " + std::to_string(kKeptCachePages)).c_str());
             kept.file = now;
         }
         kept.lent = true;
         m_connection = kept.connection.get();
     }
+
+    /* The pages a kept connection may cache: SQLite sets aside room for 20
+     * pages (80 KiB) on a connection's first read unless its cache is
+     * smaller, and a lookup reads three or four pages of the small file. */
+    static constexpr int kKeptCachePages = 8;
 
     ~LookupConnection()
     {
