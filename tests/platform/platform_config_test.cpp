@@ -4,12 +4,16 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <set>
 
 #include "config/config_keys.h"
 #include "config/platform_config.h"
 #include "confinement_policy.h"
 #include "content/statement_budget.h"
 #include "log/log_budget.h"
+#include "log/log_capture.h"
 #include "requests/reply_budget.h"
 #include "TestSupport.h"
 
@@ -180,6 +184,114 @@ TEST_F(PlatformConfigTest, TheKeyTablesDefaultsAreTheDefaultsInForce)
     EXPECT_EQ(defaultOf("strict", "value-bytes"), std::to_string(confinement_policy_max_value_bytes()));
     EXPECT_EQ(defaultOf("strict", "where-bytes"), std::to_string(confinement_policy_max_where_bytes()));
     EXPECT_EQ(defaultOf("strict", "confinement"), confinement_policy_is_strict() ? "true" : "false");
+}
+
+/* Every key the platform reads is read through the table, so a module's
+ * default is the table's and what the file sets is taken. */
+TEST_F(PlatformConfigTest, SettingsReadTheTablesDefaultUnlessTheFileSetsAUsableValue)
+{
+    tilvane::host::SetConfigurationText("[request-socket]\nmax-connections = 10\nunsent-bytes = many\n"
+                                        "[bus]\nreconnect-ms = 0\n[strict]\nconfinement = true\n");
+    EXPECT_EQ(config::IntegerSetting("request-socket", "max-connections"), 10);
+    EXPECT_EQ(config::IntegerSetting("request-socket", "unsent-bytes"), 4194304);
+    EXPECT_EQ(config::IntegerSetting("request-socket", "idle-close-ms"), 60000);
+    EXPECT_EQ(config::IntegerSetting("bus", "reconnect-ms", 1), 10000);
+    EXPECT_EQ(config::IntegerSetting("bus", "reconnect-ms"), 0);
+    EXPECT_TRUE(config::BoolSetting("strict", "confinement"));
+    EXPECT_TRUE(config::BoolSetting("request-socket", "enabled"));
+    EXPECT_EQ(config::StringSetting("identity", "mode"), "verified");
+    EXPECT_EQ(config::StringSetting("service", "app-id"), config::Default("service", "app-id"));
+}
+
+TEST_F(PlatformConfigTest, ASettingThatIsNotInTheTableReadsAsNothingAndSaysSo)
+{
+    tilvane::host::SetConfigurationText("");
+    tilvane::host::StartLogCapture();
+    EXPECT_EQ(config::IntegerSetting("request-socket", "max-conections"), 0);
+    EXPECT_FALSE(config::BoolSetting("bus", "enabled"));
+    size_t lines = 0;
+    for (const auto& line : tilvane::host::CapturedLog()) {
+        lines += line.priority == DLOG_ERROR &&
+                 (line.message == "configuration key [request-socket] max-conections is read but not in the table of keys" ||
+                  line.message == "configuration key [bus] enabled is read but not in the table of keys");
+    }
+    tilvane::host::StopLogCapture();
+    EXPECT_EQ(lines, 2u);
+}
+
+std::set<std::string> TableKeys()
+{
+    std::set<std::string> known;
+    for (const config::KeyInfo& info : config::KnownKeys()) {
+        known.insert(std::string(info.group) + " " + info.key);
+    }
+    return known;
+}
+
+/* "group key" of every row of docs/configuration.md's table of keys. */
+std::set<std::string> KeysOfTheGuide()
+{
+    std::ifstream doc(TILVANE_CONFIGURATION_DOC);
+    EXPECT_TRUE(doc.good());
+    const std::regex row(R"(^\| `([a-z-]+)` \| ([^|]+) \|)");
+    const std::regex name(R"(`([a-z*-]+)`)");
+    std::set<std::string> documented;
+    for (std::string line; std::getline(doc, line);) {
+        std::smatch match;
+        if (!std::regex_search(line, match, row)) {
+            continue;
+        }
+        const std::string group = match[1];
+        const std::string keys = match[2];
+        if (group == "identity-users") {
+            documented.insert(group + " *");
+            continue;
+        }
+        for (auto it = std::sregex_iterator(keys.begin(), keys.end(), name); it != std::sregex_iterator(); ++it) {
+            documented.insert(group + " " + (*it)[1].str());
+        }
+    }
+    return documented;
+}
+
+/* "group key" of every ".TP" entry under a ".SS [group]" of tilvane.conf(5):
+ * the ".B" or ".BR" line after it names one key or several. */
+std::set<std::string> KeysOfTheManualPage()
+{
+    std::ifstream page(TILVANE_CONFIGURATION_MAN);
+    EXPECT_TRUE(page.good());
+    const std::regex section(R"(^\.SS \[(.+)\])");
+    const std::regex name(R"(([a-z][a-z\\-]*))");
+    std::set<std::string> documented;
+    std::string group;
+    bool entry = false;
+    for (std::string line; std::getline(page, line);) {
+        line = std::regex_replace(line, std::regex(R"(\\-)"), "-");
+        std::smatch match;
+        if (std::regex_search(line, match, section)) {
+            group = match[1];
+        } else if (line.rfind(".SH", 0) == 0) {
+            group.clear();
+        } else if (entry && !group.empty() && line.rfind(".I ", 0) == 0) {
+            documented.insert(group + " *");
+        } else if (entry && !group.empty() && (line.rfind(".B ", 0) == 0 || line.rfind(".BR ", 0) == 0)) {
+            const std::string keys = line.substr(line.find(' ') + 1);
+            for (auto it = std::sregex_iterator(keys.begin(), keys.end(), name); it != std::sregex_iterator(); ++it) {
+                documented.insert(group + " " + (*it)[1].str());
+            }
+        }
+        entry = line == ".TP";
+    }
+    return documented;
+}
+
+/* The keys the guide and the manual page describe are the keys of the table:
+ * a key the platform reads but the table lacks would be reported at start as
+ * unknown and ignored, and an undocumented one is unknown to the integrator. */
+TEST_F(PlatformConfigTest, TheDocumentedKeysAreTheKeysOfTheTable)
+{
+    EXPECT_EQ(KeysOfTheGuide(), TableKeys());
+    EXPECT_EQ(KeysOfTheManualPage(), TableKeys());
 }
 
 }  // namespace

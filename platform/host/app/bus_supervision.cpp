@@ -9,7 +9,7 @@
 #include "base/host_state.h"
 #include "bus/bus_connection.h"
 #include "bus/signal_bus.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "dlog.h"
 
 namespace tilvane {
@@ -19,7 +19,6 @@ namespace {
 #define SUPERVISION_LOGI(...) __dlog_print(LOG_ID_MAIN, DLOG_INFO, kPlatformLogTag, __VA_ARGS__)
 #define SUPERVISION_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
 
-constexpr int64_t kDefaultReconnectMs = 10000;
 constexpr unsigned kFirstPauseMs = 100;
 constexpr unsigned kLongestPauseMs = 1000;
 
@@ -39,8 +38,7 @@ Supervision& TheSupervision()
 
 int64_t ReconnectBudgetMs()
 {
-    const int64_t ms = config::Integer("bus", "reconnect-ms", kDefaultReconnectMs);
-    return ms > 0 ? ms : kDefaultReconnectMs;
+    return config::IntegerSetting("bus", "reconnect-ms", 1);
 }
 
 /* Every name and port owned again, and the notifications subscribed again. */

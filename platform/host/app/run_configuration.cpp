@@ -54,7 +54,7 @@ void ApplyRunTimeSettings()
     ApplyLogSettings();
     ApplyLogBudgets();
     content::ReapplyStatementBudgets();
-    const bool statistics = config::Bool("stats", "enabled", true);
+    const bool statistics = config::BoolSetting("stats", "enabled");
     stats::SetEnabled(statistics);
     content::SetStatementTimesCounted(statistics);
 }

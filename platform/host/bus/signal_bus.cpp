@@ -10,7 +10,7 @@
 
 #include "bus/credentials.h"
 #include "base/glib_ptr.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "base/host_state.h"
 #include "base/reset_hooks.h"
 #include "dlog.h"
@@ -127,7 +127,7 @@ void LingerForReceivers()
     if (identity::CurrentMode() != identity::Mode::Verified) {
         return;
     }
-    const int64_t lingerMs = config::Integer("identity", "signal-linger-ms", 200);
+    const int64_t lingerMs = config::IntegerSetting("identity", "signal-linger-ms");
     if (lingerMs > 0) {
         g_usleep(static_cast<gulong>(std::min<int64_t>(lingerMs, 10000)) * 1000);
     }

@@ -8,6 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dlog.h"
+#include "base/host_state.h"
+
+#define CONFIG_KEYS_LOGE(...) __dlog_print(LOG_ID_MAIN, DLOG_ERROR, kPlatformLogTag, __VA_ARGS__)
+
 namespace tilvane {
 namespace host {
 namespace config {
@@ -56,6 +61,13 @@ const std::vector<KeyInfo>& KnownKeys()
         {"log", "service-bytes", K::Integer, "4194304", true},
         {"log", "budget-interval-ms", K::Integer, "10000", true},
         {"stats", "enabled", K::Boolean, "true", true},
+        {"request-socket", "enabled", K::Boolean, "true", false},
+        {"request-socket", "max-connections", K::Integer, "256", true},
+        {"request-socket", "max-connections-per-user", K::Integer, "32", true},
+        {"request-socket", "idle-close-ms", K::Integer, "60000", true},
+        {"request-socket", "large-request-bytes", K::Integer, "262144", true},
+        {"request-socket", "large-idle-close-ms", K::Integer, "1000", true},
+        {"request-socket", "unsent-bytes", K::Integer, "4194304", true},
     };
     return keys;
 }
@@ -125,6 +137,39 @@ std::string DefaultText(const KeyInfo& info)
 bool IsDefaultValue(const KeyInfo& info, const std::string& value)
 {
     return NormalisedValue(info.kind, value) == NormalisedValue(info.kind, DefaultText(info));
+}
+
+namespace {
+
+/* The table's default of `group` and `key` as text; "" with one error line
+ * when the table does not know the key (a key read that was not added to it). */
+std::string DefaultOfKnownKey(const char* group, const char* key)
+{
+    const KeyInfo* info = FindKey(group, key);
+    if (info == nullptr) {
+        CONFIG_KEYS_LOGE("configuration key [%s] %s is read but not in the table of keys", group, key);
+        return std::string();
+    }
+    return DefaultText(*info);
+}
+
+}  // namespace
+
+int64_t IntegerSetting(const char* group, const char* key, int64_t least)
+{
+    const int64_t fallback = std::strtoll(DefaultOfKnownKey(group, key).c_str(), nullptr, 10);
+    const int64_t value = Integer(group, key, fallback);
+    return value >= least ? value : fallback;
+}
+
+bool BoolSetting(const char* group, const char* key)
+{
+    return Bool(group, key, NormalisedValue(KeyKind::Boolean, DefaultOfKnownKey(group, key)) == "true");
+}
+
+std::string StringSetting(const char* group, const char* key)
+{
+    return String(group, key, DefaultOfKnownKey(group, key));
 }
 
 namespace {

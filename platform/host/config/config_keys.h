@@ -10,6 +10,7 @@
 #ifndef TILVANE_PLATFORM_CONFIG_KEYS_H
 #define TILVANE_PLATFORM_CONFIG_KEYS_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,16 @@ std::string NormalisedValue(KeyKind kind, const std::string& value);
 
 /* The key's default as text. */
 std::string DefaultText(const KeyInfo& info);
+
+/* The value of a key of the table read as its kind, or the table's default
+ * when the file does not set it or sets a value that does not read as the
+ * kind. An integer below `least` reads as the default too (a budget of 0 or
+ * less where that means nothing). Every key the platform reads is read so,
+ * so that the table's default is the one in force; a key that is not in the
+ * table reads as 0, false or "" and writes one error line. */
+int64_t IntegerSetting(const char* group, const char* key, int64_t least = INT64_MIN);
+bool BoolSetting(const char* group, const char* key);
+std::string StringSetting(const char* group, const char* key);
 
 /* True when `value` means the same as the key's default. */
 bool IsDefaultValue(const KeyInfo& info, const std::string& value);

@@ -12,7 +12,7 @@
 
 #include "dlog.h"
 #include "base/host_state.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "confinement/request_confinement.h"
 #include "identity/identity_mode.h"
 
@@ -21,15 +21,11 @@ namespace host {
 namespace {
 
 constexpr char kGroup[] = "strict";
-constexpr int64_t kDefaultSectionsPerPackage = 64;
-constexpr int64_t kDefaultTilesPerPackage = 1024;
-constexpr int64_t kDefaultValueBytes = 16 * 1024;
-constexpr int64_t kDefaultWhereBytes = 8 * 1024;
 constexpr int64_t kLargestLimit = 1 << 30;
 
-int Limit(const char* key, int64_t fallback)
+int Limit(const char* key)
 {
-    const int64_t value = config::Integer(kGroup, key, fallback);
+    const int64_t value = config::IntegerSetting(kGroup, key);
     return static_cast<int>(std::min<int64_t>(std::max<int64_t>(value, 1), kLargestLimit));
 }
 
@@ -85,7 +81,7 @@ namespace {
 
 bool ReadStrict()
 {
-    return config::Bool(kGroup, "confinement", false);
+    return config::BoolSetting(kGroup, "confinement");
 }
 
 }  // namespace
@@ -98,22 +94,22 @@ extern "C" bool confinement_policy_is_strict(void)
 
 extern "C" int confinement_policy_max_sections_per_package(void)
 {
-    return Limit("sections-per-package", kDefaultSectionsPerPackage);
+    return Limit("sections-per-package");
 }
 
 extern "C" int confinement_policy_max_tiles_per_package(void)
 {
-    return Limit("tiles-per-package", kDefaultTilesPerPackage);
+    return Limit("tiles-per-package");
 }
 
 extern "C" int confinement_policy_max_value_bytes(void)
 {
-    return Limit("value-bytes", kDefaultValueBytes);
+    return Limit("value-bytes");
 }
 
 extern "C" int confinement_policy_max_where_bytes(void)
 {
-    return Limit("where-bytes", kDefaultWhereBytes);
+    return Limit("where-bytes");
 }
 
 extern "C" bool confinement_policy_is_trusted_sender(const char* app_id)

@@ -12,7 +12,7 @@
 #include "content/content_log.h"
 #include "content/database.h"
 #include "content/statement_cache.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 
 using tilvane::content::CheckCondemns;
 using tilvane::content::QuickCheck;
@@ -237,7 +237,7 @@ void IndexLookupColumns(CContentDbConnection* connection)
 bool DeferFullCheck(sqlite3* db, const std::string& path)
 {
     if (!tilvane::content::OpenedAfterUncleanStop(path) ||
-        tilvane::host::config::String("content", "check-after-crash", "background") != "background") {
+        tilvane::host::config::StringSetting("content", "check-after-crash") != "background") {
         return false;
     }
     return tilvane::content::HeaderMatchesFile(path) && tilvane::content::TableRootsReadable(db, path);

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <utility>
 
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "content/bounded_functions.h"
 #include "content/content_log.h"
 #include "content/database.h"
@@ -19,11 +19,6 @@ namespace tilvane {
 namespace content {
 namespace {
 
-/* Defaults; docs/configuration.md says why each is what it is. */
-constexpr int64_t kDefaultStatementMs = 2000;
-constexpr int64_t kDefaultValueBytes = 2 * 1024 * 1024;
-constexpr int64_t kDefaultLikePatternBytes = 64;
-constexpr int64_t kDefaultHeapBytes = 64 * 1024 * 1024;
 /* SQLite's own ceiling for a length limit. */
 constexpr int64_t kMaxLengthLimit = 1000000000;
 /* The progress handler runs every this many virtual-machine steps: a few
@@ -46,11 +41,6 @@ int64_t MonotonicUs()
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
-
-int64_t PositiveOr(int64_t value, int64_t fallback)
-{
-    return value > 0 ? value : fallback;
 }
 
 int ProgressCB(void* /*userData*/)
@@ -142,13 +132,10 @@ std::string BudgetOf(const std::string& reason, const StatementBudgets& budgets)
 StatementBudgets ReadStatementBudgets()
 {
     StatementBudgets budgets;
-    const int64_t statementMs = host::config::Integer("budget", "statement-ms", kDefaultStatementMs);
-    budgets.statementMs = statementMs >= 0 ? statementMs : kDefaultStatementMs;
-    budgets.valueBytes = PositiveOr(host::config::Integer("budget", "value-bytes", kDefaultValueBytes), kDefaultValueBytes);
-    budgets.likePatternBytes =
-        PositiveOr(host::config::Integer("budget", "like-pattern-bytes", kDefaultLikePatternBytes), kDefaultLikePatternBytes);
-    const int64_t heapBytes = host::config::Integer("budget", "heap-bytes", kDefaultHeapBytes);
-    budgets.heapBytes = heapBytes >= 0 ? heapBytes : kDefaultHeapBytes;
+    budgets.statementMs = host::config::IntegerSetting("budget", "statement-ms", 0);
+    budgets.valueBytes = host::config::IntegerSetting("budget", "value-bytes", 1);
+    budgets.likePatternBytes = host::config::IntegerSetting("budget", "like-pattern-bytes", 1);
+    budgets.heapBytes = host::config::IntegerSetting("budget", "heap-bytes", 0);
     return budgets;
 }
 

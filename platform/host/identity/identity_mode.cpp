@@ -15,7 +15,7 @@
 
 #include "base/host_state.h"
 #include "base/reset_hooks.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "dlog.h"
 #include "host_control/identity.h"
 
@@ -99,7 +99,7 @@ bool ParseUser(const std::string& text, uid_t& uid)
 
 Mode CurrentMode()
 {
-    const std::string mode = config::String(kGroup, "mode", "verified");
+    const std::string mode = config::StringSetting(kGroup, "mode");
     return mode == "development" ? Mode::Development : Mode::Verified;
 }
 
@@ -108,7 +108,7 @@ void LogModeOnce()
     if (g_modeLogged.exchange(true)) {
         return;
     }
-    const std::string mode = config::String(kGroup, "mode", "verified");
+    const std::string mode = config::StringSetting(kGroup, "mode");
     if (mode != "verified" && mode != "development") {
         IDENTITY_LOGE("unknown identity mode \"%s\"; identities are verified", mode.c_str());
     }

@@ -26,7 +26,7 @@
 #include "host_control/base.h"
 #include "base/host_state.h"
 #include "message_port.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "bus/credentials.h"
 
 namespace tilvane {
@@ -47,14 +47,9 @@ constexpr char kObjectPath[] = "/org/tilvane/MessagePort";
 /* Calls to the bus daemon only: it answers at once unless it has stopped. */
 constexpr int kDaemonCallTimeoutMs = 10000;
 
-constexpr int64_t kDefaultMaxUnanswered = 1024;
-/* A receiver over the bound that answered nothing for this long is taken
- * for one that does not read. */
-constexpr int64_t kDefaultQuietMs = 1000;
 /* Beyond this many unanswered deliveries a receiver is not waited for at
  * all, answering or not. */
 constexpr int kHardBoundFactor = 16;
-constexpr int64_t kDefaultDeliveryTimeoutMs = 10000;
 /* How long a process that ends waits for the answers of its last deliveries. */
 constexpr int kExitWaitMs = 2000;
 
@@ -151,20 +146,19 @@ DeliveryState& TheDeliveryState()
 
 int MaxUnanswered()
 {
-    const int64_t value = config::Integer("message-port", "max-unanswered", kDefaultMaxUnanswered);
-    return value > 0 ? static_cast<int>(value) : static_cast<int>(kDefaultMaxUnanswered);
+    return static_cast<int>(config::IntegerSetting("message-port", "max-unanswered", 1));
 }
 
+/* A receiver over the bound that answered nothing for this long is taken
+ * for one that does not read. */
 int64_t QuietUs()
 {
-    const int64_t value = config::Integer("message-port", "unanswered-quiet-ms", kDefaultQuietMs);
-    return (value >= 0 ? value : kDefaultQuietMs) * 1000;
+    return config::IntegerSetting("message-port", "unanswered-quiet-ms", 0) * 1000;
 }
 
 int64_t DeliveryTimeoutUs()
 {
-    const int64_t value = config::Integer("message-port", "delivery-timeout-ms", kDefaultDeliveryTimeoutMs);
-    return (value > 0 ? value : kDefaultDeliveryTimeoutMs) * 1000;
+    return config::IntegerSetting("message-port", "delivery-timeout-ms", 1) * 1000;
 }
 
 /* With the state's mutex held: one delivery to `appId` is no longer waited for. */

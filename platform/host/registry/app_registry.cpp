@@ -29,7 +29,7 @@
 #include "host_control/identity.h"
 #include "base/host_state.h"
 #include "base/reset_hooks.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "config/shared_database_file.h"
 #include "dlog.h"
 #include "qeb_app_list.h"
@@ -44,8 +44,6 @@ namespace registry {
 namespace {
 
 const char kRegistryFile[] = ".tilvane-app-registry.db";
-constexpr int64_t kDefaultFirstAppUser = 5000;
-constexpr int64_t kDefaultLastAppUser = 59999;
 
 const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS packages ("
@@ -521,8 +519,8 @@ bool ChooseUser(Connection& connection, const std::string& packageId, int64_t& u
         userId = previous.Int(0, -1);
         return true;
     }
-    const int64_t first = config::Integer("identity", "first-app-user", kDefaultFirstAppUser);
-    const int64_t last = config::Integer("identity", "last-app-user", kDefaultLastAppUser);
+    const int64_t first = config::IntegerSetting("identity", "first-app-user");
+    const int64_t last = config::IntegerSetting("identity", "last-app-user");
     userId = FreeUserInRange(connection, packageId, first, last);
     if (userId < 0) {
         SetError(error, NoFreeUserText(first, last));

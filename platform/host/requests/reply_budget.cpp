@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "requests/request_glue.h"
 #include "base/request_report.h"
 #include "stats/request_stats.h"
@@ -12,8 +12,6 @@ namespace host {
 namespace requests {
 namespace {
 
-/* dbus-daemon's own default, which the shipped bus configurations state. */
-constexpr int64_t kDefaultMaxMessageBytes = 32 * 1024 * 1024;
 /* A reply's header (serial, destination, sender, signature, error name) and
  * the array's length take a few hundred bytes; this leaves room to spare. */
 constexpr size_t kHeaderRoom = 4096;
@@ -22,8 +20,8 @@ constexpr size_t kHeaderRoom = 4096;
 
 size_t MaxMessageBytes()
 {
-    const int64_t bytes = config::Integer("bus", "max-message-bytes", kDefaultMaxMessageBytes);
-    return static_cast<size_t>(bytes > static_cast<int64_t>(2 * kHeaderRoom) ? bytes : kDefaultMaxMessageBytes);
+    /* The default is dbus-daemon's own, which the shipped bus configurations state. */
+    return static_cast<size_t>(config::IntegerSetting("bus", "max-message-bytes", 2 * kHeaderRoom + 1));
 }
 
 size_t MaxReplyPayloadBytes()

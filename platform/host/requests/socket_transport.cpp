@@ -47,7 +47,7 @@
 
 #include "base/glib_ptr.h"
 #include "bus/credentials.h"
-#include "config/platform_config.h"
+#include "config/config_keys.h"
 #include "config/paths.h"
 #include "requests/idle_trim.h"
 #include "requests/request_glue.h"
@@ -59,12 +59,6 @@ namespace requests {
 namespace {
 
 constexpr char kGroup[] = "request-socket";
-constexpr int64_t kDefaultMaxConnections = 256;
-constexpr int64_t kDefaultMaxConnectionsPerUser = 32;
-constexpr int64_t kDefaultIdleCloseMs = 60000;
-constexpr int64_t kDefaultLargeRequestBytes = 256 * 1024;
-constexpr int64_t kDefaultLargeIdleCloseMs = 1000;
-constexpr int64_t kDefaultUnsentBytes = 4 * 1024 * 1024;
 /* Replies are counted as unsent until a flush after them completes; a flush
  * is asked for once this many bytes were sent since the last one. */
 constexpr size_t kFlushAfterBytes = 64 * 1024;
@@ -157,7 +151,7 @@ GDBusServer* StartServer(const std::string& path, std::string& error)
 
 void ListenForDirectRequests(const std::string& busName)
 {
-    if (busName.empty() || !config::Bool(kGroup, "enabled", true)) {
+    if (busName.empty() || !config::BoolSetting(kGroup, "enabled")) {
         return;
     }
     ListenState& s = TheListenState();
@@ -254,11 +248,11 @@ void ClosePeer(Peer& peer, const char* why)
 /* How long `peer` may stay idle before it is closed, in ms; 0: for ever. */
 int64_t IdleCloseMs(const Peer& peer)
 {
-    const int64_t idleMs = config::Integer(kGroup, "idle-close-ms", kDefaultIdleCloseMs);
+    const int64_t idleMs = config::IntegerSetting(kGroup, "idle-close-ms");
     if (!peer.carriedLarge) {
         return idleMs;
     }
-    const int64_t largeMs = config::Integer(kGroup, "large-idle-close-ms", kDefaultLargeIdleCloseMs);
+    const int64_t largeMs = config::IntegerSetting(kGroup, "large-idle-close-ms");
     if (largeMs <= 0) {
         return idleMs;
     }
@@ -311,7 +305,7 @@ void ArmIdleTimer()
  * is closed sooner when idle, and the idle timer is set again for it. */
 void NoteRequestSize(Peer& peer, size_t bytes)
 {
-    const int64_t large = config::Integer(kGroup, "large-request-bytes", kDefaultLargeRequestBytes);
+    const int64_t large = config::IntegerSetting(kGroup, "large-request-bytes");
     if (peer.carriedLarge || large <= 0 || static_cast<int64_t>(bytes) < large) {
         return;
     }
@@ -342,7 +336,7 @@ void FlushedCB(GObject* source, GAsyncResult* result, gpointer /*data*/)
 /* A reply of `bytes` was queued for the peer. */
 void CountUnsent(Peer& peer, size_t bytes)
 {
-    const int64_t limit = config::Integer(kGroup, "unsent-bytes", kDefaultUnsentBytes);
+    const int64_t limit = config::IntegerSetting(kGroup, "unsent-bytes");
     if (limit > 0 && peer.unsent > static_cast<size_t>(limit)) {
         ClosePeer(peer, ("more than " + std::to_string(limit) + " bytes of replies unread").c_str());
         return;
@@ -413,11 +407,11 @@ const char* OverConnectionBudget(uid_t uid)
         ++total;
         ofUser += entry.second->uid == uid ? 1 : 0;
     }
-    if (static_cast<int64_t>(total) >= config::Integer(kGroup, "max-connections", kDefaultMaxConnections)) {
+    if (static_cast<int64_t>(total) >= config::IntegerSetting(kGroup, "max-connections")) {
         return "max-connections";
     }
     if (static_cast<int64_t>(ofUser) >=
-        config::Integer(kGroup, "max-connections-per-user", kDefaultMaxConnectionsPerUser)) {
+        config::IntegerSetting(kGroup, "max-connections-per-user")) {
         return "max-connections-per-user";
     }
     return nullptr;
