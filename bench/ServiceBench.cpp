@@ -64,10 +64,7 @@ extern char** environ;
 
 namespace {
 
-using tilvane::client::ContentClient;
-using tilvane::client::DataControlClient;
-using tilvane::client::Result;
-using tilvane::client::Values;
+using namespace tilvane::client;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kServiceAppId[] = "com.quillon.px.tilvane";

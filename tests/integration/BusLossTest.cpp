@@ -31,11 +31,8 @@
 
 namespace {
 
-using tilvane::client::ContentClient;
-using tilvane::client::DataControlClient;
-using tilvane::test::PrivateBus;
-using tilvane::test::Process;
-using tilvane::test::TempDir;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProviderId = tilvane::client::schema::kProviderId;

@@ -28,16 +28,12 @@
 #include "ServiceUnderTest.h"
 #include "TestSupport.h"
 
-using tilvane::test::ChildProcess;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::RawDatabase;
+using namespace tilvane::test;
 
 namespace {
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 
-using tilvane::test::Process;
-using tilvane::test::ReadAll;
 
 
 class ChangeManagerTest : public tilvane::test::ProcessesUnderRootTest

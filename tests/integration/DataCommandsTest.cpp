@@ -16,11 +16,7 @@
 #include "TestSupport.h"
 #include "bundle.h"
 
-using tilvane::test::ChildProcess;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

@@ -26,17 +26,13 @@
 #include "ServiceUnderTest.h"
 #include "TestSupport.h"
 
-using tilvane::test::CountLines;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
+using namespace tilvane::test;
 
 namespace {
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kTestEventLine[] = "accelerator_app_pkg_name=livetv_antenna tile_section_raw_id= sync=end";
 
-using tilvane::test::Process;
-using tilvane::test::ReadAll;
 
 
 class EventsTest : public tilvane::test::ProcessesUnderRootTest

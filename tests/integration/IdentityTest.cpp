@@ -29,12 +29,7 @@
 #include "TestSupport.h"
 #include "tilvane_schema.h"
 
-using tilvane::test::CanSwitchUsers;
-using tilvane::test::MultiUserBus;
-using tilvane::test::Process;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
-using tilvane::test::WriteFile;
+using namespace tilvane::test;
 
 namespace {
 

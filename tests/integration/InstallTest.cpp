@@ -29,9 +29,7 @@
 #include "TestProcess.h"
 #include "TestSupport.h"
 
-using tilvane::test::Process;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

@@ -39,15 +39,7 @@
 #include "ServiceUnderTest.h"
 #include "TestSupport.h"
 
-using tilvane::test::CanSwitchUsers;
-using tilvane::test::MultiUserBus;
-using tilvane::test::Process;
-using tilvane::test::RawDatabase;
-using tilvane::test::RunAs;
-using tilvane::test::RunResult;
-using tilvane::test::TempDir;
-using tilvane::test::UserIdOf;
-using tilvane::test::WriteFile;
+using namespace tilvane::test;
 
 namespace {
 

@@ -48,9 +48,7 @@
 
 namespace {
 
-using tilvane::test::Process;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 using tilvanectl::JsonValue;
 using Clock = std::chrono::steady_clock;
 

@@ -35,9 +35,7 @@
 
 namespace {
 
-using tilvane::test::Process;
-using tilvane::test::StuckReceiver;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 /* The log budgets of the flooding tests: bytes an application may log in an interval. */

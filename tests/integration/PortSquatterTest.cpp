@@ -39,9 +39,7 @@
 
 namespace {
 
-using tilvane::test::ChildProcess;
-using tilvane::test::Process;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char* const kPorts[] = {"accelerator_port", "launcher_event_port", "preview-event-receiver"};

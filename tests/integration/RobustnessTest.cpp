@@ -30,11 +30,7 @@
 #include "TestSupport.h"
 #include "TilesModel.h"
 
-using tilvane::test::Lines;
-using tilvane::test::Process;
-using tilvane::test::RawDatabase;
-using tilvane::test::ReadAll;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

@@ -19,9 +19,7 @@
 
 #include "TestSupport.h"
 
-using tilvane::test::FileExists;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

@@ -31,9 +31,7 @@
 #include "tilvane_schema.h"
 #include "TilesModel.h"
 
-using tilvane::test::Process;
-using tilvane::test::ReadAll;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

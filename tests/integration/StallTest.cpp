@@ -31,10 +31,8 @@
 
 namespace {
 
-using tilvane::client::ContentClient;
-using tilvane::test::Process;
-using tilvane::test::StuckReceiver;
-using tilvane::test::TempDir;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kCallerAppId[] = "org.example.news.ui";

@@ -31,14 +31,8 @@
 #include "TestSupport.h"
 #include "TilesModel.h"
 
-using tilvane::client::ContentClient;
-using tilvane::client::DataControlClient;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::client::Values;
-using tilvane::test::Process;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

@@ -22,9 +22,7 @@
 
 using tilvane::host::RegisteredApplication;
 using tilvane::host::RegisteredPackage;
-using tilvane::test::FileExists;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::RawDatabase;
+using namespace tilvane::test;
 
 namespace {
 

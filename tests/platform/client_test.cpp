@@ -14,11 +14,8 @@
 
 #include "TestSupport.h"
 
-using tilvane::client::Describe;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

@@ -22,10 +22,7 @@
 #include "TestSupport.h"
 #include "content/statement_authorizer.h"
 
-using tilvane::test::CountExactLines;
-using tilvane::test::CountLines;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

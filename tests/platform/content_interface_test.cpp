@@ -25,15 +25,8 @@
 #include "content_provider_dispatch.h"
 #include "requests/row_codec.h"
 
-using tilvane::client::Cell;
-using tilvane::client::ContentClient;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::client::Values;
-using tilvane::test::ChildProcess;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

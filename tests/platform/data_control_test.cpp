@@ -24,14 +24,8 @@
 #include "RawBus.h"
 #include "TestSupport.h"
 
-using tilvane::client::Cell;
-using tilvane::client::DataControlClient;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::test::ChildProcess;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

@@ -7,10 +7,7 @@
 
 #include "TestSupport.h"
 
-using tilvane::test::ChildProcess;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::test;
 
 namespace {
 

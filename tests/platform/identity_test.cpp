@@ -15,11 +15,7 @@
 #include "TestProcess.h"
 #include "TestSupport.h"
 
-using tilvane::host::InstallPackage;
-using tilvane::host::IsValidPlatformId;
-using tilvane::host::ListPackages;
-using tilvane::host::RegisteredApplication;
-using tilvane::host::RegisteredPackage;
+using namespace tilvane::host;
 using tilvane::test::PlatformSandbox;
 
 namespace {

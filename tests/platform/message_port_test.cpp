@@ -24,11 +24,7 @@
 #include "RawBus.h"
 #include "TestSupport.h"
 
-using tilvane::test::ChildProcess;
-using tilvane::test::CountLines;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::test;
 
 namespace {
 

@@ -16,9 +16,7 @@
 
 namespace {
 
-using tilvane::test::CountLines;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::StuckReceiver;
+using namespace tilvane::test;
 
 int64_t MillisecondsSince(std::chrono::steady_clock::time_point start)
 {

@@ -28,13 +28,8 @@
 #include "log/system_reasons.h"
 #include "requests/request_names.h"
 
-using tilvane::client::ContentClient;
-using tilvane::client::DataControlClient;
-using tilvane::client::Explain;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

@@ -19,12 +19,8 @@
 #include "bundle.h"
 #include "content_provider_dispatch.h"
 
-using tilvane::client::ContentClient;
-using tilvane::client::Explain;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

@@ -8,10 +8,7 @@
 
 #include "TestSupport.h"
 
-using tilvane::test::ChildProcess;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::test;
 
 namespace {
 

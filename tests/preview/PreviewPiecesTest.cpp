@@ -31,13 +31,7 @@
 #include "PreviewServer.h"
 #include "TestSupport.h"
 
-using tilvane::preview::CheckPeriod;
-using tilvane::preview::ImageLookup;
-using tilvane::preview::JsonQuote;
-using tilvane::preview::JsonWriter;
-using tilvane::preview::ImageReader;
-using tilvane::preview::ReadImage;
-using tilvane::preview::SniffImageType;
+using namespace tilvane::preview;
 using tilvane::test::TempDir;
 using tilvane::test::WriteFile;
 

@@ -39,9 +39,7 @@
 
 namespace {
 
-using tilvane::client::ContentClient;
-using tilvane::client::Result;
-using tilvane::client::Values;
+using namespace tilvane::client;
 
 const char kAccelerators[] = "content://com.quillon.px.tiles/accelerators";
 const char kSections[] = "content://com.quillon.px.tiles/sections";

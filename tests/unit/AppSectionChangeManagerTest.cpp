@@ -17,10 +17,7 @@
 #include "TilesModel.h"
 
 using tilvane::host::SentMessage;
-using tilvane::test::CountLines;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
-using tilvane::test::RawDatabase;
+using namespace tilvane::test;
 
 namespace {
 

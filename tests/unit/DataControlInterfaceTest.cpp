@@ -18,11 +18,8 @@
 #include "TilesProvider.h"
 #include "TilesProviderTestAccess.h"
 
-using tilvane::client::DataControlClient;
-using tilvane::client::Outcome;
-using tilvane::client::Result;
-using tilvane::test::CountLines;
-using tilvane::test::RawDatabase;
+using namespace tilvane::client;
+using namespace tilvane::test;
 
 namespace {
 

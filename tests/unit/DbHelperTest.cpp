@@ -8,12 +8,7 @@
 #include "TestSupport.h"
 #include "TilesModel.h"
 
-using tilvane::test::ColumnInfo;
-using tilvane::test::CountLines;
-using tilvane::test::LinesContaining;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

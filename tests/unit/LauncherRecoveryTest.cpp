@@ -14,12 +14,7 @@
 #include "TilesProvider.h"
 #include "TilesProviderTestAccess.h"
 
-using tilvane::test::CountLines;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
-using tilvane::test::RandomBytes;
-using tilvane::test::RawDatabase;
-using tilvane::test::WriteFile;
+using namespace tilvane::test;
 
 namespace {
 

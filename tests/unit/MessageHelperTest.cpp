@@ -20,12 +20,7 @@
 #include "TestSupport.h"
 #include "TilesModel.h"
 
-using tilvane::test::ChildProcess;
-using tilvane::test::CountLines;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::LinesContaining;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
+using namespace tilvane::test;
 
 namespace {
 

@@ -21,11 +21,7 @@
 
 using tilvane::host::RegisteredApplication;
 using tilvane::host::RegisteredPackage;
-using tilvane::test::CountLines;
-using tilvane::test::LinesContaining;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::RawDatabase;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 

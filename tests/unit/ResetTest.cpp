@@ -16,13 +16,7 @@
 #include "TilesProvider.h"
 #include "TilesProviderTestAccess.h"
 
-using tilvane::test::CountLines;
-using tilvane::test::FileExists;
-using tilvane::test::IndexOfLine;
-using tilvane::test::IterateMainContextUntil;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::PrivateBus;
-using tilvane::test::RawDatabase;
+using namespace tilvane::test;
 
 namespace {
 

@@ -14,13 +14,7 @@
 #include "TilesProviderTestAccess.h"
 
 using tilvane::host::LogLine;
-using tilvane::test::CountLines;
-using tilvane::test::FileExists;
-using tilvane::test::IndexOfLine;
-using tilvane::test::LinesContaining;
-using tilvane::test::PlatformSandbox;
-using tilvane::test::RandomBytes;
-using tilvane::test::RawDatabase;
+using namespace tilvane::test;
 
 namespace {
 
