@@ -42,7 +42,6 @@ namespace {
 using namespace tilvane::client;
 using namespace tilvane::test;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kAttacker[] = "org.example.attacker.ui";
 const char kVictim[] = "org.example.news.ui";

@@ -34,7 +34,6 @@ namespace {
 using namespace tilvane::client;
 using namespace tilvane::test;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kCaller[] = "org.example.news.ui";
 

@@ -32,7 +32,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 
 
 

@@ -30,7 +30,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kTestEventLine[] = "accelerator_app_pkg_name=livetv_antenna tile_section_raw_id= sync=end";
 
 

@@ -33,7 +33,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProvider = tilvane::client::schema::kProviderId;
 constexpr int kRoot = 0;
 /* The applications' users must exist: the bus daemon looks up each

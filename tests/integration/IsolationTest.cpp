@@ -43,7 +43,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr int kRoot = 0;
 const int kNewsUser = UserIdOf("daemon");
 const int kSportsUser = UserIdOf("nobody");

@@ -52,7 +52,6 @@ using namespace tilvane::test;
 using tilvanectl::JsonValue;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kWriter[] = "org.example.news.ui";
 const char kNobody[] = "org.example.nobody.ui";
 

@@ -37,7 +37,6 @@ namespace {
 
 using namespace tilvane::test;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 /* The log budgets of the flooding tests: bytes an application may log in an interval. */
 constexpr int kAppBytes = 8192;
 constexpr int kIntervalMs = 500;

@@ -41,7 +41,6 @@ namespace {
 
 using namespace tilvane::test;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char* const kPorts[] = {"accelerator_port", "launcher_event_port", "preview-event-receiver"};
 
 int UserId(const char* name)

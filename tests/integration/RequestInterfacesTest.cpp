@@ -23,11 +23,10 @@
 #include "tilvane_schema.h"
 #include "TilesModel.h"
 
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 
 /* A process started with the test's platform root and bus, its output in a file. */

@@ -26,10 +26,8 @@
 
 namespace {
 
-using tilvane::test::Process;
-using tilvane::test::TempDir;
+using namespace tilvane::test;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kCallerAppId[] = "org.example.news.ui";
 const char kContentNamePrefix[] = "org.tilvane.Content.P";
 const int kRun = 40;

@@ -34,7 +34,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kReady[] = "local port preview-event-receiver registered";
 
 

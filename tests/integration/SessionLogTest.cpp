@@ -35,7 +35,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kNews[] = "org.example.news.ui";
 const char kStranger[] = "org.example.nobody.ui";

@@ -34,7 +34,6 @@ namespace {
 using namespace tilvane::client;
 using namespace tilvane::test;
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 const char kCallerAppId[] = "org.example.news.ui";
 
 int64_t MillisecondsSince(std::chrono::steady_clock::time_point start)

@@ -36,7 +36,6 @@ using namespace tilvane::test;
 
 namespace {
 
-constexpr const char* kServiceAppId = tilvane::test::kServiceUnderTestAppId;
 constexpr const char* kProviderId = tilvane::client::schema::kProviderId;
 const char kHostile[] = "org.example.news.ui";
 const char kQuotePackage[] = "org.example.q' OR '1'='1";

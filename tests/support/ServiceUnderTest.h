@@ -25,7 +25,7 @@
 namespace tilvane {
 namespace test {
 
-inline constexpr char kServiceUnderTestAppId[] = "com.quillon.px.tilvane";
+inline constexpr char kServiceAppId[] = "com.quillon.px.tilvane";
 
 /* <root>/etc/tilvane.conf holds `text` and nothing else. */
 inline void WriteConfiguration(const std::string& root, const std::string& text)
@@ -39,7 +39,7 @@ inline std::unique_ptr<Process> StartServiceUnderTest(const std::string& root, c
                                                       const std::vector<std::string>& environment = {})
 {
     std::vector<std::string> env = {"TILVANE_PLATFORM_ROOT=" + root, "TILVANE_LOG_LEVEL=D",
-                                    std::string("TILVANE_APP_ID=") + kServiceUnderTestAppId};
+                                    std::string("TILVANE_APP_ID=") + kServiceAppId};
     env.insert(env.end(), environment.begin(), environment.end());
     return std::make_unique<Process>(std::vector<std::string>{TILVANE_SERVICE_BINARY}, env,
                                      logs.File("service.out"), logs.File("service.err"));
