@@ -35,7 +35,7 @@ namespace {
 
 const char kApp[] = "org.example.news.ui";
 const char kPackage[] = "org.example.news";
-const char kTilesUri[] = "content://com.quillon.px.tiles/tiles";
+constexpr auto& kTilesUri = TilesModel::Tiles::CONTENT_URI;
 constexpr int kRowsPerBulk = 3;
 constexpr long kMaxWalk = 150;
 

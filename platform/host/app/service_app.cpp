@@ -352,13 +352,16 @@ void RequestTermination()
 
 namespace {
 
-constexpr int kExitStartFailed = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitBusLost = 3;
-constexpr int kExitDatabaseDamaged = 4;
-/* The unit does not restart a service that stopped for this one
- * (RestartPreventExitStatus=6): it is the integrator's to fix. */
-constexpr int kExitNotConfigured = 6;
+/* How the service ends, besides 0 (tilvane(8), EXIT STATUS). The unit does not
+ * restart a service that stopped because it is not configured
+ * (RestartPreventExitStatus=6): that is the integrator's to fix. */
+enum ExitCode : int {
+    kExitStartFailed = 1,
+    kExitUsage = 2,
+    kExitBusLost = 3,
+    kExitDatabaseDamaged = 4,
+    kExitNotConfigured = 6,
+};
 
 const char* ProgramName(int argc, char** argv)
 {
