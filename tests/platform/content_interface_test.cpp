@@ -11,6 +11,7 @@
 #include <tilvane_client.h>
 
 #include <chrono>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -23,6 +24,7 @@
 #include "bundle.h"
 #include "bundle_ptr.h"
 #include "content_provider_dispatch.h"
+#include "registry/app_registry.h"
 #include "requests/row_codec.h"
 
 using namespace tilvane::client;
@@ -425,6 +427,43 @@ TEST_F(ContentInterfaceTest, FreeMemoryIsGivenBackOnceASecondAfterTheLastRequest
     tilvane::test::IterateMainContextUntil([] { return false; }, 1500);
     EXPECT_EQ(tilvane::host::CallCount("malloc_trim"), before + 1);
     ASSERT_EQ(m_client.GetRowIds(kTiles, "", {}).outcome, Outcome::Answered);
+}
+
+/* True when this process maps the application registry's shared-memory file
+ * (which an open connection to the registry does). */
+bool MapsTheRegistry()
+{
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(".tilvane-app-registry.db-shm") != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* The connection the loop's thread keeps for registry lookups is closed by
+ * the idle trim too: its memory and its mapping go back, and the next lookup
+ * opens it again. */
+TEST_F(ContentInterfaceTest, TheIdleTrimClosesTheRegistryConnectionKeptForLookups)
+{
+    RegisterAll(kTiles);
+    tilvane::host::RegisteredPackage installed;
+    installed.packageId = "org.example.news";
+    installed.applications.push_back({"org.example.news.ui", {}});
+    ASSERT_TRUE(tilvane::host::InstallPackage(installed, nullptr));
+    std::string package;
+    ASSERT_EQ(tilvane::host::registry::FindPackageOfApp("org.example.news.ui", package), tilvane::host::registry::Result::Ok);
+    ASSERT_TRUE(MapsTheRegistry());
+    const int before = tilvane::host::CallCount("malloc_trim");
+    ASSERT_EQ(m_client.GetRowIds(kTiles, "", {}).outcome, Outcome::Answered);
+    ASSERT_TRUE(tilvane::test::IterateMainContextUntil(
+        [&] { return tilvane::host::CallCount("malloc_trim") > before; }, 5000));
+    EXPECT_FALSE(MapsTheRegistry());
+    package.clear();
+    ASSERT_EQ(tilvane::host::registry::FindPackageOfApp("org.example.news.ui", package), tilvane::host::registry::Result::Ok);
+    EXPECT_EQ(package, "org.example.news");
+    EXPECT_TRUE(MapsTheRegistry());
 }
 
 TEST_F(ContentInterfaceTest, RowsLargerThanAReplyCarriesAreRefusedBeforeAnythingIsSent)

@@ -194,6 +194,16 @@ public:
 
     Connection& Get() { return *m_connection; }
 
+    /* Closes this thread's kept connection unless it is lent out now (or
+     * was opened by the parent of a forked process). */
+    static void CloseKept()
+    {
+        Kept& kept = TheKept();
+        if (!kept.lent && kept.owner == getpid()) {
+            kept.connection.reset();
+        }
+    }
+
 private:
     struct Kept {
         std::unique_ptr<Connection> connection;
@@ -761,6 +771,11 @@ bool WritePackage(Connection& connection, const RegisteredPackage& package, int6
         ok = addWebApp.Step() == SQLITE_DONE;
     }
     return ok;
+}
+
+void CloseThisThreadsLookupConnection()
+{
+    LookupConnection::CloseKept();
 }
 
 }  // namespace registry

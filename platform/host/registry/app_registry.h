@@ -22,8 +22,9 @@ enum class Result {
     Failed    /* the registry file cannot be opened or read */
 };
 
-/* Each call opens the registry file, reads or writes in one transaction and
- * closes it again, so what another process wrote is always seen. */
+/* Each call reads or writes in one transaction of its own, on a connection
+ * its thread keeps between lookups (opened again when the file is replaced),
+ * so what another process wrote is always seen. */
 Result ReadPackages(std::vector<RegisteredPackage>& packages);
 Result FindPackageOfApp(const std::string& appId, std::string& packageId);
 Result ReadApplication(const std::string& appId, std::string& packageId,
@@ -32,6 +33,11 @@ Result ReadWebApps(std::vector<std::pair<std::string, std::string>>& webAppIdAnd
 /* The user bound to `id`: the user of the package that holds `id` as an
  * application, else of the package whose id is `id`. */
 Result FindUserOfId(const std::string& id, int64_t& userId);
+
+/* Closes the connection this thread keeps for its lookups, giving back its
+ * memory and its mapping of the registry's shared-memory file; the next
+ * lookup opens it again. For an idle process. */
+void CloseThisThreadsLookupConnection();
 
 }  // namespace registry
 }  // namespace host

@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include "content/database.h"
+#include "registry/app_registry.h"
 #include "base/reset_hooks.h"
 #include "host_control/base.h"
 
@@ -27,6 +28,7 @@ gboolean TrimCB(gpointer)
     // SQLite's page caches first: their pages go back to the allocator, which
     // then gives what is free back to the system.
     content::Database::ReleaseCachedMemoryOfAll();
+    registry::CloseThisThreadsLookupConnection();
     malloc_trim(0);
     return G_SOURCE_REMOVE;
 }
