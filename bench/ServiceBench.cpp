@@ -806,12 +806,12 @@ public:
      * milliseconds from exec to the first answered request. */
     bool Start(double& readyMs, const std::vector<std::string>& environment = {})
     {
-        /* GLib's slice allocator on malloc, as the installed units run the
-         * service (packaging/systemd), so that its memory is measured as it
-         * ships. */
+        /* GLib's slice allocator on malloc and glibc's malloc without its
+         * per-thread cache, as the installed units run the service
+         * (packaging/systemd), so that its memory is measured as it ships. */
         std::vector<std::string> variables = {"TILVANE_PLATFORM_ROOT=" + m_root,
                                               std::string("TILVANE_APP_ID=") + kServiceAppId,
-                                              "G_SLICE=always-malloc"};
+                                              "G_SLICE=always-malloc", "GLIBC_TUNABLES=glibc.malloc.tcache_count=0"};
         variables.insert(variables.end(), environment.begin(), environment.end());
         const Clock::time_point start = Clock::now();
         m_servicePid = Spawn({TILVANE_SERVICE_BINARY}, variables, m_root + "/service.log");
