@@ -105,6 +105,30 @@ TEST_F(LogBudgetTest, AnApplicationsLinesStopAtItsBudgetAndAnotherApplicationIsN
     EXPECT_EQ(CountOccurrences(text, "log budget of application org.example.other"), 0);
 }
 
+TEST_F(LogBudgetTest, TwoApplicationsLoggingOnTwoThreadsAtOnceAreEachHeldToTheirOwnBudget)
+{
+    /* An interval no run of this test outlasts: every line falls in the first. */
+    tilvane::host::SetLogBudgets(LogBudgets{2048, 0, 600000});
+    StderrCapture capture;
+    std::thread alpha([] {
+        LogSourceScope scope("org.example.alpha");
+        LogHundredLines("alpha");
+    });
+    std::thread bravo([] {
+        LogSourceScope scope("org.example.bravo");
+        LogHundredLines("bravo");
+    });
+    alpha.join();
+    bravo.join();
+    LogHundredLines("service");
+    const std::string text = capture.Stop();
+
+    EXPECT_EQ(CountOccurrences(text, "alpha line"), LinesWithin(text, "alpha", 2048)) << text;
+    EXPECT_EQ(CountOccurrences(text, "bravo line"), LinesWithin(text, "bravo", 2048)) << text;
+    EXPECT_LT(CountOccurrences(text, "alpha line"), 100);
+    EXPECT_EQ(CountOccurrences(text, "service line"), 100);
+}
+
 TEST_F(LogBudgetTest, EveryLineCountsAgainstTheServicesBudget)
 {
     tilvane::host::SetLogBudgets(LogBudgets{0, 4096, kIntervalMs});

@@ -89,6 +89,30 @@ TEST_F(LogRateLimitTest, ABurstPerSiteIsWrittenAndTheRestIsNeitherWrittenNorForm
     EXPECT_EQ(counters.formatted, 8);
 }
 
+TEST_F(LogRateLimitTest, ASiteSharedByFourThreadsWritesItsBurstOnceAndCountsEveryOtherLine)
+{
+    Configure("50", "600000");
+    StderrCapture err;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 100; ++i) {
+                LogFromSiteA(i);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const std::string text = err.Stop();
+
+    EXPECT_EQ(CountOccurrences(text, "site A line"), 50) << text;
+    EXPECT_EQ(CountLines(text), 50) << text;
+    const tilvane::host::LogRateCounters counters = tilvane::host::LogRateCountersNow();
+    EXPECT_EQ(counters.suppressed, 350);
+    EXPECT_EQ(counters.formatted, 50);
+}
+
 TEST_F(LogRateLimitTest, TheFirstLineOfALaterIntervalSaysHowManyWereSuppressed)
 {
     StderrCapture err;

@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "host_control/log.h"
@@ -33,10 +34,12 @@
 #include "base/request_report.h"
 #include "base/reset_hooks.h"
 #include "log/journal_format.h"
+#include "log/line_buffer.h"
 #include "log/log_budget.h"
 #include "log/log_capture.h"
 #include "log/log_settings.h"
 #include "log/log_sink.h"
+#include "log/message_format.h"
 #include "log/system_reasons.h"
 
 namespace tilvane {
@@ -62,15 +65,26 @@ struct SiteBudget {
     int64_t suppressed = 0;
 };
 
+/* Guarded by LogAccountingMutex() (log_budget.h), which the byte budgets
+ * share. */
 struct RateLimit {
-    std::mutex mutex;
     bool loaded = false;
+    /* Counts the times `sites` was emptied (see LineTicket). */
+    uint64_t generation = 1;
     int64_t burst = kDefaultBurst;
     int64_t burstBytes = kDefaultBurstBytes;
     int64_t intervalUs = kDefaultIntervalMs * 1000;
     std::unordered_map<const char*, SiteBudget> sites;
-    int64_t formatted = 0;
+    std::atomic<int64_t> formatted{0};
     int64_t suppressedTotal = 0;
+};
+
+/* Where a line was let through, from its admission to its counting: its
+ * site's budget is valid while the generation is the current one. */
+struct LineTicket {
+    SiteBudget* site = nullptr;
+    uint64_t generation = 0;
+    LogBudgetTicket budgets;
 };
 
 RateLimit& TheRateLimit()
@@ -123,12 +137,8 @@ int64_t MonotonicUs()
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
-/* Whether the site of `fmt` may write a line now. *suppressedBefore is set to
- * the lines it suppressed in its previous interval, to be reported first. */
-bool AdmitLine(const char* fmt, int64_t* suppressedBefore)
+void LoadLimitsLocked(RateLimit& limit)
 {
-    RateLimit& limit = TheRateLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
     if (!limit.loaded) {
         const LogSettings configured = ConfiguredSettings();
         limit.burst = ReadNonNegative("TILVANE_LOG_RATE_BURST", configured.rateBurst, kDefaultBurst);
@@ -138,12 +148,26 @@ bool AdmitLine(const char* fmt, int64_t* suppressedBefore)
         limit.intervalUs = (intervalMs > 0 ? intervalMs : kDefaultIntervalMs) * 1000;
         limit.loaded = true;
     }
+}
+
+/* With the accounting lock: whether the site of `fmt` may write a line now.
+ * *suppressedBefore is set to the lines it suppressed in its previous
+ * interval, to be reported first. */
+bool AdmitLineLocked(const char* fmt, int64_t* suppressedBefore, LineTicket& ticket)
+{
+    RateLimit& limit = TheRateLimit();
+    LoadLimitsLocked(limit);
     *suppressedBefore = 0;
     if (limit.burst == 0) {
         return true;
     }
-    const char* key = (limit.sites.size() < kMaxSites || limit.sites.count(fmt) != 0) ? fmt : nullptr;
-    SiteBudget& site = limit.sites[key];
+    auto found = limit.sites.find(fmt);
+    if (found == limit.sites.end()) {
+        found = limit.sites.emplace(limit.sites.size() < kMaxSites ? fmt : nullptr, SiteBudget()).first;
+    }
+    SiteBudget& site = found->second;
+    ticket.site = &site;
+    ticket.generation = limit.generation;
     const int64_t now = MonotonicUs();
     if (site.written == 0 && site.suppressed == 0) {
         site.windowStartUs = now;
@@ -161,25 +185,16 @@ bool AdmitLine(const char* fmt, int64_t* suppressedBefore)
     return false;
 }
 
-/* Counts the bytes of a line that AdmitLine let through against its site. */
-void CountWrittenBytes(const char* fmt, size_t bytes)
+/* Counts a written line: its message's bytes against its site, the whole
+ * line's against the byte budgets. */
+void CountWrittenLine(const LineTicket& ticket, size_t messageBytes, size_t lineBytes)
 {
     RateLimit& limit = TheRateLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
-    auto site = limit.sites.find(fmt);
-    if (site == limit.sites.end()) {
-        site = limit.sites.find(nullptr);
+    std::lock_guard<std::mutex> lock(LogAccountingMutex());
+    if (ticket.site != nullptr && ticket.generation == limit.generation) {
+        ticket.site->writtenBytes += static_cast<int64_t>(messageBytes);
     }
-    if (site != limit.sites.end()) {
-        site->second.writtenBytes += static_cast<int64_t>(bytes);
-    }
-}
-
-void CountFormatted()
-{
-    RateLimit& limit = TheRateLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
-    ++limit.formatted;
+    CountBudgetedBytesLocked(ticket.budgets, lineBytes);
 }
 
 int ParseLogLevel(const char* text)
@@ -245,29 +260,8 @@ char PriorityLetter(int prio)
     }
 }
 
-std::string FormatMessage(const char* fmt, va_list ap)
+void WriteAll(const char* data, size_t left)
 {
-    char small[512];
-    va_list copy;
-    va_copy(copy, ap);
-    int needed = vsnprintf(small, sizeof small, fmt, copy);
-    va_end(copy);
-    if (needed < 0) {
-        return std::string();
-    }
-    if (static_cast<size_t>(needed) < sizeof small) {
-        return std::string(small, static_cast<size_t>(needed));
-    }
-    std::string text(static_cast<size_t>(needed) + 1, '\0');
-    vsnprintf(&text[0], text.size(), fmt, ap);
-    text.resize(static_cast<size_t>(needed));
-    return text;
-}
-
-void WriteAll(const std::string& line)
-{
-    const char* data = line.data();
-    size_t left = line.size();
     while (left > 0) {
         ssize_t written = write(STDERR_FILENO, data, left);
         if (written < 0) {
@@ -290,15 +284,31 @@ void PutDigits(char* out, int value, int width)
     }
 }
 
+/* The local time of `second`. A thread keeps the last second it converted:
+ * the lines of a request fall within one, and localtime_r reads the time
+ * zone once per process anyway. */
+const struct tm& LocalTime(time_t second)
+{
+    struct Converted {
+        time_t second = -1;
+        struct tm local = {};
+    };
+    thread_local Converted last;
+    if (last.second != second) {
+        localtime_r(&second, &last.local);
+        last.second = second;
+    }
+    return last.local;
+}
+
 /* Appends "MM-DD HH:MM:SS.mmm P/": formatted by hand, as this runs for every
  * line a request writes and printf's machinery cost more than the rest of
  * the line. */
-void AppendStamp(std::string& line, int prio)
+void AppendStamp(LineBuffer& line, int prio)
 {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    struct tm local;
-    localtime_r(&tv.tv_sec, &local);
+    const struct tm& local = LocalTime(tv.tv_sec);
     char stamp[] = "MM-DD HH:MM:SS.mmm P/";
     PutDigits(stamp, local.tm_mon + 1, 2);
     PutDigits(stamp + 3, local.tm_mday, 2);
@@ -307,20 +317,33 @@ void AppendStamp(std::string& line, int prio)
     PutDigits(stamp + 12, local.tm_sec, 2);
     PutDigits(stamp + 15, static_cast<int>(tv.tv_usec / 1000), 3);
     stamp[19] = PriorityLetter(prio);
-    line.append(stamp, sizeof stamp - 1);
+    line.Append(stamp, sizeof stamp - 1);
 }
 
 /* Appends "(PID): "; the process's id is read on every line, as a forked
  * child writes its own. */
-void AppendPid(std::string& line)
+void AppendPid(LineBuffer& line)
 {
-    line.push_back('(');
-    line.append(std::to_string(static_cast<int>(getpid())));
-    line.append("): ", 3);
+    char text[24];
+    char* end = text + sizeof text;
+    char* p = end;
+    *--p = ' ';
+    *--p = ':';
+    *--p = ')';
+    unsigned pid = static_cast<unsigned>(getpid());
+    do {
+        *--p = static_cast<char>('0' + pid % 10);
+        pid /= 10;
+    } while (pid != 0);
+    *--p = '(';
+    line.Append(p, static_cast<size_t>(end - p));
 }
 
+/* The sink, under its lock; `set` says without the lock whether there is
+ * one, so that lines to standard error take no lock for it. */
 struct Sink {
     std::mutex mutex;
+    std::atomic<bool> set{false};
     LogSink sink = nullptr;
     void* userData = nullptr;
 };
@@ -332,12 +355,15 @@ Sink& TheSink()
 }
 
 /* True when a sink took the line. */
-bool SendToSink(int prio, const char* tag, const std::string& message)
+bool SendToSink(int prio, const char* tag, const char* message)
 {
+    Sink& s = TheSink();
+    if (!s.set.load(std::memory_order_acquire)) {
+        return false;
+    }
     LogSink sink = nullptr;
     void* userData = nullptr;
     {
-        Sink& s = TheSink();
         std::lock_guard<std::mutex> lock(s.mutex);
         sink = s.sink;
         userData = s.userData;
@@ -345,28 +371,34 @@ bool SendToSink(int prio, const char* tag, const std::string& message)
     if (sink == nullptr) {
         return false;
     }
-    sink(prio, tag, message.c_str(), userData);
+    sink(prio, tag, message, userData);
     return true;
+}
+
+/* Writes one line of `message` (`size` bytes, NUL-terminated) with a single
+ * write(); returns the bytes of the line. */
+size_t WriteLine(int prio, const char* tag, const char* message, size_t size)
+{
+    if (SendToSink(prio, tag, message)) {
+        return size;
+    }
+    LineBuffer line;
+    if (StandardErrorIsJournal()) {
+        AppendJournalLine(line, prio, tag, message, size);
+    } else {
+        AppendStamp(line, prio);
+        line.Append(tag);
+        AppendPid(line);
+        line.Append(message, size);
+        line.Append('\n');
+    }
+    WriteAll(line.data(), line.size());
+    return line.size();
 }
 
 size_t WriteLine(int prio, const char* tag, const std::string& message)
 {
-    if (SendToSink(prio, tag, message)) {
-        return message.size();
-    }
-    if (StandardErrorIsJournal()) {
-        const std::string line = JournalLine(prio, tag, message);
-        WriteAll(line);
-        return line.size();
-    }
-    std::string line;
-    line.reserve(message.size() + 64);
-    AppendStamp(line, prio);
-    line.append(tag);
-    AppendPid(line);
-    line.append(message).push_back('\n');
-    WriteAll(line);
-    return line.size();
+    return WriteLine(prio, tag, message.c_str(), message.size());
 }
 
 /* The suppression lines a line owes to the byte budgets. */
@@ -384,25 +416,25 @@ void WriteBudgetNotes(const LogBudgetNotes& notes)
 }
 
 /* Whether a line of `fmt` at `prio` is written: the minimum priority, the
- * rate limit of its site and the byte budgets; the suppression lines it owes
- * are written first. */
-bool Admitted(int prio, const char* fmt)
+ * rate limit of its site and the byte budgets, decided under one lock; the
+ * suppression lines it owes are written first. */
+bool Admitted(int prio, const char* fmt, LineTicket& ticket)
 {
     if (prio < MinimumPriority()) {
         return false;
     }
     int64_t suppressedBefore = 0;
-    const bool siteAdmits = AdmitLine(fmt, &suppressedBefore);
+    LogBudgetNotes notes;
+    bool admitted = false;
+    {
+        std::lock_guard<std::mutex> lock(LogAccountingMutex());
+        admitted = AdmitLineLocked(fmt, &suppressedBefore, ticket) && AdmitBudgetedLineLocked(notes, ticket.budgets);
+    }
     if (suppressedBefore > 0) {
         WriteLine(DLOG_WARN, kPlatformLogTag, std::to_string(suppressedBefore) + " lines suppressed (\"" + fmt + "\")");
     }
-    if (!siteAdmits) {
-        return false;
-    }
-    LogBudgetNotes notes;
-    const bool budgetAdmits = AdmitBudgetedLine(notes);
     WriteBudgetNotes(notes);
-    return budgetAdmits;
+    return admitted;
 }
 
 }  // namespace
@@ -413,6 +445,7 @@ void SetLogSink(LogSink sink, void* userData)
     std::lock_guard<std::mutex> lock(s.mutex);
     s.sink = sink;
     s.userData = userData;
+    s.set.store(sink != nullptr, std::memory_order_release);
 }
 
 void DropLogLine(int /*priority*/, const char* /*tag*/, const char* /*message*/, void* /*userData*/)
@@ -434,9 +467,10 @@ void ResetLog()
     gMinimumPriority.store(0, std::memory_order_release);
     ForgetLogBudgets();
     RateLimit& limit = TheRateLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
+    std::lock_guard<std::mutex> lock(LogAccountingMutex());
     limit.loaded = false;
     limit.sites.clear();
+    ++limit.generation;
     limit.formatted = 0;
     limit.suppressedTotal = 0;
 }
@@ -454,7 +488,7 @@ void SetConfiguredLogSettings(const LogSettings& settings)
     }
     gMinimumPriority.store(0, std::memory_order_release);
     RateLimit& limit = TheRateLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
+    std::lock_guard<std::mutex> lock(LogAccountingMutex());
     limit.loaded = false;
 }
 
@@ -467,8 +501,8 @@ char CurrentLogLevelLetter()
 LogRateCounters LogRateCountersNow()
 {
     RateLimit& limit = TheRateLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
-    return LogRateCounters{limit.formatted, limit.suppressedTotal};
+    std::lock_guard<std::mutex> lock(LogAccountingMutex());
+    return LogRateCounters{limit.formatted.load(), limit.suppressedTotal};
 }
 
 }  // namespace host
@@ -491,23 +525,25 @@ extern "C" int __dlog_vprint(log_id_t log_id, int prio, const char* tag, const c
     // The lines of a request that is being reported are read for its reason
     // (system_reasons.h); those below INFO never are.
     const bool capture = LogCaptureOn() || (prio >= DLOG_INFO && RequestReportOpen());
-    const bool write = Admitted(prio, fmt);
+    LineTicket ticket;
+    const bool write = Admitted(prio, fmt, ticket);
     if (!write && !capture) {
         return 0;
     }
-    CountFormatted();
-    std::string message = FormatMessage(fmt, ap);
+    TheRateLimit().formatted.fetch_add(1, std::memory_order_relaxed);
+    LineBuffer message;
+    AppendMessage(message, fmt, ap);
     while (!message.empty() && message.back() == '\n') {
-        message.pop_back();
+        message.Truncate(message.size() - 1);
     }
-    CaptureLogLine(prio, tag, message);
-    NoteSystemLogLine(prio, tag, message);
+    const std::string_view text(message.CStr(), message.size());
+    CaptureLogLine(prio, tag, text);
+    NoteSystemLogLine(prio, tag, text);
     if (!write) {
         return 0;
     }
-    CountWrittenBytes(fmt, message.size());
-    const size_t written = WriteLine(prio, tag, message);
-    CountBudgetedBytes(written);
+    const size_t written = WriteLine(prio, tag, message.CStr(), message.size());
+    CountWrittenLine(ticket, message.size(), written);
     return static_cast<int>(written);
 }
 

@@ -61,15 +61,21 @@ int SyslogPriority(int dlogPriority)
     }
 }
 
+void AppendJournalLine(LineBuffer& line, int dlogPriority, const char* tag, const char* message, size_t size)
+{
+    const char prefix[] = {'<', static_cast<char>('0' + SyslogPriority(dlogPriority)), '>'};
+    line.Append(prefix, sizeof prefix);
+    line.Append(tag);
+    line.Append(": ", 2);
+    line.Append(message, size);
+    line.Append('\n');
+}
+
 std::string JournalLine(int dlogPriority, const char* tag, const std::string& message)
 {
-    std::string line;
-    line.reserve(message.size() + 32);
-    line.push_back('<');
-    line.push_back(static_cast<char>('0' + SyslogPriority(dlogPriority)));
-    line.push_back('>');
-    line.append(tag).append(": ").append(message).push_back('\n');
-    return line;
+    LineBuffer line;
+    AppendJournalLine(line, dlogPriority, tag, message.data(), message.size());
+    return std::string(line.data(), line.size());
 }
 
 void ForgetJournalStream()

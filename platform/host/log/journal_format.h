@@ -15,7 +15,10 @@
 #ifndef TILVANE_PLATFORM_JOURNAL_FORMAT_H
 #define TILVANE_PLATFORM_JOURNAL_FORMAT_H
 
+#include <cstddef>
 #include <string>
+
+#include "log/line_buffer.h"
 
 namespace tilvane {
 namespace host {
@@ -29,6 +32,7 @@ int SyslogPriority(int dlogPriority);
 
 /* The journal's form of one line, with its newline. */
 std::string JournalLine(int dlogPriority, const char* tag, const std::string& message);
+void AppendJournalLine(LineBuffer& line, int dlogPriority, const char* tag, const char* message, size_t size);
 
 /* Forgets the decision, so that the next line looks again (tests). */
 void ForgetJournalStream();

@@ -24,6 +24,9 @@ struct Window {
 
 struct BudgetState {
     std::mutex mutex;
+    /* Counts the times `apps` was emptied: a ticket's window is valid while
+     * its generation is the current one. */
+    uint64_t generation = 1;
     LogBudgets budgets = DefaultLogBudgets();
     Window service;
     std::unordered_map<std::string, Window> apps;
@@ -102,14 +105,20 @@ LogSourceScope::~LogSourceScope()
     t_source = m_previous;
 }
 
-bool AdmitBudgetedLine(LogBudgetNotes& notes)
+std::mutex& LogAccountingMutex()
+{
+    return TheBudgetState().mutex;
+}
+
+bool AdmitBudgetedLineLocked(LogBudgetNotes& notes, LogBudgetTicket& ticket)
 {
     BudgetState& s = TheBudgetState();
-    std::lock_guard<std::mutex> lock(s.mutex);
     const int64_t nowUs = MonotonicUs();
     const int64_t intervalUs = s.budgets.intervalMs * 1000;
     std::string name;
     Window* app = SourceWindow(s, name);
+    ticket.appWindow = app;
+    ticket.generation = s.generation;
     if (app != nullptr) {
         Roll(*app, nowUs, intervalUs, notes.appSuppressed);
         notes.app = notes.appSuppressed > 0 ? name : std::string();
@@ -129,13 +138,12 @@ bool AdmitBudgetedLine(LogBudgetNotes& notes)
     return true;
 }
 
-void CountBudgetedBytes(size_t bytes)
+void CountBudgetedBytesLocked(const LogBudgetTicket& ticket, size_t bytes)
 {
     BudgetState& s = TheBudgetState();
-    std::lock_guard<std::mutex> lock(s.mutex);
     s.service.bytes += static_cast<int64_t>(bytes);
     std::string name;
-    Window* app = SourceWindow(s, name);
+    Window* app = ticket.generation == s.generation ? static_cast<Window*>(ticket.appWindow) : SourceWindow(s, name);
     if (app != nullptr) {
         app->bytes += static_cast<int64_t>(bytes);
     }
@@ -148,6 +156,7 @@ void ForgetLogBudgets()
     s.budgets = DefaultLogBudgets();
     s.service = Window();
     s.apps.clear();
+    ++s.generation;
 }
 
 }  // namespace host

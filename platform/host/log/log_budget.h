@@ -21,6 +21,7 @@
 #define TILVANE_PLATFORM_LOG_BUDGET_H
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 namespace tilvane {
@@ -58,10 +59,22 @@ struct LogBudgetNotes {
     int64_t serviceSuppressed = 0;
 };
 
-/* Before a line is formatted: whether the budgets let it through now. */
-bool AdmitBudgetedLine(LogBudgetNotes& notes);
-/* The bytes of a line that was written. */
-void CountBudgetedBytes(size_t bytes);
+/* The lock of the log's accounting. The rate limit of call sites (dlog.cpp)
+ * and these budgets share it, so that a line takes one lock to be let
+ * through and one to be counted. */
+std::mutex& LogAccountingMutex();
+
+/* Where a line was let through, kept from its admission to its counting. */
+struct LogBudgetTicket {
+    void* appWindow = nullptr;
+    uint64_t generation = 0;
+};
+
+/* With LogAccountingMutex() held, before a line is formatted: whether the
+ * budgets let it through now. */
+bool AdmitBudgetedLineLocked(LogBudgetNotes& notes, LogBudgetTicket& ticket);
+/* With LogAccountingMutex() held: the bytes of a line that was written. */
+void CountBudgetedBytesLocked(const LogBudgetTicket& ticket, size_t bytes);
 /* Back to the defaults, with nothing counted (host reset). */
 void ForgetLogBudgets();
 

@@ -82,7 +82,7 @@ bool LogCaptureOn()
     return TheCapture().onFast.load(std::memory_order_relaxed);
 }
 
-void CaptureLogLine(int priority, const char* tag, const std::string& message)
+void CaptureLogLine(int priority, const char* tag, std::string_view message)
 {
     if (!LogCaptureOn()) {
         return;
@@ -93,7 +93,7 @@ void CaptureLogLine(int priority, const char* tag, const std::string& message)
     if (!c.on) {
         return;
     }
-    c.lines.push_back(LogLine{priority, tag != nullptr ? tag : "", message, now});
+    c.lines.push_back(LogLine{priority, tag != nullptr ? tag : "", std::string(message), now});
 }
 
 void ResetLogCapture()

@@ -6,6 +6,7 @@
 #define TILVANE_PLATFORM_LOG_CAPTURE_H
 
 #include <string>
+#include <string_view>
 
 namespace tilvane {
 namespace host {
@@ -13,7 +14,7 @@ namespace host {
 /* True while log capture is on; read without a lock. */
 bool LogCaptureOn();
 /* Keeps a formatted log line when capture is on; cheap when it is off. */
-void CaptureLogLine(int priority, const char* tag, const std::string& message);
+void CaptureLogLine(int priority, const char* tag, std::string_view message);
 /* Capture off, nothing kept (the log room's reset). */
 void ResetLogCapture();
 

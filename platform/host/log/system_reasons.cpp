@@ -30,10 +30,10 @@ constexpr SystemText kSystemTexts[] = {
 };
 
 /* The system's lines read "File.cpp: Function(line) > text". */
-std::string WithoutSourcePrefix(const std::string& message)
+std::string WithoutSourcePrefix(std::string_view message)
 {
     const size_t marker = message.find(" > ");
-    return marker == std::string::npos ? message : message.substr(marker + 3);
+    return std::string(marker == std::string_view::npos ? message : message.substr(marker + 3));
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ tilvane_reason ReasonOfSystemText(const std::string& text)
     return TILVANE_REASON_NONE;
 }
 
-void NoteSystemLogLine(int priority, const char* tag, const std::string& message)
+void NoteSystemLogLine(int priority, const char* tag, std::string_view message)
 {
     if (priority < DLOG_INFO || tag == nullptr || std::strcmp(tag, kSystemLogTag) != 0 || !RequestReportOpen()) {
         return;

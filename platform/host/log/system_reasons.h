@@ -14,6 +14,7 @@
 #define TILVANE_PLATFORM_SYSTEM_REASONS_H
 
 #include <string>
+#include <string_view>
 
 #include "tilvane_reason.h"
 
@@ -25,7 +26,7 @@ namespace host {
 tilvane_reason ReasonOfSystemText(const std::string& text);
 
 /* Called by the log for each line while a request report is open. */
-void NoteSystemLogLine(int priority, const char* tag, const std::string& message);
+void NoteSystemLogLine(int priority, const char* tag, std::string_view message);
 
 }  // namespace host
 }  // namespace tilvane
