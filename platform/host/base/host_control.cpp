@@ -8,8 +8,10 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <unordered_map>
 #include <utility>
 
 #include "base/host_state.h"
@@ -25,7 +27,10 @@ struct State {
     std::map<std::string, int> failures;
     /* Calls to let pass before the failures of `failures` begin. */
     std::map<std::string, int> passesBeforeFailure;
-    std::map<std::string, int> callCounts;
+    std::map<std::string, int, std::less<>> callCounts;
+    /* The counter of a name, found by the address of the caller's text (a
+     * literal, most often); checked against the name before it is used. */
+    std::unordered_map<const char*, std::map<std::string, int, std::less<>>::iterator> countByAddress;
     bool virtualClock = false;
     int64_t virtualNowUs = 0;
     std::vector<int64_t> sleeps;
@@ -92,6 +97,28 @@ void ClearFailures()
     s.passesBeforeFailure.clear();
 }
 
+namespace {
+
+/* With the state's lock: one more call of `function`. A request passes
+ * here several times, so the common case costs no string and no search by
+ * name. */
+void CountCall(State& s, const char* function)
+{
+    auto known = s.countByAddress.find(function);
+    if (known != s.countByAddress.end() && std::strcmp(known->second->first.c_str(), function) == 0) {
+        ++known->second->second;
+        return;
+    }
+    auto counter = s.callCounts.find(function);
+    if (counter == s.callCounts.end()) {
+        counter = s.callCounts.emplace(function, 0).first;
+    }
+    ++counter->second;
+    s.countByAddress[function] = counter;
+}
+
+}  // namespace
+
 bool ShouldFail(const char* function)
 {
     if (function == nullptr) {
@@ -99,8 +126,11 @@ bool ShouldFail(const char* function)
     }
     State& s = TheState();
     std::lock_guard<std::mutex> lock(s.mutex);
+    CountCall(s, function);
+    if (s.failures.empty()) {
+        return false;
+    }
     const std::string name(function);
-    ++s.callCounts[name];
     auto it = s.failures.find(name);
     if (it == s.failures.end()) {
         return false;
@@ -181,6 +211,7 @@ void Reset()
         s.failures.clear();
         s.passesBeforeFailure.clear();
         s.callCounts.clear();
+        s.countByAddress.clear();
         s.virtualClock = false;
         s.virtualNowUs = 0;
         s.sleeps.clear();
