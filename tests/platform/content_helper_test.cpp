@@ -468,6 +468,16 @@ TEST_F(ContentHelperTest, TableNameIsTheLastSegmentOfTheUri)
     EXPECT_EQ("", CContentHelper::GetTableNameFromUri(""));
 }
 
+TEST_F(ContentHelperTest, TableNameIgnoresAQueryAFragmentAndTrailingSlashes)
+{
+    EXPECT_EQ("tiles", CContentHelper::GetTableNameFromUri("content://a.b/tiles?limit=1"));
+    EXPECT_EQ("tiles", CContentHelper::GetTableNameFromUri("content://a.b/x/tiles#top"));
+    EXPECT_EQ("tiles", CContentHelper::GetTableNameFromUri("content://a.b/tiles//?q#f"));
+    EXPECT_EQ("sections", CContentHelper::GetTableNameFromUri("a.b/sections"));
+    EXPECT_EQ("", CContentHelper::GetTableNameFromUri("content://a.b/?q=tiles/x"));
+    EXPECT_EQ("", CContentHelper::GetTableNameFromUri("no-slash-at-all"));
+}
+
 TEST_F(ContentHelperTest, SqlFormatIsTheValueItself)
 {
     EXPECT_EQ("it's", CContentHelper::ToSQLFormat("it's"));

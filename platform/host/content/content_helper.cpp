@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -429,26 +430,24 @@ bool CContentHelper::CheckDBCorruption()
 
 std::string CContentHelper::GetTableNameFromUri(const std::string& uri)
 {
-    std::string::size_type start = 0;
-    std::string::size_type scheme = uri.find("://");
-    if (scheme != std::string::npos) {
-        start = scheme + 3;
+    // Read in place: every request asks, and the name is short.
+    std::string_view rest(uri);
+    const std::string_view::size_type scheme = rest.find("://");
+    if (scheme != std::string_view::npos) {
+        rest.remove_prefix(scheme + 3);
     }
-    std::string::size_type slash = uri.find('/', start);
-    if (slash == std::string::npos) {
+    const std::string_view::size_type slash = rest.find('/');
+    if (slash == std::string_view::npos) {
         return std::string();  // only an authority
     }
-    std::string path = uri.substr(slash + 1);
+    std::string_view path = rest.substr(slash + 1);
     // Drop a query or fragment, then trailing slashes.
-    std::string::size_type cut = path.find_first_of("?#");
-    if (cut != std::string::npos) {
-        path.erase(cut);
-    }
+    path = path.substr(0, path.find_first_of("?#"));
     while (!path.empty() && path.back() == '/') {
-        path.pop_back();
+        path.remove_suffix(1);
     }
-    std::string::size_type last = path.rfind('/');
-    return last == std::string::npos ? path : path.substr(last + 1);
+    const std::string_view::size_type last = path.rfind('/');
+    return std::string(last == std::string_view::npos ? path : path.substr(last + 1));
 }
 
 std::string CContentHelper::ToSQLFormat(const char* value)
