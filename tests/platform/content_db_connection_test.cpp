@@ -201,6 +201,24 @@ TEST_F(ContentDbConnectionTest, TableNamesAreQuoted)
     EXPECT_EQ("1", RawScalar(DbPath(), "SELECT v FROM \"odd \"\"name\""));
 }
 
+TEST_F(ContentDbConnectionTest, ColumnNamesWithAndWithoutQuotesReachTheirColumns)
+{
+    std::string error;
+    ASSERT_EQ(0, m_connection->ExcuteSQL("CREATE TABLE mixed (plain TEXT, \"we\"\"ird\" TEXT, \"\"\"lead\" TEXT, "
+                                         "\"end\"\"\" TEXT)",
+                                         error))
+        << error;
+    BundlePtr values = MakeBundle({{"plain", "p"}, {"we\"ird", "w"}, {"\"lead", "l"}, {"end\"", "e"}});
+    ASSERT_EQ(0, m_connection->InsertRequest("mixed", values.get()));
+    EXPECT_EQ("p|w|l|e", RawScalar(DbPath(), "SELECT plain || '|' || \"we\"\"ird\" || '|' || \"\"\"lead\" || '|' || "
+                                             "\"end\"\"\" FROM mixed"));
+
+    BundlePtr changed = MakeBundle({{"\"lead", "L"}, {"plain", "P"}});
+    ASSERT_EQ(0, m_connection->UpdateRequest("mixed", changed.get(), "", {}));
+    EXPECT_EQ("P|w|L|e", RawScalar(DbPath(), "SELECT plain || '|' || \"we\"\"ird\" || '|' || \"\"\"lead\" || '|' || "
+                                             "\"end\"\"\" FROM mixed"));
+}
+
 TEST_F(ContentDbConnectionTest, RowsOfTheSameKeysReuseOneCachedStatement)
 {
     // The table made in SetUp used sqlite3_exec; nothing is cached yet.
@@ -223,6 +241,31 @@ TEST_F(ContentDbConnectionTest, RowsOfTheSameKeysReuseOneCachedStatement)
     EXPECT_EQ(2u, tilvane::content::PreparedStatementCount() - before);
     ASSERT_EQ(0, Insert({{"name", "again"}, {"count", "6"}}));
     EXPECT_EQ(2u, tilvane::content::PreparedStatementCount() - before);
+}
+
+TEST_F(ContentDbConnectionTest, InsertsOfAnotherShapeAfterARepeatedOneWriteTheirOwnColumns)
+{
+    std::string error;
+    ASSERT_EQ(0, m_connection->ExcuteSQL("CREATE TABLE others (name TEXT, count INTEGER, name2 TEXT)", error))
+        << error;
+    ASSERT_EQ(0, Insert({{"name", "a"}, {"count", "1"}}));
+    ASSERT_EQ(0, Insert({{"name", "b"}, {"count", "2"}}));
+    // The same columns on another table.
+    BundlePtr other = MakeBundle({{"name", "c"}, {"count", "3"}});
+    ASSERT_EQ(0, m_connection->InsertRequest("others", other.get()));
+    // A name that only begins like the last one's, then fewer and more columns.
+    BundlePtr longer = MakeBundle({{"name2", "d"}, {"count", "4"}});
+    ASSERT_EQ(0, m_connection->InsertRequest("others", longer.get()));
+    ASSERT_EQ(0, Insert({{"name", "e"}}));
+    ASSERT_EQ(0, Insert({{"name", "f"}, {"count", "6"}, {"price", "6.5"}}));
+    ASSERT_EQ(0, Insert({}));
+
+    EXPECT_EQ((std::vector<std::string>{"a|1|NULL", "b|2|NULL", "e|NULL|NULL", "f|6|6.5", "NULL|NULL|NULL"}),
+              RawColumn(DbPath(), "SELECT ifnull(name, 'NULL') || '|' || ifnull(count, 'NULL') || '|' || "
+                                  "ifnull(price, 'NULL') FROM items ORDER BY id"));
+    EXPECT_EQ((std::vector<std::string>{"c|3|NULL", "NULL|4|d"}),
+              RawColumn(DbPath(), "SELECT ifnull(name, 'NULL') || '|' || count || '|' || ifnull(name2, 'NULL') "
+                                  "FROM others ORDER BY rowid"));
 }
 
 TEST_F(ContentDbConnectionTest, NumbersBoundAsTextTakeTheColumnAffinity)

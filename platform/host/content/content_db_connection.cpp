@@ -90,13 +90,43 @@ int BindBundleValue(sqlite3_stmt* statement, int index, const char* value)
     return sqlite3_bind_text(statement, index, value, -1, SQLITE_STATIC);
 }
 
-void AppendQuotedIdentifier(std::string& sql, const char* name)
+/* Appends `name` between double quotes, its own double quotes doubled,
+ * after `separator` unless that is 0. A name without quotes (the usual one)
+ * costs one append and one copy. */
+void AppendQuotedIdentifier(std::string& sql, const char* name, char separator = 0)
 {
+    const size_t length = std::strlen(name);
+    const size_t lead = separator != 0 ? 1 : 0;
+    const size_t at = sql.size();
+    if (std::memchr(name, '"', length) == nullptr) {
+        sql.append(lead + length + 2, '"');
+        if (lead != 0) {
+            sql[at] = separator;
+        }
+        std::memcpy(&sql[at + lead + 1], name, length);
+        return;
+    }
+    if (lead != 0) {
+        sql.push_back(separator);
+    }
     sql.push_back('"');
     for (const char* quote; (quote = std::strchr(name, '"')) != nullptr; name = quote + 1) {
         sql.append(name, static_cast<size_t>(quote - name) + 1).push_back('"');
     }
     sql.append(name).push_back('"');
+}
+
+/* Appends `count` placeholders separated by commas: "?,?,?". */
+void AppendPlaceholders(std::string& sql, size_t count)
+{
+    if (count == 0) {
+        return;
+    }
+    const size_t at = sql.size();
+    sql.append(2 * count - 1, ',');
+    for (size_t i = 0; i < count; ++i) {
+        sql[at + 2 * i] = '?';
+    }
 }
 
 bool SameFile(const std::string& a, const std::string& b)
@@ -212,16 +242,63 @@ std::string UpdateSql(const std::string& table, const Values& entries, const std
 {
     std::string sql = "UPDATE " + QuoteIdentifier(table) + " SET ";
     for (size_t i = 0; i < entries.size(); ++i) {
-        if (i > 0) {
-            sql += ',';
-        }
-        AppendQuotedIdentifier(sql, entries[i].first);
+        AppendQuotedIdentifier(sql, entries[i].first, i > 0 ? ',' : 0);
         sql += "=?";
     }
     if (!where.empty()) {
         sql += " WHERE " + where;
     }
     return sql;
+}
+
+std::string BuildInsertSql(const std::string& table, const Values& entries)
+{
+    std::string sql;
+    sql.reserve(64 + table.size() + entries.size() * 32);
+    sql += "INSERT INTO ";
+    sql += QuoteIdentifier(table);
+    if (entries.empty()) {
+        sql += " DEFAULT VALUES";
+        return sql;
+    }
+    sql += " (";
+    for (size_t i = 0; i < entries.size(); ++i) {
+        AppendQuotedIdentifier(sql, entries[i].first, i > 0 ? ',' : 0);
+    }
+    sql += ") VALUES (";
+    AppendPlaceholders(sql, entries.size());
+    sql += ')';
+    return sql;
+}
+
+bool SameInsertShape(const Database::InsertText& last, const std::string& table, const Values& entries)
+{
+    if (last.sql.empty() || last.table != table || last.columns.size() != entries.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (std::strcmp(last.columns[i].c_str(), entries[i].first) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* The insert statement's text for `entries` on `table`, under the database's
+ * lock: the last one built when the table and the column names (in their
+ * order) are the same, else built now and kept in its place. */
+const std::string& InsertSql(Database& database, const std::string& table, const Values& entries)
+{
+    Database::InsertText& last = database.m_lastInsert;
+    if (!SameInsertShape(last, table, entries)) {
+        last.sql = BuildInsertSql(table, entries);
+        last.table = table;
+        last.columns.clear();
+        for (const auto& entry : entries) {
+            last.columns.emplace_back(entry.first);
+        }
+    }
+    return last.sql;
 }
 
 /* A level of the connection's own transaction inside an outer transaction
@@ -423,27 +500,7 @@ int CContentDbConnection::InsertRequest(const std::string& table, bundle* values
     }
 
     Values entries = CollectValues(values);
-    std::string sql;
-    sql.reserve(64 + table.size() + entries.size() * 32);
-    sql += "INSERT INTO ";
-    sql += QuoteIdentifier(table);
-    if (entries.empty()) {
-        sql += " DEFAULT VALUES";
-    } else {
-        sql += " (";
-        for (size_t i = 0; i < entries.size(); ++i) {
-            if (i > 0) {
-                sql += ',';
-            }
-            AppendQuotedIdentifier(sql, entries[i].first);
-        }
-        sql += ") VALUES (";
-        for (size_t i = 0; i < entries.size(); ++i) {
-            sql += (i > 0) ? ",?" : "?";
-        }
-        sql += ')';
-    }
-
+    const std::string& sql = InsertSql(*db.shared(), table, entries);
     StatementLease statement;
     int rc = AcquireRequestStatement(*db.shared(), db.handle(), table, sql, statement);
     if (rc != SQLITE_OK) {

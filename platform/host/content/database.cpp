@@ -77,6 +77,7 @@ void Database::ReleaseCachedMemoryOfAll()
             // The statements kept for bulks are prepared again by the next
             // request; idle, they only hold memory.
             database->m_statements.Clear();
+            database->m_lastInsert = InsertText();
             sqlite3_db_release_memory(database->m_handle.get());
         }
     }

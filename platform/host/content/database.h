@@ -86,6 +86,18 @@ public:
      * level 1): the connections' own levels above it are savepoints. */
     bool m_bInOuterTransaction = false;
 
+    /* The text of the last insert statement built, with the table and the
+     * columns it was built for: the inserts of one shape (an application's
+     * rows, a bulk) use it again instead of quoting every name again. Only
+     * names, never values or anything read from the database. */
+    struct InsertText
+    {
+        std::string table;
+        std::vector<std::string> columns;
+        std::string sql;
+    };
+    InsertText m_lastInsert;
+
 private:
     Database(std::string path, SQLiteHandle handle);
 
