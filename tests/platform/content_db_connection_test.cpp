@@ -201,6 +201,35 @@ TEST_F(ContentDbConnectionTest, TableNamesAreQuoted)
     EXPECT_EQ("1", RawScalar(DbPath(), "SELECT v FROM \"odd \"\"name\""));
 }
 
+TEST_F(ContentDbConnectionTest, ASelectNamesATableWithQuotesInItsNameWithEveryClause)
+{
+    std::string error;
+    ASSERT_EQ(0, m_connection->ExcuteSQL("CREATE TABLE \"odd \"\"name\" (v INTEGER, w TEXT);"
+                                         "INSERT INTO \"odd \"\"name\" VALUES (1, 'a'), (2, 'b'), (3, 'c'), (4, 'd')",
+                                         error))
+        << error;
+    std::vector<std::string> projection{"w", "v"};
+    auto cursor = m_connection->SelectRequest("odd \"name", projection, "v > ?", {"1"}, "v DESC", "2");
+    ASSERT_NE(nullptr, cursor);
+    std::string w;
+    ASSERT_EQ(ISQLiteCursor::STEP_ROW, cursor->Step());
+    ASSERT_TRUE(cursor->GetString(0, w));
+    EXPECT_EQ("d", w);
+    ASSERT_EQ(ISQLiteCursor::STEP_ROW, cursor->Step());
+    ASSERT_TRUE(cursor->GetString(0, w));
+    EXPECT_EQ("c", w);
+    EXPECT_EQ(ISQLiteCursor::STEP_DONE, cursor->Step());
+
+    std::vector<std::string> every;
+    auto all = m_connection->SelectRequest("odd \"name", every, "", "");
+    ASSERT_NE(nullptr, all);
+    int rows = 0;
+    while (all->Step() == ISQLiteCursor::STEP_ROW) {
+        ++rows;
+    }
+    EXPECT_EQ(4, rows);
+}
+
 TEST_F(ContentDbConnectionTest, ColumnNamesWithAndWithoutQuotesReachTheirColumns)
 {
     std::string error;

@@ -90,12 +90,11 @@ int BindBundleValue(sqlite3_stmt* statement, int index, const char* value)
     return sqlite3_bind_text(statement, index, value, -1, SQLITE_STATIC);
 }
 
-/* Appends `name` between double quotes, its own double quotes doubled,
- * after `separator` unless that is 0. A name without quotes (the usual one)
- * costs one append and one copy. */
-void AppendQuotedIdentifier(std::string& sql, const char* name, char separator = 0)
+/* Appends the `length` bytes of `name` between double quotes, its own double
+ * quotes doubled, after `separator` unless that is 0. A name without quotes
+ * (the usual one) costs one append and one copy. */
+void AppendQuotedBytes(std::string& sql, const char* name, size_t length, char separator)
 {
-    const size_t length = std::strlen(name);
     const size_t lead = separator != 0 ? 1 : 0;
     const size_t at = sql.size();
     if (std::memchr(name, '"', length) == nullptr) {
@@ -110,10 +109,18 @@ void AppendQuotedIdentifier(std::string& sql, const char* name, char separator =
         sql.push_back(separator);
     }
     sql.push_back('"');
-    for (const char* quote; (quote = std::strchr(name, '"')) != nullptr; name = quote + 1) {
-        sql.append(name, static_cast<size_t>(quote - name) + 1).push_back('"');
+    for (size_t i = 0; i < length; ++i) {
+        if (name[i] == '"') {
+            sql.push_back('"');
+        }
+        sql.push_back(name[i]);
     }
-    sql.append(name).push_back('"');
+    sql.push_back('"');
+}
+
+void AppendQuotedIdentifier(std::string& sql, const char* name, char separator = 0)
+{
+    AppendQuotedBytes(sql, name, std::strlen(name), separator);
 }
 
 /* Appends `count` placeholders separated by commas: "?,?,?". */
@@ -215,7 +222,14 @@ int StepToDone(const LockedDatabase& db, sqlite3_stmt* statement, const char* wh
 std::string SelectSql(const std::string& table, const std::vector<std::string>& projection, const std::string& where,
                       const std::string& orderBy, const std::string& limit)
 {
-    std::string sql = "SELECT ";
+    // One allocation: the level query and the filters run it on every request.
+    size_t size = 32 + 2 * table.size() + where.size() + orderBy.size() + limit.size();
+    for (const std::string& column : projection) {
+        size += column.size() + 2;
+    }
+    std::string sql;
+    sql.reserve(size);
+    sql += "SELECT ";
     if (projection.empty()) {
         sql += '*';
     }
@@ -225,15 +239,15 @@ std::string SelectSql(const std::string& table, const std::vector<std::string>& 
         }
         sql += projection[i];
     }
-    sql += " FROM " + QuoteIdentifier(table);
-    if (!where.empty()) {
-        sql += " WHERE " + where;
-    }
-    if (!orderBy.empty()) {
-        sql += " ORDER BY " + orderBy;
-    }
-    if (!limit.empty()) {
-        sql += " LIMIT " + limit;
+    sql += " FROM ";
+    AppendQuotedBytes(sql, table.data(), table.size(), 0);
+    const std::pair<const char*, const std::string*> clauses[] = {
+        {" WHERE ", &where}, {" ORDER BY ", &orderBy}, {" LIMIT ", &limit}};
+    for (const auto& clause : clauses) {
+        if (!clause.second->empty()) {
+            sql += clause.first;
+            sql += *clause.second;
+        }
     }
     return sql;
 }
