@@ -228,8 +228,9 @@ bool CPermissionHelper::HasAcceleratorRow(const std::string& packageId, CContent
         std::string where = std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + " = ?";
         cursor = connection->SelectRequest(table, projection, where, {packageId}, "", "");
     } else {
-        std::string where =
-            std::string(TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME) + "='" + packageId + "'";
+        std::string where = TilesInternalModel::Accelerators::ACCELERATOR_APP_PKG_NAME;
+        where.reserve(where.size() + packageId.size() + 3);
+        where.append("='", 2).append(packageId).push_back('\'');
         cursor = connection->SelectRequest(table, projection, where, "");
     }
     std::string pkgName;
