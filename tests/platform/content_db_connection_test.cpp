@@ -60,6 +60,16 @@ std::string RawScalar(const std::string& path, const std::string& sql)
     return values.empty() ? std::string() : values[0];
 }
 
+/* Steps `cursor` to its end; the rows it gave. */
+int StepToEnd(ISQLiteCursor& cursor)
+{
+    int rows = 0;
+    while (cursor.Step() == ISQLiteCursor::STEP_ROW) {
+        ++rows;
+    }
+    return rows;
+}
+
 int CountStatements(sqlite3* db)
 {
     int count = 0;
@@ -223,11 +233,7 @@ TEST_F(ContentDbConnectionTest, ASelectNamesATableWithQuotesInItsNameWithEveryCl
     std::vector<std::string> every;
     auto all = m_connection->SelectRequest("odd \"name", every, "", "");
     ASSERT_NE(nullptr, all);
-    int rows = 0;
-    while (all->Step() == ISQLiteCursor::STEP_ROW) {
-        ++rows;
-    }
-    EXPECT_EQ(4, rows);
+    EXPECT_EQ(4, StepToEnd(*all));
 }
 
 TEST_F(ContentDbConnectionTest, ColumnNamesWithAndWithoutQuotesReachTheirColumns)
@@ -435,11 +441,7 @@ TEST_F(ContentDbConnectionTest, SelectAppliesProjectionWhereOrderAndLimit)
     auto every = m_connection->SelectRequest("items", all, "count <= 20", "id");
     ASSERT_NE(nullptr, every);
     EXPECT_EQ(5, every->GetColumnCount());
-    int rows = 0;
-    while (every->Step() == ISQLiteCursor::STEP_ROW) {
-        ++rows;
-    }
-    EXPECT_EQ(2, rows);
+    EXPECT_EQ(2, StepToEnd(*every));
 }
 
 TEST_F(ContentDbConnectionTest, SelectThatCannotBePreparedIsNull)
@@ -478,10 +480,7 @@ TEST_F(ContentDbConnectionTest, InnerLevelEndingWithFalseRollsBackTheOuterCommit
     std::vector<std::string> projection;
     auto cursor = m_connection->SelectRequest("items", projection, "", "");
     ASSERT_NE(nullptr, cursor);
-    int seen = 0;
-    while (cursor->Step() == ISQLiteCursor::STEP_ROW) {
-        ++seen;
-    }
+    const int seen = StepToEnd(*cursor);
     cursor.reset();
     EXPECT_EQ(3, seen);
 

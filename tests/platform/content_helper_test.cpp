@@ -470,12 +470,14 @@ TEST_F(ContentHelperTest, TableNameIsTheLastSegmentOfTheUri)
 
 TEST_F(ContentHelperTest, TableNameIgnoresAQueryAFragmentAndTrailingSlashes)
 {
-    EXPECT_EQ("tiles", CContentHelper::GetTableNameFromUri("content://a.b/tiles?limit=1"));
-    EXPECT_EQ("tiles", CContentHelper::GetTableNameFromUri("content://a.b/x/tiles#top"));
-    EXPECT_EQ("tiles", CContentHelper::GetTableNameFromUri("content://a.b/tiles//?q#f"));
-    EXPECT_EQ("sections", CContentHelper::GetTableNameFromUri("a.b/sections"));
-    EXPECT_EQ("", CContentHelper::GetTableNameFromUri("content://a.b/?q=tiles/x"));
-    EXPECT_EQ("", CContentHelper::GetTableNameFromUri("no-slash-at-all"));
+    const std::pair<const char*, const char*> uris[] = {
+        {"content://a.b/tiles?limit=1", "tiles"}, {"content://a.b/x/tiles#top", "tiles"},
+        {"content://a.b/tiles//?q#f", "tiles"},   {"a.b/sections", "sections"},
+        {"content://a.b/?q=tiles/x", ""},         {"no-slash-at-all", ""},
+    };
+    for (const auto& uri : uris) {
+        EXPECT_EQ(uri.second, CContentHelper::GetTableNameFromUri(uri.first)) << uri.first;
+    }
 }
 
 TEST_F(ContentHelperTest, SqlFormatIsTheValueItself)
