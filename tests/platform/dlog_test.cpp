@@ -346,4 +346,40 @@ TEST_F(DlogTest, ConcurrentLinesStayWhole)
     EXPECT_EQ(tilvane::host::CapturedLog().size(), static_cast<size_t>(kThreads * kLinesPerThread));
 }
 
+/* Lines longer than the log's buffer on the stack are built on the heap:
+ * they too leave in one write each (below the pipe's atomic size here). */
+TEST_F(DlogTest, LongLinesOfTwoThreadsStayWhole)
+{
+    constexpr int kLinesPerThread = 200;
+    /* The site's limit of bytes would stop these lines: off here. */
+    setenv("TILVANE_LOG_RATE_BURST", "0", 1);
+    tilvane::host::Reset();
+    StderrCapture capture;
+    std::vector<std::thread> threads;
+    for (char letter : {'a', 'b'}) {
+        threads.emplace_back([letter] {
+            const std::string body(3000, letter);
+            for (int i = 0; i < kLinesPerThread; ++i) {
+                __dlog_print(LOG_ID_MAIN, DLOG_INFO, "tag", "%c %d %s", letter, i, body.c_str());
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const auto lines = Lines(capture.Stop());
+    unsetenv("TILVANE_LOG_RATE_BURST");
+    ASSERT_EQ(lines.size(), static_cast<size_t>(2 * kLinesPerThread));
+    int next[2] = {0, 0};
+    for (const std::string& line : lines) {
+        ParsedLine parsed;
+        ASSERT_TRUE(ParseLine(line, parsed)) << line.substr(0, 80);
+        const char letter = parsed.message[0];
+        ASSERT_TRUE(letter == 'a' || letter == 'b') << line.substr(0, 80);
+        const std::string expected =
+            std::string(1, letter) + " " + std::to_string(next[letter - 'a']++) + " " + std::string(3000, letter);
+        ASSERT_EQ(parsed.message, expected) << line.substr(0, 80);
+    }
+}
+
 }  // namespace
