@@ -72,8 +72,9 @@ const std::vector<KeyInfo>& KnownKeys()
     return keys;
 }
 
-const KeyInfo* FindKey(const std::string& group, const std::string& key)
+const KeyInfo* FindKey(std::string_view group, std::string_view key)
 {
+    // Views, not strings: the settings readers look a key up on every request.
     for (const KeyInfo& info : KnownKeys()) {
         if (group == info.group && (key == info.key || std::strcmp(info.key, "*") == 0)) {
             return &info;

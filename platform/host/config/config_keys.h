@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config/platform_config.h"
@@ -40,7 +41,7 @@ struct KeyInfo {
 const std::vector<KeyInfo>& KnownKeys();
 
 /* The entry of `group` and `key`, or null when the platform does not know it. */
-const KeyInfo* FindKey(const std::string& group, const std::string& key);
+const KeyInfo* FindKey(std::string_view group, std::string_view key);
 
 /* `value` written the way the key's kind compares: integers as numbers,
  * booleans as "true"/"false", lists as their items joined by ";", text
