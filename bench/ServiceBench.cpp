@@ -43,6 +43,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -531,17 +532,6 @@ bool BareCallOf(BareKind kind, GVariant* parameters)
     return read;
 }
 
-/* A call of the content interface's `method` to the bare server. */
-bool BareCall(const char* method, GVariant* parameters, const char* /*replyType*/)
-{
-    for (int kind = kInsert; kind <= kGetRowIds; ++kind) {
-        if (std::strcmp(kBareMethods[kind].method, method) == 0) {
-            return BareCallOf(static_cast<BareKind>(kind), parameters);
-        }
-    }
-    return false;
-}
-
 /* A connection to the bare server's raw socket (the one of its current run). */
 int RawConnection()
 {
@@ -1008,8 +998,115 @@ private:
 const std::string kTilesUri = TilesModel::Tiles::CONTENT_URI;
 /* Every request kind against the bare call on the same transport. */
 constexpr double kBareGoal = 1.15;
-constexpr char kBareCallName[] = "bare D-Bus call";
-constexpr char kFloorName[] = "raw socket round trip + raw SQLite";
+
+/*
+ * What a request is held against, in alternation with it:
+ *   kBareCall        the bare D-Bus call alone on the same transport (the
+ *                    caller building the same payload, the reply read as the
+ *                    client reads it), figures "... / bare";
+ *   kBareCallAndSql  the bare call, then raw SQLite running the request's
+ *                    statement in this process as the floor runs it: the
+ *                    D-Bus library and SQLite doing the request's work with
+ *                    nothing of the service between them, figures
+ *                    "... / bare + SQLite";
+ *   kFloor           the physical floor ("against the physical floor"
+ *                    below), figures "... / floor".
+ */
+enum class Baseline { kBareCall, kBareCallAndSql, kFloor };
+
+bool RunsSql(Baseline baseline)
+{
+    return baseline != Baseline::kBareCall;
+}
+
+int Index(Baseline baseline)
+{
+    return static_cast<int>(baseline);
+}
+
+/* The figure of `request` (e.g. "insert one tile") held against `baseline`. */
+std::string Figure(const std::string& request, const ServiceFixture& fixture, Baseline baseline)
+{
+    static const char* const kSuffixes[] = {" / bare", " / bare + SQLite", " / floor"};
+    return "e2e " + request + ", " + SizeName(fixture.Tiles()) + kSuffixes[Index(baseline)];
+}
+
+const char* BaselineName(Baseline baseline)
+{
+    static const char* const kNames[] = {"bare D-Bus call", "bare D-Bus call + raw SQLite",
+                                         "raw socket round trip + raw SQLite"};
+    return kNames[Index(baseline)];
+}
+
+/* The goal of a figure: the bare call's for both bare baselines. */
+double Goal(Baseline baseline, double floorGoal)
+{
+    return baseline == Baseline::kFloor ? floorGoal : kBareGoal;
+}
+
+/* The request's message bytes for the floor, made once before the timed
+ * loop; empty for the bare baselines, whose caller builds each call. */
+template <typename Parameters>
+std::string FloorMessage(Baseline baseline, BareKind kind, Parameters&& parameters)
+{
+    return baseline == Baseline::kFloor ? MessageBytes(kind, parameters(), false) : std::string();
+}
+
+/* The baseline's side of one request: the request carried (the bare call, or
+ * `message` over the raw socket), then its statement run by `sql` unless the
+ * baseline is the bare call alone. */
+template <typename Call, typename Sql>
+bool Carry(Baseline baseline, BareKind kind, const std::string& message, Call&& call, Sql&& sql)
+{
+    const bool carried = baseline == Baseline::kFloor ? RawRoundTrip(kind, message) : call();
+    return carried && (!RunsSql(baseline) || sql());
+}
+
+/* A copy of the service's database for the baseline's writes, with `sql`
+ * prepared on it into `statement`; nothing when the baseline runs no
+ * statement. False, with the benchmark skipped, when it cannot be made. */
+bool CopyFor(benchmark::State& state, const ServiceFixture& fixture, Baseline baseline, const std::string& sql,
+             std::unique_ptr<FloorDb>& copy, sqlite3_stmt*& statement)
+{
+    if (!RunsSql(baseline)) {
+        return true;
+    }
+    copy.reset(new FloorDb(fixture.DatabasePath(), fixture.Root() + "/floor.db"));
+    statement = copy->Prepare(sql);
+    if (statement == nullptr) {
+        state.SkipWithError("cannot copy the service's database");
+    }
+    return statement != nullptr;
+}
+
+/* `sql` prepared on the service's own file, read only, for a baseline's
+ * reads; false, with the benchmark skipped, when it cannot be. */
+bool PrepareRead(benchmark::State& state, const RawDb& raw, const std::string& sql, sqlite3_stmt*& statement)
+{
+    if (sqlite3_prepare_v2(raw.Get(), sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+        state.SkipWithError("cannot read the service's database");
+        return false;
+    }
+    return true;
+}
+
+/* The statement the service runs for a select of all the caller's tiles. */
+std::string RawSelectSql(const ServiceFixture& fixture)
+{
+    return "SELECT * FROM tiles WHERE tile_section_raw_id IN (" + fixture.ClientFilter() + ") ORDER BY _id";
+}
+
+/* The statement the service runs for the caller's row ids. */
+std::string RawRowIdsSql(const ServiceFixture& fixture)
+{
+    return "SELECT _id FROM tiles WHERE tile_section_raw_id IN (" + fixture.ClientFilter() + ")";
+}
+
+/* The caller's tiles: what its select of all tiles gives. */
+long long ClientTiles(const ServiceFixture& fixture)
+{
+    return std::min(kClientTiles, fixture.Tiles());
+}
 
 ServiceFixture* FixtureOrSkip(benchmark::State& state)
 {
@@ -1020,18 +1117,26 @@ ServiceFixture* FixtureOrSkip(benchmark::State& state)
     return fixture;
 }
 
-void BM_ServiceInsert(benchmark::State& state, ServiceFixture* fixture)
+void BM_ServiceInsert(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
-    const Values row = BenchTile(700000, fixture->ClientSection(), kClientPackage);
+    const Values row = BenchTile(700000 + 5000 * Index(baseline), fixture->ClientSection(), kClientPackage);
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* insert = nullptr;
+    if (!CopyFor(state, *fixture, baseline, RawInsertSql(row), copy, insert)) {
+        return;
+    }
+    auto parameters = [&] { return g_variant_new("(ss@ay)", kClientApp, kTilesUri.c_str(), EncodedBundle(row)); };
+    const std::string message = FloorMessage(baseline, kInsert, parameters);
     RunInterleaved(
-        state, "e2e insert one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(200, 20),
+        state, Figure("insert one tile", *fixture, baseline), Goal(baseline, 2), Pairs(200, 20),
         [&] { return client.Insert(kTilesUri, row).Ok(); },
         [&] {
-            return BareCall("Insert", g_variant_new("(ss@ay)", kClientApp, kTilesUri.c_str(), EncodedBundle(row)),
-                            "(ixs)");
+            return Carry(
+                baseline, kInsert, message, [&] { return BareCallOf(kInsert, parameters()); },
+                [&] { return RawInsertRows(copy->Db(), insert, {row}); });
         },
-        kBareCallName);
+        BaselineName(baseline));
     client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
 }
 
@@ -1043,30 +1148,67 @@ Values UpdateValues(int n)
     return {{TilesModel::Tiles::TILE_PROGRESS, n % 2 == 0 ? "64" : "65"}, {TilesModel::Tiles::TILE_NOTIFICATION, "1"}};
 }
 
-/* The bare call of an update of `values`. */
-bool BareUpdate(const Values& values, const std::string& tileId)
+/* The statement of an update of UpdateValues' columns of one tile. */
+std::string RawUpdateSql()
 {
-    return BareCall("Update",
-                    g_variant_new("(ss@ays@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(values), "tile_id = ?",
-                                  StringArray({tileId})),
-                    "(ixs)");
+    const Values shape = UpdateValues(0);
+    return "UPDATE tiles SET \"" + shape[0].first + "\"=?, \"" + shape[1].first + "\"=? WHERE tile_id = ?";
 }
 
-void BM_ServiceUpdate(benchmark::State& state, ServiceFixture* fixture)
+/* RawUpdateSql's statement run for `values` on `tileId`: one row changed. */
+bool RawUpdate(sqlite3* db, sqlite3_stmt* update, const Values& values, const std::string& tileId)
+{
+    sqlite3_bind_text(update, 1, values[0].second.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_text(update, 2, values[1].second.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_text(update, 3, tileId.c_str(), -1, SQLITE_STATIC);
+    const bool done = sqlite3_step(update) == SQLITE_DONE && sqlite3_changes(db) == 1;
+    sqlite3_reset(update);
+    return done;
+}
+
+/* The delete of one tile by its id: one row gone. */
+bool RawDelete(sqlite3* db, sqlite3_stmt* remove, const std::string& tileId)
+{
+    sqlite3_bind_text(remove, 1, tileId.c_str(), -1, SQLITE_STATIC);
+    const bool done = sqlite3_step(remove) == SQLITE_DONE && sqlite3_changes(db) == 1;
+    sqlite3_reset(remove);
+    return done;
+}
+
+constexpr char kRawDeleteSql[] = "DELETE FROM tiles WHERE tile_id = ?";
+
+void BM_ServiceUpdate(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
     const std::string tileId = std::string(kClientPackage) + ".tile.7";
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* update = nullptr;
+    if (!CopyFor(state, *fixture, baseline, RawUpdateSql(), copy, update)) {
+        return;
+    }
+    auto parameters = [&](const Values& values) {
+        return g_variant_new("(ss@ays@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(values), "tile_id = ?",
+                             StringArray({tileId}));
+    };
+    const std::string message = FloorMessage(baseline, kUpdate, [&] { return parameters(UpdateValues(0)); });
     int served = 0;
-    int bare = 0;
+    int carried = 0;
     RunInterleaved(
-        state, "e2e update one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(200, 20),
+        state, Figure("update one tile", *fixture, baseline), Goal(baseline, 2), Pairs(200, 20),
         [&] { return client.Update(kTilesUri, UpdateValues(served++), "tile_id = ?", {tileId}).Ok(); },
-        [&] { return BareUpdate(UpdateValues(bare++), tileId); }, kBareCallName);
+        [&] {
+            const Values values = UpdateValues(carried++);
+            return Carry(
+                baseline, kUpdate, message, [&] { return BareCallOf(kUpdate, parameters(values)); },
+                [&] { return RawUpdate(copy->Db(), update, values, tileId); });
+        },
+        BaselineName(baseline));
 }
 
 /* Tiles of the caller to delete, one per pair, numbered from `first`, stored
- * through the service before the timed loop; empty, with the benchmark
- * skipped, when they could not be. */
+ * through the service before the timed loop (and before a baseline's copy
+ * of the database is made, so that both sides delete the same tiles); empty,
+ * with the benchmark skipped, when they could not be. */
 std::vector<Values> StoredRowsToDelete(benchmark::State& state, const ServiceFixture& fixture, int first, int count)
 {
     std::vector<Values> rows;
@@ -1080,46 +1222,65 @@ std::vector<Values> StoredRowsToDelete(benchmark::State& state, const ServiceFix
     return rows;
 }
 
-void BM_ServiceDelete(benchmark::State& state, ServiceFixture* fixture)
+/* The tile id of the n-th of `rows`, counting `n` on. */
+const std::string& NextTileId(const std::vector<Values>& rows, int& n)
+{
+    return rows[static_cast<size_t>(n++)].front().second;
+}
+
+void BM_ServiceDelete(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
     const int pairs = Pairs(200, 20);
-    // The rows to delete, one per pair, made before the timed loop.
-    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 800000, pairs);
-    if (rows.empty()) {
+    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 840000 + 5000 * Index(baseline), pairs);
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* remove = nullptr;
+    if (rows.empty() || !CopyFor(state, *fixture, baseline, kRawDeleteSql, copy, remove)) {
         return;
     }
+    auto parameters = [&](const std::string& tileId) {
+        return g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?", StringArray({tileId}));
+    };
+    const std::string message = FloorMessage(baseline, kDelete, [&] { return parameters(rows.front().front().second); });
     int next = 0;
-    int nextBare = 0;
+    int nextCarried = 0;
     RunInterleaved(
-        state, "e2e delete one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, pairs,
-        [&] { return client.Delete(kTilesUri, "tile_id = ?", {rows[static_cast<size_t>(next++)].front().second}).Ok(); },
+        state, Figure("delete one tile", *fixture, baseline), Goal(baseline, 2), pairs,
+        [&] { return client.Delete(kTilesUri, "tile_id = ?", {NextTileId(rows, next)}).Ok(); },
         [&] {
-            const std::vector<std::string> whereArgs = {rows[static_cast<size_t>(nextBare++)].front().second};
-            return BareCall("Delete",
-                            g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?",
-                                          StringArray(whereArgs)),
-                            "(ixs)");
+            const std::string& tileId = NextTileId(rows, nextCarried);
+            return Carry(
+                baseline, kDelete, message, [&] { return BareCallOf(kDelete, parameters(tileId)); },
+                [&] { return RawDelete(copy->Db(), remove, tileId); });
         },
-        kBareCallName);
+        BaselineName(baseline));
 }
 
-void BM_ServiceBulkInsert1000(benchmark::State& state, ServiceFixture* fixture)
+void BM_ServiceBulkInsert1000(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
+    const std::string package = "org.example.bench.bulk" + std::to_string(Index(baseline));
     std::vector<Values> rows;
     for (int i = 0; i < 1000; ++i) {
-        rows.push_back(BenchTile(600000 + i, fixture->ClientSection(), "org.example.bench.bulk"));
+        rows.push_back(BenchTile(600000 + 5000 * Index(baseline) + i, fixture->ClientSection(), package));
     }
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* insert = nullptr;
+    if (!CopyFor(state, *fixture, baseline, RawInsertSql(rows.front()), copy, insert)) {
+        return;
+    }
+    auto parameters = [&] { return g_variant_new("(ss@aay)", kClientApp, kTilesUri.c_str(), EncodedRows(rows)); };
+    const std::string message = FloorMessage(baseline, kBulkInsert, parameters);
     RunInterleaved(
-        state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(10, 2),
+        state, Figure("bulk insert 1000 tiles", *fixture, baseline), Goal(baseline, 1.5), Pairs(10, 2),
         [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
         [&] {
-            return BareCall("BulkInsert", g_variant_new("(ss@aay)", kClientApp, kTilesUri.c_str(), EncodedRows(rows)),
-                            "(ixs)");
+            return Carry(
+                baseline, kBulkInsert, message, [&] { return BareCallOf(kBulkInsert, parameters()); },
+                [&] { return RawInsertRows(copy->Db(), insert, rows); });
         },
-        kBareCallName);
-    client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulk.%"});
+        BaselineName(baseline));
+    client.Delete(kTilesUri, "tile_id LIKE ?", {package + ".%"});
 }
 
 /* ---- the typed, atomic publish ---------------------------------------------- */
@@ -1229,10 +1390,8 @@ void BM_ServiceSelect1000VsRaw(benchmark::State& state, ServiceFixture* fixture)
 {
     ContentClient client;
     RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
-    // The statement the service runs for this caller: its tiles filter, all columns.
-    const std::string sql =
-        "SELECT * FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ") ORDER BY _id";
-    const size_t expected = static_cast<size_t>(std::min(kClientTiles, fixture->Tiles()));
+    const std::string sql = RawSelectSql(*fixture);
+    const size_t expected = static_cast<size_t>(ClientTiles(*fixture));
     RunInterleaved(
         state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / raw", 0, Pairs(40, 5),
         [&] {
@@ -1265,34 +1424,6 @@ void BM_ServiceSelect1000VsRaw(benchmark::State& state, ServiceFixture* fixture)
         "raw SQLite select");
 }
 
-void BM_ServiceSelect1000VsBare(benchmark::State& state, ServiceFixture* fixture)
-{
-    ContentClient client;
-    RunInterleaved(
-        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(40, 5),
-        [&] { return client.Select(kTilesUri, {}, "", {}, "_id", "").Ok(); },
-        [&] {
-            return BareCall("Select",
-                            g_variant_new("(ss@ass@asss)", kClientApp, kTilesUri.c_str(), StringArray({}), "",
-                                          StringArray({}), "_id", ""),
-                            "(ay)");
-        },
-        kBareCallName);
-}
-
-void BM_ServiceRowIds(benchmark::State& state, ServiceFixture* fixture)
-{
-    ContentClient client;
-    RunInterleaved(
-        state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, Pairs(100, 10),
-        [&] { return client.GetRowIds(kTilesUri, "", {}).Ok(); },
-        [&] {
-            return BareCall("GetRowIds",
-                            g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})), "(ax)");
-        },
-        kBareCallName);
-}
-
 /* ---- against the physical floor ------------------------------------------------ */
 
 /*
@@ -1301,7 +1432,8 @@ void BM_ServiceRowIds(benchmark::State& state, ServiceFixture* fixture)
  * of the service's reply message back, then raw SQLite running the request's
  * statement in this process, prepared once (FloorDb for writes, the
  * service's own file for reads). No service that keeps its rows in SQLite and
- * answers over a socket can do less on this machine.
+ * answers over a socket can do less on this machine. The same statements
+ * follow the bare call in the "bare + SQLite" figures.
  */
 
 /* Steps `statement` to its end reading every column as the service's row
@@ -1332,116 +1464,55 @@ long long StepAllColumns(sqlite3_stmt* statement)
     return rc == SQLITE_DONE ? rows : -1;
 }
 
-void BM_ServiceInsertVsFloor(benchmark::State& state, ServiceFixture* fixture)
+void BM_ServiceSelect1000(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
-    const Values row = BenchTile(710000, fixture->ClientSection(), kClientPackage);
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(row));
-    if (insert == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
+    RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
+    sqlite3_stmt* select = nullptr;
+    if (!PrepareRead(state, raw, RawSelectSql(*fixture), select)) {
         return;
     }
-    const std::string message =
-        MessageBytes(kInsert, g_variant_new("(ss@ay)", kClientApp, kTilesUri.c_str(), EncodedBundle(row)), false);
-    RunInterleaved(
-        state, "e2e insert one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(200, 20),
-        [&] { return client.Insert(kTilesUri, row).Ok(); },
-        [&] { return RawRoundTrip(kInsert, message) && RawInsertRows(floor.Db(), insert, {row}); }, kFloorName);
-    client.Delete(kTilesUri, "tile_id = ?", {row.front().second});
-}
-
-void BM_ServiceUpdateVsFloor(benchmark::State& state, ServiceFixture* fixture)
-{
-    ContentClient client;
-    const std::string tileId = std::string(kClientPackage) + ".tile.7";
-    const Values shape = UpdateValues(0);
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* update = floor.Prepare("UPDATE tiles SET \"" + shape[0].first + "\"=?, \"" + shape[1].first +
-                                         "\"=? WHERE tile_id = ?");
-    if (update == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    const std::string message =
-        MessageBytes(kUpdate,
-                     g_variant_new("(ss@ays@as)", kClientApp, kTilesUri.c_str(), EncodedBundle(shape),
-                                   "tile_id = ?", StringArray({tileId})),
-                     false);
-    int served = 0;
-    int stored = 0;
-    auto raw = [&] {
-        const Values values = UpdateValues(stored++);
-        sqlite3_bind_text(update, 1, values[0].second.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_text(update, 2, values[1].second.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_text(update, 3, tileId.c_str(), -1, SQLITE_STATIC);
-        const bool done = sqlite3_step(update) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
-        sqlite3_reset(update);
-        return done;
+    const long long expected = ClientTiles(*fixture);
+    auto parameters = [&] {
+        return g_variant_new("(ss@ass@asss)", kClientApp, kTilesUri.c_str(), StringArray({}), "", StringArray({}),
+                             "_id", "");
     };
+    const std::string message = FloorMessage(baseline, kSelect, parameters);
     RunInterleaved(
-        state, "e2e update one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(200, 20),
-        [&] { return client.Update(kTilesUri, UpdateValues(served++), "tile_id = ?", {tileId}).Ok(); },
-        [&] { return RawRoundTrip(kUpdate, message) && raw(); }, kFloorName);
-}
-
-void BM_ServiceDeleteVsFloor(benchmark::State& state, ServiceFixture* fixture)
-{
-    ContentClient client;
-    const int pairs = Pairs(200, 20);
-    // The rows to delete, one per pair, stored by the service before the copy
-    // is made: both sides delete the same tiles.
-    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 810000, pairs);
-    if (rows.empty()) {
-        return;
-    }
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* remove = floor.Prepare("DELETE FROM tiles WHERE tile_id = ?");
-    if (remove == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    const std::string message =
-        MessageBytes(kDelete,
-                     g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "tile_id = ?",
-                                   StringArray({rows.front().front().second})),
-                     false);
-    int next = 0;
-    int nextRaw = 0;
-    auto raw = [&](const std::string& tileId) {
-        sqlite3_bind_text(remove, 1, tileId.c_str(), -1, SQLITE_STATIC);
-        const bool done = sqlite3_step(remove) == SQLITE_DONE && sqlite3_changes(floor.Db()) == 1;
-        sqlite3_reset(remove);
-        return done;
-    };
-    RunInterleaved(
-        state, "e2e delete one tile, " + SizeName(fixture->Tiles()) + " / floor", 2, pairs,
+        state, Figure("select 1000 tiles", *fixture, baseline), Goal(baseline, 1.25), Pairs(40, 5),
         [&] {
-            return client.Delete(kTilesUri, "tile_id = ?", {rows[static_cast<size_t>(next++)].front().second}).Ok();
+            Result result = client.Select(kTilesUri, {}, "", {}, "_id", "");
+            return result.Ok() && result.rows.rows.size() == static_cast<size_t>(expected);
         },
         [&] {
-            return RawRoundTrip(kDelete, message) && raw(rows[static_cast<size_t>(nextRaw++)].front().second);
+            return Carry(
+                baseline, kSelect, message, [&] { return BareCallOf(kSelect, parameters()); },
+                [&] { return StepAllColumns(select) == expected; });
         },
-        kFloorName);
+        BaselineName(baseline));
+    sqlite3_finalize(select);
 }
 
-void BM_ServiceRowIdsVsFloor(benchmark::State& state, ServiceFixture* fixture)
+void BM_ServiceRowIds(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
     RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
     sqlite3_stmt* ids = nullptr;
-    const std::string sql = "SELECT _id FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ")";
-    if (sqlite3_prepare_v2(raw.Get(), sql.c_str(), -1, &ids, nullptr) != SQLITE_OK) {
-        state.SkipWithError("cannot read the service's database");
+    if (!PrepareRead(state, raw, RawRowIdsSql(*fixture), ids)) {
         return;
     }
-    const long long expected = std::min(kClientTiles, fixture->Tiles());
-    const std::string message = MessageBytes(
-        kGetRowIds, g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})), false);
+    const long long expected = ClientTiles(*fixture);
+    auto parameters = [&] { return g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})); };
+    const std::string message = FloorMessage(baseline, kGetRowIds, parameters);
     RunInterleaved(
-        state, "e2e row ids of 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 2, Pairs(100, 10),
+        state, Figure("row ids of 1000 tiles", *fixture, baseline), Goal(baseline, 2), Pairs(100, 10),
         [&] { return client.GetRowIds(kTilesUri, "", {}).Ok(); },
-        [&] { return RawRoundTrip(kGetRowIds, message) && StepAll(ids) == expected; }, kFloorName);
+        [&] {
+            return Carry(
+                baseline, kGetRowIds, message, [&] { return BareCallOf(kGetRowIds, parameters()); },
+                [&] { return StepAll(ids) == expected; });
+        },
+        BaselineName(baseline));
     sqlite3_finalize(ids);
 }
 
@@ -1454,125 +1525,119 @@ void KeepSmaps(const ServiceFixture& fixture, const std::string& name)
     }
 }
 
-void BM_ServiceBulkInsertVsFloor(benchmark::State& state, ServiceFixture* fixture)
-{
-    ContentClient client;
-    std::vector<Values> rows;
-    for (int i = 0; i < 1000; ++i) {
-        rows.push_back(BenchTile(610000 + i, fixture->ClientSection(), "org.example.bench.bulkfloor"));
-    }
-    FloorDb floor(fixture->DatabasePath(), fixture->Root() + "/floor.db");
-    sqlite3_stmt* insert = floor.Prepare(RawInsertSql(rows.front()));
-    if (insert == nullptr) {
-        state.SkipWithError("cannot copy the service's database");
-        return;
-    }
-    const std::string message = MessageBytes(
-        kBulkInsert, g_variant_new("(ss@aay)", kClientApp, kTilesUri.c_str(), EncodedRows(rows)), false);
-    RunInterleaved(
-        state, "e2e bulk insert 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 1.5, Pairs(10, 2),
-        [&] { return client.BulkInsert(kTilesUri, rows).Ok(); },
-        [&] { return RawRoundTrip(kBulkInsert, message) && RawInsertRows(floor.Db(), insert, rows); }, kFloorName);
-    client.Delete(kTilesUri, "tile_id LIKE ?", {"org.example.bench.bulkfloor.%"});
-}
-
-void BM_ServiceSelect1000VsFloor(benchmark::State& state, ServiceFixture* fixture)
-{
-    ContentClient client;
-    RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
-    sqlite3_stmt* select = nullptr;
-    const std::string sql =
-        "SELECT * FROM tiles WHERE tile_section_raw_id IN (" + fixture->ClientFilter() + ") ORDER BY _id";
-    if (sqlite3_prepare_v2(raw.Get(), sql.c_str(), -1, &select, nullptr) != SQLITE_OK) {
-        state.SkipWithError("cannot read the service's database");
-        return;
-    }
-    const long long expected = std::min(kClientTiles, fixture->Tiles());
-    const std::string message =
-        MessageBytes(kSelect,
-                     g_variant_new("(ss@ass@asss)", kClientApp, kTilesUri.c_str(), StringArray({}), "",
-                                   StringArray({}), "_id", ""),
-                     false);
-    RunInterleaved(
-        state, "e2e select 1000 tiles, " + SizeName(fixture->Tiles()) + " / floor", 1.25, Pairs(40, 5),
-        [&] {
-            Result result = client.Select(kTilesUri, {}, "", {}, "_id", "");
-            return result.Ok() && result.rows.rows.size() == static_cast<size_t>(expected);
-        },
-        [&] { return RawRoundTrip(kSelect, message) && StepAllColumns(select) == expected; }, kFloorName);
-    sqlite3_finalize(select);
-}
-
 /* ---- the data-control interface ------------------------------------------------ */
 
 /* Each request of the data-control interface against the bare call on the
- * same transport, the caller building the same payload. */
-void BM_DataControlInsert(benchmark::State& state, ServiceFixture* fixture)
+ * same transport (alone, and followed by the request's statement), the
+ * caller building the same payload. */
+void BM_DataControlInsert(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     const DataControlClient client(kProviderId);
-    const Values row = BenchTile(720000, fixture->ClientSection(), kClientPackage);
+    const Values row = BenchTile(720000 + 5000 * Index(baseline), fixture->ClientSection(), kClientPackage);
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* insert = nullptr;
+    if (!CopyFor(state, *fixture, baseline, RawInsertSql(row), copy, insert)) {
+        return;
+    }
     RunInterleaved(
-        state, "e2e data control insert one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
-        Pairs(200, 20), [&] { return client.Insert(kDataId, row).Ok(); },
+        state, Figure("data control insert one tile", *fixture, baseline), kBareGoal, Pairs(200, 20),
+        [&] { return client.Insert(kDataId, row).Ok(); },
         [&] {
-            return BareCallOf(kDcInsert,
-                              g_variant_new("(sss@ay)", kClientApp, kProviderId, kDataId, EncodedBundle(row)));
+            return Carry(
+                baseline, kDcInsert, "",
+                [&] {
+                    return BareCallOf(kDcInsert,
+                                      g_variant_new("(sss@ay)", kClientApp, kProviderId, kDataId, EncodedBundle(row)));
+                },
+                [&] { return RawInsertRows(copy->Db(), insert, {row}); });
         },
-        kBareCallName);
+        BaselineName(baseline));
     client.Delete(kDataId, "tile_id = '" + row.front().second + "'");
 }
 
-void BM_DataControlUpdate(benchmark::State& state, ServiceFixture* fixture)
+void BM_DataControlUpdate(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     const DataControlClient client(kProviderId);
-    const std::string where = "tile_id = '" + std::string(kClientPackage) + ".tile.8'";
+    const std::string tileId = std::string(kClientPackage) + ".tile.8";
+    const std::string where = "tile_id = '" + tileId + "'";
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* update = nullptr;
+    if (!CopyFor(state, *fixture, baseline, RawUpdateSql(), copy, update)) {
+        return;
+    }
     int served = 0;
-    int bare = 0;
+    int carried = 0;
     RunInterleaved(
-        state, "e2e data control update one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
-        Pairs(200, 20), [&] { return client.Update(kDataId, UpdateValues(served++), where).Ok(); },
+        state, Figure("data control update one tile", *fixture, baseline), kBareGoal, Pairs(200, 20),
+        [&] { return client.Update(kDataId, UpdateValues(served++), where).Ok(); },
         [&] {
-            return BareCallOf(kDcUpdate, g_variant_new("(sss@ays)", kClientApp, kProviderId, kDataId,
-                                                       EncodedBundle(UpdateValues(bare++)), where.c_str()));
+            const Values values = UpdateValues(carried++);
+            return Carry(
+                baseline, kDcUpdate, "",
+                [&] {
+                    return BareCallOf(kDcUpdate, g_variant_new("(sss@ays)", kClientApp, kProviderId, kDataId,
+                                                               EncodedBundle(values), where.c_str()));
+                },
+                [&] { return RawUpdate(copy->Db(), update, values, tileId); });
         },
-        kBareCallName);
+        BaselineName(baseline));
 }
 
-void BM_DataControlDelete(benchmark::State& state, ServiceFixture* fixture)
+void BM_DataControlDelete(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     const DataControlClient client(kProviderId);
     const int pairs = Pairs(200, 20);
-    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 830000, pairs);
-    if (rows.empty()) {
+    const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 860000 + 5000 * Index(baseline), pairs);
+    std::unique_ptr<FloorDb> copy;
+    sqlite3_stmt* remove = nullptr;
+    if (rows.empty() || !CopyFor(state, *fixture, baseline, kRawDeleteSql, copy, remove)) {
         return;
     }
     int next = 0;
-    int nextBare = 0;
-    auto where = [&rows](int& at) { return "tile_id = '" + rows[static_cast<size_t>(at++)].front().second + "'"; };
+    int nextCarried = 0;
     RunInterleaved(
-        state, "e2e data control delete one tile, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal, pairs,
+        state, Figure("data control delete one tile", *fixture, baseline), kBareGoal, pairs,
         [&] {
-            const Result result = client.Delete(kDataId, where(next));
+            const Result result = client.Delete(kDataId, "tile_id = '" + NextTileId(rows, next) + "'");
             return result.Ok() && result.changedRows == 1;
         },
         [&] {
-            return BareCallOf(kDcDelete,
-                              g_variant_new("(ssss)", kClientApp, kProviderId, kDataId, where(nextBare).c_str()));
+            const std::string& tileId = NextTileId(rows, nextCarried);
+            const std::string where = "tile_id = '" + tileId + "'";
+            return Carry(
+                baseline, kDcDelete, "",
+                [&] {
+                    return BareCallOf(kDcDelete,
+                                      g_variant_new("(ssss)", kClientApp, kProviderId, kDataId, where.c_str()));
+                },
+                [&] { return RawDelete(copy->Db(), remove, tileId); });
         },
-        kBareCallName);
+        BaselineName(baseline));
 }
 
-void BM_DataControlSelect1000(benchmark::State& state, ServiceFixture* fixture)
+void BM_DataControlSelect1000(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     const DataControlClient client(kProviderId);
+    RawDb raw(fixture->DatabasePath(), SQLITE_OPEN_READONLY);
+    sqlite3_stmt* select = nullptr;
+    if (!PrepareRead(state, raw, RawSelectSql(*fixture), select)) {
+        return;
+    }
+    const long long expected = ClientTiles(*fixture);
     RunInterleaved(
-        state, "e2e data control select 1000 tiles, " + SizeName(fixture->Tiles()) + " / bare", kBareGoal,
-        Pairs(40, 5), [&] { return client.Select(kDataId, {}, "", "_id").Ok(); },
+        state, Figure("data control select 1000 tiles", *fixture, baseline), kBareGoal, Pairs(40, 5),
+        [&] { return client.Select(kDataId, {}, "", "_id").Ok(); },
         [&] {
-            return BareCallOf(kDcSelect, g_variant_new("(sss@asss)", kClientApp, kProviderId, kDataId,
-                                                       StringArray({}), "", "_id"));
+            return Carry(
+                baseline, kDcSelect, "",
+                [&] {
+                    return BareCallOf(kDcSelect, g_variant_new("(sss@asss)", kClientApp, kProviderId, kDataId,
+                                                               StringArray({}), "", "_id"));
+                },
+                [&] { return StepAllColumns(select) == expected; });
         },
-        kBareCallName);
+        BaselineName(baseline));
+    sqlite3_finalize(select);
 }
 
 /* One repetition: an orderly stop, a start (timed), idle, memory. */
@@ -1753,40 +1818,47 @@ void RegisterServiceBenchmarks()
     }
     struct Entry
     {
-        const char* name;
+        std::string name;
         /* Run with the service of the benchmark's size; skipped when it
          * cannot be started. */
-        void (*function)(benchmark::State&, ServiceFixture*);
+        std::function<void(benchmark::State&, ServiceFixture*)> function;
     };
-    const Entry entries[] = {
+    std::vector<Entry> entries = {
         {"BM_ServiceReadyAndMemory", BM_ServiceReadyAndMemory},
         {"BM_ServiceReadyAfterKill", BM_ServiceReadyAfterKill},
         {"BM_ServiceReadyAfterKillColdCache", BM_ServiceReadyAfterKillColdCache},
-        {"BM_ServiceInsert", BM_ServiceInsert},
-        {"BM_ServiceInsertVsFloor", BM_ServiceInsertVsFloor},
-        {"BM_ServiceUpdate", BM_ServiceUpdate},
-        {"BM_ServiceUpdateVsFloor", BM_ServiceUpdateVsFloor},
-        {"BM_ServiceDelete", BM_ServiceDelete},
-        {"BM_ServiceDeleteVsFloor", BM_ServiceDeleteVsFloor},
-        {"BM_ServiceRowIds", BM_ServiceRowIds},
-        {"BM_ServiceRowIdsVsFloor", BM_ServiceRowIdsVsFloor},
-        {"BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000},
-        {"BM_ServiceBulkInsertVsFloor", BM_ServiceBulkInsertVsFloor},
-        {"BM_ServicePublish1000In10Sections", BM_ServicePublish1000In10Sections},
-        {"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw},
-        {"BM_ServiceSelect1000VsBare", BM_ServiceSelect1000VsBare},
-        {"BM_ServiceSelect1000VsFloor", BM_ServiceSelect1000VsFloor},
-        {"BM_DataControlInsert", BM_DataControlInsert},
-        {"BM_DataControlUpdate", BM_DataControlUpdate},
-        {"BM_DataControlDelete", BM_DataControlDelete},
-        {"BM_DataControlSelect1000", BM_DataControlSelect1000},
-        {"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests},
-        {"BM_ServiceMemoryWith100IdleClients", BM_ServiceMemoryWith100IdleClients},
     };
+    /* Each request against each of its baselines, one benchmark each. */
+    using Request = void (*)(benchmark::State&, ServiceFixture*, Baseline);
+    auto against = [&entries](const char* name, Request request, std::vector<Baseline> baselines) {
+        static const char* const kSuffixes[] = {"VsBare", "VsBareSql", "VsFloor"};
+        for (Baseline baseline : baselines) {
+            entries.push_back({std::string(name) + kSuffixes[Index(baseline)],
+                               [request, baseline](benchmark::State& state, ServiceFixture* fixture) {
+                                   request(state, fixture, baseline);
+                               }});
+        }
+    };
+    const std::vector<Baseline> all = {Baseline::kBareCall, Baseline::kBareCallAndSql, Baseline::kFloor};
+    const std::vector<Baseline> bare = {Baseline::kBareCall, Baseline::kBareCallAndSql};
+    against("BM_ServiceInsert", BM_ServiceInsert, all);
+    against("BM_ServiceUpdate", BM_ServiceUpdate, all);
+    against("BM_ServiceDelete", BM_ServiceDelete, all);
+    against("BM_ServiceRowIds", BM_ServiceRowIds, all);
+    against("BM_ServiceBulkInsert1000", BM_ServiceBulkInsert1000, all);
+    entries.push_back({"BM_ServicePublish1000In10Sections", BM_ServicePublish1000In10Sections});
+    entries.push_back({"BM_ServiceSelect1000VsRaw", BM_ServiceSelect1000VsRaw});
+    against("BM_ServiceSelect1000", BM_ServiceSelect1000, all);
+    against("BM_DataControlInsert", BM_DataControlInsert, bare);
+    against("BM_DataControlUpdate", BM_DataControlUpdate, bare);
+    against("BM_DataControlDelete", BM_DataControlDelete, bare);
+    against("BM_DataControlSelect1000", BM_DataControlSelect1000, bare);
+    entries.push_back({"BM_ServiceMemoryAfterRequests", BM_ServiceMemoryAfterRequests});
+    entries.push_back({"BM_ServiceMemoryWith100IdleClients", BM_ServiceMemoryWith100IdleClients});
     for (int size : sizes) {
         for (const Entry& entry : entries) {
             const auto body = entry.function;
-            benchmark::RegisterBenchmark(entry.name,
+            benchmark::RegisterBenchmark(entry.name.c_str(),
                                          [body](benchmark::State& state) {
                                              if (ServiceFixture* fixture = FixtureOrSkip(state)) {
                                                  body(state, fixture);
