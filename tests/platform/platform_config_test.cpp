@@ -203,6 +203,31 @@ TEST_F(PlatformConfigTest, SettingsReadTheTablesDefaultUnlessTheFileSetsAUsableV
     EXPECT_EQ(config::StringSetting("service", "app-id"), config::Default("service", "app-id"));
 }
 
+/* Settings are kept between reads: a change of the configuration is still
+ * seen by the next read on the same thread, and a name passed from a buffer
+ * that later holds another name reads that other key. */
+TEST_F(PlatformConfigTest, AKeptSettingFollowsTheConfigurationAndTheNameItIsAskedBy)
+{
+    tilvane::host::SetConfigurationText("[request-socket]\nmax-connections = 10\nenabled = false\n");
+    EXPECT_EQ(config::IntegerSetting("request-socket", "max-connections"), 10);
+    EXPECT_FALSE(config::BoolSetting("request-socket", "enabled"));
+    EXPECT_EQ(config::IntegerSetting("request-socket", "max-connections"), 10);
+
+    tilvane::host::SetConfigurationText("[request-socket]\nmax-connections = 3\n");
+    EXPECT_EQ(config::IntegerSetting("request-socket", "max-connections"), 3);
+    EXPECT_TRUE(config::BoolSetting("request-socket", "enabled"));
+
+    char key[32];
+    std::snprintf(key, sizeof key, "%s", "max-connections");
+    EXPECT_EQ(config::IntegerSetting("request-socket", key), 3);
+    std::snprintf(key, sizeof key, "%s", "idle-close-ms");
+    EXPECT_EQ(config::IntegerSetting("request-socket", key), 60000);
+    /* The same key with another floor is read on its own. */
+    tilvane::host::SetConfigurationText("[bus]\nreconnect-ms = 0\n");
+    EXPECT_EQ(config::IntegerSetting("bus", "reconnect-ms"), 0);
+    EXPECT_EQ(config::IntegerSetting("bus", "reconnect-ms", 1), 10000);
+}
+
 TEST_F(PlatformConfigTest, ASettingThatIsNotInTheTableReadsAsNothingAndSaysSo)
 {
     tilvane::host::SetConfigurationText("");

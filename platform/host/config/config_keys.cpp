@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "dlog.h"
 #include "base/host_state.h"
@@ -156,16 +158,76 @@ std::string DefaultOfKnownKey(const char* group, const char* key)
 
 }  // namespace
 
-int64_t IntegerSetting(const char* group, const char* key, int64_t least)
+namespace {
+
+/* A setting as last read on this thread. */
+struct KeptSetting {
+    const char* groupAt = nullptr;
+    const char* keyAt = nullptr;
+    std::string group;
+    std::string key;
+    int64_t least = 0;
+    int64_t value = 0;
+};
+
+/* Integer and boolean settings read on this thread since the configuration
+ * last changed. A request asks for several of them (the request socket's
+ * budgets, the reply limit); each read would otherwise look its key up in the
+ * key file and parse the value. An entry is found by the addresses of the
+ * names the caller passed (its literals), confirmed by the names themselves. */
+struct KeptSettings {
+    static constexpr size_t kMost = 32;
+    uint64_t generation = 0;
+    bool known = false;
+    std::vector<KeptSetting> entries;
+};
+
+template <typename Read>
+int64_t Kept(const char* group, const char* key, int64_t least, Read&& read)
+{
+    thread_local KeptSettings kept;
+    const uint64_t now = Generation();
+    if (!kept.known || kept.generation != now) {
+        kept.entries.clear();
+        kept.generation = now;
+        kept.known = true;
+    }
+    for (const KeptSetting& entry : kept.entries) {
+        if (entry.groupAt == group && entry.keyAt == key && entry.least == least && entry.group == group &&
+            entry.key == key) {
+            return entry.value;
+        }
+    }
+    const int64_t value = read();
+    if (kept.entries.size() < KeptSettings::kMost) {
+        kept.entries.push_back(KeptSetting{group, key, group, key, least, value});
+    }
+    return value;
+}
+
+int64_t ReadIntegerSetting(const char* group, const char* key, int64_t least)
 {
     const int64_t fallback = std::strtoll(DefaultOfKnownKey(group, key).c_str(), nullptr, 10);
     const int64_t value = Integer(group, key, fallback);
     return value >= least ? value : fallback;
 }
 
-bool BoolSetting(const char* group, const char* key)
+bool ReadBoolSetting(const char* group, const char* key)
 {
     return Bool(group, key, NormalisedValue(KeyKind::Boolean, DefaultOfKnownKey(group, key)) == "true");
+}
+
+}  // namespace
+
+int64_t IntegerSetting(const char* group, const char* key, int64_t least)
+{
+    return Kept(group, key, least, [&] { return ReadIntegerSetting(group, key, least); });
+}
+
+bool BoolSetting(const char* group, const char* key)
+{
+    /* A least that no integer read uses tells a boolean's entry apart. */
+    return Kept(group, key, INT64_MAX, [&] { return ReadBoolSetting(group, key) ? 1 : 0; }) != 0;
 }
 
 std::string StringSetting(const char* group, const char* key)

@@ -56,7 +56,10 @@ std::string DefaultText(const KeyInfo& info);
  * kind. An integer below `least` reads as the default too (a budget of 0 or
  * less where that means nothing). Every key the platform reads is read so,
  * so that the table's default is the one in force; a key that is not in the
- * table reads as 0, false or "" and writes one error line. */
+ * table reads as 0, false or "" and writes one error line. Integer and
+ * boolean settings are kept per thread until the configuration changes
+ * (Generation()), so that reading one on a request's path costs a few
+ * comparisons; a key missing from the table says so once per change. */
 int64_t IntegerSetting(const char* group, const char* key, int64_t least = INT64_MIN);
 bool BoolSetting(const char* group, const char* key);
 std::string StringSetting(const char* group, const char* key);
