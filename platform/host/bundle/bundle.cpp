@@ -430,26 +430,31 @@ bool DistinctManyKeys(const Entries& entries)
     return true;
 }
 
-/* False when a key comes twice among a launcher row's few dozen keys: one
- * byte of hash each, and the keys themselves compared only when it repeats. */
-bool DistinctFewKeys(const Entries& entries)
+/* The keys of a launcher row's few dozen entries seen so far: one byte of
+ * hash each, and the keys themselves compared only when a hash repeats. */
+class FewKeys
 {
-    uint8_t hashes[_bundle_t::kIndexFrom];
-    uint64_t seen[4] = {0, 0, 0, 0};
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const uint8_t hash = hashes[i] = KeyHash(entries[i].first);
+public:
+    /* False when entry `i`'s key is one of the entries before it. */
+    bool Add(const Entries& entries, size_t i)
+    {
+        const uint8_t hash = m_hashes[i] = KeyHash(entries[i].first);
         const uint64_t bit = uint64_t{1} << (hash & 63);
-        if ((seen[hash >> 6] & bit) != 0) {
+        if ((m_seen[hash >> 6] & bit) != 0) {
             for (size_t j = 0; j < i; ++j) {
-                if (hashes[j] == hash && entries[j].first == entries[i].first) {
+                if (m_hashes[j] == hash && entries[j].first == entries[i].first) {
                     return false;
                 }
             }
         }
-        seen[hash >> 6] |= bit;
+        m_seen[hash >> 6] |= bit;
+        return true;
     }
-    return true;
-}
+
+private:
+    uint8_t m_hashes[_bundle_t::kIndexFrom];
+    uint64_t m_seen[4] = {0, 0, 0, 0};
+};
 
 }  // namespace
 
@@ -462,17 +467,26 @@ bool AppendBinaryBundle(const Entries& entries, std::string& out)
         }
         bytes += 8 + entry.first.size() + entry.second.size();
     }
-    if (!(entries.size() < _bundle_t::kIndexFrom ? DistinctFewKeys(entries) : DistinctManyKeys(entries))) {
-        return false;
-    }
     const size_t start = out.size();
     out.resize(start + bytes);
     char* at = &out[start];
     memcpy(at, kMagic, sizeof kMagic);
     at = PutU32At(at + sizeof kMagic, static_cast<uint32_t>(entries.size()));
-    for (const auto& entry : entries) {
-        at = PutTextAt(at, entry.first);
-        at = PutTextAt(at, entry.second);
+    // A row's few keys are checked for repeats as they are written, while
+    // their bytes are at hand; many keys through a hash set afterwards.
+    const bool few = entries.size() < _bundle_t::kIndexFrom;
+    FewKeys seen;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        at = PutTextAt(at, entries[i].first);
+        at = PutTextAt(at, entries[i].second);
+        if (few && !seen.Add(entries, i)) {
+            out.resize(start);
+            return false;
+        }
+    }
+    if (!few && !DistinctManyKeys(entries)) {
+        out.resize(start);
+        return false;
     }
     return true;
 }
