@@ -56,6 +56,7 @@
 #include "BenchProvider.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
+#include "base/allocator.h"
 #include "bundle/bundle_limits.h"
 #include "client/row_decoder.h"
 #include "client/typed_rows.h"
@@ -320,12 +321,22 @@ bool ListenRaw(const std::string& path, const BareReplies& replies)
 
 }  // namespace
 
+/* GLib's slice allocator on malloc and glibc's malloc without its
+ * per-thread cache, as the installed units run the service
+ * (packaging/systemd), so that its memory is measured as it ships; the bare
+ * server runs so too, and sets malloc up as the service does. */
+std::vector<std::string> AllocatorEnvironment()
+{
+    return {"G_SLICE=always-malloc", "GLIBC_TUNABLES=glibc.malloc.tcache_count=0"};
+}
+
 /* Entry of the bare server process: tilvane_bench --bare-server FD DIRECTORY.
  * Answers each method of the request interfaces with the reply kept in
  * DIRECTORY/<interface>.<method>.reply, loaded once at start, on the bus,
  * peer to peer, and on the raw socket (the same reply's message bytes). */
 int RunBareServer(int readyFd, const char* directory)
 {
+    tilvane::host::UseServiceAllocator();
     static BareReplies replies;
     for (size_t kind = 0; kind < sizeof kBareMethods / sizeof kBareMethods[0]; ++kind) {
         std::ifstream in(ReplyFile(directory, static_cast<BareKind>(kind)), std::ios::binary);
@@ -796,12 +807,9 @@ public:
      * milliseconds from exec to the first answered request. */
     bool Start(double& readyMs, const std::vector<std::string>& environment = {})
     {
-        /* GLib's slice allocator on malloc and glibc's malloc without its
-         * per-thread cache, as the installed units run the service
-         * (packaging/systemd), so that its memory is measured as it ships. */
-        std::vector<std::string> variables = {"TILVANE_PLATFORM_ROOT=" + m_root,
-                                              std::string("TILVANE_APP_ID=") + kServiceAppId,
-                                              "G_SLICE=always-malloc", "GLIBC_TUNABLES=glibc.malloc.tcache_count=0"};
+        std::vector<std::string> variables = AllocatorEnvironment();
+        variables.push_back("TILVANE_PLATFORM_ROOT=" + m_root);
+        variables.push_back(std::string("TILVANE_APP_ID=") + kServiceAppId);
         variables.insert(variables.end(), environment.begin(), environment.end());
         const Clock::time_point start = Clock::now();
         m_servicePid = Spawn({TILVANE_SERVICE_BINARY}, variables, m_root + "/service.log");
@@ -975,7 +983,7 @@ private:
         // inherit this process's bus connections and threads.
         std::vector<std::string> args = {"/proc/self/exe", "--bare-server", std::to_string(fds[1]), m_root};
         BareDirectory() = m_root;
-        m_barePid = Spawn(args, {}, m_root + "/bare.log");
+        m_barePid = Spawn(args, AllocatorEnvironment(), m_root + "/bare.log");
         close(fds[1]);
         char c = 0;
         const bool ok = read(fds[0], &c, 1) == 1;

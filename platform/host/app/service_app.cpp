@@ -8,7 +8,6 @@
 #include <glib-unix.h>
 #include <unistd.h>
 #include <glib.h>
-#include <malloc.h>
 #include <signal.h>
 
 #include <cstdint>
@@ -20,6 +19,7 @@
 
 #include "identity/app_identity.h"
 #include "admin/admin_interface.h"
+#include "base/allocator.h"
 #include "app/bus_supervision.h"
 #include "app/run_configuration.h"
 #include "app/service_manager.h"
@@ -541,16 +541,6 @@ bool StartUpPreconditionsHold(const char* program)
 
 namespace {
 
-/* The service's threads (the loop, GDBus's worker, the check in the
- * background) allocate from one malloc arena: each further arena keeps its
- * own partly used pages after the idle trim (0.2-0.3 MiB of the idle
- * service's private memory after the request benchmarks), and the threads
- * seldom allocate at once. Set before any thread starts. */
-void KeepOneMallocArena()
-{
-    mallopt(M_ARENA_MAX, 1);
-}
-
 /* A program's start once its command line is read: its application id
  * chosen, the modes of the platform's files corrected and the preconditions
  * checked (ending the process when one fails). */
@@ -650,7 +640,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
      * the platform's own tests make) starts as it is. */
     const bool programStart = argc >= 1 && argv != nullptr;
     if (programStart) {
-        KeepOneMallocArena();
+        UseServiceAllocator();
         int exitCode = 0;
         if (!ReadCommandLine(argc, argv, exitCode)) {
             std::exit(exitCode);
