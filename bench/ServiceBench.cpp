@@ -56,7 +56,7 @@
 #include "BenchProvider.h"
 #include "PreviewApps.h"
 #include "TilesModel.h"
-#include "base/allocator.h"
+#include "app/allocator.h"
 #include "bundle/bundle_limits.h"
 #include "client/row_decoder.h"
 #include "client/typed_rows.h"

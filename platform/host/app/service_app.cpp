@@ -19,7 +19,7 @@
 
 #include "identity/app_identity.h"
 #include "admin/admin_interface.h"
-#include "base/allocator.h"
+#include "app/allocator.h"
 #include "app/bus_supervision.h"
 #include "app/run_configuration.h"
 #include "app/service_manager.h"
@@ -548,6 +548,7 @@ void PrepareProgramStart(int argc, char** argv)
 {
     using namespace tilvane::host;
     ChooseDefaultAppId();
+    KeepLargeBuffersInTheHeap();
     /* Files an earlier version (or a careless umask) left readable are the
      * platform's own again before anything opens them. */
     files::CorrectModesAtStart({BusPolicyFile()});
@@ -640,7 +641,7 @@ extern "C" int service_app_main(int argc, char** argv, service_app_lifecycle_cal
      * the platform's own tests make) starts as it is. */
     const bool programStart = argc >= 1 && argv != nullptr;
     if (programStart) {
-        UseServiceAllocator();
+        KeepOneMallocArena();
         int exitCode = 0;
         if (!ReadCommandLine(argc, argv, exitCode)) {
             std::exit(exitCode);

@@ -63,6 +63,8 @@ const std::vector<KeyInfo>& KnownKeys()
         {"log", "service-bytes", K::Integer, "4194304", true},
         {"log", "budget-interval-ms", K::Integer, "10000", true},
         {"stats", "enabled", K::Boolean, "true", true},
+        {"memory", "heap-block-bytes", K::Integer, "4194304", false},
+        {"memory", "kept-heap-bytes", K::Integer, "16777216", false},
         {"request-socket", "enabled", K::Boolean, "true", false},
         {"request-socket", "max-connections", K::Integer, "256", true},
         {"request-socket", "max-connections-per-user", K::Integer, "32", true},
