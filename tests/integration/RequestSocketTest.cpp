@@ -194,6 +194,39 @@ TEST_F(RequestSocketTest, ConnectionsOverTheBudgetAreClosedAndTheClientTakesTheB
     }
 }
 
+/* The socket's budgets are read on every connection from settings kept
+ * between reads: a budget lowered by SIGHUP holds from the next connection. */
+TEST_F(RequestSocketTest, ABudgetLoweredBySighupHoldsFromTheNextConnection)
+{
+    StartService("[request-socket]\nmax-connections-per-user = 4\n");
+    const std::string socket = ContentSocket();
+    ASSERT_FALSE(socket.empty());
+    std::vector<GDBusConnection*> peers;
+    for (int i = 0; i < 2; ++i) {
+        peers.push_back(OpenPeer(socket));
+        ASSERT_NE(peers.back(), nullptr);
+        EXPECT_TRUE(PeerSelect(peers.back(), kApp));
+    }
+    tilvane::test::WriteConfiguration(m_root.Path(),
+                                      "[identity]\nmode = development\n[request-socket]\nmax-connections-per-user = 2\n");
+    m_service->Signal(SIGHUP);
+    ASSERT_TRUE(m_service->WaitFor(
+        "configuration read again (SIGHUP): [request-socket] max-connections-per-user 4 -> 2", true, 10000))
+        << m_service->Err();
+    EXPECT_EQ(m_service->Count("over [request-socket] max-connections-per-user"), 0) << m_service->Err();
+    peers.push_back(OpenPeer(socket));
+    ASSERT_NE(peers.back(), nullptr);
+    EXPECT_FALSE(PeerSelect(peers.back(), kApp));
+    EXPECT_TRUE(m_service->WaitFor("is closed: over [request-socket] max-connections-per-user", true, 10000))
+        << m_service->Err();
+    /* The two connections made before are still answered. */
+    EXPECT_TRUE(PeerSelect(peers[0], kApp));
+    EXPECT_TRUE(PeerSelect(peers[1], kApp));
+    for (GDBusConnection* peer : peers) {
+        g_object_unref(peer);
+    }
+}
+
 TEST_F(RequestSocketTest, AnIdleConnectionIsClosedAndTheClientOpensANewOne)
 {
     StartService("[request-socket]\nidle-close-ms = 200\n");
