@@ -39,6 +39,9 @@ protected:
      * free is left out. */
     static void* Block(size_t bytes)
     {
+        /* The heap's free top handed back first: a block that fits in it
+         * would be taken from it whatever the threshold. */
+        malloc_trim(0);
         void* block = std::malloc(bytes);
         std::memset(block, 1, bytes);
         s_held = block;
@@ -70,6 +73,18 @@ TEST_F(AllocatorTest, BlocksBelowHeapBlockBytesComeFromTheHeapAndLargerOnesAreMa
     void* stillFromHeap = Block(3 * kMiB);
     EXPECT_EQ(Mapped(), again);
     std::free(stillFromHeap);
+
+    /* Above glibc's largest threshold it is held to that largest, 32 MiB:
+     * a block of 8 MiB from the heap, one of 40 MiB mapped. */
+    tilvane::host::SetConfigurationText("[memory]\nheap-block-bytes = 999999999999\n");
+    tilvane::host::KeepLargeBuffersInTheHeap();
+    const size_t large = Mapped();
+    void* largeFromHeap = Block(8 * kMiB);
+    EXPECT_EQ(Mapped(), large);
+    std::free(largeFromHeap);
+    void* largestMapped = Block(40 * kMiB);
+    EXPECT_GE(Mapped(), large + 40 * kMiB);
+    std::free(largestMapped);
 }
 
 TEST_F(AllocatorTest, FreeHeapTopIsKeptUpToKeptHeapBytesAndGivenBackBeyondIt)
