@@ -77,33 +77,16 @@ void SetCallError(const GError* error, Result& result)
 
 /* The call on the provider's direct connection, when it has one and this
  * process is not the provider itself: true when it was made (`reply`, or the
- * error in `error`); false when it must take the bus. A connection found
- * closed is replaced once: the provider closes only connections that made no
- * request for a while, so the request was not run. */
+ * error in `error`); false when it must take the bus. */
 bool CallDirect(const std::string& busName, const char* path, wire::Method method, GVariant* parameters,
                 GVariantPtr& reply, ScopedError& error)
 {
     if (host::OwnsRequestBusName(busName)) {
         return false;
     }
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        GDBusConnectionPtr direct = host::DirectRequestConnection(busName);
-        if (!direct) {
-            return false;
-        }
-        ScopedError failure;
-        reply.reset(g_dbus_connection_call_sync(direct.get(), nullptr, path, wire::InterfaceOf(method),
-                                                wire::NameOf(method), parameters, wire::ReplyTypeOf(method),
-                                                G_DBUS_CALL_FLAGS_NONE, kRequestTimeoutMs, nullptr, failure.Out()));
-        if (reply || !g_dbus_connection_is_closed(direct.get())) {
-            if (!reply) {
-                g_propagate_error(error.Out(), g_error_copy(failure.Get()));
-            }
-            return true;
-        }
-        host::DropDirectRequestConnection(busName, direct.get());
-    }
-    return false;
+    const host::DirectCall call{path, wire::InterfaceOf(method), wire::NameOf(method), parameters,
+                                wire::ReplyTypeOf(method), kRequestTimeoutMs};
+    return host::CallOnDirectConnection(busName, call, reply, error.Out());
 }
 
 /* The call on the shared bus connection. */

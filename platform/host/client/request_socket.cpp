@@ -4,13 +4,20 @@
 #include "client/request_socket.h"
 
 #include <gio/gio.h>
-#include <gio/gunixsocketaddress.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <vector>
 
 #include "bus/bus_connection.h"
+#include "bus/sdbus_variant.h"
 #include "dlog.h"
 #include "identity/identity_mode.h"
 #include "requests/request_names.h"
@@ -24,9 +31,13 @@ namespace {
 
 constexpr int kBusCallTimeoutMs = 10000;
 
+/* Open connections kept per provider while no call uses them. */
+constexpr size_t kKeptConnections = 4;
+
 struct DirectState {
     std::mutex mutex;
-    std::map<std::string, GDBusConnectionPtr> connections; /* provider's bus name -> */
+    std::map<std::string, std::vector<SdBusPtr>> idle; /* provider's bus name -> */
+    pid_t pid = 0;
 };
 
 DirectState& TheDirectState()
@@ -58,78 +69,182 @@ bool OwnerUser(const std::string& busName, uid_t& uid)
 
 /* In the verified mode: the process listening on the socket runs as the user
  * of the name's owner. */
-bool ListenerIsOwner(GSocketConnection* stream, const std::string& busName)
+bool ListenerIsOwner(int fd, const std::string& busName)
 {
     if (identity::CurrentMode() == identity::Mode::Development) {
         return true;
     }
-    GCredentials* credentials = g_socket_get_credentials(g_socket_connection_get_socket(stream), nullptr);
-    if (credentials == nullptr) {
+    ucred listener {};
+    socklen_t length = sizeof(listener);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &listener, &length) != 0) {
         return false;
     }
-    const uid_t listener = g_credentials_get_unix_user(credentials, nullptr);
-    g_object_unref(credentials);
     uid_t owner = 0;
-    if (!OwnerUser(busName, owner) || owner != listener) {
+    if (!OwnerUser(busName, owner) || owner != listener.uid) {
         SOCKET_LOGD("request socket of %s is not its owner's (user %u); using the bus", busName.c_str(),
-                    static_cast<unsigned>(listener));
+                    static_cast<unsigned>(listener.uid));
         return false;
     }
     return true;
 }
 
-GDBusConnectionPtr Connect(const std::string& busName)
+/* A connected socket to the provider of `busName`; -1 when there is none. */
+int ConnectSocket(const std::string& busName)
 {
     const std::string path = RequestSocketPath(busName);
     struct stat st {};
-    if (stat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
+    if (stat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || path.size() >= sizeof(sockaddr_un::sun_path)) {
+        return -1;
+    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || !ListenerIsOwner(fd, busName)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/* A new connection to the provider of `busName`, authenticated by EXTERNAL
+ * (the provider reads who we are from the socket); null when there is none. */
+SdBusPtr Connect(const std::string& busName)
+{
+    const int fd = ConnectSocket(busName);
+    if (fd < 0) {
         return nullptr;
     }
-    GSocketClient* client = g_socket_client_new();
-    GSocketAddress* address = g_unix_socket_address_new(path.c_str());
-    GSocketConnection* stream = g_socket_client_connect(client, G_SOCKET_CONNECTABLE(address), nullptr, nullptr);
-    g_object_unref(address);
-    g_object_unref(client);
-    if (stream == nullptr) {
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) {
+        close(fd);
         return nullptr;
     }
-    GDBusConnection* connection = nullptr;
-    if (ListenerIsOwner(stream, busName)) {
-        connection = g_dbus_connection_new_sync(G_IO_STREAM(stream), nullptr,
-                                                G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, nullptr, nullptr,
-                                                nullptr);
+    SdBusPtr bus(raw);
+    if (sd_bus_set_fd(raw, fd, fd) < 0) {
+        close(fd);
+        return nullptr;
     }
-    g_object_unref(stream);
-    return GDBusConnectionPtr(connection);
+    if (sd_bus_negotiate_fds(raw, 0) < 0 || sd_bus_start(raw) < 0) {
+        return nullptr;
+    }
+    return bus;
+}
+
+/* A kept connection to the provider of `busName`, or a new one; `kept` says
+ * which. */
+SdBusPtr TakeConnection(const std::string& busName, bool& kept)
+{
+    {
+        DirectState& s = TheDirectState();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.pid != getpid()) {
+            /* A forked child may not use its parent's connections, nor free them. */
+            for (auto& entry : s.idle) {
+                for (SdBusPtr& bus : entry.second) {
+                    bus.release();
+                }
+            }
+            s.idle.clear();
+            s.pid = getpid();
+        }
+        std::vector<SdBusPtr>& idle = s.idle[busName];
+        if (!idle.empty()) {
+            SdBusPtr bus = std::move(idle.back());
+            idle.pop_back();
+            kept = true;
+            return bus;
+        }
+    }
+    kept = false;
+    return Connect(busName);
+}
+
+void GiveBack(const std::string& busName, SdBusPtr bus)
+{
+    DirectState& s = TheDirectState();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    std::vector<SdBusPtr>& idle = s.idle[busName];
+    if (idle.size() < kKeptConnections && s.pid == getpid()) {
+        idle.push_back(std::move(bus));
+    }
+}
+
+SdBusMessagePtr NewCall(sd_bus* bus, const DirectCall& call)
+{
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_message_new_method_call(bus, &raw, nullptr, call.path, call.interfaceName, call.method) < 0) {
+        return nullptr;
+    }
+    SdBusMessagePtr message(raw);
+    if (AppendMessageBody(raw, call.parameters) < 0) {
+        return nullptr;
+    }
+    return message;
+}
+
+/* The answer of a call that was made: the reply read, or its error. */
+void TakeAnswer(int r, sd_bus_message* answer, const sd_bus_error& failure, const DirectCall& call,
+                GVariantPtr& reply, GError** error)
+{
+    if (sd_bus_error_is_set(&failure)) {
+        g_propagate_error(error, g_dbus_error_new_for_dbus_error(failure.name, failure.message ? failure.message : ""));
+        return;
+    }
+    if (r < 0) {
+        g_set_error(error, G_IO_ERROR, r == -ETIMEDOUT ? G_IO_ERROR_TIMED_OUT : G_IO_ERROR_FAILED,
+                    "the direct call %s.%s failed: %s", call.interfaceName, call.method, std::strerror(-r));
+        return;
+    }
+    std::string why;
+    reply = ReadMessageBody(answer, call.replyType, why);
+    if (!reply) {
+        g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "the reply of %s.%s does not read: %s",
+                    call.interfaceName, call.method, why.c_str());
+    }
 }
 
 }  // namespace
 
-GDBusConnectionPtr DirectRequestConnection(const std::string& busName)
+bool CallOnDirectConnection(const std::string& busName, const DirectCall& call, GVariantPtr& reply, GError** error)
 {
-    DirectState& s = TheDirectState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.connections.find(busName);
-    if (it != s.connections.end() && !g_dbus_connection_is_closed(it->second.get())) {
-        return GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(it->second.get())));
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        bool kept = false;
+        SdBusPtr bus = TakeConnection(busName, kept);
+        if (!bus) {
+            return false;
+        }
+        SdBusMessagePtr message = NewCall(bus.get(), call);
+        if (!message) {
+            g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "the call %s.%s cannot be written",
+                        call.interfaceName, call.method);
+            return true;
+        }
+        sd_bus_error failure = SD_BUS_ERROR_NULL;
+        sd_bus_message* answer = nullptr;
+        const int r = sd_bus_call(bus.get(), message.get(), static_cast<uint64_t>(call.timeoutMs) * 1000, &failure,
+                                  &answer);
+        SdBusMessagePtr answerPtr(answer);
+        /* A call whose connection went away fails with an error sd-bus makes
+         * itself ("Disconnected", "System.Error.ENOTCONN"), not the provider's. */
+        const bool lost = r < 0 && sd_bus_is_open(bus.get()) <= 0;
+        if (!lost) {
+            TakeAnswer(r, answer, failure, call, reply, error);
+            sd_bus_error_free(&failure);
+            if (sd_bus_is_open(bus.get()) > 0) {
+                GiveBack(busName, std::move(bus));
+            }
+            return true;
+        }
+        sd_bus_error_free(&failure);
+        if (!kept) {
+            return false; /* a new connection closed at once: over the provider's budget */
+        }
     }
-    GDBusConnectionPtr connection = Connect(busName);
-    if (!connection) {
-        s.connections.erase(busName);
-        return nullptr;
-    }
-    s.connections[busName] = GDBusConnectionPtr(static_cast<GDBusConnection*>(g_object_ref(connection.get())));
-    return connection;
-}
-
-void DropDirectRequestConnection(const std::string& busName, GDBusConnection* connection)
-{
-    DirectState& s = TheDirectState();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.connections.find(busName);
-    if (it != s.connections.end() && it->second.get() == connection) {
-        s.connections.erase(it);
-    }
+    return false;
 }
 
 }  // namespace host

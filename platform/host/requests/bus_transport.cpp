@@ -80,21 +80,37 @@ void CountReply(const Out& out)
 }
 
 template <typename Out>
-size_t SendAnswer(GDBusMethodInvocation* invocation, Answer<Out>&& answer)
+size_t SendAnswer(CallAnswer& call, Answer<Out>&& answer)
 {
     if (answer.failed) {
         CountFailure(answer.failure.error, answer.failure.reason, answer.failure.text);
-        g_dbus_method_invocation_return_dbus_error(
-            invocation, ErrorName(answer.failure.error, answer.failure.reason).c_str(), answer.failure.text.c_str());
+        call.Fail(ErrorName(answer.failure.error, answer.failure.reason).c_str(), answer.failure.text.c_str());
         return answer.failure.text.size();
     }
     CountReply(answer.out);
-    GVariant* reply = g_variant_ref_sink(wire::ToVariant(std::move(answer.out)));
-    const size_t bytes = g_variant_get_size(reply);
-    g_dbus_method_invocation_return_value(invocation, reply);
-    g_variant_unref(reply);
+    GVariantPtr reply(g_variant_ref_sink(wire::ToVariant(std::move(answer.out))));
+    const size_t bytes = g_variant_get_size(reply.get());
+    call.Return(reply.get());
     return bytes;
 }
+
+/* A call that came on a GDBus connection: the bus's, or a test's peer. */
+class InvocationAnswer : public CallAnswer {
+public:
+    /* Takes the reference that the method call handler was given, which
+     * g_dbus_method_invocation_return_* consume; dropped unanswered, the
+     * call is let go with it. */
+    explicit InvocationAnswer(GDBusMethodInvocation* invocation) : m_invocation(invocation) {}
+    void Return(GVariant* value) override { g_dbus_method_invocation_return_value(m_invocation.release(), value); }
+    void Fail(const char* name, const char* message) override
+    {
+        g_dbus_method_invocation_return_dbus_error(m_invocation.release(), name, message);
+    }
+    GDBusMethodInvocation* Invocation() const { return m_invocation.get(); }
+
+private:
+    std::unique_ptr<GDBusMethodInvocation, GObjectUnref> m_invocation;
+};
 
 /* "DataControl.Insert": the request as the budgets and the log name it. */
 std::string RequestName(wire::Method method)
@@ -112,19 +128,18 @@ size_t RunJob(Job& job)
     {
         LogSourceScope logSource(job.clientApp);
         content::StatementBudgetScope budget(job.clientApp, RequestName(job.method));
-        bytes = std::visit([&](const auto& in) { return SendAnswer(job.invocation.get(), Handle(in)); }, job.request);
+        bytes = std::visit([&](const auto& in) { return SendAnswer(*job.answer, Handle(in)); }, job.request);
     }
     TrimWhenIdle();
     return bytes;
 }
 
-void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason)
+void RefuseSender(Job& job, const std::string& reason)
 {
-    REQUEST_LOGE("request %s.%s refused: %s", g_dbus_method_invocation_get_interface_name(invocation),
-                 g_dbus_method_invocation_get_method_name(invocation), reason.c_str());
+    REQUEST_LOGE("request %s.%s refused: %s", wire::InterfaceOf(job.method), wire::NameOf(job.method),
+                 reason.c_str());
     CountFailure(kErrorNotAuthorized, TILVANE_REASON_NONE, std::string());
-    g_dbus_method_invocation_return_dbus_error(invocation, kErrorNotAuthorized,
-                                               "the sender does not own the name of the application it claims");
+    job.answer->Fail(kErrorNotAuthorized, "the sender does not own the name of the application it claims");
 }
 
 /* Runs the job, or refuses its sender, counted in the statistics. */
@@ -138,22 +153,18 @@ size_t ServeJob(Job& job)
     if (job.refusal.empty()) {
         return RunJob(job);
     }
-    RefuseSender(job.invocation.get(), job.refusal);
+    RefuseSender(job, job.refusal);
     return 0;
 }
 
 std::unique_ptr<Job> ReadCall(const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
-                              GDBusMethodInvocation* invocation)
+                              std::unique_ptr<CallAnswer> answer)
 {
-    std::unique_ptr<Job> job(new Job{
-        std::unique_ptr<GDBusMethodInvocation, GObjectUnref>(
-            static_cast<GDBusMethodInvocation*>(g_object_ref(invocation))),
-        GVariantPtr(g_variant_ref(parameters)), wire::Method{}, wire::Request{}, std::string(), std::string(),
-        stats::MonotonicUs()});
+    std::unique_ptr<Job> job(new Job{std::move(answer), GVariantPtr(g_variant_ref(parameters)), wire::Method{},
+                                     wire::Request{}, std::string(), std::string(), stats::MonotonicUs()});
     if (!wire::FindMethod(interfaceName, methodName, job->method) ||
         !wire::ReadRequest(job->method, parameters, job->request)) {
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorInvalidRequest,
-                                                   "not a method of the request interfaces with its arguments");
+        job->answer->Fail(kErrorInvalidRequest, "not a method of the request interfaces with its arguments");
         return nullptr;
     }
     job->clientApp = std::visit([](const auto& in) { return std::string(in.clientApp); }, job->request);
@@ -201,7 +212,7 @@ void DropSenderCheckCB(gpointer data)
 gboolean CheckSenderCB(gpointer data)
 {
     Job* job = static_cast<SenderCheck*>(data)->job.release();
-    GDBusMethodInvocation* invocation = job->invocation.get();
+    GDBusMethodInvocation* invocation = static_cast<InvocationAnswer&>(*job->answer).Invocation();
     std::string reason;
     if (!SenderIsApp(g_dbus_method_invocation_get_connection(invocation),
                      g_dbus_method_invocation_get_sender(invocation), job->clientApp, reason)) {
@@ -221,7 +232,8 @@ void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender,
                            const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
                            GDBusMethodInvocation* invocation, gpointer /*userData*/)
 {
-    std::unique_ptr<Job> job = ReadCall(interfaceName, methodName, parameters, invocation);
+    std::unique_ptr<Job> job =
+        ReadCall(interfaceName, methodName, parameters, std::make_unique<InvocationAnswer>(invocation));
     if (!job) {
         return;
     }
@@ -236,7 +248,7 @@ void OnRequestMethodCallCB(GDBusConnection* /*connection*/, const gchar* sender,
     ++unsettledChecks;
     if (!InvokeOnBusThread(CheckSenderCB, check, DropSenderCheckCB)) {
         --unsettledChecks;
-        RefuseSender(invocation, "the message bus connection is closing");
+        RefuseSender(*check->job, "the message bus connection is closing");
         delete check;
     }
 }

@@ -1,6 +1,10 @@
 /*
  * The direct request socket: the request interfaces on a peer-to-peer D-Bus
- * connection, without the bus daemon between caller and provider.
+ * connection, without the bus daemon between caller and provider. Its
+ * connections are sd-bus's, driven from the GLib default main context
+ * (bus/sdbus_source.h): sd-bus reads and answers a call in the thread that
+ * serves it, where GDBus hands every message to a thread of its own and back
+ * (docs/performance.md, "The direct request connection").
  *
  * While a process owns a provider's bus name (request_glue.cpp's OwnName) it
  * also listens on a unix socket named after it, RequestSocketPath(busName):
@@ -22,22 +26,25 @@
  *   large-request-bytes, large-idle-close-ms
  *                    a connection that carried a request of at least
  *                    large-request-bytes is closed once it made no request
- *                    for large-idle-close-ms: GDBus reads each message into
- *                    a buffer of the connection that grows to the largest
- *                    message it has read and never shrinks, so a bulk of
- *                    1,000 tiles would otherwise hold 1.4 MB until the
- *                    connection ends;
+ *                    for large-idle-close-ms: a peer that sends bulks is
+ *                    likely to send more, and what its connection holds
+ *                    goes back sooner;
  *   unsent-bytes     replies a peer has not read: a reply that comes while more
- *                    than this is still unsent closes the connection.
+ *                    than this is still unsent (queued in the process, the
+ *                    socket's buffer being full) closes the connection.
  * Everything else (statement time, reply size, log bytes) is the request's
  * own budget, the same on both transports.
  */
 #include <gio/gio.h>
-#include <gio/gunixsocketaddress.h>
+#include <glib-unix.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-id128.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -47,6 +54,8 @@
 
 #include "base/glib_ptr.h"
 #include "bus/credentials.h"
+#include "bus/sdbus_source.h"
+#include "bus/sdbus_variant.h"
 #include "config/config_keys.h"
 #include "config/paths.h"
 #include "requests/idle_trim.h"
@@ -59,14 +68,15 @@ namespace requests {
 namespace {
 
 constexpr char kGroup[] = "request-socket";
-/* Replies are counted as unsent until a flush after them completes; a flush
- * is asked for once this many bytes were sent since the last one. */
-constexpr size_t kFlushAfterBytes = 64 * 1024;
+constexpr int kListenBacklog = 64;
+/* Messages one connection may have processed before the others get a turn. */
+constexpr int kMessagesPerTurn = 4;
 
 /* ---- listening --------------------------------------------------------------- */
 
 struct Listener {
-    GDBusServer* server = nullptr;
+    int fd = -1;
+    guint watch = 0;
     std::string path;
 };
 
@@ -79,17 +89,6 @@ ListenState& TheListenState()
 {
     static ListenState* state = new ListenState();
     return *state;
-}
-
-gboolean AllowMechanismCB(GDBusAuthObserver* /*observer*/, const gchar* mechanism, gpointer /*data*/)
-{
-    return std::strcmp(mechanism, "EXTERNAL") == 0;
-}
-
-gboolean AuthorizePeerCB(GDBusAuthObserver* /*observer*/, GIOStream* /*stream*/, GCredentials* credentials,
-                         gpointer /*data*/)
-{
-    return credentials != nullptr;
 }
 
 /* `path` made traversable by every user when it is this user's own (a umask
@@ -119,33 +118,26 @@ bool OwnFolder(const std::string& folder)
     return true;
 }
 
-bool OnNewConnectionCB(GDBusServer* server, GDBusConnection* connection, gpointer data);
-
-GDBusServer* StartServer(const std::string& path, std::string& error)
+/* A listening socket at `path`; -1 with `error` when there can be none. */
+int ListenAt(const std::string& path, std::string& error)
 {
-    GCharPtr escaped(g_dbus_address_escape_value(path.c_str()));
-    const std::string address = std::string("unix:path=") + escaped.get();
-    GCharPtr guid(g_dbus_generate_guid());
-    GDBusAuthObserver* observer = g_dbus_auth_observer_new();
-    g_signal_connect(observer, "allow-mechanism", G_CALLBACK(AllowMechanismCB), nullptr);
-    g_signal_connect(observer, "authorize-authenticated-peer", G_CALLBACK(AuthorizePeerCB), nullptr);
-    ScopedError failure;
-    /* New connections are handed over on the context that is the thread's
-     * default while the server is made: the GLib default one. */
-    g_main_context_push_thread_default(g_main_context_default());
-    GDBusServer* server =
-        g_dbus_server_new_sync(address.c_str(), G_DBUS_SERVER_FLAGS_NONE, guid.get(), observer, nullptr, failure.Out());
-    if (server != nullptr) {
-        g_signal_connect(server, "new-connection", G_CALLBACK(OnNewConnectionCB), nullptr);
-        g_dbus_server_start(server);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        error = std::strerror(errno);
+        return -1;
     }
-    g_main_context_pop_thread_default(g_main_context_default());
-    g_object_unref(observer);
-    if (server == nullptr) {
-        error = failure.Message();
+    sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(fd, kListenBacklog) != 0) {
+        error = std::strerror(errno);
+        close(fd);
+        return -1;
     }
-    return server;
+    return fd;
 }
+
+gboolean OnListenerReadyCB(gint fd, GIOCondition condition, gpointer data);
 
 }  // namespace
 
@@ -170,13 +162,15 @@ void ListenForDirectRequests(const std::string& busName)
     /* This process owns the name: a socket left there is a former owner's. */
     unlink(path.c_str());
     std::string error;
-    GDBusServer* server = StartServer(path, error);
-    if (server == nullptr) {
+    const int fd = ListenAt(path, error);
+    if (fd < 0) {
         REQUEST_LOGE("cannot listen on request socket %s: %s", path.c_str(), error.c_str());
         return;
     }
     chmod(path.c_str(), 0666);
-    s.listeners[busName] = Listener{server, path};
+    /* Connections are served on the GLib default main context. */
+    const guint watch = g_unix_fd_add(fd, G_IO_IN, OnListenerReadyCB, nullptr);
+    s.listeners[busName] = Listener{fd, watch, path};
     REQUEST_LOGD("request socket %s listening", path.c_str());
 }
 
@@ -193,8 +187,8 @@ void StopListeningForDirectRequests(const std::string& busName)
         listener = it->second;
         s.listeners.erase(it);
     }
-    g_dbus_server_stop(listener.server);
-    g_object_unref(listener.server);
+    g_source_remove(listener.watch);
+    close(listener.fd);
     unlink(listener.path.c_str());
     REQUEST_LOGD("request socket %s closed", listener.path.c_str());
 }
@@ -204,23 +198,23 @@ namespace {
 /* ---- the peers (GLib default main context only) ------------------------------ */
 
 struct Peer {
-    GDBusConnection* connection = nullptr; /* a reference */
+    SdBusPtr bus;
+    GSource* source = nullptr; /* a reference */
     uid_t uid = 0;
     pid_t pid = 0;
-    guint objects[2] = {0, 0};
-    gulong closedHandler = 0;
     gint64 lastActive = 0;
     /* It carried a request of at least large-request-bytes. */
     bool carriedLarge = false;
+    /* Bytes of replies queued since the connection's queue was last empty. */
     size_t unsent = 0;
-    size_t flushing = 0;
-    bool flushPending = false;
     bool closing = false;
 };
 
 struct Peers {
-    std::map<GDBusConnection*, std::unique_ptr<Peer>> byConnection;
+    std::map<sd_bus*, std::unique_ptr<Peer>> byBus;
     guint idleTimer = 0;
+    guint dropClosing = 0;
+    sd_id128_t serverId {};
 };
 
 Peers& ThePeers()
@@ -234,6 +228,35 @@ std::string PeerText(const Peer& peer)
     return "peer " + std::to_string(peer.pid);
 }
 
+/* Lets a peer go: its source, its connection (unsent replies dropped). */
+void DropPeer(std::unique_ptr<Peer> peer)
+{
+    REQUEST_LOGD("request socket: lost the connection of process %d", static_cast<int>(peer->pid));
+    g_source_destroy(peer->source);
+    g_source_unref(peer->source);
+    peer.reset();
+    /* Its buffers went back to the allocator; from there, to the system. */
+    TrimWhenIdle();
+}
+
+gboolean DropClosingPeersCB(gpointer /*data*/)
+{
+    Peers& peers = ThePeers();
+    peers.dropClosing = 0;
+    for (auto it = peers.byBus.begin(); it != peers.byBus.end();) {
+        if (it->second->closing) {
+            std::unique_ptr<Peer> peer = std::move(it->second);
+            it = peers.byBus.erase(it);
+            DropPeer(std::move(peer));
+        } else {
+            ++it;
+        }
+    }
+    return G_SOURCE_REMOVE;
+}
+
+/* Closes the peer's connection once the call being served (if any) is
+ * answered: sd-bus may be in the middle of processing it. */
 void ClosePeer(Peer& peer, const char* why)
 {
     if (peer.closing) {
@@ -242,7 +265,10 @@ void ClosePeer(Peer& peer, const char* why)
     peer.closing = true;
     REQUEST_LOGI("request socket: closing the connection of process %d (user %u): %s", static_cast<int>(peer.pid),
                  static_cast<unsigned>(peer.uid), why);
-    g_dbus_connection_close(peer.connection, nullptr, nullptr, nullptr);
+    Peers& peers = ThePeers();
+    if (peers.dropClosing == 0) {
+        peers.dropClosing = g_idle_add_full(G_PRIORITY_HIGH, DropClosingPeersCB, nullptr, nullptr);
+    }
 }
 
 /* How long `peer` may stay idle before it is closed, in ms; 0: for ever. */
@@ -273,7 +299,7 @@ gboolean IdleTimerCB(gpointer /*data*/)
     Peers& peers = ThePeers();
     peers.idleTimer = 0;
     const gint64 now = g_get_monotonic_time();
-    for (auto& entry : peers.byConnection) {
+    for (auto& entry : peers.byBus) {
         if (IdleDueUs(*entry.second) <= now) {
             ClosePeer(*entry.second, "idle");
         }
@@ -290,7 +316,7 @@ void ArmIdleTimer()
         return;
     }
     gint64 earliest = G_MAXINT64;
-    for (const auto& entry : peers.byConnection) {
+    for (const auto& entry : peers.byBus) {
         earliest = std::min(earliest, IdleDueUs(*entry.second));
     }
     if (earliest == G_MAXINT64) {
@@ -318,51 +344,119 @@ void NoteRequestSize(Peer& peer, size_t bytes)
     ArmIdleTimer();
 }
 
-void FlushedCB(GObject* source, GAsyncResult* result, gpointer /*data*/)
-{
-    GDBusConnection* connection = G_DBUS_CONNECTION(source);
-    g_dbus_connection_flush_finish(connection, result, nullptr);
-    Peers& peers = ThePeers();
-    auto it = peers.byConnection.find(connection);
-    if (it != peers.byConnection.end()) {
-        Peer& peer = *it->second;
-        peer.unsent -= std::min(peer.unsent, peer.flushing);
-        peer.flushing = 0;
-        peer.flushPending = false;
-    }
-    g_object_unref(connection);
-}
-
-/* A reply of `bytes` was queued for the peer. */
+/* A reply of `bytes` was handed to sd-bus for the peer. sd-bus writes what
+ * the socket takes at once and queues the rest until the peer reads. */
 void CountUnsent(Peer& peer, size_t bytes)
 {
+    uint64_t queued = 0;
+    if (sd_bus_get_n_queued_write(peer.bus.get(), &queued) >= 0 && queued == 0) {
+        peer.unsent = 0;
+        return;
+    }
     const int64_t limit = config::IntegerSetting(kGroup, "unsent-bytes");
     if (limit > 0 && peer.unsent > static_cast<size_t>(limit)) {
         ClosePeer(peer, ("more than " + std::to_string(limit) + " bytes of replies unread").c_str());
         return;
     }
     peer.unsent += bytes;
-    if (!peer.flushPending && peer.unsent >= kFlushAfterBytes) {
-        peer.flushPending = true;
-        peer.flushing = peer.unsent;
-        g_dbus_connection_flush(peer.connection, nullptr, FlushedCB, g_object_ref(peer.connection));
-    }
 }
 
-void OnDirectCallCB(GDBusConnection* connection, const gchar* /*sender*/, const gchar* /*objectPath*/,
-                    const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
-                    GDBusMethodInvocation* invocation, gpointer /*data*/)
+/* A call that came on a direct connection, answered on it. */
+class DirectAnswer : public CallAnswer {
+public:
+    explicit DirectAnswer(sd_bus_message* call) : m_call(sd_bus_message_ref(call)) {}
+    void Return(GVariant* value) override
+    {
+        GVariantPtr owned(g_variant_ref_sink(value));
+        if (sd_bus_message_get_expect_reply(m_call.get()) <= 0) {
+            return;
+        }
+        sd_bus_message* reply = nullptr;
+        int r = sd_bus_message_new_method_return(m_call.get(), &reply);
+        SdBusMessagePtr replyPtr(reply);
+        if (r >= 0) {
+            r = AppendMessageBody(reply, owned.get());
+        }
+        if (r >= 0) {
+            r = sd_bus_send(nullptr, reply, nullptr);
+        }
+        if (r < 0) {
+            REQUEST_LOGE("request socket: cannot answer a call: %s", std::strerror(-r));
+        }
+    }
+    void Fail(const char* name, const char* message) override
+    {
+        const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(name, message);
+        sd_bus_reply_method_error(m_call.get(), &error);
+    }
+
+private:
+    SdBusMessagePtr m_call;
+};
+
+/* The interface of `path` among the request interfaces; null for any other. */
+const char* InterfaceAt(const char* path)
 {
-    Peers& peers = ThePeers();
-    auto it = peers.byConnection.find(connection);
-    if (it == peers.byConnection.end() || it->second->closing) {
-        g_dbus_method_invocation_return_dbus_error(invocation, kErrorRefused, "the connection is closing");
+    if (path == nullptr) {
+        return nullptr;
+    }
+    if (std::strcmp(path, kDataControlPath) == 0) {
+        return kDataControlInterface;
+    }
+    return std::strcmp(path, kContentPath) == 0 ? kContentInterface : nullptr;
+}
+
+/* Answers what GDBus answers itself before a call reaches its handler, so
+ * that both transports answer alike: a method the interface does not have,
+ * arguments of other types than the method's. False when it answered. */
+bool IsMethodWithItsArguments(sd_bus_message* call, const char* interfaceName)
+{
+    GDBusNodeInfo* node = RequestNodeInfo();
+    if (node == nullptr) {
+        return true; /* ReadCall refuses it */
+    }
+    const char* member = sd_bus_message_get_member(call);
+    GDBusInterfaceInfo* interface = g_dbus_node_info_lookup_interface(node, interfaceName);
+    GDBusMethodInfo* method =
+        interface != nullptr && member != nullptr ? g_dbus_interface_info_lookup_method(interface, member) : nullptr;
+    if (method == nullptr) {
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_METHOD, "No such method \u201c%s\u201d",
+                                   member != nullptr ? member : "");
+        return false;
+    }
+    std::string expected;
+    for (GDBusArgInfo** arg = method->in_args; arg != nullptr && *arg != nullptr; ++arg) {
+        expected += (*arg)->signature;
+    }
+    const char* signature = sd_bus_message_get_signature(call, 1);
+    if (signature == nullptr || expected != signature) {
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_INVALID_ARGS,
+                                   "Type of message, \u201c(%s)\u201d, does not match expected type \u201c(%s)\u201d",
+                                   signature != nullptr ? signature : "", expected.c_str());
+        return false;
+    }
+    return true;
+}
+
+void ServeDirectCall(Peer& peer, sd_bus_message* call, const char* interfaceName)
+{
+    if (peer.closing) {
+        DirectAnswer(call).Fail(kErrorRefused, "the connection is closing");
         return;
     }
-    Peer& peer = *it->second;
     peer.lastActive = g_get_monotonic_time();
-    NoteRequestSize(peer, g_variant_get_size(parameters));
-    std::unique_ptr<Job> job = ReadCall(interfaceName, methodName, parameters, invocation);
+    if (!IsMethodWithItsArguments(call, interfaceName)) {
+        return;
+    }
+    std::string error;
+    GVariantPtr parameters = ReadMessageBody(call, nullptr, error);
+    if (!parameters) {
+        DirectAnswer(call).Fail(kErrorInvalidRequest, ("the call does not read: " + error).c_str());
+        return;
+    }
+    NoteRequestSize(peer, g_variant_get_size(parameters.get()));
+    std::unique_ptr<Job> job = ReadCall(interfaceName, sd_bus_message_get_member(call), parameters.get(),
+                                        std::make_unique<DirectAnswer>(call));
     if (!job) {
         return;
     }
@@ -375,26 +469,33 @@ void OnDirectCallCB(GDBusConnection* connection, const gchar* /*sender*/, const 
     CountUnsent(peer, bytes);
 }
 
-void OnPeerClosedCB(GDBusConnection* connection, gboolean /*vanished*/, GError* /*error*/, gpointer /*data*/)
+/* Every message of a peer comes here first; what is not a call of the request
+ * interfaces is left to sd-bus, which answers that there is no such object
+ * or method. */
+int OnDirectMessageCB(sd_bus_message* message, void* data, sd_bus_error* /*error*/)
+{
+    if (sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0) {
+        return 0;
+    }
+    const char* interfaceName = InterfaceAt(sd_bus_message_get_path(message));
+    const char* called = sd_bus_message_get_interface(message);
+    if (interfaceName == nullptr || called == nullptr || std::strcmp(called, interfaceName) != 0) {
+        return 0;
+    }
+    ServeDirectCall(*static_cast<Peer*>(data), message, interfaceName);
+    return 1;
+}
+
+void OnPeerClosedCB(sd_bus* bus, void* /*data*/)
 {
     Peers& peers = ThePeers();
-    auto it = peers.byConnection.find(connection);
-    if (it == peers.byConnection.end()) {
+    auto it = peers.byBus.find(bus);
+    if (it == peers.byBus.end()) {
         return;
     }
     std::unique_ptr<Peer> peer = std::move(it->second);
-    peers.byConnection.erase(it);
-    for (guint id : peer->objects) {
-        if (id != 0) {
-            g_dbus_connection_unregister_object(connection, id);
-        }
-    }
-    g_signal_handler_disconnect(connection, peer->closedHandler);
-    REQUEST_LOGD("request socket: lost the connection of process %d", static_cast<int>(peer->pid));
-    g_object_unref(peer->connection);
-    /* Its buffers go back to the allocator as GDBus lets the connection go;
-     * from there, to the system. */
-    TrimWhenIdle();
+    peers.byBus.erase(it);
+    DropPeer(std::move(peer));
 }
 
 /* Null when the peer may connect; otherwise why not. */
@@ -403,71 +504,82 @@ const char* OverConnectionBudget(uid_t uid)
     const Peers& peers = ThePeers();
     size_t total = 0;
     size_t ofUser = 0;
-    for (const auto& entry : peers.byConnection) {
+    for (const auto& entry : peers.byBus) {
         ++total;
         ofUser += entry.second->uid == uid ? 1 : 0;
     }
     if (static_cast<int64_t>(total) >= config::IntegerSetting(kGroup, "max-connections")) {
         return "max-connections";
     }
-    if (static_cast<int64_t>(ofUser) >=
-        config::IntegerSetting(kGroup, "max-connections-per-user")) {
+    if (static_cast<int64_t>(ofUser) >= config::IntegerSetting(kGroup, "max-connections-per-user")) {
         return "max-connections-per-user";
     }
     return nullptr;
 }
 
-bool ExportObjects(Peer& peer)
+/* The server's side of a new connection on `fd`, which it owns from then on,
+ * authenticated by EXTERNAL against the socket's credentials; null when
+ * sd-bus cannot take it. */
+SdBusPtr ServerBus(int fd, Peer& peer)
 {
-    static const GDBusInterfaceVTable vtable = {OnDirectCallCB, nullptr, nullptr, {nullptr}};
-    GDBusNodeInfo* node = RequestNodeInfo();
-    if (node == nullptr) {
-        return false;
+    Peers& peers = ThePeers();
+    sd_bus* raw = nullptr;
+    if ((sd_id128_is_null(peers.serverId) && sd_id128_randomize(&peers.serverId) < 0) || sd_bus_new(&raw) < 0) {
+        close(fd);
+        return nullptr;
     }
-    const char* paths[2] = {kDataControlPath, kContentPath};
-    const char* interfaces[2] = {kDataControlInterface, kContentInterface};
-    for (int i = 0; i < 2; ++i) {
-        peer.objects[i] = g_dbus_connection_register_object(peer.connection, paths[i],
-                                                            g_dbus_node_info_lookup_interface(node, interfaces[i]),
-                                                            &vtable, nullptr, nullptr, nullptr);
-        if (peer.objects[i] == 0) {
-            return false;
-        }
+    SdBusPtr bus(raw);
+    if (sd_bus_set_fd(raw, fd, fd) < 0) {
+        close(fd);
+        return nullptr;
     }
-    return true;
+    if (sd_bus_set_server(raw, 1, peers.serverId) < 0 || sd_bus_negotiate_fds(raw, 0) < 0 ||
+        sd_bus_add_filter(raw, nullptr, OnDirectMessageCB, &peer) < 0 || sd_bus_start(raw) < 0) {
+        return nullptr;
+    }
+    return bus;
 }
 
-bool OnNewConnectionCB(GDBusServer* /*server*/, GDBusConnection* connection, gpointer /*data*/)
+void AcceptPeer(int fd)
 {
-    GCredentials* credentials = g_dbus_connection_get_peer_credentials(connection);
-    if (credentials == nullptr) {
-        return FALSE;
+    ucred credentials {};
+    socklen_t length = sizeof(credentials);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        close(fd);
+        return;
     }
     std::unique_ptr<Peer> peer(new Peer());
-    peer->uid = g_credentials_get_unix_user(credentials, nullptr);
-    peer->pid = g_credentials_get_unix_pid(credentials, nullptr);
+    peer->uid = credentials.uid;
+    peer->pid = credentials.pid;
     if (const char* budget = OverConnectionBudget(peer->uid)) {
         REQUEST_LOGE("request socket: the connection of process %d (user %u) is closed: over [request-socket] %s",
                      static_cast<int>(peer->pid), static_cast<unsigned>(peer->uid), budget);
-        return FALSE;
+        close(fd);
+        return;
     }
-    peer->connection = static_cast<GDBusConnection*>(g_object_ref(connection));
+    peer->bus = ServerBus(fd, *peer);
+    if (!peer->bus) {
+        REQUEST_LOGE("request socket: cannot serve the connection of process %d", static_cast<int>(peer->pid));
+        return;
+    }
     peer->lastActive = g_get_monotonic_time();
-    if (!ExportObjects(*peer)) {
-        for (guint id : peer->objects) {
-            if (id != 0) {
-                g_dbus_connection_unregister_object(connection, id);
-            }
-        }
-        g_object_unref(peer->connection);
-        return FALSE;
-    }
-    peer->closedHandler = g_signal_connect(connection, "closed", G_CALLBACK(OnPeerClosedCB), nullptr);
+    peer->source = AttachSdBus(peer->bus.get(), g_main_context_default(), kMessagesPerTurn, OnPeerClosedCB, nullptr);
     REQUEST_LOGD("request socket: connection of process %d (user %u)", static_cast<int>(peer->pid),
                  static_cast<unsigned>(peer->uid));
-    ThePeers().byConnection[connection] = std::move(peer);
+    sd_bus* key = peer->bus.get();
+    ThePeers().byBus[key] = std::move(peer);
     ArmIdleTimer();
-    return TRUE;
+}
+
+gboolean OnListenerReadyCB(gint fd, GIOCondition /*condition*/, gpointer /*data*/)
+{
+    for (;;) {
+        const int peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (peer < 0) {
+            return G_SOURCE_CONTINUE; /* EAGAIN, or a peer gone before it was taken */
+        }
+        AcceptPeer(peer);
+    }
 }
 
 }  // namespace

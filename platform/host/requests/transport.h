@@ -22,10 +22,22 @@ namespace tilvane {
 namespace host {
 namespace requests {
 
-/* A method call on its way to its handler; it holds its own references to the
- * invocation and the arguments, which its request borrows from. */
+/* Where a call's answer goes: a GDBus invocation (the bus) or a message of a
+ * direct peer's connection. Each call is answered exactly once. */
+class CallAnswer {
+public:
+    virtual ~CallAnswer() = default;
+    /* Answers with `value`, a tuple of the method's out arguments (a
+     * floating reference is sunk). */
+    virtual void Return(GVariant* value) = 0;
+    /* Answers with the D-Bus error `name` and its text. */
+    virtual void Fail(const char* name, const char* message) = 0;
+};
+
+/* A method call on its way to its handler; it holds its own references to
+ * where it is answered and to the arguments, which its request borrows from. */
 struct Job {
-    std::unique_ptr<GDBusMethodInvocation, GObjectUnref> invocation;
+    std::unique_ptr<CallAnswer> answer;
     GVariantPtr parameters;
     wire::Method method;
     wire::Request request;
@@ -42,14 +54,14 @@ GDBusNodeInfo* RequestNodeInfo();
 /* The call read into its typed request; null (and the call answered) when it
  * is not one of the interfaces' methods with its arguments. */
 std::unique_ptr<Job> ReadCall(const gchar* interfaceName, const gchar* methodName, GVariant* parameters,
-                              GDBusMethodInvocation* invocation);
+                              std::unique_ptr<CallAnswer> answer);
 
 /* Runs the job's handler under the request's budgets and answers the call;
  * the bytes of the answer's body. */
 size_t RunJob(Job& job);
 
-/* Answers the call with NotAuthorized and logs why, one line. */
-void RefuseSender(GDBusMethodInvocation* invocation, const std::string& reason);
+/* Answers the job's call with NotAuthorized and logs why, one line. */
+void RefuseSender(Job& job, const std::string& reason);
 
 /* Runs the job, or refuses its sender when it has a refusal, counted in the
  * request statistics; the bytes of the answer's body. */
