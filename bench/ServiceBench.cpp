@@ -27,6 +27,8 @@
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <glib-unix.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
@@ -58,6 +60,9 @@
 #include "TilesModel.h"
 #include "app/allocator.h"
 #include "bundle/bundle_limits.h"
+#include "bus/sdbus_source.h"
+#include "bus/sdbus_variant.h"
+#include "client/request_socket.h"
 #include "client/row_decoder.h"
 #include "client/typed_rows.h"
 #include "requests/request_names.h"
@@ -163,26 +168,71 @@ bool RegisterBare(GDBusConnection* connection, const BareObject& object)
                                              object.replies, nullptr, nullptr) != 0;
 }
 
-gboolean BarePeerCB(GDBusServer*, GDBusConnection* connection, gpointer data)
+/* A call on the bare server's request socket: read as the service's request
+ * socket reads a call (sd-bus, its body into a GVariant tuple), answered with
+ * the kept reply written as the service writes its replies. */
+int BareDirectCallCB(sd_bus_message* call, void* data, sd_bus_error*)
 {
-    g_object_ref(connection);
-    RegisterBare(connection, *static_cast<const BareObject*>(data));
-    return TRUE;
+    if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
+        return 0;
+    }
+    const BareReplies* replies = static_cast<const BareReplies*>(data);
+    std::string error;
+    tilvane::host::GVariantPtr arguments = tilvane::host::ReadMessageBody(call, nullptr, error);
+    benchmark::DoNotOptimize(arguments);
+    const char* interface = sd_bus_message_get_interface(call);
+    const char* method = sd_bus_message_get_member(call);
+    for (size_t kind = 0; kind < replies->byKind.size() && interface != nullptr && method != nullptr; ++kind) {
+        if (std::strcmp(kBareMethods[kind].interface, interface) == 0 &&
+            std::strcmp(kBareMethods[kind].method, method) == 0) {
+            sd_bus_message* reply = nullptr;
+            if (sd_bus_message_new_method_return(call, &reply) >= 0 &&
+                tilvane::host::AppendMessageBody(reply, replies->byKind[kind]) >= 0) {
+                sd_bus_send(nullptr, reply, nullptr);
+            }
+            sd_bus_message_unref(reply);
+            return 1;
+        }
+    }
+    sd_bus_reply_method_errorf(call, "org.tilvane.Request.Error.NotServed", "no reply kept");
+    return 1;
 }
 
-bool ListenPeerToPeer(const std::string& path, const BareObject& bare)
+gboolean BareAcceptCB(gint fd, GIOCondition, gpointer data)
 {
-    static BareObject object = bare;
+    static sd_id128_t id = [] {
+        sd_id128_t made{};
+        sd_id128_randomize(&made);
+        return made;
+    }();
+    for (int peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); peer >= 0;
+         peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) {
+        sd_bus* bus = nullptr;
+        if (sd_bus_new(&bus) < 0 || sd_bus_set_fd(bus, peer, peer) < 0 || sd_bus_set_server(bus, 1, id) < 0 ||
+            sd_bus_negotiate_fds(bus, 0) < 0 || sd_bus_add_filter(bus, nullptr, BareDirectCallCB, data) < 0 ||
+            sd_bus_start(bus) < 0) {
+            sd_bus_close_unref(bus);
+            continue;
+        }
+        /* The context keeps the source, the source the connection. */
+        g_source_unref(tilvane::host::AttachSdBus(bus, nullptr, 4, nullptr, nullptr));
+        sd_bus_unref(bus);
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+/* The bare server's request socket, served as the service serves its own. */
+bool ListenPeerToPeer(const std::string& path, BareReplies* replies)
+{
     unlink(path.c_str());
-    gchar* guid = g_dbus_generate_guid();
-    GDBusServer* server =
-        g_dbus_server_new_sync(("unix:path=" + path).c_str(), G_DBUS_SERVER_FLAGS_NONE, guid, nullptr, nullptr, nullptr);
-    g_free(guid);
-    if (server == nullptr) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 64) != 0) {
         return false;
     }
-    g_signal_connect(server, "new-connection", G_CALLBACK(BarePeerCB), &object);
-    g_dbus_server_start(server);
+    g_unix_fd_add(fd, G_IO_IN, BareAcceptCB, replies);
     return true;
 }
 
@@ -365,7 +415,7 @@ int RunBareServer(int readyFd, const char* directory)
                                                   "org.freedesktop.DBus", "RequestName",
                                                   g_variant_new("(su)", kBareName, 4u), nullptr,
                                                   G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    if (owned == nullptr || !ListenPeerToPeer(BareSocket(directory), object) ||
+    if (owned == nullptr || !ListenPeerToPeer(BareSocket(directory), &replies) ||
         !ListenRaw(RawSocketPath(directory), replies)) {
         return 1;
     }
@@ -494,35 +544,40 @@ std::string& BareDirectory()
     return directory;
 }
 
-/* A peer-to-peer connection to the bare server (the one of its current run). */
-GDBusConnection* BareConnection()
+/* A peer-to-peer connection to the bare server (the one of its current run),
+ * made as the client library makes its direct connections. */
+sd_bus* BareConnection()
 {
-    static GDBusConnection* connection = nullptr;
+    static tilvane::host::SdBusPtr connection;
     static std::string connectedTo;
-    if (connection == nullptr || connectedTo != BareDirectory() || g_dbus_connection_is_closed(connection)) {
-        if (connection != nullptr) {
-            g_object_unref(connection);
-        }
+    if (!connection || connectedTo != BareDirectory() || sd_bus_is_open(connection.get()) <= 0) {
         connectedTo = BareDirectory();
-        connection = g_dbus_connection_new_for_address_sync(("unix:path=" + BareSocket(connectedTo)).c_str(),
-                                                            G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, nullptr,
-                                                            nullptr, nullptr);
+        connection = tilvane::host::ConnectToRequestSocket(BareSocket(connectedTo));
     }
-    return connection;
+    return connection.get();
 }
 
-/* One call of `kind` to the bare server; the reply is read as the client
- * reads it: a select's rows decoded into the client library's row set, row
- * ids reached as an array. */
+/* One call of `kind` to the bare server, made and read back as the client
+ * library makes its direct calls; the reply is read as the client reads it:
+ * a select's rows decoded into the client library's row set, row ids reached
+ * as an array. */
 bool BareCallOf(BareKind kind, GVariant* parameters)
 {
     const BareMethod& method = kBareMethods[kind];
-    GVariant* reply = g_dbus_connection_call_sync(BareConnection(), nullptr, method.path, method.interface,
-                                                  method.method, parameters, G_VARIANT_TYPE(method.replyType),
-                                                  G_DBUS_CALL_FLAGS_NO_AUTO_START, 120000, nullptr, nullptr);
-    if (reply == nullptr) {
+    tilvane::host::GVariantPtr arguments(g_variant_ref_sink(parameters));
+    sd_bus* bus = BareConnection();
+    if (bus == nullptr) {
         return false;
     }
+    const tilvane::host::DirectCall call{method.path, method.interface, method.method, arguments.get(),
+                                         G_VARIANT_TYPE(method.replyType), 120000};
+    tilvane::host::GVariantPtr answer;
+    GError* error = nullptr;
+    if (!tilvane::host::CallOnSdBus(bus, call, answer, &error) || !answer) {
+        g_clear_error(&error);
+        return false;
+    }
+    GVariant* reply = g_variant_ref(answer.get());
     GVariant* first = g_variant_get_child_value(reply, 0);
     bool read = true;
     if (g_variant_is_of_type(first, G_VARIANT_TYPE_BYTESTRING)) {
@@ -1137,7 +1192,7 @@ void BM_ServiceInsert(benchmark::State& state, ServiceFixture* fixture, Baseline
     auto parameters = [&] { return g_variant_new("(ss@ay)", kClientApp, kTilesUri.c_str(), EncodedBundle(row)); };
     const std::string message = FloorMessage(baseline, kInsert, parameters);
     RunInterleaved(
-        state, Figure("insert one tile", *fixture, baseline), Goal(baseline, 2), Pairs(200, 20),
+        state, Figure("insert one tile", *fixture, baseline), Goal(baseline, 2), Pairs(1000, 20),
         [&] { return client.Insert(kTilesUri, row).Ok(); },
         [&] {
             return Carry(
@@ -1202,7 +1257,7 @@ void BM_ServiceUpdate(benchmark::State& state, ServiceFixture* fixture, Baseline
     int served = 0;
     int carried = 0;
     RunInterleaved(
-        state, Figure("update one tile", *fixture, baseline), Goal(baseline, 2), Pairs(200, 20),
+        state, Figure("update one tile", *fixture, baseline), Goal(baseline, 2), Pairs(1000, 20),
         [&] { return client.Update(kTilesUri, UpdateValues(served++), "tile_id = ?", {tileId}).Ok(); },
         [&] {
             const Values values = UpdateValues(carried++);
@@ -1239,7 +1294,7 @@ const std::string& NextTileId(const std::vector<Values>& rows, int& n)
 void BM_ServiceDelete(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     ContentClient client;
-    const int pairs = Pairs(200, 20);
+    const int pairs = Pairs(1000, 20);
     const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 840000 + 5000 * Index(baseline), pairs);
     std::unique_ptr<FloorDb> copy;
     sqlite3_stmt* remove = nullptr;
@@ -1487,7 +1542,7 @@ void BM_ServiceSelect1000(benchmark::State& state, ServiceFixture* fixture, Base
     };
     const std::string message = FloorMessage(baseline, kSelect, parameters);
     RunInterleaved(
-        state, Figure("select 1000 tiles", *fixture, baseline), Goal(baseline, 1.25), Pairs(40, 5),
+        state, Figure("select 1000 tiles", *fixture, baseline), Goal(baseline, 1.25), Pairs(100, 5),
         [&] {
             Result result = client.Select(kTilesUri, {}, "", {}, "_id", "");
             return result.Ok() && result.rows.rows.size() == static_cast<size_t>(expected);
@@ -1513,7 +1568,7 @@ void BM_ServiceRowIds(benchmark::State& state, ServiceFixture* fixture, Baseline
     auto parameters = [&] { return g_variant_new("(sss@as)", kClientApp, kTilesUri.c_str(), "", StringArray({})); };
     const std::string message = FloorMessage(baseline, kGetRowIds, parameters);
     RunInterleaved(
-        state, Figure("row ids of 1000 tiles", *fixture, baseline), Goal(baseline, 2), Pairs(100, 10),
+        state, Figure("row ids of 1000 tiles", *fixture, baseline), Goal(baseline, 2), Pairs(300, 10),
         [&] { return client.GetRowIds(kTilesUri, "", {}).Ok(); },
         [&] {
             return Carry(
@@ -1548,7 +1603,7 @@ void BM_DataControlInsert(benchmark::State& state, ServiceFixture* fixture, Base
         return;
     }
     RunInterleaved(
-        state, Figure("data control insert one tile", *fixture, baseline), kBareGoal, Pairs(200, 20),
+        state, Figure("data control insert one tile", *fixture, baseline), kBareGoal, Pairs(1000, 20),
         [&] { return client.Insert(kDataId, row).Ok(); },
         [&] {
             return Carry(
@@ -1576,7 +1631,7 @@ void BM_DataControlUpdate(benchmark::State& state, ServiceFixture* fixture, Base
     int served = 0;
     int carried = 0;
     RunInterleaved(
-        state, Figure("data control update one tile", *fixture, baseline), kBareGoal, Pairs(200, 20),
+        state, Figure("data control update one tile", *fixture, baseline), kBareGoal, Pairs(1000, 20),
         [&] { return client.Update(kDataId, UpdateValues(served++), where).Ok(); },
         [&] {
             const Values values = UpdateValues(carried++);
@@ -1594,7 +1649,7 @@ void BM_DataControlUpdate(benchmark::State& state, ServiceFixture* fixture, Base
 void BM_DataControlDelete(benchmark::State& state, ServiceFixture* fixture, Baseline baseline)
 {
     const DataControlClient client(kProviderId);
-    const int pairs = Pairs(200, 20);
+    const int pairs = Pairs(1000, 20);
     const std::vector<Values> rows = StoredRowsToDelete(state, *fixture, 860000 + 5000 * Index(baseline), pairs);
     std::unique_ptr<FloorDb> copy;
     sqlite3_stmt* remove = nullptr;
@@ -1633,7 +1688,7 @@ void BM_DataControlSelect1000(benchmark::State& state, ServiceFixture* fixture, 
     }
     const long long expected = ClientTiles(*fixture);
     RunInterleaved(
-        state, Figure("data control select 1000 tiles", *fixture, baseline), kBareGoal, Pairs(40, 5),
+        state, Figure("data control select 1000 tiles", *fixture, baseline), kBareGoal, Pairs(100, 5),
         [&] { return client.Select(kDataId, {}, "", "_id").Ok(); },
         [&] {
             return Carry(

@@ -88,10 +88,9 @@ bool ListenerIsOwner(int fd, const std::string& busName)
     return true;
 }
 
-/* A connected socket to the provider of `busName`; -1 when there is none. */
-int ConnectSocket(const std::string& busName)
+/* A socket connected to the request socket at `path`; -1 when there is none. */
+int ConnectSocketAt(const std::string& path)
 {
-    const std::string path = RequestSocketPath(busName);
     struct stat st {};
     if (stat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || path.size() >= sizeof(sockaddr_un::sun_path)) {
         return -1;
@@ -103,21 +102,18 @@ int ConnectSocket(const std::string& busName)
     sockaddr_un address {};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || !ListenerIsOwner(fd, busName)) {
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         close(fd);
         return -1;
     }
     return fd;
 }
 
-/* A new connection to the provider of `busName`, authenticated by EXTERNAL
- * (the provider reads who we are from the socket); null when there is none. */
-SdBusPtr Connect(const std::string& busName)
+/* The client's side of a connection on `fd`, which it owns from then on,
+ * authenticated by EXTERNAL (the provider reads who we are from the
+ * socket); null when sd-bus cannot take it. */
+SdBusPtr SdBusOn(int fd)
 {
-    const int fd = ConnectSocket(busName);
-    if (fd < 0) {
-        return nullptr;
-    }
     sd_bus* raw = nullptr;
     if (sd_bus_new(&raw) < 0) {
         close(fd);
@@ -132,6 +128,20 @@ SdBusPtr Connect(const std::string& busName)
         return nullptr;
     }
     return bus;
+}
+
+/* A new connection to the provider of `busName`; null when there is none. */
+SdBusPtr Connect(const std::string& busName)
+{
+    const int fd = ConnectSocketAt(RequestSocketPath(busName));
+    if (fd < 0) {
+        return nullptr;
+    }
+    if (!ListenerIsOwner(fd, busName)) {
+        close(fd);
+        return nullptr;
+    }
+    return SdBusOn(fd);
 }
 
 /* A kept connection to the provider of `busName`, or a new one; `kept` says
@@ -209,6 +219,29 @@ void TakeAnswer(int r, sd_bus_message* answer, const sd_bus_error& failure, cons
 
 }  // namespace
 
+bool CallOnSdBus(sd_bus* bus, const DirectCall& call, GVariantPtr& reply, GError** error)
+{
+    SdBusMessagePtr message = NewCall(bus, call);
+    if (!message) {
+        g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "the call %s.%s cannot be written",
+                    call.interfaceName, call.method);
+        return true;
+    }
+    sd_bus_error failure = SD_BUS_ERROR_NULL;
+    sd_bus_message* answer = nullptr;
+    const int r =
+        sd_bus_call(bus, message.get(), static_cast<uint64_t>(call.timeoutMs) * 1000, &failure, &answer);
+    SdBusMessagePtr answerPtr(answer);
+    /* A call whose connection went away fails with an error sd-bus makes
+     * itself ("Disconnected", "System.Error.ENOTCONN"), not the provider's. */
+    const bool lost = r < 0 && sd_bus_is_open(bus) <= 0;
+    if (!lost) {
+        TakeAnswer(r, answer, failure, call, reply, error);
+    }
+    sd_bus_error_free(&failure);
+    return !lost;
+}
+
 bool CallOnDirectConnection(const std::string& busName, const DirectCall& call, GVariantPtr& reply, GError** error)
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -217,34 +250,23 @@ bool CallOnDirectConnection(const std::string& busName, const DirectCall& call, 
         if (!bus) {
             return false;
         }
-        SdBusMessagePtr message = NewCall(bus.get(), call);
-        if (!message) {
-            g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "the call %s.%s cannot be written",
-                        call.interfaceName, call.method);
-            return true;
-        }
-        sd_bus_error failure = SD_BUS_ERROR_NULL;
-        sd_bus_message* answer = nullptr;
-        const int r = sd_bus_call(bus.get(), message.get(), static_cast<uint64_t>(call.timeoutMs) * 1000, &failure,
-                                  &answer);
-        SdBusMessagePtr answerPtr(answer);
-        /* A call whose connection went away fails with an error sd-bus makes
-         * itself ("Disconnected", "System.Error.ENOTCONN"), not the provider's. */
-        const bool lost = r < 0 && sd_bus_is_open(bus.get()) <= 0;
-        if (!lost) {
-            TakeAnswer(r, answer, failure, call, reply, error);
-            sd_bus_error_free(&failure);
+        if (CallOnSdBus(bus.get(), call, reply, error)) {
             if (sd_bus_is_open(bus.get()) > 0) {
                 GiveBack(busName, std::move(bus));
             }
             return true;
         }
-        sd_bus_error_free(&failure);
         if (!kept) {
             return false; /* a new connection closed at once: over the provider's budget */
         }
     }
     return false;
+}
+
+SdBusPtr ConnectToRequestSocket(const std::string& path)
+{
+    const int fd = ConnectSocketAt(path);
+    return fd < 0 ? nullptr : SdBusOn(fd);
 }
 
 }  // namespace host

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "base/glib_ptr.h"
+#include "bus/sdbus_variant.h"
 
 namespace tilvane {
 namespace host {
@@ -39,6 +40,16 @@ struct DirectCall {
  * provider closes only connections that made no request for a while, so the
  * request was not run. */
 bool CallOnDirectConnection(const std::string& busName, const DirectCall& call, GVariantPtr& reply, GError** error);
+
+/* What CallOnDirectConnection does on each connection it takes: makes `call`
+ * on `bus` and waits for the answer in this thread. False when the
+ * connection went away before an answer (nothing set); true with `reply` or
+ * `error` as above. */
+bool CallOnSdBus(sd_bus* bus, const DirectCall& call, GVariantPtr& reply, GError** error);
+
+/* A connection to the request socket at `path`, without the checks of a
+ * provider's name (the benchmarks' bare server); null when there is none. */
+SdBusPtr ConnectToRequestSocket(const std::string& path);
 
 }  // namespace host
 }  // namespace tilvane
