@@ -296,3 +296,66 @@ TEST_F(CleanCloseTest, AFileNoRunOfOursHadOpenIsCheckedInFullAtOnce)
 }
 
 }  // namespace
+
+namespace {
+
+/* Frames the write-ahead log of `path` has room for: its file is never cut
+ * short, so this is the most it ever held. */
+long WalFrames(const std::string& path)
+{
+    struct stat st {};
+    if (stat((path + "-wal").c_str(), &st) != 0 || st.st_size < 32) {
+        return 0;
+    }
+    return static_cast<long>((st.st_size - 32) / (4096 + 24));
+}
+
+/* `count` rows, one commit each. */
+void InsertOneByOne(CContentHelper& helper, int count)
+{
+    std::string error;
+    for (int i = 0; i < count; ++i) {
+        ASSERT_EQ(0, helper.GetConnection()->ExcuteSQL("INSERT INTO item (title) VALUES ('row')", error)) << error;
+    }
+}
+
+}  // namespace
+
+/* A check in the background reads in one long transaction, which keeps the
+ * log from being started afresh; SQLite's checkpoint after every commit would
+ * then walk the whole growing log each time. It is held off while a check
+ * runs, and the first commit after the check checkpoints the log. */
+TEST_F(CleanCloseTest, WhileACheckRunsInTheBackgroundCommitsDoNotCheckpointAndTheFirstOneAfterItDoes)
+{
+    ShelfHelper helper(m_dir.Path());
+    ASSERT_TRUE(helper.ConnectDB());
+    InsertOneByOne(helper, 1500);
+    const long unheld = WalFrames(DbPath());
+    // SQLite's own rule: checkpointed at 1,000 frames, the log starts again.
+    EXPECT_GE(unheld, 1000);
+    EXPECT_LT(unheld, 1100);
+
+    // Another file's check, kept waiting by a connection that holds its lock.
+    const std::string other = m_dir.File("other.db");
+    sqlite3* holder = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(other.c_str(), &holder));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(holder,
+                                      "PRAGMA journal_mode=WAL; CREATE TABLE t (x); PRAGMA locking_mode=EXCLUSIVE; "
+                                      "INSERT INTO t VALUES (1);",
+                                      nullptr, nullptr, nullptr));
+    tilvane::host::StartLogCapture();
+    tilvane::content::StartBackgroundCheck(other);
+    EXPECT_EQ(tilvane::content::RunningBackgroundChecks(), 1);
+    InsertOneByOne(helper, 1500);
+    EXPECT_EQ(tilvane::content::RunningBackgroundChecks(), 1);
+    const long held = WalFrames(DbPath());
+    EXPECT_GE(held, 1500) << "the log was checkpointed while the check ran";
+
+    sqlite3_close(holder);
+    ASSERT_TRUE(tilvane::content::WaitForBackgroundChecks(60000));
+    EXPECT_EQ(tilvane::content::RunningBackgroundChecks(), 0);
+    EXPECT_TRUE(Logged(other + " passed the check in the background"));
+    InsertOneByOne(helper, 1500);
+    // The first commit after it goes at the log's end, then the log starts again.
+    EXPECT_LE(WalFrames(DbPath()), held + 1) << "the log was not checkpointed after the check";
+}

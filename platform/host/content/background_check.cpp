@@ -53,6 +53,9 @@ Checks& TheChecks()
     return *checks;
 }
 
+/* Checks whose thread has not ended yet. */
+std::atomic<int> runningChecks{0};
+
 constexpr int kIoWhoProcess = 1;
 constexpr int kIoClassShift = 13;
 
@@ -123,6 +126,7 @@ void Finish(Check* check)
 {
     Checks& checks = TheChecks();
     std::lock_guard<std::mutex> lock(checks.mutex);
+    --runningChecks;
     check->done = true;
     checks.ended.notify_all();
 }
@@ -281,8 +285,14 @@ void StartBackgroundCheck(const std::string& path)
     SetFullCheckOwed(path, true);
     std::unique_ptr<Check> check(new Check());
     Check* running = check.get();
+    ++runningChecks;
     check->thread = std::thread(RunCheck, path, running);
     checks.byPath[path] = std::move(check);
+}
+
+int RunningBackgroundChecks()
+{
+    return runningChecks.load(std::memory_order_relaxed);
 }
 
 void StopBackgroundCheck(const std::string& path)

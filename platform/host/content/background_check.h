@@ -53,6 +53,10 @@ void StopBackgroundCheck(const std::string& path);
 /* Waits until no check runs; true when none ran or all ended. */
 bool WaitForBackgroundChecks(int timeoutMs);
 
+/* How many checks run in the background now (any file); cheap enough for
+ * every commit. */
+int RunningBackgroundChecks();
+
 /* What runs on the default main context after damage was found in `path`;
  * null for nothing beyond the log line and the record. */
 void SetDamageFoundHandler(void (*handler)(const char* path));

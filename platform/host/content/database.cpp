@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "config/platform_files.h"
+#include "content/background_check.h"
 #include "content/clean_close.h"
 #include "content/content_log.h"
 #include "content/statement_budget.h"
@@ -14,6 +15,9 @@
 namespace tilvane {
 namespace content {
 namespace {
+
+/* SQLite's default: a checkpoint once the log holds this many frames. */
+constexpr int kCheckpointFrames = 1000;
 
 /* Every Database alive, for ReleaseCachedMemoryOfAll. */
 struct OpenDatabases
@@ -26,6 +30,21 @@ OpenDatabases& TheOpenDatabases()
 {
     static OpenDatabases* open = new OpenDatabases();
     return *open;
+}
+
+/* SQLite's own checkpoint after a commit (as its default hook: once the log
+ * holds kCheckpointFrames), held off while a check runs in the background:
+ * its read transaction, as long as the check (minutes at idle priority under
+ * load), keeps the log from being started afresh, and every commit would run
+ * a checkpoint that walks the whole, growing log to no avail (a write took
+ * 5x as long after 5,000 of them). The first commit after the check ends
+ * checkpoints the log. */
+int CheckpointWhenDueCB(void* /*data*/, sqlite3* db, const char* name, int frames)
+{
+    if (frames >= kCheckpointFrames && RunningBackgroundChecks() == 0) {
+        sqlite3_wal_checkpoint(db, name);
+    }
+    return SQLITE_OK;
 }
 
 }  // namespace
@@ -152,6 +171,8 @@ int Database::Configure()
     if (mode.empty() || (mode[0] != "wal" && mode[0] != "WAL")) {
         CONTENT_LOGW("%s keeps journal mode %s", m_strPath.c_str(), mode.empty() ? "?" : mode[0].c_str());
     }
+
+    sqlite3_wal_hook(db, CheckpointWhenDueCB, nullptr);
 
     std::string error;
     rc = Exec("PRAGMA synchronous=NORMAL", &error);
