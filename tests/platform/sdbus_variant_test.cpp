@@ -97,10 +97,13 @@ TEST_F(SdBusVariantTest, EveryTypeOfTheRequestInterfacesComesBackAsItWent)
     std::string error;
     GVariantPtr body = ReadMessageBody(message.get(), nullptr, error);
     ASSERT_TRUE(body) << error;
-    EXPECT_EQ(Print(body.get()), sent);
     /* Read again from the start, against its own type. */
     GVariantPtr again = ReadMessageBody(message.get(), G_VARIANT_TYPE("(sayaayasasxia(ssaaysasa(su)a(uu))ax)"), error);
     ASSERT_TRUE(again) << error;
+    /* The byte arrays are read where the message holds them: the values keep
+     * it (the sanitizer build sees any read of it after it is gone). */
+    message.reset();
+    EXPECT_EQ(Print(body.get()), sent);
     EXPECT_TRUE(g_variant_equal(again.get(), body.get()));
 }
 

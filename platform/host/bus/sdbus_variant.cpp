@@ -104,7 +104,13 @@ bool ReadChildren(sd_bus_message* m, std::vector<GVariant*>& children, std::stri
     }
 }
 
-/* A byte array in one copy. */
+void UnrefMessageCB(gpointer message)
+{
+    sd_bus_message_unref(static_cast<sd_bus_message*>(message));
+}
+
+/* A byte array where the message holds it, without a copy: the value keeps
+ * the message. */
 GVariant* ReadBytes(sd_bus_message* m, std::string& error)
 {
     const void* data = nullptr;
@@ -113,7 +119,11 @@ GVariant* ReadBytes(sd_bus_message* m, std::string& error)
         error = "cannot read a byte array";
         return nullptr;
     }
-    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, size == 0 ? "" : data, size, 1);
+    if (size == 0) {
+        return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, "", 0, 1);
+    }
+    return g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, data, size, TRUE, UnrefMessageCB,
+                                   sd_bus_message_ref(m));
 }
 
 GVariant* MakeContainer(char type, const char* contents, std::vector<GVariant*>& children)

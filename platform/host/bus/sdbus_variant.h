@@ -3,7 +3,9 @@
  * interfaces read and write their arguments as GVariant tuples
  * (request_wire.h); the direct request connection carries them with sd-bus,
  * which reads and writes a message in the calling thread. Byte arrays, which
- * carry the rows, are copied once each way. Internal to the host platform.
+ * carry the rows, are read where the message holds them (the value keeps the
+ * message) and copied once into a message written. Internal to the host
+ * platform.
  */
 #ifndef TILVANE_PLATFORM_SDBUS_VARIANT_H
 #define TILVANE_PLATFORM_SDBUS_VARIANT_H
