@@ -43,7 +43,8 @@ ROOMS = [
     (3, 'identity', 'application ids and their bus names, the identity mode, platform users and ids'),
     (4, 'registry', 'installed packages and applications, the web-application list, the bus policy'),
     (5, 'bus', 'the one bus connection, its names and the hooks of the rooms that export objects on it, '
-               'the callers\' credentials, the notification signals'),
+               'the callers\' credentials, the notification signals, sd-bus connections on the GLib loop '
+               'and their bodies as GVariant values'),
     (6, 'ports', 'message ports, their delivery and watches, held sends'),
     (6, 'system', 'configuration keys, power-off, system information'),
     (6, 'confinement', 'the strict-confinement switch and the request confinement record'),
