@@ -410,9 +410,8 @@ TEST_F(RequestSocketTest, ADataControlInsertOfValuesThatAreNotABundleIsRefusedAs
 
 /* ---- a peer that never reads ------------------------------------------------ */
 
-/* A connected unix socket that did the EXTERNAL handshake by hand, so that
- * nothing ever reads what the service sends after it. */
-int HandshakenSocket(const std::string& path)
+/* A unix socket connected to `path`; -1 when it cannot be. */
+int ConnectedSocket(const std::string& path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address = UnixAddress(path);
@@ -420,23 +419,73 @@ int HandshakenSocket(const std::string& path)
         close(fd);
         return -1;
     }
-    std::string uid = std::to_string(geteuid());
-    std::string hex;
-    for (char c : uid) {
-        char pair[3];
-        std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned char>(c));
-        hex += pair;
+    return fd;
+}
+
+/* The "AUTH" line of the handshake for `mechanism`, with `uid` as its
+ * hex-encoded text when not empty. */
+std::string AuthLine(const std::string& mechanism, const std::string& uid)
+{
+    std::string line = std::string(1, '\0') + "AUTH " + mechanism;
+    if (!uid.empty()) {
+        line += ' ';
+        for (char c : uid) {
+            char pair[3];
+            std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned char>(c));
+            line += pair;
+        }
     }
-    const std::string auth = std::string(1, '\0') + "AUTH EXTERNAL " + hex + "\r\n";
-    send(fd, auth.data(), auth.size(), MSG_NOSIGNAL);
+    return line + "\r\n";
+}
+
+/* What the service answers to `line` on the connected `fd`. */
+std::string Answer(int fd, const std::string& line)
+{
+    send(fd, line.data(), line.size(), MSG_NOSIGNAL);
     char answer[256] = {};
     const ssize_t got = recv(fd, answer, sizeof answer - 1, 0);
-    if (got <= 0 || std::strncmp(answer, "OK ", 3) != 0) {
-        close(fd);
+    return got > 0 ? std::string(answer, static_cast<size_t>(got)) : std::string();
+}
+
+/* A connected unix socket that did the EXTERNAL handshake by hand, so that
+ * nothing ever reads what the service sends after it. */
+int HandshakenSocket(const std::string& path)
+{
+    const int fd = ConnectedSocket(path);
+    if (fd < 0 || Answer(fd, AuthLine("EXTERNAL", std::to_string(geteuid()))).compare(0, 3, "OK ") != 0) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return -1;
     }
     send(fd, "BEGIN\r\n", 7, MSG_NOSIGNAL);
     return fd;
+}
+
+/* Who a peer is comes from the socket: no anonymous peer, and no peer that
+ * claims another user, is let in; a peer that never finishes the handshake
+ * is closed as idle. */
+TEST_F(RequestSocketTest, OnlyAPeerThatIsTheUserItSaysIsLetInAndOneThatNeverSaysIsClosedAsIdle)
+{
+    StartService("[request-socket]\nidle-close-ms = 300\n");
+    const std::string socket = ContentSocket();
+    ASSERT_FALSE(socket.empty());
+    const int anonymous = ConnectedSocket(socket);
+    ASSERT_GE(anonymous, 0);
+    EXPECT_EQ(Answer(anonymous, AuthLine("ANONYMOUS", "")).compare(0, 8, "REJECTED"), 0);
+    close(anonymous);
+    const int other = ConnectedSocket(socket);
+    ASSERT_GE(other, 0);
+    EXPECT_EQ(Answer(other, AuthLine("EXTERNAL", std::to_string(geteuid() + 1))).compare(0, 8, "REJECTED"), 0);
+    close(other);
+    const int silent = ConnectedSocket(socket);
+    ASSERT_GE(silent, 0);
+    timeval wait{5, 0};
+    setsockopt(silent, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    char byte = 0;
+    EXPECT_EQ(recv(silent, &byte, 1, 0), 0) << "the silent peer was not closed";
+    close(silent);
+    EXPECT_TRUE(m_service->WaitFor("(user " + std::to_string(geteuid()) + "): idle", true, 5000)) << m_service->Err();
 }
 
 std::string SelectMessage(guint32 serial)
