@@ -504,6 +504,66 @@ std::string SelectMessage(guint32 serial)
     return bytes;
 }
 
+/* The types of the whole messages at the start of `bytes` (little-endian
+ * D-Bus messages, as the service writes them); what is left of a message
+ * cut short is not counted. */
+std::vector<int> MessageTypes(const std::string& bytes)
+{
+    std::vector<int> types;
+    size_t at = 0;
+    while (bytes.size() >= at + 16) {
+        guint32 body = 0;
+        guint32 fields = 0;
+        std::memcpy(&body, bytes.data() + at + 4, 4);
+        std::memcpy(&fields, bytes.data() + at + 12, 4);
+        const size_t size = 16 + ((fields + 7) / 8) * 8 + body;
+        if (bytes.size() < at + size) {
+            break;
+        }
+        types.push_back(bytes[at + 1]);
+        at += size;
+    }
+    return types;
+}
+
+/* A peer may send its whole handshake, BEGIN and its first calls in one
+ * write; the service reads them all at once and must answer every call,
+ * though nothing more comes to make the socket readable again. */
+TEST_F(RequestSocketTest, AHandshakeAndCallsSentInOneWriteAreAllAnswered)
+{
+    StartService();
+    const std::string socket = ContentSocket();
+    ASSERT_FALSE(socket.empty());
+    const int fd = ConnectedSocket(socket);
+    ASSERT_GE(fd, 0);
+    const std::string all = AuthLine("EXTERNAL", std::to_string(geteuid())) + "NEGOTIATE_UNIX_FD\r\n" +
+                            "BEGIN\r\n" + SelectMessage(1) + SelectMessage(2) + SelectMessage(3) + SelectMessage(4) +
+                            SelectMessage(5) + SelectMessage(6) + SelectMessage(7) + SelectMessage(8);
+    ASSERT_EQ(send(fd, all.data(), all.size(), MSG_NOSIGNAL), static_cast<ssize_t>(all.size()));
+    timeval wait{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    /* "OK <guid>", "ERROR" (no file descriptors here), then eight replies. */
+    std::string received;
+    char buffer[4096];
+    size_t lines = 0;
+    while (true) {
+        lines = received.find("\r\n", received.find("\r\n") + 2);
+        if (lines != std::string::npos && MessageTypes(received.substr(lines + 2)).size() == 8) {
+            break;
+        }
+        const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+        if (got <= 0) {
+            break;
+        }
+        received.append(buffer, static_cast<size_t>(got));
+    }
+    close(fd);
+    ASSERT_EQ(received.compare(0, 3, "OK "), 0) << received;
+    ASSERT_NE(lines, std::string::npos);
+    /* Type 2: a method return. */
+    EXPECT_EQ(MessageTypes(received.substr(lines + 2)), (std::vector<int>(8, 2)));
+}
+
 TEST_F(RequestSocketTest, APeerThatNeverReadsIsClosedAndOthersAreStillAnswered)
 {
     StartService("[request-socket]\nunsent-bytes = 262144\n");

@@ -20,6 +20,10 @@ struct BusSource {
     void* data;
     /* When sd-bus next wants to run (CLOCK_MONOTONIC, us); UINT64_MAX: never. */
     uint64_t dueUs;
+    /* The last dispatch stopped at its batch while sd-bus still had work:
+     * what it already read (a message behind the handshake, say) would
+     * make the socket readable no more. */
+    bool more;
 };
 
 GIOCondition ConditionOf(int events)
@@ -33,6 +37,10 @@ GIOCondition ConditionOf(int events)
 gboolean PrepareCB(GSource* source, gint* timeoutMs)
 {
     BusSource* s = reinterpret_cast<BusSource*>(source);
+    if (s->more) {
+        *timeoutMs = 0;
+        return TRUE;
+    }
     const int events = sd_bus_get_events(s->bus);
     if (events < 0) {
         *timeoutMs = 0; /* closed: dispatch tells the owner */
@@ -60,7 +68,7 @@ gboolean PrepareCB(GSource* source, gint* timeoutMs)
 gboolean CheckCB(GSource* source)
 {
     BusSource* s = reinterpret_cast<BusSource*>(source);
-    if (g_source_query_unix_fd(source, s->tag) != 0) {
+    if (s->more || g_source_query_unix_fd(source, s->tag) != 0) {
         return TRUE;
     }
     return s->dueUs != UINT64_MAX && static_cast<int64_t>(s->dueUs) <= g_get_monotonic_time();
@@ -69,10 +77,13 @@ gboolean CheckCB(GSource* source)
 gboolean DispatchCB(GSource* source, GSourceFunc /*callback*/, gpointer /*data*/)
 {
     BusSource* s = reinterpret_cast<BusSource*>(source);
+    /* sd-bus says 0 only when nothing is left that it has read or can read
+     * now; until then it is called again, after the other sources' turn. */
     int r = 1;
     for (int i = 0; i < s->batch && r > 0; ++i) {
         r = sd_bus_process(s->bus, nullptr);
     }
+    s->more = r > 0;
     if (r >= 0 && sd_bus_is_open(s->bus) > 0) {
         return G_SOURCE_CONTINUE;
     }
@@ -106,6 +117,7 @@ GSource* AttachSdBus(sd_bus* bus, GMainContext* context, int batch, SdBusClosedC
     s->closed = closed;
     s->data = data;
     s->dueUs = UINT64_MAX;
+    s->more = false;
     s->tag = g_source_add_unix_fd(source, sd_bus_get_fd(bus), G_IO_IN);
     g_source_set_name(source, "sd-bus connection");
     g_source_attach(source, context);
