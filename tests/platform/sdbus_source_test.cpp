@@ -79,10 +79,11 @@ void ReadAvailable(int fd, std::string& got)
 }
 
 /* The handshake as GDBus makes it, a line at a time, each answered before
- * the next; then BEGIN and the calls in one write, read together. With one
- * message per dispatch, every call is processed, in its own dispatch,
- * although no more bytes come to make the socket readable again. */
-TEST(SdBusSourceTest, CallsReadWithTheHandshakesEndAreAllProcessedOneAtATime)
+ * the next; then BEGIN and a call in one write. sd-bus reads the call with
+ * the handshake's last line, and the dispatch that ends the handshake (one
+ * step per dispatch here) leaves it read but not processed, with nothing
+ * more to come on the socket: the source must run again by itself. */
+TEST(SdBusSourceTest, ACallReadWithTheHandshakesEndIsProcessed)
 {
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds), 0);
@@ -117,13 +118,12 @@ TEST(SdBusSourceTest, CallsReadWithTheHandshakesEndAreAllProcessedOneAtATime)
     ASSERT_NE(answers.find("ERROR"), std::string::npos) << answers;
     RunUntil(context, [] { return false; }, 100);  // what is left to do of the handshake
 
-    std::string all = "BEGIN\r\n";
-    for (guint32 serial = 1; serial <= 5; ++serial) {
-        all += CallBytes(serial);
-    }
+    /* Small enough to be read whole with the handshake's last line. */
+    const std::string all = "BEGIN\r\n" + CallBytes(1);
+    ASSERT_LT(all.size(), 256u);
     ASSERT_EQ(write(fds[1], all.data(), all.size()), static_cast<ssize_t>(all.size()));
-    RunUntil(context, [&] { return calls == 5; });
-    EXPECT_EQ(calls, 5);
+    RunUntil(context, [&] { return calls == 1; });
+    EXPECT_EQ(calls, 1) << "the call read with BEGIN was left unprocessed";
 
     g_source_destroy(source);
     g_source_unref(source);
