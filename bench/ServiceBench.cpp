@@ -207,16 +207,14 @@ gboolean BareAcceptCB(gint fd, GIOCondition, gpointer data)
     }();
     for (int peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); peer >= 0;
          peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) {
-        sd_bus* bus = nullptr;
-        if (sd_bus_new(&bus) < 0 || sd_bus_set_fd(bus, peer, peer) < 0 || sd_bus_set_server(bus, 1, id) < 0 ||
-            sd_bus_negotiate_fds(bus, 0) < 0 || sd_bus_add_filter(bus, nullptr, BareDirectCallCB, data) < 0 ||
-            sd_bus_start(bus) < 0) {
-            sd_bus_close_unref(bus);
+        tilvane::host::SdBusPtr bus = tilvane::host::SdBusOnSocket(peer, &id);
+        if (!bus || sd_bus_add_filter(bus.get(), nullptr, BareDirectCallCB, data) < 0) {
             continue;
         }
-        /* The context keeps the source, the source the connection. */
-        g_source_unref(tilvane::host::AttachSdBus(bus, nullptr, 4, nullptr, nullptr));
-        sd_bus_unref(bus);
+        /* The context keeps the source, the source the connection: this
+         * reference goes without closing it. */
+        g_source_unref(tilvane::host::AttachSdBus(bus.get(), nullptr, 4, nullptr, nullptr));
+        sd_bus_unref(bus.release());
     }
     return G_SOURCE_CONTINUE;
 }

@@ -491,17 +491,9 @@ TEST_F(RequestSocketTest, OnlyAPeerThatIsTheUserItSaysIsLetInAndOneThatNeverSays
 std::string SelectMessage(guint32 serial)
 {
     const char* none[] = {nullptr};
-    GDBusMessage* message =
-        g_dbus_message_new_method_call(nullptr, "/org/tilvane/Content", "org.tilvane.Content", "Select");
-    g_dbus_message_set_body(message, g_variant_new("(ss^ass^asss)", kApp, TilesModel::Tiles::CONTENT_URI, none, "",
-                                                   none, "", ""));
-    g_dbus_message_set_serial(message, serial);
-    gsize size = 0;
-    guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
-    std::string bytes(reinterpret_cast<char*>(blob), size);
-    g_free(blob);
-    g_object_unref(message);
-    return bytes;
+    return tilvane::test::MethodCallBytes(
+        "/org/tilvane/Content", "org.tilvane.Content", "Select",
+        g_variant_new("(ss^ass^asss)", kApp, TilesModel::Tiles::CONTENT_URI, none, "", none, "", ""), serial);
 }
 
 /* The types of the whole messages at the start of `bytes` (little-endian

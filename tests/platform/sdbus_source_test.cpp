@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "TestSupport.h"
 #include "bus/sdbus_source.h"
 #include "bus/sdbus_variant.h"
 
@@ -30,20 +31,6 @@ int CountCallCB(sd_bus_message* call, void* data, sd_bus_error*)
     ++*static_cast<int*>(data);
     sd_bus_reply_method_return(call, nullptr);
     return 1;
-}
-
-/* The bytes of a method call with serial `serial`, as a client sends them. */
-std::string CallBytes(guint32 serial)
-{
-    GDBusMessage* message = g_dbus_message_new_method_call(nullptr, "/t", "org.tilvane.Test", "Ping");
-    g_dbus_message_set_body(message, g_variant_new("(s)", "ping"));
-    g_dbus_message_set_serial(message, serial);
-    gsize size = 0;
-    guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
-    std::string bytes(reinterpret_cast<char*>(blob), size);
-    g_free(blob);
-    g_object_unref(message);
-    return bytes;
 }
 
 std::string ExternalAuthLine()
@@ -119,7 +106,8 @@ TEST(SdBusSourceTest, ACallReadWithTheHandshakesEndIsProcessed)
     RunUntil(context, [] { return false; }, 100);  // what is left to do of the handshake
 
     /* Small enough to be read whole with the handshake's last line. */
-    const std::string all = "BEGIN\r\n" + CallBytes(1);
+    const std::string all =
+        "BEGIN\r\n" + tilvane::test::MethodCallBytes("/t", "org.tilvane.Test", "Ping", g_variant_new("(s)", "ping"), 1);
     ASSERT_LT(all.size(), 256u);
     ASSERT_EQ(write(fds[1], all.data(), all.size()), static_cast<ssize_t>(all.size()));
     RunUntil(context, [&] { return calls == 1; });

@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <gio/gio.h>
 #include <glib.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -145,6 +146,20 @@ std::string RandomBytes(size_t count, unsigned seed)
     for (char& c : bytes) {
         c = static_cast<char>(generator() & 0xFF);
     }
+    return bytes;
+}
+
+std::string MethodCallBytes(const char* path, const char* interfaceName, const char* method, GVariant* body,
+                            guint32 serial)
+{
+    GDBusMessage* message = g_dbus_message_new_method_call(nullptr, path, interfaceName, method);
+    g_dbus_message_set_body(message, body);
+    g_dbus_message_set_serial(message, serial);
+    gsize size = 0;
+    guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    std::string bytes(reinterpret_cast<char*>(blob), size);
+    g_free(blob);
+    g_object_unref(message);
     return bytes;
 }
 

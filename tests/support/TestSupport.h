@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <dlog.h>
+#include <gio/gio.h>
 #include <host_control.h>
 
 #include "PreviewApps.h"
@@ -94,6 +95,11 @@ std::string RandomBytes(size_t count, unsigned seed);
  * that speak the raw wire: "TVB" 1, the entry count, then each key and value
  * after its length (32-bit little-endian). Duplicates and empty keys allowed. */
 std::string BinaryRow(const std::vector<std::pair<std::string, std::string>>& entries);
+/* The bytes of a method call with `body` (a floating reference is sunk) and
+ * `serial`, as a peer writes them on a peer-to-peer connection: for tests
+ * that speak the raw wire. */
+std::string MethodCallBytes(const char* path, const char* interfaceName, const char* method, GVariant* body,
+                            guint32 serial);
 void TruncateFile(const std::string& path, size_t size);
 size_t FileSize(const std::string& path);
 /* The lines of `text`, without their line ends. */

@@ -4,6 +4,7 @@
 #include "bus/sdbus_source.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <cstdint>
 
@@ -107,6 +108,25 @@ void FinalizeCB(GSource* source)
 GSourceFuncs kBusSourceFuncs = {PrepareCB, CheckCB, DispatchCB, FinalizeCB, nullptr, nullptr};
 
 }  // namespace
+
+SdBusPtr SdBusOnSocket(int fd, const sd_id128_t* serverId)
+{
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) {
+        close(fd);
+        return nullptr;
+    }
+    SdBusPtr bus(raw);
+    if (sd_bus_set_fd(raw, fd, fd) < 0) {
+        close(fd);
+        return nullptr;
+    }
+    if ((serverId != nullptr && sd_bus_set_server(raw, 1, *serverId) < 0) || sd_bus_negotiate_fds(raw, 0) < 0 ||
+        sd_bus_start(raw) < 0) {
+        return nullptr;
+    }
+    return bus;
+}
 
 GSource* AttachSdBus(sd_bus* bus, GMainContext* context, int batch, SdBusClosedCB closed, void* data)
 {

@@ -8,9 +8,19 @@
 
 #include <glib.h>
 #include <systemd/sd-bus.h>
+#include <systemd/sd-id128.h>
+
+#include "bus/sdbus_variant.h"
 
 namespace tilvane {
 namespace host {
+
+/* A peer-to-peer connection on the connected socket `fd`, which it owns from
+ * then on (closed on failure too), started: the server's side when
+ * `serverId` is not null (the peer authenticates with EXTERNAL, checked
+ * against the socket's credentials), else the client's. No file
+ * descriptors are passed. Null when sd-bus cannot take it. */
+SdBusPtr SdBusOnSocket(int fd, const sd_id128_t* serverId);
 
 /* Called on the context when `bus` was found closed (the peer hung up, or it
  * was closed), once; the source is gone by then. */

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "bus/bus_connection.h"
+#include "bus/sdbus_source.h"
 #include "bus/sdbus_variant.h"
 #include "dlog.h"
 #include "identity/identity_mode.h"
@@ -109,27 +110,6 @@ int ConnectSocketAt(const std::string& path)
     return fd;
 }
 
-/* The client's side of a connection on `fd`, which it owns from then on,
- * authenticated by EXTERNAL (the provider reads who we are from the
- * socket); null when sd-bus cannot take it. */
-SdBusPtr SdBusOn(int fd)
-{
-    sd_bus* raw = nullptr;
-    if (sd_bus_new(&raw) < 0) {
-        close(fd);
-        return nullptr;
-    }
-    SdBusPtr bus(raw);
-    if (sd_bus_set_fd(raw, fd, fd) < 0) {
-        close(fd);
-        return nullptr;
-    }
-    if (sd_bus_negotiate_fds(raw, 0) < 0 || sd_bus_start(raw) < 0) {
-        return nullptr;
-    }
-    return bus;
-}
-
 /* A new connection to the provider of `busName`; null when there is none. */
 SdBusPtr Connect(const std::string& busName)
 {
@@ -141,7 +121,7 @@ SdBusPtr Connect(const std::string& busName)
         close(fd);
         return nullptr;
     }
-    return SdBusOn(fd);
+    return SdBusOnSocket(fd, nullptr);
 }
 
 /* A kept connection to the provider of `busName`, or a new one; `kept` says
@@ -266,7 +246,7 @@ bool CallOnDirectConnection(const std::string& busName, const DirectCall& call, 
 SdBusPtr ConnectToRequestSocket(const std::string& path)
 {
     const int fd = ConnectSocketAt(path);
-    return fd < 0 ? nullptr : SdBusOn(fd);
+    return fd < 0 ? nullptr : SdBusOnSocket(fd, nullptr);
 }
 
 }  // namespace host

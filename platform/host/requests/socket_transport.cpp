@@ -517,24 +517,18 @@ const char* OverConnectionBudget(uid_t uid)
     return nullptr;
 }
 
-/* The server's side of a new connection on `fd`, which it owns from then on,
- * authenticated by EXTERNAL against the socket's credentials; null when
- * sd-bus cannot take it. */
+/* The server's side of a new connection on `fd`, which it owns from then on;
+ * null when sd-bus cannot take it. */
 SdBusPtr ServerBus(int fd, Peer& peer)
 {
     Peers& peers = ThePeers();
-    sd_bus* raw = nullptr;
-    if ((sd_id128_is_null(peers.serverId) && sd_id128_randomize(&peers.serverId) < 0) || sd_bus_new(&raw) < 0) {
+    if (sd_id128_is_null(peers.serverId) && sd_id128_randomize(&peers.serverId) < 0) {
         close(fd);
         return nullptr;
     }
-    SdBusPtr bus(raw);
-    if (sd_bus_set_fd(raw, fd, fd) < 0) {
-        close(fd);
-        return nullptr;
-    }
-    if (sd_bus_set_server(raw, 1, peers.serverId) < 0 || sd_bus_negotiate_fds(raw, 0) < 0 ||
-        sd_bus_add_filter(raw, nullptr, OnDirectMessageCB, &peer) < 0 || sd_bus_start(raw) < 0) {
+    SdBusPtr bus = SdBusOnSocket(fd, &peers.serverId);
+    /* Nothing is processed before the connection's source runs. */
+    if (bus && sd_bus_add_filter(bus.get(), nullptr, OnDirectMessageCB, &peer) < 0) {
         return nullptr;
     }
     return bus;
